@@ -1,0 +1,30 @@
+/** The Android logging call, as far as tessera needs it. On a desktop it writes to syslog. */
+#ifndef ANDROID_LOG_H
+#define ANDROID_LOG_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Priorities of an entry; the numbers are Android's. */
+typedef enum android_LogPriority {
+    ANDROID_LOG_DEBUG = 3,
+    ANDROID_LOG_INFO = 4,
+    ANDROID_LOG_WARN = 5,
+    ANDROID_LOG_ERROR = 6,
+} android_LogPriority;
+
+/**
+ * Writes one entry to the system log.
+ * @param prio  an android_LogPriority
+ * @param tag   names the writer in front of the text; may be null
+ * @return 1, or a negative number when nothing was written
+ */
+__attribute__((visibility("default"), format(printf, 3, 4))) int __android_log_print(int prio, const char* tag,
+                                                                                     const char* fmt, ...);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,38 @@
+#include "android/log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <syslog.h>
+
+namespace {
+
+int syslog_priority(int prio) {
+    switch (prio) {
+    case ANDROID_LOG_ERROR:
+        return LOG_ERR;
+    case ANDROID_LOG_WARN:
+        return LOG_WARNING;
+    case ANDROID_LOG_INFO:
+        return LOG_INFO;
+    default:
+        return LOG_DEBUG;
+    }
+}
+
+} // namespace
+
+int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+    static const bool opened = (openlog("tessera", LOG_PID, LOG_USER), true);
+    (void)opened;
+    va_list args;
+    va_start(args, fmt);
+    if (tag == nullptr) {
+        vsyslog(syslog_priority(prio), fmt, args);
+    } else {
+        char text[1024];
+        (void)std::vsnprintf(text, sizeof text, fmt, args);
+        syslog(syslog_priority(prio), "%s: %s", tag, text);
+    }
+    va_end(args);
+    return 1;
+}

@@ -1,0 +1,50 @@
+/** MD5 message digest (RFC 1321) of memory, files and devices. A digest is 16 raw bytes. */
+#ifndef MD5_H
+#define MD5_H
+
+#include "ota_base.h"
+
+OTA_BEGIN_DECLS
+
+typedef unsigned char md5_byte_t;
+typedef unsigned int md5_word_t;
+
+typedef struct md5_state_s {
+    md5_word_t count[2]; /**< message length so far in bits, low word first */
+    md5_word_t abcd[4];  /**< chaining words */
+    md5_byte_t buf[64];  /**< bytes of a block that is not yet full */
+} md5_state_t;
+
+/** Read buffers, shared by all calls: MD5File() uses the first, MD5Dev() and MD5DevPart() the second. */
+extern OTA_API unsigned char buffer_md5file[1048576];
+extern OTA_API unsigned char buffer_md5dev[1048576];
+
+/** Begins a message. */
+OTA_API void md5_init(md5_state_t* pms);
+
+/** Adds `nbytes` bytes to the message; 0 or less does nothing. */
+OTA_API void md5_append(md5_state_t* pms, const md5_byte_t* data, int nbytes);
+
+/** Ends the message and writes its 16 bytes. The state needs a new md5_init() afterwards. */
+OTA_API void md5_finish(md5_state_t* pms, md5_byte_t* digest);
+
+/** Digest of a whole file. @return 0; -1 when it cannot be opened. A read error ends the digest early. */
+OTA_API int MD5File(const char* filename, md5_byte_t* digest);
+
+/**
+ * Digest of a file or device without its last `garbage` bytes. The size of a device comes from the
+ * device itself (BLKGETSIZE64, MEMGETINFO, or the volume's used bytes).
+ * @return 0; -1 when it cannot be opened, when a device tells no size, or when a device ends before
+ *         its size; a regular file that ends early is digested as far as it goes
+ */
+OTA_API int MD5Dev(const char* filename, md5_byte_t* digest, int32_t garbage);
+
+/**
+ * Digest of `checklen` bytes from `offset`, or of what is there when the file ends before.
+ * @return 0; -1 when it cannot be opened
+ */
+OTA_API int MD5DevPart(const char* filename, long int offset, long int checklen, md5_byte_t* digest);
+
+OTA_END_DECLS
+
+#endif

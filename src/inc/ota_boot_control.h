@@ -1,0 +1,106 @@
+/**
+ * A/B slots. One 32-byte block at byte 2048 of the partition "misc" tells the bootloader which slot
+ * to boot and how often to try. It is read, changed and written whole, without a lock or a journal,
+ * and nothing of it is cached.
+ *
+ * A slot is in one of four states:
+ *
+ *   trial       tries left, not marked successful       candidate for the next boot
+ *   confirmed   tries left, marked successful           candidate for the next boot
+ *   unbootable  no tries left                           never booted
+ *   corrupted   verity_corrupted set                    never booted
+ *
+ * Among candidates the higher priority wins, then the mark, then the tries left, then the lower number.
+ */
+#ifndef OTA_BOOT_CONTROL_H
+#define OTA_BOOT_CONTROL_H
+
+#include "ota_base.h"
+
+OTA_BEGIN_DECLS
+
+/* Stored on the medium and read by the bootloader: do not change. Bit 0 is the least significant. */
+
+typedef struct __attribute__((packed)) slot_metadata_s {
+    uint32_t priority : 4;         /**< 0 to 15, the higher the better */
+    uint32_t tries_remaining : 3;  /**< 0 to 7; 0 makes the slot no candidate */
+    uint32_t successful_boot : 1;  /**< the slot has been marked as booted successfully */
+    uint32_t verity_corrupted : 1; /**< 1 makes the slot no candidate */
+    uint32_t reserved : 7;
+} slot_metadata;
+
+typedef struct __attribute__((packed)) bootloader_control_s {
+    char slot_suffix[4];                   /**< "a" in a default block; never read */
+    uint32_t magic;                        /**< 0x42414342; alone decides whether the block is valid */
+    uint8_t version;                       /**< 1 in a default block; never tested */
+    uint32_t nb_slot : 3;                  /**< number of slots; at most 4 can be used */
+    uint32_t recovery_tries_remaining : 3; /**< not used here */
+    uint32_t unused : 2;
+    uint8_t reserved0[2];
+    slot_metadata slot_info[4];
+    uint8_t reserved1[8];
+    uint32_t crc32_le; /**< CRC32() over bytes 0 to 27; written at every save, never verified here */
+} bootloader_control;
+
+/** Head of the partition "misc", 2048 bytes; this library leaves it alone. */
+typedef struct bootloader_message_s {
+    char command[32];
+    char status[32];
+    char recovery[768];
+    char stage[32];
+    char reserved[1184];
+} bootloader_message;
+
+/** Head of "misc" on an A/B board, 4096 bytes. The bootloader_control lies in `slot_suffix`. */
+typedef struct bootloader_message_ab_s {
+    bootloader_message message;
+    char slot_suffix[32];
+    char update_channel[128];
+    char reserved[1888];
+} bootloader_message_ab;
+
+/* All of them return -1 when the block cannot be read or its magic is wrong. Slots count from 0 to
+ * nb_slot - 1, at most to 3; any other slot gives -1. */
+
+/** The slot that the block designates for the next boot; -1 when there is no candidate. */
+OTA_API int32_t ota_get_next_expected_slot(void);
+
+/** The tries left of `slot`, 0 to 7: 0 means not bootable. */
+OTA_API int32_t ota_get_slot_bootable_state(int32_t slot);
+
+/** 1 when `slot` is marked as booted successfully and has tries left, else 0. */
+OTA_API int32_t ota_get_slot_boot_success_state(int32_t slot);
+
+/** The number of slots as stored, which may be above 4 in a damaged block. */
+OTA_API int32_t ota_get_slot_num(void);
+
+/** The tries left of `slot`, 0 to 7. */
+OTA_API int32_t ota_get_slot_remaining_times(int32_t slot);
+
+/**
+ * Makes `slot` the next boot slot: priority 15, one try, not corrupted; the mark stays. Any other slot
+ * at priority 15 goes to 14.
+ * @return 0; -1 on failure. Before the write nothing has changed; a failed write leaves what it left.
+ */
+OTA_API int32_t ota_set_next_expected_slot(int32_t slot);
+
+/** Takes the mark and all tries from `slot`. @return 0, or -1 as ota_set_next_expected_slot(). */
+OTA_API int32_t ota_set_slot_unbootable(int32_t slot);
+
+/**
+ * Marks `slot` as booted successfully and gives it one try. A slot that is marked and has tries left
+ * stays as it is and nothing is written.
+ * @return 0, or -1 as ota_set_next_expected_slot()
+ */
+OTA_API int32_t ota_mark_slot_boot_successful(int32_t slot);
+
+/**
+ * Writes a default block: two slots in trial with priority 15 and 7 tries. The old block is not read,
+ * so this mends a block with a wrong magic.
+ * @return 0, or -1 when the write fails
+ */
+OTA_API int32_t ota_set_slotmeta_to_default(void);
+
+OTA_END_DECLS
+
+#endif

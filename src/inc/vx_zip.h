@@ -1,0 +1,75 @@
+/** Zip packages: extraction, inventory and sizes, through minizip. */
+#ifndef VX_ZIP_H
+#define VX_ZIP_H
+
+#include "ota_base.h"
+
+#include <minizip/unzip.h>
+
+OTA_BEGIN_DECLS
+
+/**
+ * Extracts all entries of a package under a directory, which is made when it is missing.
+ *
+ * A name that ends in a separator is a directory, an entry with the Unix file type 0xA a symbolic
+ * link, everything else a regular file, which replaces an existing one, gets the entry's date and the
+ * nine permission bits of its mode. An entry whose name leads out of `dest` is refused before
+ * anything is touched for it. The working directory is `dest` during the call.
+ * @return 0; -1 at the first entry that fails: what was extracted before stays, and the working
+ *         directory is restored
+ */
+OTA_API int32_t vx_uncompress(const char* src, const char* dest);
+
+/**
+ * Extracts the one entry named exactly `file_name`; it lands at `dest`/`file_name`.
+ * @return 0; -1 on failure: the working directory is then `dest`, if `dest` could be entered
+ */
+OTA_API int32_t vx_uncompress_one(const char* src, const char* dest, const char* file_name);
+
+/**
+ * Makes a directory with its parents, mode 0775 less the umask. '/' and '\\' separate.
+ * @return 0, also when it exists and when mkdir was refused for another reason than a missing
+ *         parent; -1 for null, an empty name, or a parent that could not be made; -104 without memory
+ */
+OTA_API int32_t makedir(const char* newdir);
+
+/**
+ * Sets access and modification time of a file from a local time.
+ * @param dosdate   not read
+ * @param tmu_date  tm_mon counts from 0; a tm_year above 1900 is a full year, any other is stored as
+ *                  it is
+ */
+OTA_API void change_file_date(const char* filename, uLong dosdate, tm_unz tmu_date);
+
+/**
+ * Looks for an entry whose full name begins with `file_name`.
+ * @return 1 found, 0 not found, -1 for a null argument or a package that cannot be read
+ */
+OTA_API int32_t vx_zip_has_file(const char* zipfile, char* file_name);
+
+/**
+ * The bytes that a package unpacks to.
+ * @param img_size  the sizes of the image entries (extension img, bin or ubifs) are added to this
+ *                  value; the caller clears it
+ * @return the sum over all entries; -1 for a null argument, a package that cannot be read or sizes
+ *         past 63 bits: what was added up to then stays in `img_size`
+ */
+OTA_API int64_t vx_get_zip_size(const char* zipfile, uint64_t* img_size);
+
+/**
+ * Sums the image entries over all packages (regular files with the extension zip) in a directory.
+ * @param path  must also be the working directory
+ * @return bytes; -1 when the directory or a package cannot be read
+ */
+OTA_API int64_t vx_all_image_size(const char* path);
+
+/**
+ * The largest total of any package in a directory.
+ * @param path  absolute; it is the working directory during the call
+ * @return bytes; -1 on failure: the working directory may then be `path`
+ */
+OTA_API int64_t vx_get_max_zip_size(const char* path);
+
+OTA_END_DECLS
+
+#endif
