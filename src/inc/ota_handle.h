@@ -2,14 +2,20 @@
 #ifndef OTA_HANDLE_H
 #define OTA_HANDLE_H
 
+/* minizip's header makes 64-bit file calls of plain ones in every system header that follows it. The
+ * board knows one kind only, so the system's headers come first. */
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
 #include <memory>
 #include <minizip/unzip.h>
 #include <openssl/asn1.h>
 #include <openssl/x509.h>
-#include <unistd.h>
 #include <utility>
 
 template <auto Release>

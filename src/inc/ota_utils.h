@@ -71,14 +71,14 @@ typedef struct partition_info_s {
 
 /** A parsed update description, at most 32 partitions. Filled by the update tool. */
 typedef struct update_info_s {
-    int32_t parse_flag;            /**< non-zero once the description has been parsed (read) */
-    int32_t sec_up_flag;           /**< 1: raise the secure eFuse counter (low 8 bits are read) */
-    int32_t nosec_up_flag;         /**< the same for the non-secure counter (low 8 bits are read) */
+    int32_t parse_flag;    /**< non-zero once the description has been parsed (read) */
+    int32_t sec_up_flag;   /**< 1: raise the secure eFuse counter (low 8 bits are read) */
+    int32_t nosec_up_flag; /**< the same for the non-secure counter (low 8 bits are read) */
     char sys_ver[256];
     char old_sys_ver[256];
     char update_partition[32][32]; /**< names; entry i belongs to partition_info[i] (read) */
     char backup_dir[128];
-    int32_t update_size;           /**< number of partitions, 0 to 32 (read) */
+    int32_t update_size; /**< number of partitions, 0 to 32 (read) */
     uint8_t diff_flag;
     int32_t ab_sync;
     int32_t nor_sign;

@@ -1,0 +1,152 @@
+/** Boot parameters from the kernel command line, device names, and the choice of the update slot. */
+#include "ota_boot_control.h"
+#include "ota_handle.h"
+#include "ota_log.h"
+#include "ota_paths.h"
+#include "ota_utils.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fcntl.h>
+#include <span>
+
+namespace {
+
+constexpr char medium_key[] = "veloxboot.medium=";
+constexpr char mode_key[] = "veloxboot.mode=";
+constexpr char slot_key[] = "veloxboot.slot_suffix=_";
+
+constexpr size_t value_size = 16; /* bytes of a value that are searched for its end */
+
+/** Reads the head of the command line, all but the last byte of `text`; an unreadable one is empty. */
+bool read_cmdline(std::span<char> text) {
+    std::fill(text.begin(), text.end(), '\0');
+    const ota_descriptor cmdline(open(ota_cmdline_path, O_RDONLY));
+    if (!cmdline.is_open()) {
+        ota_log_error("open %s error.\n", ota_cmdline_path);
+        return false;
+    }
+    if (read(cmdline.get(), text.data(), text.size() - 1) < 1) {
+        text[0] = '\0';
+    }
+    return true;
+}
+
+/** The word behind `key`, with each blank and line end near it turned into a NUL; null without the key. */
+const char* find_value(std::span<char> text, const char* key) {
+    const char* found = std::strstr(text.data(), key);
+    if (found == nullptr) {
+        return nullptr;
+    }
+    const size_t start = static_cast<size_t>(found - text.data()) + std::strlen(key);
+    const auto value = text.subspan(start, std::min(value_size, text.size() - start));
+    std::replace_if(
+        value.begin(), value.end(), [](char c) { return c == ' ' || c == '\r' || c == '\n'; }, '\0');
+    return value.data();
+}
+
+bool equal(const char* a, const char* b) {
+    return std::strcmp(a, b) == 0;
+}
+
+void device_path(char* path, const char* part_name, const char* suffix) {
+    (void)std::snprintf(path, ota_path_size, "%s%s%s", ota_partition_dir, part_name, suffix);
+}
+
+} // namespace
+
+int32_t get_boot_medium() {
+    char cmdline[2048];
+    if (!read_cmdline(cmdline)) {
+        return -1;
+    }
+    const char* medium = find_value(cmdline, medium_key);
+    if (medium == nullptr) {
+        return -1;
+    }
+    if (equal(medium, "nand")) {
+        return OTA_NAND;
+    }
+    if (equal(medium, "nor")) {
+        return OTA_NOR;
+    }
+    if (equal(medium, "MMC")) {
+        return OTA_EMMC;
+    }
+    return -1;
+}
+
+int32_t get_boot_mode() {
+    char cmdline[2048];
+    if (!read_cmdline(cmdline)) {
+        return -1;
+    }
+    const char* mode = find_value(cmdline, mode_key);
+    if (mode == nullptr) {
+        return -1;
+    }
+    if (equal(mode, "recovery")) {
+        ota_log_info("recovery mode\n");
+        return RECOVERY_MODE;
+    }
+    if (equal(mode, "normal")) {
+        ota_log_info("normal mode\n");
+        return NORMAL_MODE;
+    }
+    return -1;
+}
+
+int32_t ota_get_cur_slot() {
+    char cmdline[1024];
+    if (!read_cmdline(cmdline)) {
+        return -1;
+    }
+    const char* found = std::strstr(cmdline, slot_key);
+    if (found == nullptr) {
+        ota_log_error("error:slot conf not in cmdline.\n");
+        return -1;
+    }
+    const char letter = found[sizeof slot_key - 1];
+    if (letter < 'a' || letter > 'c') {
+        ota_log_error("get current slot error.\n");
+        return -1;
+    }
+    return letter - 'a';
+}
+
+int32_t get_part_device_name(const char* part_name, char* cur_dev_path, char* opp_dev_path, ota_part_type_e type) {
+    if (cur_dev_path == nullptr || part_name == nullptr || opp_dev_path == nullptr) {
+        ota_log_error("dev path or part name is empty\n");
+        return -1;
+    }
+    if (type != AB) {
+        device_path(cur_dev_path, part_name, "");
+        device_path(opp_dev_path, part_name, "");
+        return 0;
+    }
+    const int32_t slot = ota_get_update_slot();
+    if (slot != 0 && slot != 1) {
+        ota_log_error("get update slot error\n");
+        return -1;
+    }
+    device_path(cur_dev_path, part_name, slot == 0 ? "_b" : "_a");
+    device_path(opp_dev_path, part_name, slot == 0 ? "_a" : "_b");
+    return 0;
+}
+
+int32_t ota_get_update_slot() {
+    const int32_t cur = ota_get_cur_slot();
+    if (cur < 0) {
+        return -1;
+    }
+    const int32_t other = cur ^ 1;
+    const int32_t cur_state = ota_get_slot_boot_success_state(cur);
+    const int32_t other_state = ota_get_slot_boot_success_state(other);
+    if (cur_state < 0 || other_state < 0) {
+        return -1;
+    }
+    /* The one slot that is known to boot must survive: only then is the running slot written. */
+    const int32_t slot = cur_state == 0 && other_state == 1 ? cur : other;
+    ota_log_info("this update slot is:%d!\n", slot);
+    return slot;
+}
