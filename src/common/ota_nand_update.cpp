@@ -1,0 +1,376 @@
+/**
+ * Access to MTD devices and UBI volumes. One read-modify-write with two media behind it.
+ *
+ * What holds at every step of a write:
+ *  1. Every refusal comes before the first erase.
+ *  2. A block is erased only after it was read whole.
+ *  3. old_data holds the good blocks of the range one after the other, and `blocks` says which they are:
+ *     each goes back to the block it came from, or nowhere.
+ *  4. When reading or erasing fails, the blocks erased so far get their own content back and nothing of
+ *     the new data reaches the medium. The block that failed is not written.
+ *  5. A negative result says that the new data is not to be taken as stored.
+ */
+#include "ota_nand_update.h"
+
+#include "ota_handle.h"
+#include "ota_log.h"
+#include "ubi_volume_info.h"
+
+#include <climits>
+#include <cstring>
+#include <mtd/mtd-user.h>
+#include <mtd/ubi-user.h>
+#include <sys/ioctl.h>
+
+namespace {
+
+static_assert(sizeof(mtd_info_user) == 32 && MEMGETINFO == 0x80204D01);
+static_assert(MEMGETBADBLOCK == 0x40084D0B);
+static_assert(sizeof(erase_info_user64) == 16 && MEMERASE64 == 0x40104D14);
+static_assert(UBI_IOCEBER == 0x40044F01);
+static_assert(sizeof(ubi_set_vol_prop_req) == 16 && UBI_IOCSETVOLPROP == 0x40104F06);
+
+/** The blocks of a write in hand. A block is an erase block or a LEB; block numbers count from 0. */
+struct block_range {
+    int fd;
+    size_t block_size;
+    size_t device_size; /* bytes that a bad block is looked for in; 0 on a medium without any */
+    long long start;
+    long long end; /* one past the last; rises with each bad block met */
+    size_t count;  /* good blocks in the range */
+    ota_memory<uint8_t> old_data;
+    ota_memory<long long> blocks; /* number of the block that each piece of old_data came from */
+};
+
+/** What the read-modify-write needs of a medium. */
+struct flash_medium {
+    const char* read_name;
+    ssize_t (*read)(int fd, void* in_buf, size_t in_size, size_t offset);
+    bool (*is_bad)(const block_range& range, long long ofs);
+    const char* erase_name;
+    int (*erase)(const block_range& range, long long ofs);
+    int (*allow_writes)(int fd);
+};
+
+/** A request that gives anything but 0 has failed; a positive result must not pass for a byte count. */
+ssize_t request_failure(int ret) {
+    return ret < 0 ? ret : -1;
+}
+
+/* ---- MTD ---- */
+
+int get_mtd_info(int fd, mtd_info_user* info) {
+    const int ret = ioctl(fd, MEMGETINFO, info);
+    if (ret != 0) {
+        ota_log_error("ioctl get MEMGETINFO failed, error%d\n", ret);
+    }
+    return ret;
+}
+
+int mtd_ask_bad(int fd, long long ofs, size_t block_size) {
+    __kernel_loff_t offs = ofs * static_cast<long long>(block_size);
+    return ioctl(fd, MEMGETBADBLOCK, &offs);
+}
+
+/** An error counts as bad. What lies behind the device is not asked for: reading it ends the range. */
+bool mtd_is_bad(const block_range& range, long long ofs) {
+    if (static_cast<size_t>(ofs) * range.block_size >= range.device_size ||
+        mtd_ask_bad(range.fd, ofs, range.block_size) == 0) {
+        return false;
+    }
+    ota_log_info("block-%lld is bad block, skipping\n", ofs);
+    return true;
+}
+
+int mtd_erase(const block_range& range, long long ofs) {
+    erase_info_user64 erase{};
+    erase.start = static_cast<uint64_t>(ofs) * range.block_size;
+    erase.length = range.block_size;
+    return ioctl(range.fd, MEMERASE64, &erase);
+}
+
+int mtd_allow_writes(int /*fd*/) {
+    return 0;
+}
+
+constexpr flash_medium mtd_medium = {"vx_mtd_read", vx_mtd_read, mtd_is_bad, "MEMERASE64", mtd_erase, mtd_allow_writes};
+
+/**
+ * Moves the range behind the bad blocks in front of it, so that exactly range.start good blocks lie
+ * there: neighbouring ranges then agree on where each block lies.
+ */
+bool move_behind_bad_blocks(block_range& range) {
+    const long long length = range.end - range.start;
+    long long ofs = 0;
+    for (long long good = 0; good < range.start; ++ofs) {
+        if (static_cast<size_t>(ofs) * range.block_size >= range.device_size) {
+            ota_log_error("the device has fewer than %lld good blocks\n", range.start);
+            return false;
+        }
+        if (mtd_ask_bad(range.fd, ofs, range.block_size) == 0) {
+            ++good;
+        } else {
+            ota_log_info("block-%lld is bad block before offset\n", ofs);
+        }
+    }
+    range.start = ofs;
+    range.end = ofs + length;
+    return true;
+}
+
+/* ---- UBI ---- */
+
+int get_ubi_info(int fd, ubi_info_user* info) {
+    const int ret = ioctl(fd, UBI_IOCVOLINFO, info);
+    if (ret != 0) {
+        ota_log_error("ioctl get UBI_IOCVOLINFO failed, error%d\n", ret);
+    }
+    return ret;
+}
+
+bool ubi_is_bad(const block_range& /*range*/, long long /*ofs*/) {
+    return false;
+}
+
+int ubi_erase(const block_range& range, long long ofs) {
+    const auto lnum = static_cast<int32_t>(ofs);
+    return ioctl(range.fd, UBI_IOCEBER, &lnum);
+}
+
+int ubi_allow_writes(int fd) {
+    ubi_set_vol_prop_req req{};
+    req.property = UBI_VOL_PROP_DIRECT_WRITE;
+    req.value = 1;
+    const int ret = ioctl(fd, UBI_IOCSETVOLPROP, &req);
+    if (ret != 0) {
+        ota_log_error("ioctl set UBI_IOCSETVOLPROP failed, error%d\n", ret);
+    }
+    return ret;
+}
+
+constexpr flash_medium ubi_medium = {"vx_ubi_read", vx_ubi_read, ubi_is_bad,
+                                     "UBI_IOCEBER", ubi_erase,   ubi_allow_writes};
+
+/* ---- the read-modify-write ---- */
+
+/** The blocks of the bytes from `offset` to `offset` + `in_size`, whose sum is known not to wrap. */
+block_range range_of(int fd, size_t block_size, size_t device_size, size_t in_size, size_t offset) {
+    const size_t end = offset + in_size;
+    block_range range{};
+    range.fd = fd;
+    range.block_size = block_size;
+    range.device_size = device_size;
+    range.start = static_cast<long long>(offset / block_size);
+    range.end = static_cast<long long>(end / block_size + (end % block_size != 0 ? 1 : 0));
+    range.count = static_cast<size_t>(range.end - range.start);
+    return range;
+}
+
+bool allocate_old_data(block_range& range) {
+    range.old_data.reset(static_cast<uint8_t*>(std::calloc(range.count, range.block_size)));
+    range.blocks.reset(static_cast<long long*>(std::calloc(range.count, sizeof(long long))));
+    if (range.old_data == nullptr || range.blocks == nullptr) {
+        ota_log_error("no memory for %zu bytes of old data\n", range.count * range.block_size);
+        return false;
+    }
+    return true;
+}
+
+/** Reads block `ofs` whole into piece `slot` of old_data. A short read goes on where it stopped. */
+ssize_t read_block(const flash_medium& medium, const block_range& range, long long ofs, size_t slot) {
+    uint8_t* const piece = range.old_data.get() + slot * range.block_size;
+    const size_t offs = static_cast<size_t>(ofs) * range.block_size;
+    size_t done = 0;
+    while (done < range.block_size) {
+        ssize_t readnum = medium.read(range.fd, piece + done, range.block_size - done, offs + done);
+        if (readnum == 0 && done == 0) {
+            ota_log_debug("%s reached the end of the file, error%d\n", medium.read_name, 0);
+            return -1;
+        }
+        if (readnum <= 0) {
+            readnum = readnum < 0 ? readnum : -1;
+            ota_log_error("%s failed, error%d\n", medium.read_name, static_cast<int>(readnum));
+            return readnum;
+        }
+        done += static_cast<size_t>(readnum);
+    }
+    return 0;
+}
+
+ssize_t erase_block(const flash_medium& medium, const block_range& range, long long ofs) {
+    const int ret = medium.erase(range, ofs);
+    if (ret == 0) {
+        return 0;
+    }
+    ota_log_error("ioctl %s failed, error%d. Next, the read data is rewritten back\n", medium.erase_name, ret);
+    return request_failure(ret);
+}
+
+/** Reads and erases every block of the range. On failure the range ends in front of the failed block. */
+ssize_t read_and_erase(const flash_medium& medium, block_range& range) {
+    size_t slot = 0;
+    for (long long ofs = range.start; ofs < range.end; ++ofs) {
+        if (medium.is_bad(range, ofs)) {
+            ++range.end;
+            continue;
+        }
+        ssize_t ret = read_block(medium, range, ofs, slot);
+        if (ret == 0) {
+            ret = erase_block(medium, range, ofs);
+        }
+        if (ret < 0) {
+            range.end = ofs;
+            range.count = slot;
+            return ret;
+        }
+        range.blocks.get()[slot++] = ofs;
+    }
+    return 0;
+}
+
+/** Writes each piece of old_data back to the block that it came from. */
+ssize_t write_back(const flash_medium& medium, const block_range& range) {
+    int ret = medium.allow_writes(range.fd);
+    if (ret != 0) {
+        return request_failure(ret);
+    }
+    bool changed_verdict = false;
+    size_t slot = 0;
+    for (long long ofs = range.start; ofs < range.end; ++ofs) {
+        const bool was_read = slot < range.count && range.blocks.get()[slot] == ofs;
+        const size_t piece = was_read ? slot++ : slot;
+        if (medium.is_bad(range, ofs) == was_read) {
+            ota_log_error("block-%lld was %s when it was read and is not now\n", ofs, was_read ? "good" : "bad");
+            changed_verdict = true;
+            continue;
+        }
+        if (!was_read) {
+            continue;
+        }
+        const uint8_t* data = range.old_data.get() + piece * range.block_size;
+        ret = static_cast<int>(pwrite(range.fd, data, range.block_size, ofs * static_cast<off_t>(range.block_size)));
+        if (ret < 0) {
+            ota_log_error("pwrite failed, error%d\n", ret);
+            return ret;
+        }
+    }
+    return changed_verdict ? -1 : ret;
+}
+
+/** @param modify_ofs  where the new data starts inside the first block */
+ssize_t rewrite(const flash_medium& medium, block_range& range, const void* in_buf, size_t in_size, size_t modify_ofs) {
+    if (!allocate_old_data(range)) {
+        return -1;
+    }
+    const ssize_t failure = read_and_erase(medium, range);
+    if (failure == 0) {
+        std::memcpy(range.old_data.get() + modify_ofs, in_buf, in_size);
+    }
+    const ssize_t ret = write_back(medium, range);
+    if (failure < 0) {
+        return failure;
+    }
+    return ret < 0 ? ret : static_cast<ssize_t>(in_size);
+}
+
+bool is_empty(size_t in_size) {
+    if (in_size == 0) {
+        ota_log_error("in_size is 0, failed!");
+    }
+    return in_size == 0;
+}
+
+} // namespace
+
+ssize_t vx_mtd_read(int fd, void* in_buf, size_t in_size, size_t offset) {
+    if (is_empty(in_size)) {
+        return -1;
+    }
+    mtd_info_user info{};
+    const int failed = get_mtd_info(fd, &info);
+    if (failed != 0) {
+        return request_failure(failed);
+    }
+    if (offset > info.size) {
+        ota_log_error("read offset 0x%zx is beyond the device size 0x%x\n", offset, info.size);
+        return -1;
+    }
+    if (in_size > info.size - offset) {
+        ota_log_debug("vx_mtd_read out of mtd size\n");
+        in_size = info.size - offset;
+    }
+    const auto ret = static_cast<int32_t>(pread(fd, in_buf, in_size, static_cast<off_t>(offset)));
+    if (ret < 0) {
+        ota_log_error("vx_mtd_read failed, error%d\n", ret);
+    } else if (ret == 0) {
+        ota_log_debug("vx_mtd_read reached the end of the file, error%d\n", ret);
+    }
+    return ret;
+}
+
+ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset) {
+    if (is_empty(in_size)) {
+        return -1;
+    }
+    mtd_info_user info{};
+    const int failed = get_mtd_info(fd, &info);
+    if (failed != 0) {
+        return request_failure(failed);
+    }
+    if (offset > info.size || in_size > info.size - offset) {
+        ota_log_error("write range 0x%llx+0x%zx exceeds the device size 0x%x\n",
+                      static_cast<unsigned long long>(offset), in_size, info.size);
+        return -1;
+    }
+    if (info.erasesize == 0) {
+        ota_log_error("the device has erase blocks of 0 bytes\n");
+        return -1;
+    }
+    block_range range = range_of(fd, info.erasesize, info.size, in_size, offset);
+    if (!move_behind_bad_blocks(range)) {
+        return -1;
+    }
+    return rewrite(mtd_medium, range, in_buf, in_size, offset % info.erasesize);
+}
+
+ssize_t vx_ubi_read(int fd, void* in_buf, size_t in_size, size_t offset) {
+    if (is_empty(in_size)) {
+        return -1;
+    }
+    ubi_info_user info{};
+    const int failed = get_ubi_info(fd, &info);
+    if (failed != 0) {
+        return request_failure(failed);
+    }
+    const auto ret = static_cast<int32_t>(pread(fd, in_buf, in_size, static_cast<off_t>(offset)));
+    if (ret < 0) {
+        ota_log_error("vx_ubi_read failed, error%d\n", ret);
+    } else if (ret == 0) {
+        ota_log_debug("vx_ubi_read reached the end of the file, error%d\n", ret);
+    }
+    return ret;
+}
+
+ssize_t vx_ubi_write(int fd, void* in_buf, size_t in_size, size_t offset) {
+    if (is_empty(in_size)) {
+        return -1;
+    }
+    ubi_info_user info{};
+    const int failed = get_ubi_info(fd, &info);
+    if (failed != 0) {
+        return request_failure(failed);
+    }
+    if (info.usable_leb_size <= 0) {
+        ota_log_error("the volume has LEBs of %d bytes\n", info.usable_leb_size);
+        return -1;
+    }
+    const auto leb_size = static_cast<size_t>(info.usable_leb_size);
+    /* A LEB number is a signed 32-bit value in every request. */
+    const size_t limit = leb_size * INT_MAX;
+    if (offset > limit || in_size > limit - offset) {
+        ota_log_error("write range 0x%zx+0x%zx cannot be counted in LEBs of %zu bytes\n", offset, in_size, leb_size);
+        return -1;
+    }
+    block_range range = range_of(fd, leb_size, 0, in_size, offset);
+    return rewrite(ubi_medium, range, in_buf, in_size, offset % leb_size);
+}
