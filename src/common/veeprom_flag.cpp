@@ -1,0 +1,431 @@
+/** The status record and the anti-rollback record: stored form, repair, and access by selector. */
+#include "veeprom_flag.h"
+
+#include "ota_log.h"
+#include "ota_partition.h"
+#include "ota_paths.h"
+
+#include <cstring>
+#include <endian.h>
+
+static_assert(sizeof(update_part_t) == 1284);
+static_assert(offsetof(update_part_t, array) == 4);
+static_assert(offsetof(update_part_t, medium) == 1028);
+static_assert(offsetof(update_part_t, type) == 1156);
+static_assert(sizeof(ota_status_t) == 1356);
+static_assert(offsetof(ota_status_t, magic) == 0);
+static_assert(offsetof(ota_status_t, up) == 4);
+static_assert(offsetof(ota_status_t, up_system) == 8);
+static_assert(offsetof(ota_status_t, up_backup) == 12);
+static_assert(offsetof(ota_status_t, up_app) == 16);
+static_assert(offsetof(ota_status_t, up_middleware) == 20);
+static_assert(offsetof(ota_status_t, up_param) == 24);
+static_assert(offsetof(ota_status_t, owner) == 28);
+static_assert(offsetof(ota_status_t, next_slot) == 32);
+static_assert(offsetof(ota_status_t, update_part) == 36);
+static_assert(offsetof(ota_status_t, reserved) == 1320);
+static_assert(offsetof(ota_status_t, crc32_le) == 1352);
+static_assert(sizeof(antirollback_ver_t) == 16);
+static_assert(offsetof(antirollback_ver_t, nosec_up_flag) == 1);
+static_assert(offsetof(antirollback_ver_t, sec_ver) == 4);
+static_assert(offsetof(antirollback_ver_t, nosec_ver) == 8);
+static_assert(offsetof(antirollback_ver_t, crc32_le) == 12);
+/* The records are kept in memory as they are stored. */
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
+
+ota_update_owner_e g_ota_owner = NORMAL_BOOT;
+
+namespace {
+
+constexpr char veeprom_partition[] = "ubootenv";
+constexpr uint32_t status_offset = 0x30000;
+constexpr uint32_t anti_ver_offset = 0x30880;
+constexpr uint32_t status_magic = 0x4F544153; /* "SATO" */
+
+/** Where the value of a selector stands in the status record. */
+struct status_field {
+    size_t offset;
+    size_t size;
+};
+
+/* By selector. Selectors 3 and 4 run against the order of their fields. */
+constexpr status_field status_fields[] = {
+    {offsetof(ota_status_t, up), 4},            /* OTA_VEEPROM_UPDATE_FLAG */
+    {offsetof(ota_status_t, up_system), 4},     /* OTA_VEEPROM_SYS_UPDATE_FLAG */
+    {offsetof(ota_status_t, up_backup), 4},     /* OTA_VEEPROM_BAK_UPDATE_FLAG */
+    {offsetof(ota_status_t, up_middleware), 4}, /* OTA_VEEPROM_MIDDLEWARE_UPDATE_FLAG */
+    {offsetof(ota_status_t, up_app), 4},        /* OTA_VEEPROM_APP_UPDATE_FLAG */
+    {offsetof(ota_status_t, up_param), 4},      /* OTA_VEEPROM_PARAM_UPDATE_FLAG */
+    {offsetof(ota_status_t, owner), 4},         /* OTA_VEEPROM_OWNER */
+    {offsetof(ota_status_t, next_slot), 4},     /* OTA_VEEPROM_EXPE_SLOT */
+    {offsetof(ota_status_t, update_part), sizeof(update_part_t)},
+};
+static_assert(sizeof status_fields / sizeof *status_fields == OTA_VEEPROM_PART_ARRAY + 1);
+
+bool is_status_selector(ota_veeprom_type_e flag) {
+    return static_cast<uint32_t>(flag) <= OTA_VEEPROM_PART_ARRAY;
+}
+
+uint32_t status_crc(const ota_status_t* status) {
+    return CRC32(reinterpret_cast<const uint8_t*>(status), offsetof(ota_status_t, crc32_le));
+}
+
+uint32_t anti_ver_crc(const antirollback_ver_t* ver) {
+    return CRC32(reinterpret_cast<const uint8_t*>(ver), offsetof(antirollback_ver_t, crc32_le));
+}
+
+int32_t crc32_calculate(ota_status_t* status) {
+    if (status == nullptr) {
+        return -OTAERR_NULLPOINTER;
+    }
+    status->crc32_le = htole32(status_crc(status));
+    return 0;
+}
+
+int32_t seal_status(ota_status_t* status) {
+    const int32_t ret = crc32_calculate(status);
+    if (ret < 0) {
+        ota_log_error("ota status crc32 calculate failed\n");
+    }
+    return ret;
+}
+
+int32_t is_ota_status_valid(const ota_status_t* status) {
+    if (status == nullptr) {
+        ota_log_error("Invalid input parameter, null ptr\n");
+        return -OTAERR_NULLPOINTER;
+    }
+    if (le32toh(status->magic) != status_magic) {
+        ota_log_warning("magic number is wrong\n");
+        return -1;
+    }
+    const uint32_t stored = le32toh(status->crc32_le);
+    const uint32_t computed = status_crc(status);
+    ota_log_info("veeprom crc, oricrc[%x], newcrc[%x], offset[%ld]\n", stored, computed,
+                 static_cast<long>(offsetof(ota_status_t, crc32_le)));
+    return stored == computed ? 0 : -1;
+}
+
+int32_t locate_veeprom(ota_file_info_t* veeprom_info, uint32_t offset) {
+    char cur_dev_path[ota_path_size];
+    const int32_t ret = get_part_device_name(veeprom_partition, cur_dev_path, veeprom_info->path, PERMANENT);
+    if (ret < 0) {
+        return ret;
+    }
+    veeprom_info->medium = static_cast<ota_medium_e>(get_boot_medium());
+    veeprom_info->offset = offset;
+    return 0;
+}
+
+int32_t ota_read_from_veeprom(char* buffer, uint32_t buffer_len, uint32_t offset) {
+    ota_file_info_t veeprom_info{};
+    int32_t ret = locate_veeprom(&veeprom_info, offset);
+    if (ret < 0) {
+        return ret;
+    }
+    ret = ota_file_to_buf(&veeprom_info, buffer, buffer_len);
+    if (ret < 0) {
+        ota_log_error("veeprom flag  read failed, ret %d\n", ret);
+        return ret;
+    }
+    return 0;
+}
+
+int32_t ota_write_to_veeprom(const char* buffer, uint32_t buffer_len, uint32_t offset) {
+    ota_file_info_t veeprom_info{};
+    int32_t ret = locate_veeprom(&veeprom_info, offset);
+    if (ret < 0) {
+        return ret;
+    }
+    ret = ota_buf_to_file(&veeprom_info, buffer, buffer_len);
+    if (ret < 0) {
+        ota_log_error("veeprom flag write failed, ret %d\n", ret);
+        return ret;
+    }
+    return 0;
+}
+
+int32_t write_status(const ota_status_t* status) {
+    const int32_t ret = ota_write_to_veeprom(reinterpret_cast<const char*>(status), sizeof *status, status_offset);
+    if (ret < 0) {
+        ota_log_error("write ota status to veeprom failed\n");
+    }
+    return ret;
+}
+
+/** Makes a new record in `status`, whose reserved bytes stay as they are, and stores it. */
+int32_t ota_init_status(ota_status_t* status) {
+    if (status == nullptr) {
+        ota_log_error("ota status is NULL\n");
+        return -OTAERR_NULLPOINTER;
+    }
+    const int32_t slot = ota_get_cur_slot();
+    if (slot < 0) {
+        ota_log_error("Get current slot failed\n");
+        return -1;
+    }
+    status->magic = htole32(status_magic);
+    status->up = OTA_FLAG_NORMAL;
+    status->up_backup = OTA_FLAG_NORMAL;
+    status->up_system = OTA_FLAG_NORMAL;
+    status->up_middleware = OTA_FLAG_NORMAL;
+    status->up_app = OTA_FLAG_NORMAL;
+    status->up_param = OTA_FLAG_NORMAL;
+    status->owner = NORMAL_BOOT;
+    status->next_slot = static_cast<uint32_t>(slot);
+    status->update_part = {};
+    const int32_t ret = seal_status(status);
+    return ret < 0 ? ret : write_status(status);
+}
+
+/** Reads the status record and makes it anew when it is not valid. */
+int32_t fetch_status(ota_status_t* status) {
+    int32_t ret = ota_read_from_veeprom(reinterpret_cast<char*>(status), sizeof *status, status_offset);
+    if (ret < 0) {
+        return ret;
+    }
+    if (is_ota_status_valid(status) == 0) {
+        return 0;
+    }
+    ota_log_warning("OTA status in veeprom is invalid, init\n");
+    ret = ota_init_status(status);
+    if (ret < 0) {
+        ota_log_error("get ota status failed\n");
+    }
+    return ret;
+}
+
+int32_t set_veeprom_update_status(ota_veeprom_type_e flag, const uint32_t* value) {
+    ota_status_t status{};
+    if (value == nullptr) {
+        ota_log_error("ota status value is NULL\n");
+        return -1;
+    }
+    int32_t ret = fetch_status(&status);
+    if (ret < 0) {
+        return ret;
+    }
+    const status_field field = status_fields[flag];
+    std::memcpy(reinterpret_cast<char*>(&status) + field.offset, value, field.size);
+    if (flag == OTA_VEEPROM_OWNER) {
+        g_ota_owner = status.owner;
+    }
+    ret = seal_status(&status);
+    if (ret < 0) {
+        return ret;
+    }
+    int32_t word = 0;
+    std::memcpy(&word, value, sizeof word);
+    ota_log_info("veeprom: flag [%d], value [%d]\n", flag, word);
+    return write_status(&status);
+}
+
+int32_t get_veeprom_update_status(ota_veeprom_type_e flag, uint32_t* value) {
+    ota_status_t status{};
+    if (value == nullptr) {
+        ota_log_error("ota status value is NULL\n");
+        return -1;
+    }
+    const int32_t ret = fetch_status(&status);
+    if (ret < 0) {
+        return ret;
+    }
+    const status_field field = status_fields[flag];
+    std::memcpy(value, reinterpret_cast<const char*>(&status) + field.offset, field.size);
+    ota_log_info("update part num: [%d]\n", status.update_part.num);
+    return 0;
+}
+
+int32_t set_veeprom_other_status(ota_veeprom_type_e flag, const uint32_t* value) {
+    if (value == nullptr) {
+        ota_log_error("veeprom flag value is NULL\n");
+        return -1;
+    }
+    int32_t ret = -1;
+    if (flag == OTA_VEEPROM_ANTI_VER) {
+        ret = ota_write_to_veeprom(reinterpret_cast<const char*>(value), sizeof(antirollback_ver_t), anti_ver_offset);
+    } else {
+        ota_log_error("invalid veeprom flag\n");
+    }
+    if (ret < 0) {
+        ota_log_error("veeprom flag write failed, ret %d\n", ret);
+    }
+    return ret;
+}
+
+int32_t get_veeprom_other_status(ota_veeprom_type_e flag, uint32_t* value) {
+    if (value == nullptr) {
+        ota_log_error("veeprom flag value is NULL\n");
+        return -1;
+    }
+    /* Read aside: after a short read the caller must not find its own old bytes in the record. */
+    antirollback_ver_t stored{};
+    int32_t ret = -1;
+    if (flag == OTA_VEEPROM_ANTI_VER) {
+        ret = ota_read_from_veeprom(reinterpret_cast<char*>(&stored), sizeof stored, anti_ver_offset);
+    } else {
+        ota_log_error("invalid veeprom flag\n");
+    }
+    if (ret < 0) {
+        ota_log_error("veeprom flag read failed, ret %d\n", ret);
+        return ret;
+    }
+    std::memcpy(value, &stored, sizeof stored);
+    return ret;
+}
+
+/* A value of any type travels as a pointer to its first 32-bit word. */
+
+int32_t set_value(ota_veeprom_type_e flag, void* value) {
+    return ota_set_veeprom_flag(flag, static_cast<uint32_t*>(value));
+}
+
+int32_t get_value(ota_veeprom_type_e flag, void* value) {
+    return ota_get_veeprom_flag(flag, static_cast<uint32_t*>(value));
+}
+
+} // namespace
+
+int32_t ota_write_to_veeprom_force(ota_status_t* status, ota_file_info_t* veeprom_info) {
+    if (status == nullptr || veeprom_info == nullptr) {
+        ota_log_error("ota status or veeprom info is NULL\n");
+        return -OTAERR_NULLPOINTER;
+    }
+    status->magic = htole32(status_magic);
+    status->owner = OTA_TOOL;
+    veeprom_info->offset += status_offset;
+    int32_t ret = seal_status(status);
+    if (ret < 0) {
+        return ret;
+    }
+    ret = ota_buf_to_file(veeprom_info, reinterpret_cast<const char*>(status), sizeof *status);
+    if (ret < 0) {
+        ota_log_error("veeprom flag write failed, ret %d\n", ret);
+        return ret;
+    }
+    return 0;
+}
+
+int32_t ota_set_veeprom_flag(ota_veeprom_type_e flag, uint32_t* value) {
+    return is_status_selector(flag) ? set_veeprom_update_status(flag, value) : set_veeprom_other_status(flag, value);
+}
+
+int32_t ota_get_veeprom_flag(ota_veeprom_type_e flag, uint32_t* value) {
+    return is_status_selector(flag) ? get_veeprom_update_status(flag, value) : get_veeprom_other_status(flag, value);
+}
+
+int32_t ota_set_up_status(ota_update_flag_e status) {
+    return set_value(OTA_VEEPROM_UPDATE_FLAG, &status);
+}
+
+int32_t ota_get_up_status(ota_update_flag_e* status) {
+    return get_value(OTA_VEEPROM_UPDATE_FLAG, status);
+}
+
+int32_t ota_set_system_up_status(ota_update_flag_e status) {
+    return set_value(OTA_VEEPROM_SYS_UPDATE_FLAG, &status);
+}
+
+int32_t ota_get_system_up_status(ota_update_flag_e* status) {
+    return get_value(OTA_VEEPROM_SYS_UPDATE_FLAG, status);
+}
+
+int32_t ota_set_backup_up_status(ota_update_flag_e status) {
+    return set_value(OTA_VEEPROM_BAK_UPDATE_FLAG, &status);
+}
+
+int32_t ota_get_backup_up_status(ota_update_flag_e* status) {
+    return get_value(OTA_VEEPROM_BAK_UPDATE_FLAG, status);
+}
+
+int32_t ota_set_middleware_up_status(ota_update_flag_e status) {
+    return set_value(OTA_VEEPROM_MIDDLEWARE_UPDATE_FLAG, &status);
+}
+
+int32_t ota_get_middleware_up_status(ota_update_flag_e* status) {
+    return get_value(OTA_VEEPROM_MIDDLEWARE_UPDATE_FLAG, status);
+}
+
+int32_t ota_set_app_up_status(ota_update_flag_e status) {
+    return set_value(OTA_VEEPROM_APP_UPDATE_FLAG, &status);
+}
+
+int32_t ota_get_app_up_status(ota_update_flag_e* status) {
+    return get_value(OTA_VEEPROM_APP_UPDATE_FLAG, status);
+}
+
+int32_t ota_set_param_up_status(ota_update_flag_e status) {
+    return set_value(OTA_VEEPROM_PARAM_UPDATE_FLAG, &status);
+}
+
+int32_t ota_get_param_up_status(ota_update_flag_e* status) {
+    return get_value(OTA_VEEPROM_PARAM_UPDATE_FLAG, status);
+}
+
+int32_t ota_set_owner(ota_update_owner_e owner) {
+    return set_value(OTA_VEEPROM_OWNER, &owner);
+}
+
+int32_t ota_get_owner(ota_update_owner_e* owner) {
+    return get_value(OTA_VEEPROM_OWNER, owner);
+}
+
+int32_t ota_set_next_slot(uint32_t slot) {
+    ota_log_info("next slot veeprom %d\n", slot);
+    return set_value(OTA_VEEPROM_EXPE_SLOT, &slot);
+}
+
+int32_t ota_get_next_slot(uint32_t* slot) {
+    return get_value(OTA_VEEPROM_EXPE_SLOT, slot);
+}
+
+int32_t ota_set_part_array(update_part_t* update_part) {
+    return set_value(OTA_VEEPROM_PART_ARRAY, update_part);
+}
+
+int32_t ota_get_part_array(update_part_t* update_part) {
+    return get_value(OTA_VEEPROM_PART_ARRAY, update_part);
+}
+
+int32_t ota_get_anti_ver_veeprom(antirollback_ver_t* ver) {
+    const int32_t ret = get_value(OTA_VEEPROM_ANTI_VER, ver);
+    if (ret != 0) {
+        ota_log_error("get antirollback version from veeprom failed\n");
+        return ret;
+    }
+    if (anti_ver_crc(ver) != le32toh(ver->crc32_le)) {
+        ota_log_error("antirollback version CRC verify failed\n");
+        *ver = {};
+        return -1;
+    }
+    return 0;
+}
+
+int32_t ota_set_anti_ver_veeprom(antirollback_ver_t* ver) {
+    if (ver == nullptr) {
+        return -1;
+    }
+    ver->padding[0] = 0;
+    ver->padding[1] = 0;
+    ver->crc32_le = htole32(anti_ver_crc(ver));
+    const int32_t ret = set_value(OTA_VEEPROM_ANTI_VER, ver);
+    if (ret != 0) {
+        ota_log_error("set antirollback version to veeprom failed\n");
+    }
+    return ret;
+}
+
+int32_t ota_set_veeprom_flag_default() {
+    ota_status_t status{};
+    antirollback_ver_t ver{};
+    if (ota_init_status(&status) != 0) {
+        ota_log_error("set ota status default failed\n");
+        return -1;
+    }
+    if (ota_set_anti_ver_veeprom(&ver) != 0) {
+        ota_log_error("set antirollback version default failed\n");
+        return -1;
+    }
+    ota_log_info("veeprom flag set default\n");
+    return 0;
+}
