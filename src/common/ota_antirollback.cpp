@@ -1,0 +1,215 @@
+/** The rollback index of verified-boot images, the eFuse counters, and the verdict over a package. */
+#include "ota_antirollback.h"
+
+#include "fip_prase.h"
+#include "ota_handle.h"
+#include "ota_log.h"
+#include "ota_paths.h"
+#include "veeprom_flag.h"
+#include "vx_zip.h"
+
+#include <cstring>
+#include <endian.h>
+#include <kastor_efuse.h>
+
+namespace {
+
+/* Of the Android Verified Boot vbmeta header only these bytes are read. The fifth byte of the magic is
+ * the top byte of the big-endian required major version. */
+constexpr char avb_magic[5] = {'A', 'V', 'B', '0', '\0'};
+constexpr long rollback_index_offset = 112;
+
+constexpr int32_t max_partitions = 32;
+
+int32_t read_avb_img_anti_ver(const char* img_file_path, uint64_t* ver) {
+    const ota_stream image(std::fopen(img_file_path, "r"));
+    if (image == nullptr) {
+        ota_log_error("open file %s failed!\n", img_file_path);
+        return -1;
+    }
+    char magic[sizeof avb_magic] = {};
+    if (std::fread(magic, sizeof magic, 1, image.get()) != 1) {
+        ota_log_error("get avb image magic error!\n");
+        return -1;
+    }
+    if (std::memcmp(magic, avb_magic, sizeof magic) != 0) {
+        ota_log_warning("%s is not avb image!\n", img_file_path);
+        return -1;
+    }
+    (void)std::fseek(image.get(), rollback_index_offset, SEEK_SET);
+    uint64_t index = 0;
+    if (std::fread(&index, sizeof index, 1, image.get()) != 1) {
+        ota_log_error("get avb image antirollback version error!\n");
+        return -1;
+    }
+    *ver = be64toh(index);
+    return 0;
+}
+
+/** Merges the index of one image into `value`, in which 0 means that none has been read yet. */
+int32_t vx_avb_img_anti_read(const update_info_t* update_info, const char* img_file_path, ota_medium_e medium,
+                             uint32_t* value) {
+    if (update_info == nullptr) {
+        ota_log_error("'update_info' is a null pointer.\n");
+        return -1;
+    }
+    if (medium != OTA_EMMC) {
+        ota_log_error("Medium %d does not support.\n", medium);
+        return -1;
+    }
+    uint64_t tmp_ver = 0;
+    if (read_avb_img_anti_ver(img_file_path, &tmp_ver) != 0) {
+        return -1;
+    }
+    if (*value != 0 && *value != tmp_ver) {
+        ota_log_error("image %s antirollback versions %ld:%d is inconsistent\n", img_file_path,
+                      static_cast<long>(tmp_ver), *value);
+        return -1;
+    }
+    *value = static_cast<uint32_t>(tmp_ver);
+    return 0;
+}
+
+/** The versions that the images of a package show. */
+struct package_versions {
+    uint32_t miniboot;
+    uint32_t uboot;
+    uint32_t vbmeta;
+};
+
+/** Reads the version of an extracted image; what it is follows from the partition's name. */
+int32_t read_image_version(const update_info_t* update_info, int32_t i, const char* img_file_path,
+                           package_versions* versions) {
+    const char* name = update_info->update_partition[i];
+    if (std::strstr(name, "miniboot") != nullptr) {
+        if (vx_fip_img_anti_read(img_file_path, SEC_MINIBOOT_IMG, &versions->miniboot) != 0) {
+            return -1;
+        }
+        ota_log_info("miniboot image file version: %d\n", versions->miniboot);
+    } else if (std::strstr(name, "uboot") != nullptr) {
+        if (vx_fip_img_anti_read(img_file_path, NOSEC_UBOOT_IMG, &versions->uboot) != 0) {
+            return -1;
+        }
+        ota_log_info("uboot image file version: %d\n", versions->uboot);
+    } else if (std::strstr(name, "vbmeta") != nullptr) {
+        const ota_medium_e medium = update_info->partition_info[i].medium;
+        if (vx_avb_img_anti_read(update_info, img_file_path, medium, &versions->vbmeta) != 0) {
+            return -1;
+        }
+        ota_log_info("vbmeta image file version: %d\n", versions->vbmeta);
+    }
+    return 0;
+}
+
+/** Extracts one image, reads its version and removes it. An image that cannot be read stays. */
+int32_t visit_image(const update_info_t* update_info, int32_t i, const char* zip_path, const char* unzip_path,
+                    package_versions* versions) {
+    const char* part_file = update_info->partition_info[i].part_file;
+    if (vx_uncompress_one(zip_path, unzip_path, part_file) != 0) {
+        ota_log_error("Uncompress %s failed\n", part_file);
+        return -1;
+    }
+    char img_file_path[ota_entry_size];
+    (void)std::snprintf(img_file_path, sizeof img_file_path, "%s/%s", unzip_path, part_file);
+    if (read_image_version(update_info, i, img_file_path, versions) != 0) {
+        return -1;
+    }
+    if (std::remove(img_file_path) != 0) {
+        ota_log_error("Remove %s failed\n", img_file_path);
+    }
+    return 0;
+}
+
+int32_t get_image_antirollback(const update_info_t* update_info, antirollback_ver_t* ver, const char* zip_path,
+                               const char* unzip_path) {
+    if (update_info->update_size < 0 || update_info->update_size > max_partitions) {
+        ota_log_error("update partition number %d is out of range\n", update_info->update_size);
+        return -1;
+    }
+    package_versions versions{};
+    for (int32_t i = 0; i < update_info->update_size; ++i) {
+        if (update_info->partition_info[i].have_anti_ver == 0) {
+            continue;
+        }
+        if (visit_image(update_info, i, zip_path, unzip_path, &versions) != 0) {
+            return -1;
+        }
+    }
+    if (versions.uboot != versions.vbmeta) {
+        ota_log_error("uboot and vbmeta versions are inconsistent\n");
+        return -1;
+    }
+    ver->sec_ver = versions.miniboot;
+    ver->nosec_ver = versions.uboot;
+    return 0;
+}
+
+} // namespace
+
+int32_t get_efuse_antirollback(antirollback_ver_t* ver) {
+    if (ver == nullptr) {
+        ota_log_error("'ver' is a null pointer.\n");
+        return -1;
+    }
+    if (kastor_efuse_sec_anti_read(&ver->sec_ver) != 0) {
+        ota_log_error("secure antirollback version read failed\n");
+        return -1;
+    }
+    if (kastor_efuse_nosec_anti_read(&ver->nosec_ver) != 0) {
+        ota_log_error("nosecure antirollback version read failed\n");
+        return -1;
+    }
+    return 0;
+}
+
+int32_t set_efuse_antirollback(antirollback_ver_t* ver) {
+    if (ver == nullptr) {
+        ota_log_error("'ver' is a null pointer.\n");
+        return -1;
+    }
+    if (ver->sec_up_flag == 1 && kastor_efuse_sec_anti_write(ver->sec_ver) != 0) {
+        ota_log_error("Secure antirollback version write failed\n");
+        return -1;
+    }
+    /* The board's library answers a successful non-secure write with 0 or a positive number. */
+    if (ver->nosec_up_flag == 1 && kastor_efuse_nosec_anti_write(ver->nosec_ver) < 0) {
+        ota_log_error("nosecure antirollback version write failed\n");
+        return -1;
+    }
+    return 0;
+}
+
+int32_t verify_antirollback_version(update_info_t* update_info, const char* zip_path, const char* unzip_path) {
+    antirollback_ver_t image_ver{};
+    antirollback_ver_t efuse_ver{};
+    if (update_info == nullptr) {
+        ota_log_error("'update_info' is a null pointer.\n");
+        return -1;
+    }
+    if (zip_path == nullptr || unzip_path == nullptr) {
+        ota_log_error("'%s' is a null pointer.\n", zip_path == nullptr ? "zip_path" : "unzip_path");
+        return -1;
+    }
+    if (update_info->parse_flag == 0) {
+        ota_log_info("no parse json file!\n");
+        return -1;
+    }
+    if (get_image_antirollback(update_info, &image_ver, zip_path, unzip_path) != 0 ||
+        get_efuse_antirollback(&efuse_ver) != 0) {
+        ota_log_error("antirollback version get failed!\n");
+        return -1;
+    }
+    if (image_ver.sec_ver < efuse_ver.sec_ver || image_ver.nosec_ver < efuse_ver.nosec_ver) {
+        ota_log_error("antirollback version check failed!\n");
+        return -1;
+    }
+    image_ver.nosec_up_flag = static_cast<uint8_t>(update_info->nosec_up_flag);
+    image_ver.sec_up_flag = static_cast<uint8_t>(update_info->sec_up_flag);
+    const int32_t ret = ota_set_anti_ver_veeprom(&image_ver);
+    if (ret < 0) {
+        ota_log_error("set antirollback version in veeprom failed\n");
+        return ret;
+    }
+    ota_log_info("antirollback version check success!\n");
+    return 0;
+}
