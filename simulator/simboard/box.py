@@ -1,0 +1,127 @@
+"""Runs a program in a box that looks like the board and leads nowhere else (bubblewrap)."""
+
+import os
+import pathlib
+import selectors
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+
+from . import BoardError
+
+REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+BY_NAME = "/dev/block/platform/by-name"
+# Directories of the host that the board has of its own, so that nothing of the host shows through.
+OWN_DIRECTORIES = {"board", "dev", "proc", "run", "sys", "tmp", "userdata", "usr"}
+SYSLOG_LEVELS = ("emerg", "alert", "crit", "err", "warning", "notice", "info", "debug")
+
+
+def run(board, command, build, extra):
+    """@return the exit status of the command; 128 and the number of the signal that ended it"""
+    if shutil.which("bwrap") is None:
+        raise BoardError("bwrap is missing: install bubblewrap")
+    build = (build or pathlib.Path(os.environ.get("TESSERA_BUILD", REPOSITORY / "build" / "release"))).resolve()
+    with tempfile.TemporaryDirectory() as scratch, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as syslog:
+        log_socket = pathlib.Path(scratch) / "log"
+        syslog.bind(str(log_socket))
+        box = ["bwrap", "--unshare-all", "--unshare-user", "--uid", "0", "--gid", "0", "--hostname", "board"]
+        box += ["--die-with-parent", *host_view(), *board_view(board, log_socket), *shown_paths([build, *extra])]
+        box += ["--remount-ro", "/", *environment(board, build)]
+        # Ctrl-C is for the program on the board: the box around it must outlive it to report its end.
+        box += ["--", "/usr/bin/env", "--default-signal=INT", "--", *command]
+        before = signal.signal(signal.SIGINT, signal.SIG_IGN)
+        try:
+            with open(board.dir / "log", "a") as log:
+                return wait(subprocess.Popen(box), syslog, log)
+        finally:
+            signal.signal(signal.SIGINT, before)
+
+
+def host_view():
+    """The host's programs and libraries, read-only. /usr goes piece by piece: /usr/velox stands beside them."""
+    own = OWN_DIRECTORIES | {"velox"}
+    entries = [entry for top in ("/", "/usr") for entry in os.scandir(top) if entry.name not in own]
+    return [word for entry in sorted(entries, key=lambda entry: entry.path) for word in mirrored(entry)]
+
+
+def mirrored(entry):
+    if entry.is_symlink():
+        return ["--symlink", os.readlink(entry.path), entry.path]
+    return ["--ro-bind-try", entry.path, entry.path] if entry.is_dir() else []
+
+
+def board_view(board, log_socket):
+    own = {"/usr/velox": "velox", "/board/efuse": "efuse", "/tmp": "tmp", "/userdata": "userdata"}
+    view = ["--proc", "/proc", "--ro-bind", board.dir / "cmdline", "/proc/cmdline", "--dev", "/dev"]
+    view += ["--bind", log_socket, "/dev/log", "--dir", "/sys", "--tmpfs", "/run"]
+    for path, directory in own.items():
+        view += ["--ro-bind" if path == "/usr/velox" else "--bind", board.dir / directory, path]
+    for device in board.devices:
+        view += ["--bind", board.backing(device), device.node, "--symlink", device.node, f"{BY_NAME}/{device.name}"]
+    if board.medium.kind:
+        view += ["--ro-bind", board.dir / "flash.conf", "/board/flash.conf"]
+    return view
+
+
+def shown_paths(paths):
+    """The current directory and `paths`, where a directory of the board would hide them."""
+    here = pathlib.Path.cwd()
+    hidden = [path for path in (here, REPOSITORY, *(path.resolve() for path in paths)) if is_hidden(path)]
+    view = [word for path in hidden if len(path.parts) > 2 for word in ("--ro-bind-try", path, path)]
+    return [*view, "--chdir", "/" if is_hidden(here) and len(here.parts) == 2 else here]
+
+
+def is_hidden(path):
+    return path.parts[1:2] and path.parts[1] in OWN_DIRECTORIES - {"usr"}
+
+
+def environment(board, build):
+    libraries = ":".join(str(build / part) for part in ("src", "platform/liblog", "platform/efuse"))
+    variables = {
+        "PATH": f"{build}/tool:{os.environ.get('PATH', '/usr/bin:/bin')}",
+        "LD_LIBRARY_PATH": joined(libraries, os.environ.get("LD_LIBRARY_PATH")),
+        "TESSERA_EFUSE_FILE": "/board/efuse/counters",
+    }
+    if board.medium.kind:
+        variables["TESSERA_FLASH_CONF"] = "/board/flash.conf"
+        variables["LD_PRELOAD"] = joined(flash_library(build), os.environ.get("LD_PRELOAD"))
+    return [word for name, value in variables.items() for word in ("--setenv", name, value)]
+
+
+def joined(first, second):
+    return f"{first}:{second}" if second else str(first)
+
+
+def flash_library(build):
+    library = pathlib.Path(os.environ.get("TESSERA_FLASH_LIBRARY", build / "simulator" / "libtessera_flash.so"))
+    if not library.exists():
+        raise BoardError(f"a board with flash needs the flash simulator, and there is no {library}")
+    return library.resolve()
+
+
+def wait(box, syslog, log):
+    """Keeps the system log until the box has ended, then what is still queued: the end is told last."""
+    ended = os.pidfd_open(box.pid)
+    with selectors.DefaultSelector() as ready:
+        ready.register(ended, selectors.EVENT_READ)
+        ready.register(syslog, selectors.EVENT_READ)
+        while ended not in [key.fd for key, _ in ready.select()]:
+            keep_entries(syslog, log)
+    os.close(ended)
+    keep_entries(syslog, log)
+    status = box.wait()
+    return status if status >= 0 else 128 - status
+
+
+def keep_entries(syslog, log):
+    """Moves the queued entries, "<priority>text", to the log, one line each."""
+    while True:
+        try:
+            entry = syslog.recv(65536, socket.MSG_DONTWAIT).decode(errors="replace")
+        except BlockingIOError:
+            break
+        priority, _, text = entry.partition(">")
+        log.write(f"{SYSLOG_LEVELS[int(priority[1:]) & 7]:7} {text.rstrip()}\n")
+    log.flush()

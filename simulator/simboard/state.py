@@ -1,0 +1,233 @@
+"""The directory that is a board, and how a fresh one comes about."""
+
+import pathlib
+import re
+import shutil
+import struct
+import subprocess
+import tempfile
+from dataclasses import dataclass
+
+from . import BoardError, gpt, slots
+
+KIB, MIB = 1 << 10, 1 << 20
+VERSION_FILE = "/usr/velox/version"
+FACTORY_VERSION = "tessera_board_V1.0.0_20230101\n"
+FACTORY_SYSTEM_SIZE = 2 * MIB
+
+
+@dataclass(frozen=True)
+class Medium:
+    name: str
+    word: str  # on the kernel command line
+    node: str  # of a partition, with its number
+    first: int  # number of the first partition
+    system_size: int
+    kind: str = ""  # of the character devices; plain files without one
+    erase_size: int = 1
+    write_size: int = 1
+
+
+MEDIA = {
+    medium.name: medium
+    for medium in (
+        Medium("emmc", "MMC", "/dev/block/mmcblk0p{}", 1, 64 * MIB),
+        Medium("nand", "nand", "/dev/mtd{}", 0, 16 * MIB, "mtd", 128 * KIB, 2 * KIB),
+        Medium("nor", "nor", "/dev/mtd{}", 0, 4 * MIB, "mtd", 64 * KIB, 1),
+        Medium("ubi", "nand", "/dev/ubi0_{}", 0, 16 * MIB, "ubi", 124 * KIB, 2 * KIB),
+    )
+}
+
+PARTITIONS = {
+    "misc": MIB,
+    "ubootenv": MIB,
+    "flashcmd": MIB,
+    "miniboot_a": 4 * MIB,
+    "miniboot_b": 4 * MIB,
+    "uboot_a": 2 * MIB,
+    "uboot_b": 2 * MIB,
+    "vbmeta_a": MIB,
+    "vbmeta_b": MIB,
+    "boot_a": 4 * MIB,
+    "boot_b": 4 * MIB,
+    "system_a": None,
+    "system_b": None,
+}
+
+
+@dataclass(frozen=True)
+class Device:
+    name: str
+    node: str
+    bad: tuple = ()
+
+
+class Board:
+    """An existing board. Everything is read from its files anew, so that a hand or a test may edit them."""
+
+    def __init__(self, directory):
+        self.dir = directory.resolve()
+        try:
+            lines = (self.dir / "devices").read_text().splitlines()
+        except OSError as error:
+            raise BoardError(f"{directory} is no board: {error.strerror}: devices") from error
+        self.medium = MEDIA[lines[0].split()[1]]
+        self.devices = [parse_device(line) for line in lines[1:]]
+
+    def backing(self, device):
+        return self.dir / "partitions" / device.name
+
+    def device(self, name):
+        return next(device for device in self.devices if device.name == name)
+
+    def cmdline(self):
+        return (self.dir / "cmdline").read_text().strip()
+
+    def running_slot(self):
+        return "abc".index(re.search(r"veloxboot\.slot_suffix=_([abc])", self.cmdline())[1])
+
+    def come_up(self, slot):
+        """What a boot changes: the command line, the system with its version, and /tmp, which is empty then."""
+        suffix = f"veloxboot.slot_suffix=_{slots.letter(slot)}"
+        (self.dir / "cmdline").write_text(re.sub(r"veloxboot\.slot_suffix=_\w", suffix, self.cmdline()) + "\n")
+        version = self.version_in_slot(slot)
+        path = self.dir / "velox" / "version"
+        path.unlink(missing_ok=True)
+        if version:
+            path.write_text(version)
+        shutil.rmtree(self.dir / "tmp")
+        (self.dir / "tmp").mkdir()
+
+    def slot_block(self):
+        with open(self.backing(self.device("misc")), "rb") as misc:
+            misc.seek(slots.OFFSET)
+            return slots.SlotBlock(misc.read(slots.SIZE))
+
+    def save_slot_block(self, block):
+        with open(self.backing(self.device("misc")), "r+b") as misc:
+            misc.seek(slots.OFFSET)
+            misc.write(block.pack())
+
+    def version(self):
+        path = self.dir / "velox" / "version"
+        return path.read_text().strip() if path.exists() else ""
+
+    def fuses(self):
+        path = self.dir / "efuse" / "counters"
+        return ", ".join(path.read_text().splitlines()) if path.exists() else "sec 0, nosec 0"
+
+    def version_in_slot(self, slot):
+        """The version file out of the slot's system image; empty when no ext4 image with one is there."""
+        device = self.device(f"system_{slots.letter(slot)}")
+        with self.logical_file(device) as image:
+            command = ["/usr/sbin/debugfs", "-R", f"cat {VERSION_FILE}", image.name]
+            return subprocess.run(command, capture_output=True, text=True, errors="replace", check=False).stdout
+
+    def logical_file(self, device):
+        """The partition as its driver shows it to a file system: without the bad blocks."""
+        backing = open(self.backing(device), "rb")
+        if not device.bad:
+            return backing
+        good = tempfile.NamedTemporaryFile()
+        with backing:
+            for number in range(self.backing(device).stat().st_size // self.medium.erase_size):
+                block = backing.read(self.medium.erase_size)
+                if number not in device.bad:
+                    good.write(block)
+        good.flush()
+        return good
+
+    def write_logical(self, device, data):
+        chunk = self.medium.erase_size if device.bad else len(data)
+        number = 0
+        with open(self.backing(device), "r+b") as backing:
+            while data:
+                if number not in device.bad:
+                    backing.seek(number * chunk)
+                    backing.write(data[:chunk])
+                    data = data[chunk:]
+                number += 1
+
+
+def parse_device(line):
+    name, node, *bad = line.split()
+    return Device(name, node, tuple(int(number) for number in bad[0].split("=")[1].split(",")) if bad else ())
+
+
+def create(directory, medium, bad, system_size):
+    if directory.exists() and any(directory.iterdir()):
+        raise BoardError(f"{directory} is not empty")
+    if bad and medium.name != "nand":
+        raise BoardError("only a NAND board has bad blocks")
+    for part in ("partitions", "velox/share/ota", "efuse", "userdata/ota", "tmp"):
+        (directory / part).mkdir(parents=True)
+    (directory / "log").touch()
+    (directory / "cmdline").write_text(
+        f"console=ttyS0,115200 veloxboot.medium={medium.word} veloxboot.mode=normal veloxboot.slot_suffix=_a\n"
+    )
+    sizes = {name: whole_blocks(size or system_size or medium.system_size, medium) for name, size in PARTITIONS.items()}
+    write_devices(directory, medium, bad, sizes)
+    write_flash_commands(directory / "velox" / "share" / "ota")
+    fill(Board(directory))
+
+
+def whole_blocks(size, medium):
+    return -(-size // medium.erase_size) * medium.erase_size
+
+
+def write_devices(directory, medium, bad, sizes):
+    """The partitions with their files, the list that `run` goes by, and the one for the flash simulator."""
+    lines, flash = [f"medium {medium.name}"], []
+    for number, (name, size) in enumerate(sizes.items(), medium.first):
+        node = medium.node.format(number)
+        own_bad = ",".join(str(block) for block in bad if block < size // medium.erase_size)
+        marks = f" bad={own_bad}" if own_bad else ""
+        lines.append(f"{name} {node}{marks}")
+        flash.append(f"{node} {medium.kind} erasesize={medium.erase_size} writesize={medium.write_size}{marks}")
+        make_partition(directory / "partitions" / name, size, erased=bool(medium.kind))
+    if medium.kind:
+        (directory / "flash.conf").write_text("\n".join(flash) + "\n")
+    else:
+        lines.append("blk /dev/block/mmcblk0")
+        gpt.write(directory / "partitions" / "blk", sizes.items())
+    (directory / "devices").write_text("\n".join(lines) + "\n")
+
+
+def make_partition(path, size, erased):
+    with open(path, "wb") as file:
+        if not erased:
+            file.truncate(size)
+            return
+        for start in range(0, size, MIB):
+            file.write(b"\xff" * min(MIB, size - start))
+
+
+def write_flash_commands(directory):
+    """One command record: 4096 bytes for misc, unsigned."""
+    magic, command_type, offset, length = 0x46434D44, 1, 0, 4096
+    record = struct.pack("<4I", magic, command_type, offset, length)
+    (directory / "misc_write_cmd").write_bytes(record.ljust(2272, b"\0"))
+
+
+def fill(board):
+    """What the factory flashes: the slot block, and a system image with its version in both slots."""
+    board.save_slot_block(slots.SlotBlock.factory())
+    image = factory_system()
+    for slot in (0, 1):
+        board.write_logical(board.device(f"system_{slots.letter(slot)}"), image)
+    board.come_up(0)
+
+
+def factory_system():
+    with tempfile.TemporaryDirectory() as scratch:
+        root = pathlib.Path(scratch) / "root"
+        file = pathlib.Path(f"{root}{VERSION_FILE}")
+        file.parent.mkdir(parents=True)
+        file.write_text(FACTORY_VERSION)
+        image = pathlib.Path(scratch) / "image"
+        mkfs = shutil.which("mkfs.ext4", path="/usr/sbin:/sbin")
+        if mkfs is None:
+            raise BoardError("mkfs.ext4 is missing: install e2fsprogs")
+        command = [mkfs, "-q", "-O", "^has_journal", "-d", root, image, str(FACTORY_SYSTEM_SIZE // KIB)]
+        subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+        return image.read_bytes()
