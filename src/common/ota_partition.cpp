@@ -36,7 +36,7 @@ uint8_t g_mmc_buf[10485760];
 
 /* ---- block branch ---- */
 
-/** Opens the target of a block transfer's descriptor at its offset. */
+/** Moves a fresh descriptor to where the transfer starts. */
 bool seek_to_offset(const ota_descriptor& fd, const ota_file_info_t* file) {
     const auto offset = static_cast<off_t>(file->offset);
     if (lseek(fd.get(), offset, SEEK_SET) < 0) {
