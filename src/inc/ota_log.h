@@ -22,39 +22,38 @@
  */
 int32_t check_debug_level();
 
-#define OTA_LOG_LINE(level, format) "[OTA_" level "][%s:%d] " format
+#define OTA_LOG_TEXT(number) #number
+#define OTA_LOG_NUMBER(number) OTA_LOG_TEXT(number)
+#define OTA_LOG_HEAD(level) "[OTA_" level "][" __FILE_NAME__ ":" OTA_LOG_NUMBER(__LINE__) "] "
 #define OTA_LOG_CLEAR_LINE "\r\x1b[K"
 
-#define OTA_LOG_STREAM(stream, prefix, level, format, ...)                                                             \
-    (void)std::fprintf(stream, prefix OTA_LOG_LINE(level, format), __FILE_NAME__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
-#define OTA_LOG_SYSTEM(priority, level, format, ...)                                                                   \
-    (void)__android_log_print(priority, nullptr, OTA_LOG_LINE(level, format), __FILE_NAME__,                           \
-                              __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#define OTA_LOG_STREAM(stream, ...) (void)std::fprintf(stream, __VA_ARGS__)
+#define OTA_LOG_SYSTEM(priority, ...) (void)__android_log_print(priority, nullptr, __VA_ARGS__)
 
-#define ota_log_error(format, ...)                                                                                     \
+#define ota_log_error(...)                                                                                             \
     do {                                                                                                               \
-        OTA_LOG_STREAM(stderr, "", "ERROR", format, __VA_ARGS__);                                                      \
-        OTA_LOG_SYSTEM(ANDROID_LOG_ERROR, "ERROR", format, __VA_ARGS__);                                               \
+        OTA_LOG_STREAM(stderr, OTA_LOG_HEAD("ERROR") __VA_ARGS__);                                                     \
+        OTA_LOG_SYSTEM(ANDROID_LOG_ERROR, OTA_LOG_HEAD("ERROR") __VA_ARGS__);                                          \
     } while (0)
 
-#define ota_log_warning(format, ...)                                                                                   \
+#define ota_log_warning(...)                                                                                           \
     do {                                                                                                               \
-        OTA_LOG_STREAM(stderr, "", "WARNING", format, __VA_ARGS__);                                                    \
-        OTA_LOG_SYSTEM(ANDROID_LOG_ERROR, "WARNING", format, __VA_ARGS__);                                             \
+        OTA_LOG_STREAM(stderr, OTA_LOG_HEAD("WARNING") __VA_ARGS__);                                                   \
+        OTA_LOG_SYSTEM(ANDROID_LOG_ERROR, OTA_LOG_HEAD("WARNING") __VA_ARGS__);                                        \
     } while (0)
 
-#define ota_log_info(format, ...)                                                                                      \
+#define ota_log_info(...)                                                                                              \
     do {                                                                                                               \
-        OTA_LOG_STREAM(stdout, OTA_LOG_CLEAR_LINE, "INFO", format, __VA_ARGS__);                                       \
-        OTA_LOG_SYSTEM(ANDROID_LOG_INFO, "INFO", format, __VA_ARGS__);                                                 \
+        OTA_LOG_STREAM(stdout, OTA_LOG_CLEAR_LINE OTA_LOG_HEAD("INFO") __VA_ARGS__);                                   \
+        OTA_LOG_SYSTEM(ANDROID_LOG_INFO, OTA_LOG_HEAD("INFO") __VA_ARGS__);                                            \
     } while (0)
 
-#define ota_log_debug(format, ...)                                                                                     \
+#define ota_log_debug(...)                                                                                             \
     do {                                                                                                               \
         if (check_debug_level() > 0) {                                                                                 \
-            OTA_LOG_STREAM(stdout, OTA_LOG_CLEAR_LINE, "DEBUG", format, __VA_ARGS__);                                  \
+            OTA_LOG_STREAM(stdout, OTA_LOG_CLEAR_LINE OTA_LOG_HEAD("DEBUG") __VA_ARGS__);                              \
         }                                                                                                              \
-        OTA_LOG_SYSTEM(ANDROID_LOG_DEBUG, "DEBUG", format, __VA_ARGS__);                                               \
+        OTA_LOG_SYSTEM(ANDROID_LOG_DEBUG, OTA_LOG_HEAD("DEBUG") __VA_ARGS__);                                          \
     } while (0)
 
 #endif
