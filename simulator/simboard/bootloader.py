@@ -12,6 +12,7 @@ def boot(board, fails):
     given up. With `fails` the slot designated first does not come up.
     @return whether a slot came up
     """
+    board.sync()
     block = board.slot_block()
     broken = block.best() if fails else None
     while (number := block.best()) is not None:

@@ -13,6 +13,7 @@ from . import BoardError
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 BY_NAME = "/dev/block/platform/by-name"
+FLASH_CONF = "/board/flash.conf"
 # Directories of the host that the board has of its own, so that nothing of the host shows through.
 OWN_DIRECTORIES = {"board", "dev", "proc", "run", "sys", "tmp", "userdata", "usr"}
 SYSLOG_LEVELS = ("emerg", "alert", "crit", "err", "warning", "notice", "info", "debug")
@@ -28,7 +29,7 @@ def run(board, command, build, extra):
         syslog.bind(str(log_socket))
         box = ["bwrap", "--unshare-all", "--unshare-user", "--uid", "0", "--gid", "0", "--hostname", "board"]
         box += ["--die-with-parent", *host_view(), *board_view(board, log_socket), *shown_paths([build, *extra])]
-        box += ["--remount-ro", "/", *environment(board, build)]
+        box += ["--remount-ro", "/", *environment(build)]
         # Ctrl-C is for the program on the board: the box around it must outlive it to report its end.
         box += ["--", "/usr/bin/env", "--default-signal=INT", "--", *command]
         before = signal.signal(signal.SIGINT, signal.SIG_IGN)
@@ -53,15 +54,13 @@ def mirrored(entry):
 
 
 def board_view(board, log_socket):
-    own = {"/usr/velox": "velox", "/board/efuse": "efuse", "/tmp": "tmp", "/userdata": "userdata"}
+    own = {"/board/efuse": "efuse", "/board/state": "state", "/tmp": "tmp", "/userdata": "userdata"}
     view = ["--proc", "/proc", "--ro-bind", board.dir / "cmdline", "/proc/cmdline", "--dev", "/dev"]
     view += ["--bind", log_socket, "/dev/log", "--dir", "/sys", "--tmpfs", "/run"]
-    for path, directory in own.items():
-        view += ["--ro-bind" if path == "/usr/velox" else "--bind", board.dir / directory, path]
+    view += ["--ro-bind", board.dir / "velox", "/usr/velox", "--ro-bind", board.dir / "flash.conf", FLASH_CONF]
+    view += [word for path, directory in own.items() for word in ("--bind", board.dir / directory, path)]
     for device in board.devices:
         view += ["--bind", board.backing(device), device.node, "--symlink", device.node, f"{BY_NAME}/{device.name}"]
-    if board.medium.kind:
-        view += ["--ro-bind", board.dir / "flash.conf", "/board/flash.conf"]
     return view
 
 
@@ -77,16 +76,17 @@ def is_hidden(path):
     return path.parts[1:2] and path.parts[1] in OWN_DIRECTORIES - {"usr"}
 
 
-def environment(board, build):
+def environment(build):
     libraries = ":".join(str(build / part) for part in ("src", "platform/liblog", "platform/efuse"))
     variables = {
         "PATH": f"{build}/tool:{os.environ.get('PATH', '/usr/bin:/bin')}",
         "LD_LIBRARY_PATH": joined(libraries, os.environ.get("LD_LIBRARY_PATH")),
+        "LD_PRELOAD": joined(device_simulator(build), os.environ.get("LD_PRELOAD")),
+        # The device simulator stands in front of a sanitizer, which only has to be before the C library.
+        "ASAN_OPTIONS": joined("verify_asan_link_order=0", os.environ.get("ASAN_OPTIONS")),
         "TESSERA_EFUSE_FILE": "/board/efuse/counters",
+        "TESSERA_FLASH_CONF": FLASH_CONF,
     }
-    if board.medium.kind:
-        variables["TESSERA_FLASH_CONF"] = "/board/flash.conf"
-        variables["LD_PRELOAD"] = joined(flash_library(build), os.environ.get("LD_PRELOAD"))
     return [word for name, value in variables.items() for word in ("--setenv", name, value)]
 
 
@@ -94,10 +94,10 @@ def joined(first, second):
     return f"{first}:{second}" if second else str(first)
 
 
-def flash_library(build):
+def device_simulator(build):
     library = pathlib.Path(os.environ.get("TESSERA_FLASH_LIBRARY", build / "simulator" / "libtessera_flash.so"))
     if not library.exists():
-        raise BoardError(f"a board with flash needs the flash simulator, and there is no {library}")
+        raise BoardError(f"there is no {library} to simulate the devices: build the project first")
     return library.resolve()
 
 

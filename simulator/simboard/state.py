@@ -23,17 +23,20 @@ class Medium:
     node: str  # of a partition, with its number
     first: int  # number of the first partition
     system_size: int
-    kind: str = ""  # of the character devices; plain files without one
+    kind: str  # to the device simulator
     erase_size: int = 1
     write_size: int = 1
+
+    def is_flash(self):
+        return self.erase_size > 1
 
 
 MEDIA = {
     medium.name: medium
     for medium in (
-        Medium("emmc", "MMC", "/dev/block/mmcblk0p{}", 1, 64 * MIB),
+        Medium("emmc", "MMC", "/dev/block/mmcblk0p{}", 1, 64 * MIB, "block"),
         Medium("nand", "nand", "/dev/mtd{}", 0, 16 * MIB, "mtd", 128 * KIB, 2 * KIB),
-        Medium("nor", "nor", "/dev/mtd{}", 0, 4 * MIB, "mtd", 64 * KIB, 1),
+        Medium("nor", "nor", "/dev/mtd{}", 0, 4 * MIB, "nor", 64 * KIB, 1),
         Medium("ubi", "nand", "/dev/ubi0_{}", 0, 16 * MIB, "ubi", 124 * KIB, 2 * KIB),
     )
 }
@@ -98,6 +101,12 @@ class Board:
         shutil.rmtree(self.dir / "tmp")
         (self.dir / "tmp").mkdir()
 
+    def sync(self):
+        """What an orderly reboot does first. A disk keeps as its state only what is not synced."""
+        if not self.medium.is_flash():
+            for path in (self.dir / "state").iterdir():
+                path.unlink()
+
     def slot_block(self):
         with open(self.backing(self.device("misc")), "rb") as misc:
             misc.seek(slots.OFFSET)
@@ -159,7 +168,7 @@ def create(directory, medium, bad, system_size):
         raise BoardError(f"{directory} is not empty")
     if bad and medium.name != "nand":
         raise BoardError("only a NAND board has bad blocks")
-    for part in ("partitions", "velox/share/ota", "efuse", "userdata/ota", "tmp"):
+    for part in ("partitions", "velox/share/ota", "efuse", "state", "userdata/ota", "tmp"):
         (directory / part).mkdir(parents=True)
     (directory / "log").touch()
     (directory / "cmdline").write_text(
@@ -176,20 +185,20 @@ def whole_blocks(size, medium):
 
 
 def write_devices(directory, medium, bad, sizes):
-    """The partitions with their files, the list that `run` goes by, and the one for the flash simulator."""
-    lines, flash = [f"medium {medium.name}"], []
+    """The partitions with their files, the list that `run` goes by, and the one for the device simulator."""
+    lines, registry = [f"medium {medium.name}"], []
     for number, (name, size) in enumerate(sizes.items(), medium.first):
         node = medium.node.format(number)
         own_bad = ",".join(str(block) for block in bad if block < size // medium.erase_size)
         marks = f" bad={own_bad}" if own_bad else ""
+        geometry = f" erasesize={medium.erase_size} writesize={medium.write_size}" if medium.is_flash() else ""
         lines.append(f"{name} {node}{marks}")
-        flash.append(f"{node} {medium.kind} erasesize={medium.erase_size} writesize={medium.write_size}{marks}")
-        make_partition(directory / "partitions" / name, size, erased=bool(medium.kind))
-    if medium.kind:
-        (directory / "flash.conf").write_text("\n".join(flash) + "\n")
-    else:
+        registry.append(f"{node} {medium.kind} state=/board/state/{name}{geometry}{marks}")
+        make_partition(directory / "partitions" / name, size, erased=medium.is_flash())
+    if not medium.is_flash():
         lines.append("blk /dev/block/mmcblk0")
         gpt.write(directory / "partitions" / "blk", sizes.items())
+    (directory / "flash.conf").write_text("\n".join(registry) + "\n")
     (directory / "devices").write_text("\n".join(lines) + "\n")
 
 
