@@ -186,12 +186,12 @@ int32_t verify_antirollback_version(update_info_t* update_info, const char* zip_
         ota_log_error("'update_info' is a null pointer.\n");
         return -1;
     }
-    if (zip_path == nullptr || unzip_path == nullptr) {
-        ota_log_error("'%s' is a null pointer.\n", zip_path == nullptr ? "zip_path" : "unzip_path");
-        return -1;
-    }
     if (update_info->parse_flag == 0) {
         ota_log_info("no parse json file!\n");
+        return -1;
+    }
+    if (zip_path == nullptr || unzip_path == nullptr) {
+        ota_log_error("'%s' is a null pointer.\n", zip_path == nullptr ? "zip_path" : "unzip_path");
         return -1;
     }
     if (get_image_antirollback(update_info, &image_ver, zip_path, unzip_path) != 0 ||
