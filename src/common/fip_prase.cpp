@@ -439,5 +439,8 @@ int32_t vx_fip_img_anti_read(const char* img_path, uint32_t img_type, uint32_t* 
         return -1;
     }
     file.reset(); /* the images are copies of their own */
-    return judge_certificates(ab_ver);
+    ERR_set_mark();
+    const int32_t ret = judge_certificates(ab_ver);
+    ERR_pop_to_mark(); /* the thread's error queue is the caller's */
+    return ret;
 }
