@@ -1,0 +1,130 @@
+#include "device.h"
+
+#include "failure.h"
+#include "text.h"
+#include "ubi_volume_info.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <mtd/mtd-user.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+Descriptor::~Descriptor() {
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+}
+
+Device::Device(const std::string& path) : path_(path), fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+    if (fd_.get() < 0) {
+        throw Failure(ExitCode::device, "cannot open " + path_ + because(errno));
+    }
+    identify();
+}
+
+/** Asks the requests first: they tell what a node is whatever its type in the file system. */
+void Device::identify() {
+    mtd_info_user mtd{};
+    if (ioctl(fd_.get(), MEMGETINFO, &mtd) == 0 && mtd.erasesize > 0) {
+        kind_ = DeviceKind::mtd;
+        size_ = mtd.size;
+        block_size_ = mtd.erasesize;
+        find_good_blocks();
+        return;
+    }
+    ubi_info_user volume{};
+    if (ioctl(fd_.get(), UBI_IOCVOLINFO, &volume) == 0) {
+        kind_ = DeviceKind::ubi;
+        size_ = static_cast<uint64_t>(std::max<int64_t>(0, volume.used_bytes));
+        return;
+    }
+    struct stat status {};
+    if (fstat(fd_.get(), &status) != 0) {
+        throw Failure(ExitCode::device, "cannot look at " + path_ + because(errno));
+    }
+    if (S_ISREG(status.st_mode)) {
+        size_ = static_cast<uint64_t>(status.st_size);
+        return;
+    }
+    kind_ = DeviceKind::block;
+    if (!S_ISBLK(status.st_mode) || ioctl(fd_.get(), BLKGETSIZE64, &size_) != 0) {
+        throw Failure(ExitCode::device, path_ + " tells no size");
+    }
+}
+
+void Device::find_good_blocks() {
+    for (uint64_t start = 0; start + block_size_ <= size_; start += block_size_) {
+        auto offset = static_cast<__kernel_loff_t>(start);
+        if (ioctl(fd_.get(), MEMGETBADBLOCK, &offset) == 0) {
+            good_blocks_.push_back(start);
+        }
+    }
+}
+
+uint64_t Device::capacity() const {
+    return kind_ == DeviceKind::mtd ? good_blocks_.size() * block_size_ : size_;
+}
+
+void Device::read_raw(uint64_t offset, std::span<uint8_t> bytes) const {
+    while (!bytes.empty()) {
+        const ssize_t got = pread(fd_.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            throw Failure(ExitCode::device, "cannot read " + path_ +
+                                                format(" at byte %llu", static_cast<unsigned long long>(offset)) +
+                                                (got < 0 ? because(errno) : ": it ends there"));
+        }
+        offset += static_cast<uint64_t>(got);
+        bytes = bytes.subspan(static_cast<size_t>(got));
+    }
+}
+
+void Device::read(uint64_t offset, std::span<uint8_t> bytes) const {
+    if (kind_ != DeviceKind::mtd) {
+        read_raw(offset, bytes);
+        return;
+    }
+    while (!bytes.empty()) {
+        const uint64_t block = offset / block_size_;
+        const uint64_t within = offset % block_size_;
+        if (block >= good_blocks_.size()) {
+            throw Failure(ExitCode::device, path_ + " has too few good blocks");
+        }
+        const size_t length = std::min<size_t>(bytes.size(), block_size_ - within);
+        read_raw(good_blocks_[block] + within, bytes.first(length));
+        offset += length;
+        bytes = bytes.subspan(length);
+    }
+}
+
+void Device::sync() const {
+    /* MTD devices write through and refuse the request. */
+    if (fsync(fd_.get()) != 0 && errno != EINVAL && errno != ENOTSUP) {
+        throw Failure(ExitCode::device, "cannot sync " + path_ + because(errno));
+    }
+    (void)posix_fadvise(fd_.get(), 0, 0, POSIX_FADV_DONTNEED);
+}
+
+void Device::push(uint64_t begin, uint64_t end) const {
+    const auto from = static_cast<off64_t>(begin);
+    const auto length = static_cast<off64_t>(end - begin);
+    constexpr unsigned wait = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    (void)sync_file_range(fd_.get(), from, length, SYNC_FILE_RANGE_WRITE);
+    if (begin > 0) {
+        (void)sync_file_range(fd_.get(), 0, from, wait);
+    }
+}
+
+std::optional<uint32_t> Device::uncorrectable_reads() const {
+    mtd_ecc_stats stats{};
+    if (kind_ != DeviceKind::mtd || ioctl(fd_.get(), ECCGETSTATS, &stats) != 0) {
+        return std::nullopt;
+    }
+    return stats.failed;
+}

@@ -1,0 +1,14 @@
+/** The exit statuses of the command, in one place. `tessera --help` and the documents follow this table. */
+#ifndef TOOL_EXIT_CODE_H
+#define TOOL_EXIT_CODE_H
+
+enum class ExitCode : int {
+    ok = 0,
+    failed = 1,        /* refused or failed for a reason of its own; another update holds the lock */
+    usage = 2,         /* the command line makes no sense */
+    refused = 3,       /* the package is not to be trusted, not whole, or not for this board */
+    device = 4,        /* a device of the board could not be read or written, or did not keep the bytes */
+    interrupted = 130, /* ended by a signal at a safe point */
+};
+
+#endif

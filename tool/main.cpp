@@ -1,0 +1,105 @@
+/** tessera: dispatches to the verbs and turns whatever goes wrong into one plain sentence. */
+#include "verb.h"
+
+#include <csignal>
+#include <cstring>
+
+namespace {
+
+constexpr Verb verbs[] = {
+    {"board", "Show what this board is, or check what it must supply", declare_board},
+    {"slots", "Show or change the A/B slots", declare_slots},
+};
+
+constexpr char exit_table[] = "Exit status: 0 done; 1 refused or failed, or another update is running; 2 usage;\n"
+                              "3 the package is refused; 4 a device failed; 130 interrupted";
+
+void add_common_options(CLI::App& app, Context& context) {
+    app.add_flag("--json", context.json, "Print results and errors as JSON");
+    app.add_flag("-v,--verbose", context.verbose, "Let the library's log lines through to stderr");
+}
+
+void declare_all(CLI::App& app, Context& context) {
+    app.name("tessera");
+    app.footer(exit_table);
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "tessera " TESSERA_VERSION);
+    add_common_options(app, context);
+    for (const Verb& verb : verbs) {
+        CLI::App* command = app.add_subcommand(verb.name, verb.summary);
+        add_common_options(*command, context);
+        verb.declare(*command, context);
+    }
+}
+
+/** A sentence of the parser in the manner of the command: lower case, no full stop. */
+std::string in_our_manner(std::string sentence) {
+    while (!sentence.empty() && (sentence.back() == '.' || sentence.back() == '\n')) {
+        sentence.pop_back();
+    }
+    const bool is_word = sentence.size() > 1 && std::islower(static_cast<unsigned char>(sentence[1])) != 0;
+    if (is_word) {
+        sentence[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(sentence[0])));
+    }
+    return sentence;
+}
+
+bool asks_for_json(int argc, char** argv) {
+    return std::any_of(argv + 1, argv + argc, [](const char* word) { return std::strcmp(word, "--json") == 0; });
+}
+
+std::string usage_hint(const CLI::App& app) {
+    const auto chosen = app.get_subcommands();
+    return chosen.empty() ? "tessera --help" : "tessera " + chosen.front()->get_name() + " --help";
+}
+
+/** Parses the command line and does what it says. */
+void run(CLI::App& app, Context& context, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& asked) { /* --help, --version */
+        std::ostringstream text;
+        app.exit(asked, text, text);
+        console::print(text.str());
+        return;
+    } catch (const CLI::ParseError& error) {
+        context.json = asks_for_json(argc, argv);
+        throw Failure(ExitCode::usage, in_our_manner(error.what()), usage_hint(app));
+    }
+    if (context.verbose) {
+        console::be_verbose();
+    }
+    context.run();
+}
+
+ExitCode guarded_run(int argc, char** argv) {
+    CLI::App app("Updates an embedded board over its A/B slots, and shows and mends what an update relies on");
+    Context context;
+    declare_all(app, context);
+    try {
+        run(app, context, argc, argv);
+        return ExitCode::ok;
+    } catch (const Failure& failure) {
+        console::report(failure, context.json);
+        return failure.code;
+    } catch (const std::bad_alloc&) {
+        console::report(Failure(ExitCode::failed, "out of memory"), context.json);
+    } catch (const std::exception& error) {
+        console::report(Failure(ExitCode::failed, in_our_manner(error.what())), context.json);
+    }
+    return ExitCode::failed;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    /* A reader that goes away must not end an update half-way. */
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    console::open();
+    ExitCode code = guarded_run(argc, argv);
+    if (!console::close() && code == ExitCode::ok) {
+        console::note("cannot write the results");
+        code = ExitCode::failed;
+    }
+    return static_cast<int>(code);
+}

@@ -1,0 +1,34 @@
+#include "partition.h"
+
+#include "console.h"
+#include "device.h"
+
+std::string partition_path(const std::string& name) {
+    char untouched[sizeof ota_file_info_t::path];
+    char path[sizeof ota_file_info_t::path];
+    require(ExitCode::device, "cannot locate the partition " + name,
+            [&] { return get_part_device_name(name.c_str(), untouched, path, PERMANENT); });
+    return path;
+}
+
+ota_file_info_t locate(const std::string& name) {
+    ota_file_info_t place{};
+    partition_path(name).copy(place.path, sizeof place.path - 1);
+    place.medium = static_cast<ota_medium_e>(get_boot_medium());
+    return place;
+}
+
+void read_record(const std::string& partition, uint64_t offset, std::span<uint8_t> record) {
+    ota_file_info_t place = locate(partition);
+    place.offset = offset;
+    const int32_t got = require(ExitCode::device, "cannot read " + partition, [&] {
+        return ota_file_to_buf(&place, reinterpret_cast<char*>(record.data()), record.size());
+    });
+    if (static_cast<size_t>(got) != record.size()) {
+        throw Failure(ExitCode::device, partition + " ends before its record");
+    }
+}
+
+void sync_partition(const std::string& name) {
+    Device(partition_path(name)).sync();
+}

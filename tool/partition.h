@@ -1,0 +1,25 @@
+/** Partitions by name: where they lie, and the few bytes of stored records in them. */
+#ifndef TOOL_PARTITION_H
+#define TOOL_PARTITION_H
+
+#include "velox_ota_hl.h"
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+inline constexpr char partition_directory[] = "/dev/block/platform/by-name/";
+
+/** The path of a partition that exists once, or of one slot's copy when `name` has the suffix. */
+std::string partition_path(const std::string& name);
+
+/** A partition of the boot medium that exists once, as the target of a transfer at byte 0. */
+ota_file_info_t locate(const std::string& name);
+
+/** Reads a stored record as it lies there. Throws when it cannot be read whole. */
+void read_record(const std::string& partition, uint64_t offset, std::span<uint8_t> record);
+
+/** Waits until the medium holds what was written to a partition. */
+void sync_partition(const std::string& name);
+
+#endif

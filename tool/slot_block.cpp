@@ -1,0 +1,88 @@
+#include "slot_block.h"
+
+#include "console.h"
+#include "names.h"
+#include "partition.h"
+
+#include <algorithm>
+#include <span>
+
+namespace {
+
+constexpr char block_partition[] = "misc";
+constexpr uint64_t block_offset = offsetof(bootloader_message_ab, slot_suffix);
+constexpr uint32_t block_magic = 0x42414342;
+
+template <class Change>
+void change_block(const std::string& sentence, Change change) {
+    require(ExitCode::device, sentence, change);
+    sync_partition(block_partition);
+}
+
+} // namespace
+
+const char* Slot::state() const {
+    if (corrupted) {
+        return "corrupted";
+    }
+    if (tries == 0) {
+        return "unbootable";
+    }
+    return marked_good ? "confirmed" : "trial";
+}
+
+std::string Slot::name() const {
+    return "slot " + slot_letter(number);
+}
+
+const Slot* SlotBlock::find(int32_t number) const {
+    const auto found =
+        std::find_if(slots.begin(), slots.end(), [&](const Slot& slot) { return slot.number == number; });
+    return found == slots.end() ? nullptr : &*found;
+}
+
+bool SlotBlock::boots_without(int32_t number) const {
+    return std::any_of(slots.begin(), slots.end(),
+                       [&](const Slot& slot) { return slot.number != number && slot.is_bootable(); });
+}
+
+SlotBlock read_slot_block() {
+    bootloader_control raw{};
+    const std::span<uint8_t> bytes(reinterpret_cast<uint8_t*>(&raw), sizeof raw);
+    read_record(block_partition, block_offset, bytes);
+    if (raw.magic != block_magic) {
+        throw Failure(ExitCode::device, "misc holds no slot block", "tessera slots reset");
+    }
+    SlotBlock block{{}, raw.nb_slot, CRC32(bytes.data(), offsetof(bootloader_control, crc32_le)) == raw.crc32_le};
+    const auto count = std::min<size_t>(raw.nb_slot, std::size(raw.slot_info));
+    for (size_t i = 0; i < count; ++i) {
+        const slot_metadata& slot = raw.slot_info[i];
+        block.slots.push_back({static_cast<int32_t>(i), slot.priority, slot.tries_remaining, slot.successful_boot != 0,
+                               slot.verity_corrupted != 0});
+    }
+    return block;
+}
+
+std::optional<int32_t> next_slot() {
+    const int32_t slot = ota_get_next_expected_slot();
+    return slot < 0 ? std::nullopt : std::optional(slot);
+}
+
+int32_t running_slot() {
+    return require(ExitCode::failed, "cannot tell which slot is running", [] { return ota_get_cur_slot(); });
+}
+
+void set_next_slot(int32_t slot) {
+    change_block("cannot make slot " + slot_letter(slot) + " the next one",
+                 [&] { return ota_set_next_expected_slot(slot); });
+}
+
+void mark_slot_good(int32_t slot) {
+    change_block("cannot mark slot " + slot_letter(slot) + " good",
+                 [&] { return ota_mark_slot_boot_successful(slot); });
+}
+
+void mark_slot_unbootable(int32_t slot) {
+    change_block("cannot make slot " + slot_letter(slot) + " unbootable",
+                 [&] { return ota_set_slot_unbootable(slot); });
+}

@@ -1,0 +1,53 @@
+/** The slot block in "misc" as a whole, for showing it and for judging what a change would leave. */
+#ifndef TOOL_SLOT_BLOCK_H
+#define TOOL_SLOT_BLOCK_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct Slot {
+    int32_t number;
+    uint32_t priority;
+    uint32_t tries;
+    bool marked_good;
+    bool corrupted;
+
+    [[nodiscard]] bool is_bootable() const {
+        return tries > 0 && !corrupted;
+    }
+    [[nodiscard]] bool is_confirmed() const {
+        return is_bootable() && marked_good;
+    }
+    /** trial, confirmed, unbootable or corrupted */
+    [[nodiscard]] const char* state() const;
+    /** "slot a" */
+    [[nodiscard]] std::string name() const;
+};
+
+struct SlotBlock {
+    std::vector<Slot> slots;
+    uint32_t stored_count; /* may be above the number of slots in a damaged block */
+    bool checksum_is_right;
+
+    [[nodiscard]] const Slot* find(int32_t number) const;
+    /** Whether a bootloader finds something to boot other than `number`. */
+    [[nodiscard]] bool boots_without(int32_t number) const;
+};
+
+/** Reads the block. Throws when it cannot be read or is none. */
+SlotBlock read_slot_block();
+
+/** The slot that the bootloader takes next; nothing when it has none. */
+std::optional<int32_t> next_slot();
+
+/** The slot that runs. Throws when the kernel command line does not tell. */
+int32_t running_slot();
+
+/** Makes a change of the block through the library, and waits until the medium holds it. */
+void set_next_slot(int32_t slot);
+void mark_slot_good(int32_t slot);
+void mark_slot_unbootable(int32_t slot);
+
+#endif

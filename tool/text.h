@@ -1,0 +1,25 @@
+/** Small helpers that make text for people. */
+#ifndef TOOL_TEXT_H
+#define TOOL_TEXT_H
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+/** printf into a string. */
+[[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...);
+
+/** A number of bytes in the unit that suits it: "1.5 MiB". */
+std::string human_bytes(uint64_t bytes);
+
+/** The message of an errno value behind ": ". */
+std::string because(int error);
+
+/** Lower-case hexadecimal digits. */
+std::string to_hex(std::span<const uint8_t> bytes);
+
+/** Columns with a heading, each as wide as its widest cell. Cells that hold a number stand to the right. */
+std::string table(const std::vector<std::string>& heading, const std::vector<std::vector<std::string>>& rows);
+
+#endif

@@ -1,0 +1,49 @@
+/** The table of verbs. Each verb lives in a file of its own, verb_<name>.cpp. */
+#ifndef TOOL_VERB_H
+#define TOOL_VERB_H
+
+#include "console.h"
+#include "json.h"
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
+#include <string>
+
+/** One run of the command. */
+struct Context {
+    bool json = false;
+    bool verbose = false;
+    std::function<void()> run; /* what the verb on the command line does; throws Failure */
+
+    /** Prints a result, in the form asked for. */
+    void show(const Json& value, const std::string& text) const {
+        console::print(json ? value.dump(2) : text);
+    }
+};
+
+struct Verb {
+    const char* name;
+    const char* summary;
+    void (*declare)(CLI::App& verb, Context& context); /* adds options, and what to do */
+};
+
+/** Has `command` do `action`, unless a command below it is given. */
+inline void on_command(CLI::App& command, Context& context, const std::function<void()>& action) {
+    command.callback([&command, &context, action] {
+        if (command.get_subcommands().empty()) {
+            context.run = action;
+        }
+    });
+}
+
+/** A command below a verb; it takes the verb's common options too. */
+inline CLI::App& add_command(CLI::App& verb, const char* name, const char* summary) {
+    return *verb.add_subcommand(name, summary)->fallthrough();
+}
+
+void declare_board(CLI::App& verb, Context& context);
+void declare_slots(CLI::App& verb, Context& context);
+void declare_install(CLI::App& verb, Context& context);
+
+#endif

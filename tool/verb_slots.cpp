@@ -1,0 +1,105 @@
+/** tessera slots: the table of A/B slots and the changes to it. */
+#include "names.h"
+#include "partition.h"
+#include "slot_block.h"
+#include "text.h"
+#include "velox_ota_hl.h"
+#include "verb.h"
+
+namespace {
+
+Json to_json(const Slot& slot, int32_t running, std::optional<int32_t> next) {
+    return {{"slot", slot.number},         {"letter", slot_letter(slot.number)},
+            {"state", slot.state()},       {"priority", slot.priority},
+            {"tries", slot.tries},         {"marked_good", slot.marked_good},
+            {"corrupted", slot.corrupted}, {"running", running < 0 ? Json() : Json(slot.number == running)},
+            {"next", slot.number == next}};
+}
+
+std::string remark(const Slot& slot, int32_t running, std::optional<int32_t> next) {
+    const bool runs = slot.number == running;
+    const bool is_next = slot.number == next;
+    return runs && is_next ? "running, boots next" : runs ? "running" : is_next ? "boots next" : "";
+}
+
+std::vector<std::string> to_row(const Slot& slot, const std::string& remarks) {
+    return {std::to_string(slot.number), slot_letter(slot.number),        slot.state(), std::to_string(slot.priority),
+            std::to_string(slot.tries),  slot.marked_good ? "yes" : "no", remarks};
+}
+
+/** What is odd about the block as a whole. */
+std::string complaints(const SlotBlock& block, int32_t running, std::optional<int32_t> next) {
+    std::string text;
+    if (!block.checksum_is_right) {
+        text += "the checksum of the slot block is wrong\n";
+    }
+    if (block.stored_count > block.slots.size()) {
+        text += format("the slot block speaks of %u slots, of which only %zu can be used\n", block.stored_count,
+                       block.slots.size());
+    }
+    if (running < 0) {
+        text += "which slot is running is unknown: the kernel command line does not tell\n";
+    }
+    if (!next) {
+        text += "no slot can be booted\n";
+    }
+    return text;
+}
+
+void show_slots(const Context& context) {
+    const SlotBlock block = read_slot_block();
+    const int32_t running = ota_get_cur_slot();
+    const auto next = next_slot();
+    Json slots = Json::array();
+    std::vector<std::vector<std::string>> rows;
+    for (const Slot& slot : block.slots) {
+        slots.push_back(to_json(slot, running, next));
+        rows.push_back(to_row(slot, remark(slot, running, next)));
+    }
+    const Json value = {{"running", running < 0 ? Json() : Json(running)},
+                        {"next", next ? Json(*next) : Json()},
+                        {"checksum_is_right", block.checksum_is_right},
+                        {"slots", slots}};
+    context.show(value, table({"slot", "", "state", "priority", "tries", "marked good", ""}, rows) +
+                            complaints(block, running, next));
+}
+
+/** Refuses slots that the block does not have, before anything is written. */
+int32_t existing_slot(const std::string& word) {
+    const SlotBlock block = read_slot_block();
+    const auto number = slot_from_word(word);
+    if (!number || block.find(*number) == nullptr) {
+        throw Failure(ExitCode::failed, "there is no slot " + word, "tessera slots");
+    }
+    return *number;
+}
+
+void declare_change(CLI::App& verb, Context& context, const char* name, const char* summary, void (*change)(int32_t)) {
+    CLI::App& command = add_command(verb, name, summary);
+    auto word = std::make_shared<std::string>();
+    command.add_option("SLOT", *word, "Number or letter of the slot")->required();
+    on_command(command, context, [&context, word, change] {
+        change(existing_slot(*word));
+        show_slots(context);
+    });
+}
+
+void reset_block() {
+    require(ExitCode::device, "cannot write a new slot block", [] { return ota_set_slotmeta_to_default(); });
+    sync_partition("misc");
+}
+
+} // namespace
+
+void declare_slots(CLI::App& verb, Context& context) {
+    verb.require_subcommand(0, 1);
+    on_command(verb, context, [&context] { show_slots(context); });
+    declare_change(verb, context, "set-next", "Boot this slot next, with one try", set_next_slot);
+    declare_change(verb, context, "mark-good", "Mark this slot as booted successfully", mark_slot_good);
+    declare_change(verb, context, "mark-bad", "Make this slot unbootable", mark_slot_unbootable);
+    CLI::App& reset = add_command(verb, "reset", "Write a new block: two slots on trial, with 7 tries each");
+    on_command(reset, context, [&context] {
+        reset_block();
+        show_slots(context);
+    });
+}
