@@ -1,0 +1,469 @@
+/**
+ * The calls of the C library that reach a simulated device instead of the file behind it, and the setup.
+ *
+ * A descriptor is looked up by the file that it leads to, at every call: so it does not matter how the
+ * program came by it. Everything else goes on to the next definition of the call, which may be that of
+ * another library loaded in the same way.
+ */
+#include "flash_device.h"
+#include "flash_script.h"
+#include "flash_sim.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <exception>
+#include <fcntl.h>
+#include <mutex>
+#include <stdexcept>
+#include <sys/ioctl.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static_assert(sizeof(off_t) == 8, "the 64-bit calls are served by the plain ones");
+
+namespace {
+
+/** The devices, the script and the journal of this process. */
+class simulation {
+public:
+    void add(const std::string& line) {
+        const std::lock_guard lock(mutex_);
+        devices_.push_back(make_device(line));
+        in_use_ = true;
+    }
+
+    void clear() {
+        const std::lock_guard lock(mutex_);
+        in_use_ = false;
+        devices_.clear();
+        start({});
+    }
+
+    void load(flash_script script) {
+        const std::lock_guard lock(mutex_);
+        start(std::move(script));
+        if (script_.cuts_at_once()) {
+            lose_power();
+        }
+    }
+
+    void reboot() {
+        const std::lock_guard lock(mutex_);
+        lose_power();
+        start({});
+    }
+
+    void journal_to(FILE* file) {
+        journal_file_ = file;
+    }
+
+    uint64_t operations() {
+        const std::lock_guard lock(mutex_);
+        return script_.operations();
+    }
+
+    const char* journal() {
+        const std::lock_guard lock(mutex_);
+        journal_shown_ = journal_;
+        return journal_shown_.c_str();
+    }
+
+    named_device* find(const struct stat& status) {
+        if (!in_use_ || !S_ISREG(status.st_mode)) {
+            return nullptr;
+        }
+        const std::lock_guard lock(mutex_);
+        for (named_device& named : devices_) {
+            if (named.device->is(status.st_dev, status.st_ino)) {
+                return &named;
+            }
+        }
+        return nullptr;
+    }
+
+    /**
+     * Carries an operation out, unless the script has something else in mind.
+     * @param work  given the number of bytes to move at most; gives what a system call would
+     */
+    template <class Work>
+    long perform(const named_device& named, const flash_operation& operation, Work work) {
+        const std::lock_guard lock(mutex_);
+        const flash_verdict verdict = script_.judge(operation);
+        if (verdict.refused) {
+            return -EIO;
+        }
+        named.device->set_tearing(verdict.tears);
+        long result = verdict.result ? *verdict.result : work(std::min(operation.length, verdict.limit));
+        named.device->set_tearing(false);
+        if (verdict.tears) {
+            result = -EIO;
+        }
+        note(journal_line(named.name, operation, result));
+        if (verdict.is_last) {
+            lose_power();
+        }
+        return result;
+    }
+
+private:
+    void start(flash_script script) {
+        script_ = std::move(script);
+        journal_.clear();
+    }
+
+    void lose_power() {
+        for (const named_device& named : devices_) {
+            named.device->lose_power(script_.seed());
+        }
+        if (script_.kills()) {
+            (void)std::raise(SIGKILL);
+        }
+    }
+
+    void note(const std::string& line) {
+        journal_ += line + '\n';
+        if (journal_file_ != nullptr) {
+            (void)std::fprintf(journal_file_, "%s\n", line.c_str());
+            (void)std::fflush(journal_file_);
+        }
+    }
+
+    std::mutex mutex_;
+    std::atomic<bool> in_use_ = false;
+    std::vector<named_device> devices_;
+    flash_script script_;
+    std::string journal_;
+    std::string journal_shown_;
+    FILE* journal_file_ = nullptr;
+};
+
+/* Null until the setup stands: the calls of other libraries' constructors, and of the setup itself, find
+ * no devices. Never freed: a program may use its devices to the very end. */
+constinit std::atomic<simulation*> running = nullptr;
+
+simulation& the_simulation() {
+    static auto* const only = new simulation;
+    running = only;
+    return *only;
+}
+
+/** The device that a descriptor leads to, if it is one. */
+named_device* device_of(int fd) {
+    simulation* const now = running;
+    struct stat status {};
+    return now != nullptr && fstat(fd, &status) == 0 ? now->find(status) : nullptr;
+}
+
+/** A device swallows O_TRUNC; the file behind it must not. */
+int without_truncation(int dir, const char* path, int flags) {
+    simulation* const now = running;
+    struct stat status {};
+    const bool is_device =
+        now != nullptr && (flags & O_TRUNC) != 0 && fstatat(dir, path, &status, 0) == 0 && now->find(status) != nullptr;
+    return is_device ? flags & ~O_TRUNC : flags;
+}
+
+bool is_open_for(int fd, int other_mode) {
+    return (fcntl(fd, F_GETFL) & O_ACCMODE) != other_mode;
+}
+
+/** Tells a result the way of the C library. */
+ssize_t told(long result) {
+    if (result < 0) {
+        errno = static_cast<int>(-result);
+        return -1;
+    }
+    return result;
+}
+
+ssize_t read_device(const named_device& named, int fd, void* buffer, size_t count, off_t offset) {
+    if (!is_open_for(fd, O_WRONLY) || offset < 0) {
+        return told(offset < 0 ? -EINVAL : -EBADF);
+    }
+    const auto position = static_cast<uint64_t>(offset);
+    return told(running.load()->perform(named, {"pread", position, count}, [&](size_t limit) {
+        return named.device->read(position, {static_cast<uint8_t*>(buffer), limit});
+    }));
+}
+
+ssize_t write_device(const named_device& named, int fd, const void* buffer, size_t count, off_t offset) {
+    if (!is_open_for(fd, O_RDONLY) || offset < 0) {
+        return told(offset < 0 ? -EINVAL : -EBADF);
+    }
+    const auto position = static_cast<uint64_t>(offset);
+    return told(running.load()->perform(named, {"pwrite", position, count}, [&](size_t limit) {
+        const ssize_t moved = named.device->write(position, {static_cast<const uint8_t*>(buffer), limit});
+        if ((fcntl(fd, F_GETFL) & O_DSYNC) != 0) {
+            named.device->sync();
+        }
+        return moved;
+    }));
+}
+
+/** Moves the file position by what `transfer` moved from there. */
+template <class Transfer>
+ssize_t at_file_position(int fd, Transfer transfer) {
+    const off_t position = lseek(fd, 0, SEEK_CUR);
+    const ssize_t moved = transfer(position);
+    if (moved > 0) {
+        lseek(fd, position + moved, SEEK_SET);
+    }
+    return moved;
+}
+
+int sync_device(const named_device& named) {
+    return static_cast<int>(told(running.load()->perform(named, {"fsync"}, [&](size_t /*limit*/) {
+        named.device->sync();
+        return 0L;
+    })));
+}
+
+int request_device(const named_device& named, const flash_request& request) {
+    const std::optional<flash_operation> operation = named.device->describe(request);
+    if (!operation) {
+        return static_cast<int>(told(-ENOTTY));
+    }
+    return static_cast<int>(told(running.load()->perform(
+        named, *operation, [&](size_t /*limit*/) { return static_cast<long>(named.device->carry_out(request)); })));
+}
+
+/** The definition of a call that this one stands in front of. */
+template <class Call>
+Call* next_definition(const char* name) {
+    return reinterpret_cast<Call*>(dlsym(RTLD_NEXT, name));
+}
+
+/** The mode of an open, which is there only when a file may be made. */
+mode_t mode_of(int flags, va_list arguments) {
+    const bool has_mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return has_mode ? va_arg(arguments, mode_t) : 0;
+}
+
+/** Runs a part of the setup. @return 0; -1 with the reason on stderr */
+template <class Step>
+int set_up(Step step) {
+    try {
+        step();
+        return 0;
+    } catch (const std::exception& error) {
+        (void)std::fprintf(stderr, "flash simulator: %s\n", error.what());
+        return -1;
+    }
+}
+
+void register_all(const char* path) {
+    FILE* const file = std::fopen(path, "re");
+    if (file == nullptr) {
+        throw std::runtime_error(std::string("cannot open ") + path);
+    }
+    char line[1024];
+    while (std::fgets(line, sizeof line, file) != nullptr) {
+        const std::string text = std::string(line).substr(0, std::string(line).find_first_of("#\n"));
+        if (text.find_first_not_of(" \t") != std::string::npos) {
+            the_simulation().add(text);
+        }
+    }
+    (void)std::fclose(file);
+}
+
+void set_up_from_environment() {
+    const char* const conf = std::getenv("TESSERA_FLASH_CONF");
+    const char* const fault = std::getenv("TESSERA_FLASH_FAULT");
+    const char* const journal = std::getenv("TESSERA_FLASH_JOURNAL");
+    if (conf == nullptr) {
+        return;
+    }
+    register_all(conf);
+    if (journal != nullptr) {
+        the_simulation().journal_to(std::fopen(journal, "ae"));
+    }
+    if (fault != nullptr) {
+        the_simulation().load(flash_script(fault));
+    }
+}
+
+__attribute__((constructor)) void start_with_the_program() {
+    if (set_up(set_up_from_environment) != 0) {
+        _exit(126);
+    }
+}
+
+} // namespace
+
+/* ---- the calls of the C library ---- */
+
+#define NEXT(call) static auto* const next = next_definition<decltype(call)>(#call)
+
+extern "C" {
+
+FLASH_SIM_API int open(const char* path, int flags, ...) {
+    NEXT(open);
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_of(flags, arguments);
+    va_end(arguments);
+    return next(path, without_truncation(AT_FDCWD, path, flags), mode);
+}
+
+FLASH_SIM_API int open64(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_of(flags, arguments);
+    va_end(arguments);
+    return open(path, flags, mode);
+}
+
+FLASH_SIM_API int openat(int dir, const char* path, int flags, ...) {
+    NEXT(openat);
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_of(flags, arguments);
+    va_end(arguments);
+    return next(dir, path, without_truncation(dir, path, flags), mode);
+}
+
+FLASH_SIM_API int openat64(int dir, const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_of(flags, arguments);
+    va_end(arguments);
+    return openat(dir, path, flags, mode);
+}
+
+/* What a fortified program calls in their place. */
+FLASH_SIM_API int __open_2(const char* path, int flags);
+FLASH_SIM_API int __open64_2(const char* path, int flags);
+FLASH_SIM_API ssize_t __read_chk(int fd, void* buffer, size_t count, size_t room);
+FLASH_SIM_API ssize_t __pread_chk(int fd, void* buffer, size_t count, off_t offset, size_t room);
+FLASH_SIM_API ssize_t __pread64_chk(int fd, void* buffer, size_t count, off_t offset, size_t room);
+
+int __open_2(const char* path, int flags) {
+    return open(path, flags);
+}
+
+int __open64_2(const char* path, int flags) {
+    return open(path, flags);
+}
+
+FLASH_SIM_API ssize_t pread(int fd, void* buffer, size_t count, off_t offset) {
+    NEXT(pread);
+    const named_device* const device = device_of(fd);
+    return device != nullptr ? read_device(*device, fd, buffer, count, offset) : next(fd, buffer, count, offset);
+}
+
+FLASH_SIM_API ssize_t pread64(int fd, void* buffer, size_t count, off64_t offset) {
+    return pread(fd, buffer, count, offset);
+}
+
+ssize_t __pread_chk(int fd, void* buffer, size_t count, off_t offset, size_t room) {
+    NEXT(__pread_chk);
+    return count <= room ? pread(fd, buffer, count, offset) : next(fd, buffer, count, offset, room);
+}
+
+ssize_t __pread64_chk(int fd, void* buffer, size_t count, off_t offset, size_t room) {
+    return __pread_chk(fd, buffer, count, offset, room);
+}
+
+FLASH_SIM_API ssize_t read(int fd, void* buffer, size_t count) {
+    NEXT(read);
+    const named_device* const device = device_of(fd);
+    if (device == nullptr) {
+        return next(fd, buffer, count);
+    }
+    return at_file_position(fd, [&](off_t position) { return read_device(*device, fd, buffer, count, position); });
+}
+
+ssize_t __read_chk(int fd, void* buffer, size_t count, size_t room) {
+    NEXT(__read_chk);
+    return count <= room ? read(fd, buffer, count) : next(fd, buffer, count, room);
+}
+
+FLASH_SIM_API ssize_t pwrite(int fd, const void* buffer, size_t count, off_t offset) {
+    NEXT(pwrite);
+    const named_device* const device = device_of(fd);
+    return device != nullptr ? write_device(*device, fd, buffer, count, offset) : next(fd, buffer, count, offset);
+}
+
+FLASH_SIM_API ssize_t pwrite64(int fd, const void* buffer, size_t count, off64_t offset) {
+    return pwrite(fd, buffer, count, offset);
+}
+
+FLASH_SIM_API ssize_t write(int fd, const void* buffer, size_t count) {
+    NEXT(write);
+    const named_device* const device = device_of(fd);
+    if (device == nullptr) {
+        return next(fd, buffer, count);
+    }
+    return at_file_position(fd, [&](off_t position) { return write_device(*device, fd, buffer, count, position); });
+}
+
+FLASH_SIM_API int ioctl(int fd, unsigned long number, ...) noexcept {
+    NEXT(ioctl);
+    va_list arguments;
+    va_start(arguments, number);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    const named_device* const device = device_of(fd);
+    return device != nullptr ? request_device(*device, {number, argument, is_open_for(fd, O_RDONLY)})
+                             : next(fd, number, argument);
+}
+
+FLASH_SIM_API int fsync(int fd) {
+    NEXT(fsync);
+    const named_device* const device = device_of(fd);
+    return device != nullptr ? sync_device(*device) : next(fd);
+}
+
+FLASH_SIM_API int fdatasync(int fd) {
+    NEXT(fdatasync);
+    const named_device* const device = device_of(fd);
+    return device != nullptr ? sync_device(*device) : next(fd);
+}
+
+/* A character device has neither of these two: programs then fall back to reading and writing. */
+FLASH_SIM_API ssize_t copy_file_range(int in, off64_t* in_offset, int out, off64_t* out_offset, size_t length,
+                                      unsigned flags) {
+    NEXT(copy_file_range);
+    const bool is_device = device_of(in) != nullptr || device_of(out) != nullptr;
+    return is_device ? told(-EINVAL) : next(in, in_offset, out, out_offset, length, flags);
+}
+
+FLASH_SIM_API ssize_t sendfile(int out, int in, off_t* offset, size_t count) noexcept {
+    NEXT(sendfile);
+    const bool is_device = device_of(in) != nullptr || device_of(out) != nullptr;
+    return is_device ? told(-EINVAL) : next(out, in, offset, count);
+}
+
+/* ---- the simulator's own ---- */
+
+int flash_sim_register(const char* line) {
+    return set_up([line] { the_simulation().add(line); });
+}
+
+void flash_sim_clear(void) {
+    the_simulation().clear();
+}
+
+int flash_sim_fault(const char* script) {
+    return set_up([script] { the_simulation().load(flash_script(script)); });
+}
+
+void flash_sim_reboot(void) {
+    the_simulation().reboot();
+}
+
+unsigned long flash_sim_operations(void) {
+    return the_simulation().operations();
+}
+
+const char* flash_sim_journal(void) {
+    return the_simulation().journal();
+}
+
+} // extern "C"

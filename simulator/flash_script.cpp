@@ -1,0 +1,116 @@
+#include "flash_script.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <sstream>
+#include <stdexcept>
+
+namespace {
+
+constexpr std::array<std::string_view, 14> kinds = {
+    "MEMGETINFO",        "MEMGETBADBLOCK", "MEMSETBADBLOCK", "MEMERASE",       "MEMERASE64",
+    "ECCGETSTATS",       "UBI_IOCVOLINFO", "UBI_IOCEBER",    "UBI_IOCEBUNMAP", "UBI_IOCEBISMAP",
+    "UBI_IOCSETVOLPROP", "pread",          "pwrite",         "fsync"};
+
+template <class Value>
+Value required(std::istringstream& words, const char* what) {
+    Value value{};
+    if (!(words >> value)) {
+        throw std::runtime_error(std::string("a rule lacks ") + what);
+    }
+    return value;
+}
+
+} // namespace
+
+flash_script::flash_script(std::string_view text) {
+    std::string lines(text);
+    std::ranges::replace(lines, ';', '\n');
+    std::istringstream stream(lines);
+    for (std::string line; std::getline(stream, line);) {
+        if (line.find_first_not_of(" \t") != std::string::npos) {
+            parse_rule(line);
+        }
+    }
+}
+
+void flash_script::parse_rule(const std::string& text) {
+    std::istringstream words(text);
+    const auto verb = required<std::string>(words, "a verb");
+    if (verb == "cut") {
+        parse_cut(words);
+        return;
+    }
+    rule fault{effect::fail, required<std::string>(words, "a kind"), required<uint64_t>(words, "a number"), -EIO};
+    if (std::ranges::find(kinds, fault.kind) == kinds.end()) {
+        throw std::runtime_error("'" + fault.kind + "' is no kind of operation");
+    }
+    if (verb == "give") {
+        fault.what = effect::give;
+        fault.value = required<long>(words, "a result");
+    } else if (verb == "short") {
+        fault.what = effect::shorten;
+        fault.value = required<long>(words, "a number of bytes");
+    } else if (verb != "fail") {
+        throw std::runtime_error("'" + verb + "' is no rule");
+    } else if (long error = 0; words >> error) {
+        fault.value = -error;
+    }
+    rules_.push_back(fault);
+}
+
+void flash_script::parse_cut(std::istringstream& words) {
+    cut_.after = required<uint64_t>(words, "the number of the last operation");
+    for (std::string word; words >> word;) {
+        if (word == "tear") {
+            cut_.tears = true;
+        } else if (word == "kill") {
+            cut_.kills = true;
+        } else if (word.starts_with("seed=")) {
+            cut_.seed = std::strtoull(word.c_str() + word.find('=') + 1, nullptr, 0);
+        } else {
+            throw std::runtime_error("'" + word + "' says nothing about a cut");
+        }
+    }
+}
+
+flash_verdict flash_script::judge(const flash_operation& operation) {
+    flash_verdict verdict;
+    if (total_ >= cut_.after) {
+        verdict.refused = true;
+        return verdict;
+    }
+    ++total_;
+    const uint64_t number = ++counts_[operation.kind];
+    for (const rule& fault : rules_) {
+        if (fault.kind == operation.kind && fault.number == number) {
+            apply(fault, verdict);
+        }
+    }
+    verdict.is_last = total_ == cut_.after;
+    verdict.tears = verdict.is_last && cut_.tears;
+    return verdict;
+}
+
+void flash_script::apply(const rule& fault, flash_verdict& verdict) {
+    if (fault.what == effect::shorten) {
+        verdict.limit = static_cast<uint64_t>(fault.value);
+    } else {
+        verdict.result = fault.value;
+    }
+}
+
+std::string journal_line(const std::string& device, const flash_operation& operation, long result) {
+    std::ostringstream line;
+    line << device << ' ' << operation.kind;
+    if (operation.position) {
+        line << ' ' << *operation.position;
+    }
+    if (operation.length != 0) {
+        line << '+' << operation.length;
+    }
+    line << " = " << result;
+    return line.str();
+}

@@ -1,0 +1,71 @@
+/** Faults by script and the journal of what reached the devices (flash_sim.h tells the formats). */
+#ifndef FLASH_SCRIPT_H
+#define FLASH_SCRIPT_H
+
+#include "flash_device.h"
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/** What happens to one operation. */
+struct flash_verdict {
+    bool refused = false;        /* the power is off: it does not reach the device */
+    std::optional<long> result;  /* it has no effect and gives this, a negative errno for a failure */
+    uint64_t limit = UINT64_MAX; /* bytes that it moves at most */
+    bool tears = false;          /* the power fails half-way */
+    bool is_last = false;        /* the power fails behind it */
+};
+
+class flash_script {
+public:
+    flash_script() = default;
+    /** Throws std::runtime_error with the reason. */
+    explicit flash_script(std::string_view text);
+
+    /** Counts the operation. */
+    flash_verdict judge(const flash_operation& operation);
+
+    [[nodiscard]] bool cuts_at_once() const {
+        return cut_.after == 0;
+    }
+    [[nodiscard]] bool kills() const {
+        return cut_.kills;
+    }
+    [[nodiscard]] uint64_t seed() const {
+        return cut_.seed;
+    }
+    [[nodiscard]] uint64_t operations() const {
+        return total_;
+    }
+
+private:
+    enum class effect { fail, give, shorten };
+    struct rule {
+        effect what;
+        std::string kind;
+        uint64_t number;
+        long value;
+    };
+    struct power_cut {
+        uint64_t after = UINT64_MAX;
+        bool tears = false;
+        bool kills = false;
+        uint64_t seed = 0;
+    };
+
+    void parse_rule(const std::string& text);
+    void parse_cut(std::istringstream& words);
+    static void apply(const rule& fault, flash_verdict& verdict);
+
+    std::vector<rule> rules_;
+    power_cut cut_;
+    std::map<std::string, uint64_t, std::less<>> counts_;
+    uint64_t total_ = 0;
+};
+
+/** The line of one operation, without its end. */
+std::string journal_line(const std::string& device, const flash_operation& operation, long result);
+
+#endif
