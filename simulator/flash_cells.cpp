@@ -20,6 +20,15 @@ std::runtime_error file_error(const std::string& path) {
     return std::runtime_error(path + ": " + std::strerror(errno));
 }
 
+/** Makes a file of another size anew: it told the state of another device. */
+bool take_size(int fd, size_t size) {
+    struct stat status {};
+    if (fstat(fd, &status) == 0 && static_cast<size_t>(status.st_size) == size) {
+        return true;
+    }
+    return ftruncate(fd, 0) == 0 && ftruncate(fd, static_cast<off_t>(size)) == 0;
+}
+
 void check_geometry(const std::string& path, uint64_t size, const flash_geometry& geometry) {
     if (geometry.erasesize == 0 || geometry.writesize == 0 || geometry.erasesize % geometry.writesize != 0) {
         throw std::runtime_error(path + ": erasesize has to be a multiple of writesize, and neither is 0");
@@ -52,13 +61,8 @@ mapped_file::mapped_file(const std::string& path) {
 
 mapped_file::mapped_file(const std::string& path, size_t size) {
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    struct stat status {};
-    /* A state of another size belongs to another device: it starts anew. */
-    const bool fits = fd >= 0 && fstat(fd, &status) == 0 && static_cast<size_t>(status.st_size) == size;
-    if (fd >= 0 && !fits && (ftruncate(fd, 0) != 0 || ftruncate(fd, static_cast<off_t>(size)) != 0)) {
-        const std::runtime_error error = file_error(path);
-        close(fd);
-        throw error;
+    if (fd < 0 || !take_size(fd, size)) {
+        throw file_error(path);
     }
     map(fd, path);
 }
