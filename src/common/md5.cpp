@@ -34,30 +34,40 @@ void store_word(md5_byte_t* p, md5_word_t word) {
     }
 }
 
+/**
+ * A value that the compiler has to compute as it stands, apart from what it is used in. The operations
+ * of a message form one chain, and only this keeps compilers from putting additions into the chain
+ * that could have been done ahead of it: up to a fifth of the speed, by compiler and options.
+ */
+inline md5_word_t ahead(md5_word_t value) {
+    __asm__("" : "+r"(value));
+    return value;
+}
+
 /*
- * One operation of each round: a = b + ((a + f(b, c, d) + x + t) <<< s). The functions are written so
- * that as little as possible waits for b, which the operation before has only just computed. In G the
- * two halves have no bit in common, so a sum serves as well as an OR and can be split.
+ * One operation of each round: a = b + ((a + f(b, c, d) + x + t) <<< s). Nothing but what is left of f
+ * waits for b, which the operation before has only just computed: two steps in rounds 1 and 4, one in
+ * 2 and 3. In G the two halves have no bit in common, so a sum serves as well as an OR and can be split.
  */
 
 inline void round_f(md5_word_t& a, md5_word_t b, md5_word_t c, md5_word_t d, md5_word_t x, int s, md5_word_t t) {
-    a = b + std::rotl(a + x + t + (d ^ (b & (c ^ d))), s);
+    a = b + std::rotl(ahead(a + x + t) + (d ^ (b & (c ^ d))), s);
 }
 
 inline void round_g(md5_word_t& a, md5_word_t b, md5_word_t c, md5_word_t d, md5_word_t x, int s, md5_word_t t) {
-    a = b + std::rotl(a + x + t + (c & ~d) + (b & d), s);
+    a = b + std::rotl(ahead(a + x + t + (c & ~d)) + (b & d), s);
 }
 
 inline void round_h(md5_word_t& a, md5_word_t b, md5_word_t c, md5_word_t d, md5_word_t x, int s, md5_word_t t) {
-    a = b + std::rotl(a + x + t + (b ^ (c ^ d)), s);
+    a = b + std::rotl(ahead(a + x + t) + (b ^ (c ^ d)), s);
 }
 
 inline void round_i(md5_word_t& a, md5_word_t b, md5_word_t c, md5_word_t d, md5_word_t x, int s, md5_word_t t) {
-    a = b + std::rotl(a + x + t + (c ^ (b | ~d)), s);
+    a = b + std::rotl(ahead(a + x + t) + (c ^ (b | ahead(~d))), s);
 }
 
 /** Runs one block of 64 bytes. The 64 operations and constants are those of RFC 1321, section 3.4. */
-void md5_process(md5_state_t* pms, const md5_byte_t* data) {
+inline void md5_process(md5_state_t* pms, const md5_byte_t* data) {
     md5_word_t x[16];
     for (size_t i = 0; i < 16; ++i) {
         x[i] = load_word(data + 4 * i);
@@ -141,6 +151,19 @@ void md5_process(md5_state_t* pms, const md5_byte_t* data) {
     pms->abcd[3] += d;
 }
 
+/**
+ * Runs `count` whole blocks. The chaining words stay in registers from one to the next; not inlined,
+ * because registers run out where the callers' own values compete.
+ */
+[[gnu::noinline]] void md5_process_blocks(md5_state_t* pms, const md5_byte_t* data, size_t count) {
+    md5_state_t state;
+    std::memcpy(state.abcd, pms->abcd, sizeof state.abcd);
+    for (; count > 0; data += block_size, --count) {
+        md5_process(&state, data);
+    }
+    std::memcpy(pms->abcd, state.abcd, sizeof state.abcd);
+}
+
 /** Bytes of the block that is not yet full. */
 size_t pending_bytes(const md5_state_t* pms) {
     return (pms->count[0] >> 3) % block_size;
@@ -202,14 +225,13 @@ void md5_append(md5_state_t* pms, const md5_byte_t* data, int nbytes) {
         if (pending + copy < block_size) {
             return;
         }
-        md5_process(pms, pms->buf);
+        md5_process_blocks(pms, pms->buf, 1);
         data += copy;
         left -= copy;
     }
-    for (; left >= block_size; data += block_size, left -= block_size) {
-        md5_process(pms, data);
-    }
-    std::memcpy(pms->buf, data, left);
+    md5_process_blocks(pms, data, left / block_size);
+    const size_t rest = left % block_size;
+    std::memcpy(pms->buf, data + left - rest, rest);
 }
 
 void md5_finish(md5_state_t* pms, md5_byte_t* digest) {
@@ -218,12 +240,12 @@ void md5_finish(md5_state_t* pms, md5_byte_t* digest) {
     std::memset(buf + pending, 0, block_size - pending);
     buf[pending] = 0x80;
     if (pending >= length_offset) {
-        md5_process(pms, buf);
+        md5_process_blocks(pms, buf, 1);
         std::memset(buf, 0, block_size);
     }
     store_word(buf + length_offset, pms->count[0]);
     store_word(buf + length_offset + 4, pms->count[1]);
-    md5_process(pms, buf);
+    md5_process_blocks(pms, buf, 1);
     for (size_t i = 0; i < 4; ++i) {
         store_word(digest + 4 * i, pms->abcd[i]);
     }
