@@ -47,26 +47,6 @@ void take_line(std::string_view line) {
     }
 }
 
-void collect_log() {
-    std::fflush(stdout);
-    if (log_fd < 0) {
-        return;
-    }
-    std::string text;
-    std::array<char, 4096> buffer;
-    for (ssize_t got = 0; (got = pread(log_fd, buffer.data(), buffer.size(), static_cast<off_t>(text.size()))) > 0;) {
-        text.append(buffer.data(), static_cast<size_t>(got));
-    }
-    if (ftruncate(log_fd, 0) != 0) {
-        return; /* what stays there is taken the next time */
-    }
-    for (std::string_view rest = text; !rest.empty();) {
-        const size_t end = rest.find('\n');
-        take_line(rest.substr(0, end));
-        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
-    }
-}
-
 Json to_json(const Failure& failure) {
     Json error = {{"code", static_cast<int>(failure.code)}, {"message", failure.what()}};
     if (!failure.hint.empty()) {
@@ -98,7 +78,7 @@ void be_verbose() {
 }
 
 bool close() {
-    collect_log();
+    pass_log_on();
     (void)dup2(fileno(results), STDOUT_FILENO);
     (void)dup2(fileno(sentences), STDERR_FILENO);
     std::fflush(sentences);
@@ -113,16 +93,16 @@ void print(const std::string& text) {
 }
 
 void note(const std::string& sentence) {
-    collect_log();
+    pass_log_on();
     std::fprintf(sentences, "tessera: %s\n", sentence.c_str());
     std::fflush(sentences);
 }
 
 void report(const Failure& failure, bool as_json) {
-    collect_log();
+    pass_log_on();
     std::fflush(results);
     if (as_json) {
-        std::fprintf(sentences, "%s\n", to_json(failure).dump().c_str());
+        std::fprintf(sentences, "%s\n", to_text(to_json(failure)).c_str());
         return;
     }
     note(failure.what());
@@ -138,13 +118,33 @@ std::FILE* progress_stream() {
     return sentences;
 }
 
-void drain_log() {
-    collect_log();
+void pass_log_on() {
+    std::fflush(stdout);
+    if (log_fd < 0) {
+        return;
+    }
+    std::string text;
+    std::array<char, 4096> buffer;
+    for (ssize_t got = 0; (got = pread(log_fd, buffer.data(), buffer.size(), static_cast<off_t>(text.size()))) > 0;) {
+        text.append(buffer.data(), static_cast<size_t>(got));
+    }
+    if (ftruncate(log_fd, 0) != 0) {
+        return; /* what stays there is taken the next time */
+    }
+    for (std::string_view rest = text; !rest.empty();) {
+        const size_t end = rest.find('\n');
+        take_line(rest.substr(0, end));
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    }
+}
+
+void forget_errors() {
+    pass_log_on();
     first_error.clear();
 }
 
 std::string logged_cause() {
-    collect_log();
+    pass_log_on();
     return first_error.empty() ? "" : ": " + first_error;
 }
 

@@ -35,10 +35,13 @@ void report(const Failure& failure, bool as_json);
 /** The stream for progress. */
 std::FILE* progress_stream();
 
-/** Passes on or drops the library's lines so far, and forgets its errors. */
-void drain_log();
+/** Passes the library's lines so far on to stderr, or drops them where nobody asked for them. */
+void pass_log_on();
 
-/** The text of the first error that the library logged since drain_log(), behind ": "; else empty. */
+/** The same, and forgets the library's errors so far. */
+void forget_errors();
+
+/** The text of the first error that the library logged since forget_errors(), behind ": "; else empty. */
 std::string logged_cause();
 
 } // namespace console
@@ -49,7 +52,7 @@ std::string logged_cause();
  */
 template <class Call>
 auto require(ExitCode code, const std::string& sentence, Call call) {
-    console::drain_log();
+    console::forget_errors();
     const auto result = call();
     if (result < 0) {
         throw Failure(code, sentence + console::logged_cause());

@@ -9,6 +9,7 @@ namespace {
 constexpr Verb verbs[] = {
     {"board", "Show what this board is, or check what it must supply", declare_board},
     {"slots", "Show or change the A/B slots", declare_slots},
+    {"install", "Install a package into the update slot", declare_install},
 };
 
 constexpr char exit_table[] = "Exit status: 0 done; 1 refused or failed, or another update is running; 2 usage;\n"
@@ -37,7 +38,7 @@ std::string in_our_manner(std::string sentence) {
     while (!sentence.empty() && (sentence.back() == '.' || sentence.back() == '\n')) {
         sentence.pop_back();
     }
-    const bool is_word = sentence.size() > 1 && std::islower(static_cast<unsigned char>(sentence[1])) != 0;
+    const bool is_word = sentence.size() > 1 && std::isupper(static_cast<unsigned char>(sentence[1])) == 0;
     if (is_word) {
         sentence[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(sentence[0])));
     }

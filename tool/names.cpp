@@ -5,6 +5,8 @@
 namespace {
 
 constexpr Name media[] = {{OTA_RAW, "raw"}, {OTA_NOR, "nor"}, {OTA_EMMC, "emmc"}, {OTA_NAND, "nand"}};
+constexpr Name described_media[] = {{OTA_EMMC, "emmc"}, {OTA_NAND, "nand"}, {OTA_NOR, "nor"}};
+constexpr Name methods[] = {{IMAGE_UP, "image"}};
 constexpr Name modes[] = {{NORMAL_MODE, "normal"}, {RECOVERY_MODE, "recovery"}};
 constexpr Name types[] = {{GOLDEN, "golden"}, {AB, "ab"}, {BAK, "bak"}, {PERMANENT, "permanent"}};
 constexpr Name flags[] = {
@@ -16,6 +18,8 @@ constexpr int32_t max_slots = 4;
 } // namespace
 
 const Names medium_names(media);
+const Names described_medium_names(described_media);
+const Names method_names(methods);
 const Names mode_names(modes);
 const Names type_names(types);
 const Names flag_names(flags);

@@ -28,6 +28,8 @@ private:
 };
 
 extern const Names medium_names;
+extern const Names described_medium_names; /* of a partition in a description */
+extern const Names method_names;           /* the methods that the command installs by */
 extern const Names mode_names;
 extern const Names type_names;
 extern const Names flag_names;

@@ -18,7 +18,7 @@ struct Context {
 
     /** Prints a result, in the form asked for. */
     void show(const Json& value, const std::string& text) const {
-        console::print(json ? value.dump(2) : text);
+        console::print(json ? to_text(value, 2) : text);
     }
 };
 

@@ -1,0 +1,256 @@
+#include "description.h"
+
+#include "failure.h"
+#include "names.h"
+#include "text.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <initializer_list>
+#include <set>
+
+namespace {
+
+constexpr size_t max_images = std::size(decltype(update_info_t::partition_info){});
+constexpr size_t md5_digits = 32;
+constexpr size_t sha256_digits = 64;
+
+Failure refusal(const std::string& sentence) {
+    return {ExitCode::refused, std::string(description_entry) + ": " + sentence};
+}
+
+/** Takes fields out of a JSON object, and knows in the end which of them nobody asked for. */
+class Fields {
+public:
+    Fields(const Json& object, std::string where) : object_(object), where_(std::move(where)) {
+        if (!object_.is_object()) {
+            throw refusal(where_ + "must be an object");
+        }
+    }
+
+    [[nodiscard]] Failure wrong(const std::string& field, const std::string& what) const {
+        return refusal(where_ + "\"" + field + "\" " + what);
+    }
+
+    const Json* optional(const std::string& field) {
+        taken_.insert(field);
+        const auto found = object_.find(field);
+        return found == object_.end() ? nullptr : &*found;
+    }
+
+    const Json& required(const std::string& field) {
+        const Json* value = optional(field);
+        if (value == nullptr) {
+            throw wrong(field, "is missing");
+        }
+        return *value;
+    }
+
+    /** A text that fits an array of `room` bytes with its NUL. */
+    std::string text(const std::string& field, size_t room) {
+        const Json& value = required(field);
+        if (!value.is_string() || value.get_ref<const std::string&>().empty()) {
+            throw wrong(field, "must be a text");
+        }
+        auto text = value.get<std::string>();
+        if (text.size() >= room || text.find('\0') != std::string::npos) {
+            throw wrong(field, format("must be shorter than %zu bytes", room));
+        }
+        return text;
+    }
+
+    int32_t choice(const std::string& field, const Names& names) {
+        const auto value = names.value(text(field, 32));
+        if (!value) {
+            throw wrong(field, "must be " + names.choices());
+        }
+        return *value;
+    }
+
+    /** Hexadecimal digits; empty when the field may be missing and is. */
+    std::string digest(const std::string& field, size_t digits, bool may_be_missing) {
+        if (may_be_missing && optional(field) == nullptr) {
+            return {};
+        }
+        std::string text = this->text(field, 128);
+        const auto is_digit = [](unsigned char c) { return std::isxdigit(c) != 0; };
+        if (text.size() != digits || !std::all_of(text.begin(), text.end(), is_digit)) {
+            throw wrong(field, format("must be %zu hexadecimal digits", digits));
+        }
+        std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+        return text;
+    }
+
+    bool flag(const std::string& field) {
+        const Json* value = optional(field);
+        if (value != nullptr && !value->is_boolean()) {
+            throw wrong(field, "must be true or false");
+        }
+        return value != nullptr && value->get<bool>();
+    }
+
+    std::optional<uint64_t> size(const std::string& field) {
+        const Json* value = optional(field);
+        if (value == nullptr) {
+            return std::nullopt;
+        }
+        if (!value->is_number_unsigned() || value->get<uint64_t>() == 0) {
+            throw wrong(field, "must be a number of bytes above 0");
+        }
+        return value->get<uint64_t>();
+    }
+
+    int32_t zero_or_one(const std::string& field) {
+        const Json* value = optional(field);
+        if (value != nullptr && (!value->is_number_unsigned() || value->get<uint64_t>() > 1)) {
+            throw wrong(field, "must be 0 or 1");
+        }
+        return value == nullptr ? 0 : value->get<int32_t>();
+    }
+
+    void refuse_others() const {
+        for (const auto& item : object_.items()) {
+            if (!taken_.contains(item.key())) {
+                throw wrong(item.key(), "is not a known field");
+            }
+        }
+    }
+
+private:
+    const Json& object_;
+    std::string where_;
+    std::set<std::string> taken_;
+};
+
+/** Partitions that an update relies on while it runs, or that hold all others. */
+constexpr std::array untouchable = {"misc", "ubootenv", "blk"};
+
+void judge_name(const Fields& fields, const Image& image) {
+    if (image.name.find('/') != std::string::npos || image.name.starts_with('.')) {
+        throw fields.wrong("name", "must be the name of a partition");
+    }
+    if (image.name.ends_with("_a") || image.name.ends_with("_b")) {
+        throw fields.wrong("name", "must not carry a slot suffix: the type ab chooses the slot");
+    }
+    if (std::find(untouchable.begin(), untouchable.end(), image.name) != untouchable.end()) {
+        throw fields.wrong("name", "must not be " + image.name + ", which an update relies on");
+    }
+}
+
+void judge_file(const Fields& fields, const Image& image) {
+    const std::string around = "/" + image.file + "/";
+    if (image.file.starts_with('/') || around.find("/../") != std::string::npos || image.file.ends_with('/')) {
+        throw fields.wrong("file", "must be the name of a file in the package");
+    }
+    if (image.file == description_entry || image.file == signature_entry) {
+        throw fields.wrong("file", "must not be " + image.file);
+    }
+}
+
+Image parse_image(const Json& json, size_t index, bool draft) {
+    std::string where = format("partition %zu: ", index + 1);
+    if (json.is_object() && json.contains("name") && json["name"].is_string()) {
+        where = "partition " + json["name"].get<std::string>() + ": ";
+    }
+    Fields fields(json, where);
+    Image image{};
+    image.name = fields.text("name", sizeof partition_info_t::part_name);
+    image.file = fields.text("file", sizeof partition_info_t::part_file);
+    image.medium = static_cast<ota_medium_e>(fields.choice("medium", described_medium_names));
+    image.type = static_cast<ota_part_type_e>(fields.choice("type", type_names));
+    (void)fields.choice("method", method_names);
+    image.digests.md5 = fields.digest("md5", md5_digits, draft);
+    image.digests.sha256 = fields.digest("sha256", sha256_digits, true);
+    image.size = fields.size("size");
+    image.has_version = fields.flag("anti_rollback");
+    fields.refuse_others();
+    judge_name(fields, image);
+    judge_file(fields, image);
+    return image;
+}
+
+void refuse_repeated_names(const std::vector<Image>& images) {
+    std::set<std::string> names;
+    for (const Image& image : images) {
+        if (!names.insert(image.name).second) {
+            throw refusal("partition " + image.name + " is described twice");
+        }
+    }
+}
+
+void judge_version(const Fields& fields, const std::string& version) {
+    const bool is_plain =
+        std::none_of(version.begin(), version.end(), [](unsigned char c) { return std::isgraph(c) == 0; });
+    if (!is_plain || version[0] != 'V') {
+        throw fields.wrong("version", "must begin with a V and hold no blanks, as V1.2.0_20240101");
+    }
+}
+
+} // namespace
+
+bool Image::matches(const Digests& found) const {
+    return digests.md5 == found.md5 && (digests.sha256.empty() || digests.sha256 == found.sha256);
+}
+
+Json parse_json(const std::string& text, const std::string& name) {
+    std::vector<std::set<std::string>> keys;
+    const auto watch = [&](int, Json::parse_event_t event, Json& parsed) {
+        if (event == Json::parse_event_t::object_start) {
+            keys.emplace_back();
+        } else if (event == Json::parse_event_t::object_end) {
+            keys.pop_back();
+        } else if (event == Json::parse_event_t::key && !keys.back().insert(parsed.get<std::string>()).second) {
+            throw Failure(ExitCode::refused, name + ": \"" + parsed.get<std::string>() + "\" is given twice");
+        }
+        return true;
+    };
+    try {
+        return Json::parse(text, watch);
+    } catch (const Json::parse_error& error) {
+        throw Failure(ExitCode::refused,
+                      format("%s is no JSON text: it breaks off at byte %zu", name.c_str(), error.byte));
+    }
+}
+
+Description parse_description(const Json& json, bool draft) {
+    Fields fields(json, "");
+    Description description{};
+    description.version = fields.text("version", 128);
+    judge_version(fields, description.version);
+    const Json& partitions = fields.required("partitions");
+    if (!partitions.is_array() || partitions.empty() || partitions.size() > max_images) {
+        throw fields.wrong("partitions", format("must be a list of 1 to %zu partitions", max_images));
+    }
+    description.sec_up_flag = fields.zero_or_one("sec_up_flag");
+    description.nosec_up_flag = fields.zero_or_one("nosec_up_flag");
+    fields.refuse_others();
+    for (size_t i = 0; i < partitions.size(); ++i) {
+        description.images.push_back(parse_image(partitions[i], i, draft));
+    }
+    refuse_repeated_names(description.images);
+    return description;
+}
+
+update_info_t to_update_info(const Description& description) {
+    update_info_t info{};
+    info.parse_flag = 1;
+    info.sec_up_flag = description.sec_up_flag;
+    info.nosec_up_flag = description.nosec_up_flag;
+    description.version.copy(info.sys_ver, sizeof info.sys_ver - 1);
+    info.update_size = static_cast<int32_t>(description.images.size());
+    for (size_t i = 0; i < description.images.size(); ++i) {
+        const Image& image = description.images[i];
+        partition_info_t& partition = info.partition_info[i];
+        image.name.copy(info.update_partition[i], sizeof info.update_partition[i] - 1);
+        image.name.copy(partition.part_name, sizeof partition.part_name - 1);
+        image.file.copy(partition.part_file, sizeof partition.part_file - 1);
+        image.digests.md5.copy(partition.md5[0], sizeof partition.md5[0] - 1);
+        partition.img_size = image.size.value_or(0);
+        partition.have_anti_ver = image.has_version ? 1 : 0;
+        partition.medium = image.medium;
+        partition.type = image.type;
+        partition.method = IMAGE_UP;
+    }
+    return info;
+}

@@ -1,0 +1,59 @@
+/**
+ * The description of an update, "update.json" in the package. Nothing in it is used before all of it
+ * has been judged: unknown fields, wrong types and values out of range are refused by name.
+ */
+#ifndef TOOL_DESCRIPTION_H
+#define TOOL_DESCRIPTION_H
+
+#include "digest.h"
+#include "json.h"
+#include "velox_ota_hl.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+inline constexpr char description_entry[] = "update.json";
+inline constexpr char signature_entry[] = "update.json.p7s";
+inline constexpr size_t description_limit = size_t{256} << 10;
+
+/** One partition and the image for it. */
+struct Image {
+    std::string name; /* without a slot suffix */
+    std::string file; /* entry of the package */
+    ota_medium_e medium;
+    ota_part_type_e type;
+    Digests digests; /* sha256 may be empty */
+    std::optional<uint64_t> size;
+    bool has_version; /* carries an anti-rollback version */
+
+    [[nodiscard]] bool is_ab() const {
+        return type == AB;
+    }
+    [[nodiscard]] Digester::Kind digest_kind() const {
+        return digests.sha256.empty() ? Digester::Kind::md5 : Digester::Kind::md5_and_sha256;
+    }
+    /** Compares every digest that the description gives. */
+    [[nodiscard]] bool matches(const Digests& found) const;
+};
+
+struct Description {
+    std::string version;
+    std::vector<Image> images;
+    int32_t sec_up_flag;
+    int32_t nosec_up_flag;
+};
+
+/** A JSON text; a key given twice is refused, since readers would differ on which one counts. */
+Json parse_json(const std::string& text, const std::string& name);
+
+/**
+ * @param draft  digests and sizes may be missing, as they are before packing
+ */
+Description parse_description(const Json& json, bool draft = false);
+
+/** The form in which the library takes a description. */
+update_info_t to_update_info(const Description& description);
+
+#endif

@@ -1,0 +1,47 @@
+#include "digest.h"
+
+#include "failure.h"
+#include "text.h"
+
+#include <array>
+#include <climits>
+
+namespace {
+
+void demand(int result) {
+    if (result != 1) {
+        throw Failure(ExitCode::failed, "OpenSSL cannot compute SHA-256");
+    }
+}
+
+} // namespace
+
+Digester::Digester(Kind kind) {
+    md5_init(&md5_);
+    if (kind == Kind::md5_and_sha256) {
+        sha256_.reset(EVP_MD_CTX_new());
+        demand(sha256_ != nullptr ? EVP_DigestInit_ex(sha256_.get(), EVP_sha256(), nullptr) : 0);
+    }
+}
+
+void Digester::add(std::span<const uint8_t> bytes) {
+    if (sha256_ != nullptr) {
+        demand(EVP_DigestUpdate(sha256_.get(), bytes.data(), bytes.size()));
+    }
+    for (; !bytes.empty(); bytes = bytes.subspan(std::min<size_t>(bytes.size(), INT_MAX))) {
+        md5_append(&md5_, bytes.data(), static_cast<int>(std::min<size_t>(bytes.size(), INT_MAX)));
+    }
+}
+
+Digests Digester::finish() {
+    Digests digests;
+    std::array<uint8_t, 16> md5;
+    md5_finish(&md5_, md5.data());
+    digests.md5 = to_hex(md5);
+    if (sha256_ != nullptr) {
+        std::array<uint8_t, 32> sha256;
+        demand(EVP_DigestFinal_ex(sha256_.get(), sha256.data(), nullptr));
+        digests.sha256 = to_hex(sha256);
+    }
+    return digests;
+}

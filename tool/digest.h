@@ -1,0 +1,38 @@
+/** The digests of an image: MD5 for the board's records, SHA-256 for trust. */
+#ifndef TOOL_DIGEST_H
+#define TOOL_DIGEST_H
+
+#include "velox_ota_hl.h"
+
+#include <cstdint>
+#include <memory>
+#include <openssl/evp.h>
+#include <span>
+#include <string>
+
+/** Lower-case hexadecimal; a digest that was not asked for is empty. */
+struct Digests {
+    std::string md5;
+    std::string sha256;
+};
+
+class Digester {
+public:
+    enum class Kind { md5, md5_and_sha256 };
+
+    explicit Digester(Kind kind);
+    void add(std::span<const uint8_t> bytes);
+    /** Ends the message. */
+    Digests finish();
+
+private:
+    struct Free {
+        void operator()(EVP_MD_CTX* context) const {
+            EVP_MD_CTX_free(context);
+        }
+    };
+    md5_state_t md5_{};
+    std::unique_ptr<EVP_MD_CTX, Free> sha256_; /* null when not asked for */
+};
+
+#endif

@@ -1,0 +1,234 @@
+#include "install.h"
+
+#include "console.h"
+#include "interrupt.h"
+#include "names.h"
+#include "partition.h"
+#include "slot_block.h"
+#include "status_record.h"
+#include "text.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr size_t read_back_size = size_t{1} << 20;
+
+using Group = std::vector<const Target*>;
+
+/** What to write of one kind, in the order of the plan. */
+Group group_of(const Plan& plan, bool ab) {
+    Group group;
+    for (const Target& target : plan.targets) {
+        if (target.image.is_ab() == ab && !target.stands) {
+            group.push_back(&target);
+        }
+    }
+    return group;
+}
+
+/* ---- before ---- */
+
+/** What an interrupted run leaves for `tessera status` to show. */
+void record_start(const Plan& plan) {
+    StoredStatus stored = read_status();
+    ota_status_t record = stored.is_valid ? stored.record : ota_status_t{};
+    record.up = OTA_FLAG_BURN;
+    record.next_slot = static_cast<uint32_t>(plan.slot.value_or(std::max(0, ota_get_cur_slot())));
+    record.update_part = {};
+    for (const Target& target : plan.targets) {
+        const uint32_t i = record.update_part.num++;
+        target.image.name.copy(record.update_part.array[i], sizeof record.update_part.array[i] - 1);
+        record.update_part.medium[i] = target.image.medium;
+        record.update_part.type[i] = target.image.type;
+    }
+    write_status(record);
+}
+
+void make_unbootable(int32_t slot) {
+    const SlotBlock block = read_slot_block();
+    const Slot* entry = block.find(slot);
+    if (entry != nullptr && entry->is_bootable()) {
+        mark_slot_unbootable(slot);
+    } else {
+        sync_partition("misc"); /* a run that was killed may have left it in the page cache only */
+    }
+}
+
+/* ---- writing ---- */
+
+/** One image on its way; the library's callback carries no context of its own. */
+struct Stream {
+    ota_file_info_t place{};
+    const Device* device = nullptr;
+    Progress* progress = nullptr;
+    uint64_t written = 0;
+};
+
+Stream* stream = nullptr;
+
+void on_chunk(int32_t bytes) {
+    const uint64_t begin = stream->written;
+    stream->written += static_cast<uint64_t>(bytes);
+    if (!stream->device->is_flash()) {
+        stream->device->push(begin, stream->written); /* else the page cache would swallow the image */
+    }
+    stream->progress->advance("write", static_cast<uint64_t>(bytes));
+    if (is_interrupted()) {
+        stream->place.path[0] = '\0'; /* the next chunk finds no device, and the call ends between two */
+    }
+}
+
+void write_image(const Target& target, const Package& package, Progress& progress) {
+    stop_if_interrupted();
+    progress.begin("write", target.partition());
+    const Device device(target.device);
+    Stream current;
+    target.device.copy(current.place.path, sizeof current.place.path - 1);
+    current.place.medium = target.image.medium;
+    current.device = &device;
+    current.progress = &progress;
+    stream = &current;
+    console::forget_errors();
+    const int32_t result =
+        vx_uncompress_file_to(package.path().c_str(), target.image.file.c_str(), &current.place, on_chunk);
+    stream = nullptr;
+    stop_if_interrupted();
+    if (result != 0) {
+        throw Failure(ExitCode::device,
+                      "cannot write " + target.image.file + " to " + target.partition() + console::logged_cause());
+    }
+    if (current.written != target.size) {
+        throw Failure(ExitCode::refused,
+                      format("%s gave %llu bytes where the package promises %llu", target.image.file.c_str(),
+                             static_cast<unsigned long long>(current.written),
+                             static_cast<unsigned long long>(target.size)));
+    }
+    progress.begin("sync", target.partition());
+    device.sync();
+}
+
+/* ---- reading back ---- */
+
+Digests read_back(const Device& device, const Target& target, Progress& progress) {
+    Digester digester(target.image.digest_kind());
+    std::vector<uint8_t> buffer(std::min<uint64_t>(read_back_size, target.size));
+    for (uint64_t done = 0; done < target.size;) {
+        stop_if_interrupted();
+        const auto piece = std::span(buffer).first(std::min<uint64_t>(buffer.size(), target.size - done));
+        device.read(done, piece);
+        digester.add(piece);
+        done += piece.size();
+        progress.advance("verify", piece.size());
+    }
+    return digester.finish();
+}
+
+/** Tells a bad image from a bad device: which of the two is not what the description says? */
+Failure explain_difference(const Target& target, const Package& package) {
+    Progress none(ProgressMode::none);
+    if (!target.image.matches(digest_entry(package, target.image, none))) {
+        return wrong_digest(target.image);
+    }
+    return {ExitCode::device, target.partition() + " does not hold what was written to it",
+            "the device may be worn out"};
+}
+
+void verify_image(const Target& target, const Package& package, Progress& progress) {
+    progress.begin("verify", target.partition());
+    const Device device(target.device);
+    device.sync();
+    const auto before = device.uncorrectable_reads();
+    const Digests found = read_back(device, target, progress);
+    const auto after = device.uncorrectable_reads();
+    if (!target.image.matches(found)) {
+        throw explain_difference(target, package);
+    }
+    if (before && after && *after > *before) {
+        throw Failure(ExitCode::device, target.partition() + " has pages that its ECC can no longer mend",
+                      "the device may be worn out");
+    }
+}
+
+void write_group(const Group& group, const Package& package, Progress& progress) {
+    if (group.empty()) {
+        return;
+    }
+    for (const Target* target : group) {
+        write_image(*target, package, progress);
+    }
+    set_status_flag(OTA_FLAG_VERIFY);
+    for (const Target* target : group) {
+        verify_image(*target, package, progress);
+    }
+}
+
+/* ---- after ---- */
+
+void switch_slot(int32_t slot) {
+    set_next_slot(slot);
+    if (next_slot() != slot) {
+        throw Failure(ExitCode::device, "the slot block does not name slot " + slot_letter(slot) + " after the switch");
+    }
+}
+
+void run_plan(const Plan& plan, const Package& package, Progress& progress) {
+    const Group slot_group = group_of(plan, true);
+    const Group single_group = group_of(plan, false);
+    record_start(plan);
+    if (!slot_group.empty()) {
+        make_unbootable(*plan.slot);
+    }
+    write_group(slot_group, package, progress);
+    if (!slot_group.empty() && !single_group.empty()) {
+        set_status_flag(OTA_FLAG_BURN);
+    }
+    write_group(single_group, package, progress);
+    stop_if_interrupted();
+    set_status_flag(OTA_FLAG_VERIFIED);
+    if (plan.switches()) {
+        progress.begin("switch", "slot " + slot_letter(*plan.slot));
+        switch_slot(*plan.slot);
+    }
+    clear_status_flag();
+}
+
+/* ---- when it fails ---- */
+
+/** Partitions that exist once and whose write may have begun. */
+std::string exposed_partitions(const Plan& plan) {
+    std::string names;
+    for (const Target* target : group_of(plan, false)) {
+        names += (names.empty() ? "" : ", ") + target->partition();
+    }
+    return names;
+}
+
+/** Asks the slot block, which knows better than any memory of what was done. */
+std::string state_of_board(const Plan& plan) {
+    std::string state;
+    try {
+        const SlotBlock block = read_slot_block();
+        const auto next = next_slot();
+        state = next ? "the board boots slot " + slot_letter(*next) + " next" : "the board has no slot to boot";
+        const Slot* entry = plan.slot ? block.find(*plan.slot) : nullptr;
+        if (entry != nullptr && !entry->is_bootable()) {
+            state += ", and " + entry->name() + " is unbootable until an installation succeeds";
+        }
+    } catch (const Failure&) {
+        state = "what the board boots next is unknown";
+    }
+    const std::string exposed = exposed_partitions(plan);
+    return exposed.empty() ? state : state + "; what stands in " + exposed + " is unknown";
+}
+
+} // namespace
+
+void carry_out(const Plan& plan, const Package& package, Progress& progress) {
+    try {
+        run_plan(plan, package, progress);
+    } catch (Failure& failure) {
+        failure.state = state_of_board(plan);
+        throw;
+    }
+}

@@ -1,0 +1,230 @@
+#include "install_plan.h"
+
+#include "console.h"
+#include "interrupt.h"
+#include "names.h"
+#include "partition.h"
+#include "signature.h"
+#include "slot_block.h"
+#include "text.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+
+namespace {
+
+constexpr size_t signature_limit = size_t{64} << 10;
+constexpr uint64_t largest_image = 0xFFFFFFFE; /* what the library can take out of a package */
+
+std::string device_path(const Image& image) {
+    char untouched[sizeof ota_file_info_t::path];
+    char path[sizeof ota_file_info_t::path];
+    require(ExitCode::device, "cannot tell where " + image.name + " goes",
+            [&] { return get_part_device_name(image.name.c_str(), untouched, path, image.type); });
+    return path;
+}
+
+void judge_device(const Target& target) {
+    const std::string& name = target.image.name;
+    if (!std::filesystem::exists(target.device)) {
+        throw Failure(ExitCode::refused, "the board has no partition " + target.partition(), "tessera partitions");
+    }
+    const Device device(target.device);
+    const bool wants_flash = target.image.medium != OTA_EMMC;
+    if (device.is_flash() != wants_flash) {
+        throw Failure(ExitCode::refused, name + " is described as lying on " + medium_names.word(target.image.medium) +
+                                             ", and " + target.device + " does not");
+    }
+    if (target.size > device.capacity()) {
+        throw Failure(ExitCode::refused, target.image.file + " has " + human_bytes(target.size) + ", and " +
+                                             target.partition() + " has room for " + human_bytes(device.capacity()));
+    }
+}
+
+Target make_target(const Package& package, const Image& image) {
+    Target target{image, package.at(image.file).size, device_path(image)};
+    judge_device(target);
+    return target;
+}
+
+/** The version of the running system; empty when there is none to be read. */
+std::string read_installed_version(const std::string& file) {
+    char version[128] = {};
+    return get_system_version(file.c_str(), version) < 0 ? "" : version;
+}
+
+void judge_version(const Plan& plan, bool allow_downgrade) {
+    const std::string& offered = plan.description.version;
+    if (allow_downgrade || plan.installed_version.empty()) {
+        return;
+    }
+    if (compare_sys_versions(offered.c_str(), plan.installed_version.c_str()) == 1) {
+        throw Failure(ExitCode::refused,
+                      "version " + offered + " is older than the installed " + plan.installed_version,
+                      "--allow-downgrade installs it all the same");
+    }
+}
+
+/** Whether the device holds the image. Stops at the first difference. */
+bool holds_image(const Target& target, const Package& package, Progress& progress) {
+    const Device device(target.device);
+    device.sync(); /* what a killed run left in the page cache is no proof */
+    Digester digester(target.image.digest_kind());
+    std::vector<uint8_t> held;
+    uint64_t done = 0;
+    const bool is_equal = package.read(package.at(target.image.file), [&](std::span<const uint8_t> piece) {
+        stop_if_interrupted();
+        held.resize(piece.size());
+        device.read(done, held);
+        done += piece.size();
+        progress.advance("compare", piece.size());
+        digester.add(held);
+        return std::memcmp(held.data(), piece.data(), piece.size()) == 0;
+    });
+    progress.spare("compare", target.size - done);
+    if (is_equal && !target.image.matches(digester.finish())) {
+        throw wrong_digest(target.image);
+    }
+    return is_equal;
+}
+
+bool stands_already(const Target& target, const Package& package, Progress& progress) {
+    try {
+        return holds_image(target, package, progress);
+    } catch (const Failure& failure) {
+        /* A flash that cannot be read where it was never written has still to be written. */
+        if (failure.code != ExitCode::device) {
+            throw;
+        }
+        progress.spare("compare", target.size);
+        return false;
+    }
+}
+
+} // namespace
+
+std::string Target::partition() const {
+    return std::filesystem::path(device).filename();
+}
+
+bool Plan::writes(bool ab) const {
+    return std::any_of(targets.begin(), targets.end(),
+                       [&](const Target& target) { return target.image.is_ab() == ab && !target.stands; });
+}
+
+Description read_description(const Package& package, const std::string& trust, std::string& signer) {
+    const std::string text = package.text(description_entry, description_limit);
+    if (!trust.empty()) {
+        if (!package.has(signature_entry)) {
+            throw Failure(ExitCode::refused, "the package is not signed");
+        }
+        signer = verify_signature(text, package.text(signature_entry, signature_limit), trust);
+    }
+    return parse_description(parse_json(text, description_entry));
+}
+
+void judge_images(const Package& package, const Description& description, bool is_signed) {
+    for (const Image& image : description.images) {
+        const Entry& entry = package.at(image.file);
+        if (entry.kind != EntryKind::file || entry.size == 0) {
+            throw Failure(ExitCode::refused, image.file + " is no file with an image in it");
+        }
+        if (entry.size > largest_image) {
+            throw Failure(ExitCode::refused,
+                          image.file + " of " + human_bytes(entry.size) + " is too large to be unpacked");
+        }
+        if (image.size.value_or(entry.size) != entry.size) {
+            throw Failure(ExitCode::refused, format("%s has %llu bytes, and the description says %llu",
+                                                    image.file.c_str(), static_cast<unsigned long long>(entry.size),
+                                                    static_cast<unsigned long long>(*image.size)));
+        }
+        if (is_signed && image.digests.sha256.empty()) {
+            throw Failure(ExitCode::refused,
+                          "the description gives no SHA-256 of " + image.file + ", so the signature does not cover it");
+        }
+    }
+}
+
+Plan make_plan(const Package& package, const InstallOptions& options) {
+    Plan plan;
+    plan.description = read_description(package, options.trust, plan.signer);
+    judge_images(package, plan.description, !options.trust.empty());
+    plan.installed_version = read_installed_version(options.version_file);
+    judge_version(plan, options.allow_downgrade);
+    for (const Image& image : plan.description.images) {
+        plan.targets.push_back(make_target(package, image));
+    }
+    std::stable_partition(plan.targets.begin(), plan.targets.end(),
+                          [](const Target& target) { return target.image.is_ab(); });
+    if (plan.targets.front().image.is_ab()) {
+        plan.running = running_slot();
+        plan.slot = require(ExitCode::device, "cannot tell the update slot", [] { return ota_get_update_slot(); });
+    }
+    return plan;
+}
+
+Failure wrong_digest(const Image& image) {
+    return {ExitCode::refused, image.file + " is not what the description says: its digest is another one"};
+}
+
+Digests digest_entry(const Package& package, const Image& image, Progress& progress) {
+    Digester digester(image.digest_kind());
+    progress.begin("check", image.file);
+    package.read(package.at(image.file), [&](std::span<const uint8_t> piece) {
+        stop_if_interrupted();
+        digester.add(piece);
+        progress.advance("check", piece.size());
+        return true;
+    });
+    return digester.finish();
+}
+
+void announce(const Plan& plan, bool with_survey, Progress& progress) {
+    for (const Target& target : plan.targets) {
+        progress.expect("compare", with_survey ? target.size : 0);
+        progress.expect("check", target.image.is_ab() ? 0 : target.size);
+        progress.expect("write", target.size);
+        progress.expect("verify", target.size);
+    }
+}
+
+void survey(Plan& plan, const Package& package, Progress& progress) {
+    for (Target& target : plan.targets) {
+        progress.begin("compare", target.partition());
+        target.stands = stands_already(target, package, progress);
+        if (target.stands) {
+            progress.spare("check", target.image.is_ab() ? 0 : target.size);
+            progress.spare("write", target.size);
+            progress.spare("verify", target.size);
+        }
+    }
+}
+
+void check_single_images(const Plan& plan, const Package& package, Progress& progress) {
+    for (const Target& target : plan.targets) {
+        if (target.image.is_ab() || target.stands) {
+            continue;
+        }
+        if (!target.image.matches(digest_entry(package, target.image, progress))) {
+            throw wrong_digest(target.image);
+        }
+    }
+}
+
+void judge_slots(const Plan& plan) {
+    if (!plan.writes(true)) {
+        return;
+    }
+    const std::string slot = "slot " + slot_letter(*plan.slot);
+    if (plan.slot == plan.running && get_boot_mode() != RECOVERY_MODE) {
+        throw Failure(ExitCode::failed,
+                      slot +
+                          " is the one to write, and it is running on trial while the other slot is the only good one",
+                      "tessera confirm keeps this system, tessera rollback goes back; then install");
+    }
+    if (!read_slot_block().boots_without(*plan.slot)) {
+        throw Failure(ExitCode::failed, "while " + slot + " is written there would be nothing to boot",
+                      "tessera confirm marks the running slot good");
+    }
+}

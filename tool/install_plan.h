@@ -1,0 +1,78 @@
+/** What an installation is going to do, judged as a whole before anything is written. */
+#ifndef TOOL_INSTALL_PLAN_H
+#define TOOL_INSTALL_PLAN_H
+
+#include "description.h"
+#include "failure.h"
+#include "package.h"
+#include "progress.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct InstallOptions {
+    std::string package;
+    std::string trust; /* PEM file of trusted certificates; empty checks integrity only */
+    std::string lock_file = "/tmp/tessera.lock";
+    std::string version_file = "/usr/velox/version";
+    bool allow_downgrade = false;
+    bool dry_run = false;
+    bool force = false;
+};
+
+/** An image and where it goes. */
+struct Target {
+    Image image;
+    uint64_t size;       /* bytes of the image */
+    std::string device;  /* path */
+    bool stands = false; /* the device holds the image already */
+
+    /** "system_b", or the plain name of a partition that exists once */
+    [[nodiscard]] std::string partition() const;
+};
+
+struct Plan {
+    Description description;
+    std::string signer;             /* empty when no trust was asked for */
+    std::string installed_version;  /* empty when the board does not tell */
+    std::vector<Target> targets;    /* those of the slot first: what has no second copy is written last */
+    std::optional<int32_t> slot;    /* the update slot, when an image goes to a slot */
+    std::optional<int32_t> running; /* known whenever `slot` is */
+
+    /** Whether an image of this kind has to be written. */
+    [[nodiscard]] bool writes(bool ab) const;
+    /** Whether the slot is made the next one in the end. */
+    [[nodiscard]] bool switches() const {
+        return slot && slot != running;
+    }
+};
+
+/** The description, believed only after its signature where trust is asked for. */
+Description read_description(const Package& package, const std::string& trust, std::string& signer);
+
+/** Refuses an entry whose size is not the described one, and a signed image without SHA-256. */
+void judge_images(const Package& package, const Description& description, bool is_signed);
+
+/** Judges everything that can be judged without reading images whole. Throws Failure. */
+Plan make_plan(const Package& package, const InstallOptions& options);
+
+/** Announces all work that the plan may take, so that the share done never falls. */
+void announce(const Plan& plan, bool with_survey, Progress& progress);
+
+/** Finds out which images their devices hold already. */
+void survey(Plan& plan, const Package& package, Progress& progress);
+
+/** Reads the images for partitions that exist once: a damaged one must not cost the only copy. */
+void check_single_images(const Plan& plan, const Package& package, Progress& progress);
+
+/** Refuses what could leave the board with nothing to boot. */
+void judge_slots(const Plan& plan);
+
+Failure wrong_digest(const Image& image);
+
+/** Digests of an entry, with progress of the kind "check". */
+Digests digest_entry(const Package& package, const Image& image, Progress& progress);
+
+#endif

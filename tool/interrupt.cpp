@@ -1,0 +1,34 @@
+#include "interrupt.h"
+
+#include "failure.h"
+
+#include <csignal>
+
+namespace {
+
+volatile std::sig_atomic_t asked_to_end = 0;
+
+void ask_to_end(int /*signal*/) {
+    asked_to_end = 1;
+}
+
+} // namespace
+
+void watch_interrupts() {
+    struct sigaction action {};
+    action.sa_handler = ask_to_end;
+    action.sa_flags = SA_RESTART;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        (void)sigaction(signal, &action, nullptr);
+    }
+}
+
+bool is_interrupted() {
+    return asked_to_end != 0;
+}
+
+void stop_if_interrupted() {
+    if (is_interrupted()) {
+        throw Failure(ExitCode::interrupted, "interrupted");
+    }
+}

@@ -1,0 +1,166 @@
+#include "package.h"
+
+#include "failure.h"
+#include "text.h"
+#include "velox_ota_hl.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr size_t piece_size = size_t{256} << 10;
+constexpr uint64_t size_in_zip64 = 0xFFFFFFFF;
+constexpr unsigned zip64_field = 0x0001;
+
+Failure damaged(const std::string& what) {
+    return {ExitCode::refused, what, "tessera package check tells which entries are damaged"};
+}
+
+Descriptor open_regular_file(const std::string& path) {
+    Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (fd.get() < 0) {
+        throw Failure(ExitCode::refused, "cannot open " + path + because(errno));
+    }
+    struct stat status {};
+    if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        throw Failure(ExitCode::refused, path + " is not a regular file");
+    }
+    return fd;
+}
+
+uint64_t little_endian(std::span<const uint8_t> bytes) {
+    uint64_t value = 0;
+    for (size_t i = bytes.size(); i > 0; --i) {
+        value = value << 8 | bytes[i - 1];
+    }
+    return value;
+}
+
+/** The unpacked size in the zip64 field, which it opens when the 32-bit size is all ones. */
+uint64_t zip64_size(std::span<const uint8_t> extra) {
+    while (extra.size() >= 4) {
+        const size_t length = little_endian(extra.subspan(2, 2));
+        if (little_endian(extra.first(2)) == zip64_field && length >= 8 && extra.size() >= 12) {
+            return little_endian(extra.subspan(4, 8));
+        }
+        extra = extra.subspan(std::min(extra.size(), 4 + length));
+    }
+    return size_in_zip64;
+}
+
+EntryKind kind_of(const std::string& name, uint32_t attributes) {
+    if (name.ends_with('/') || name.ends_with('\\')) {
+        return EntryKind::directory;
+    }
+    return (attributes & 0xF0000000) == 0xA0000000 ? EntryKind::link : EntryKind::file;
+}
+
+} // namespace
+
+bool Entry::is_image() const {
+    const auto has_extension = [&](const char* extension) { return is_xxx_file(name.c_str(), extension) == 1; };
+    return has_extension("img") || has_extension("bin") || has_extension("ubifs");
+}
+
+Package::Package(const std::string& path)
+    : fd_(open_regular_file(path)), path_("/proc/self/fd/" + std::to_string(fd_.get())),
+      zip_(unzOpen64(path_.c_str())) {
+    if (zip_ == nullptr) {
+        throw Failure(ExitCode::refused, path + " is not a zip package");
+    }
+    list_entries();
+}
+
+Package::~Package() {
+    unzClose(zip_);
+}
+
+void Package::list_entries() {
+    unz_global_info64 info;
+    bool is_sound = unzGetGlobalInfo64(zip_, &info) == UNZ_OK;
+    for (ZPOS64_T i = 0; is_sound && i < info.number_entry; ++i) {
+        is_sound = (i == 0 ? unzGoToFirstFile(zip_) : unzGoToNextFile(zip_)) == UNZ_OK;
+        if (is_sound) {
+            entries_.push_back(current_entry());
+        }
+    }
+    if (!is_sound) {
+        throw Failure(ExitCode::refused, "the directory of the package is damaged");
+    }
+}
+
+Entry Package::current_entry() const {
+    unz_file_info64 info;
+    Entry entry{};
+    if (unzGetCurrentFileInfo64(zip_, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK) {
+        throw Failure(ExitCode::refused, "the directory of the package is damaged");
+    }
+    std::vector<uint8_t> extra(info.size_file_extra);
+    entry.name.resize(info.size_filename);
+    (void)unzGetCurrentFileInfo64(zip_, &info, entry.name.data(), entry.name.size(), extra.data(), extra.size(),
+                                  nullptr, 0);
+    (void)unzGetFilePos64(zip_, &entry.position);
+    entry.kind = kind_of(entry.name, static_cast<uint32_t>(info.external_fa));
+    entry.size = info.uncompressed_size == size_in_zip64 ? zip64_size(extra) : info.uncompressed_size;
+    entry.packed_size = info.compressed_size;
+    entry.mode = static_cast<uint32_t>(info.external_fa >> 16 & 0x1FF);
+    entry.date = info.tmu_date;
+    return entry;
+}
+
+bool Package::has(std::string_view name) const {
+    return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) { return entry.name == name; });
+}
+
+const Entry& Package::at(std::string_view name) const {
+    const auto is_named = [&](const Entry& entry) { return entry.name == name; };
+    const auto found = std::find_if(entries_.begin(), entries_.end(), is_named);
+    if (found == entries_.end()) {
+        throw Failure(ExitCode::refused, "the package has no entry " + std::string(name));
+    }
+    if (std::find_if(found + 1, entries_.end(), is_named) != entries_.end()) {
+        throw Failure(ExitCode::refused, "the package has more than one entry " + std::string(name));
+    }
+    return *found;
+}
+
+bool Package::read(const Entry& entry, const std::function<bool(std::span<const uint8_t>)>& take) const {
+    unz64_file_pos position = entry.position;
+    if (unzGoToFilePos64(zip_, &position) != UNZ_OK || unzOpenCurrentFile(zip_) != UNZ_OK) {
+        throw damaged(entry.name + " cannot be unpacked");
+    }
+    std::vector<uint8_t> piece(std::min<uint64_t>(piece_size, std::max<uint64_t>(1, entry.size)));
+    uint64_t done = 0;
+    int got = 0;
+    while ((got = unzReadCurrentFile(zip_, piece.data(), static_cast<unsigned>(piece.size()))) > 0) {
+        done += static_cast<uint64_t>(got);
+        if (!take(std::span(piece).first(static_cast<size_t>(got)))) {
+            unzCloseCurrentFile(zip_);
+            return false;
+        }
+    }
+    const int end = unzCloseCurrentFile(zip_);
+    if (got < 0) {
+        throw damaged(entry.name + " cannot be unpacked");
+    }
+    if (done != entry.size || end == UNZ_CRCERROR) {
+        throw damaged(entry.name + (end == UNZ_CRCERROR ? " has a wrong checksum" : " is cut short"));
+    }
+    return true;
+}
+
+std::string Package::text(std::string_view name, size_t limit) const {
+    const Entry& entry = at(name);
+    if (entry.size > limit) {
+        throw Failure(ExitCode::refused, entry.name + " is larger than " + human_bytes(limit));
+    }
+    std::string text;
+    read(entry, [&](std::span<const uint8_t> piece) {
+        text.append(piece.begin(), piece.end());
+        return true;
+    });
+    return text;
+}

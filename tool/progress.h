@@ -1,0 +1,75 @@
+/**
+ * Progress over known amounts of work. The share shown never goes back: work that turns out to be
+ * needless makes the whole smaller. It stays below 100 % until finish(), because syncing and the last
+ * steps of an update have no bytes to count.
+ */
+#ifndef TOOL_PROGRESS_H
+#define TOOL_PROGRESS_H
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+enum class ProgressMode { none, bar, plain, json };
+
+/** A bar on a terminal, lines elsewhere. */
+ProgressMode default_progress_mode();
+
+class Progress {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    explicit Progress(ProgressMode mode) : mode_(mode) {
+    }
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    /** Announces work of a kind, such as "write", before any of it is done. */
+    void expect(std::string_view work, uint64_t bytes);
+    /** Takes back what was announced and is not needed. */
+    void spare(std::string_view work, uint64_t bytes);
+    /** A step begins. `phase` may be a kind of work or something that has no bytes, such as "sync". */
+    void begin(std::string_view phase, const std::string& subject);
+    /** Work of a kind went on by `bytes`. */
+    void advance(std::string_view work, uint64_t bytes);
+    /** Shows where it stands, if it is time to. */
+    void tick();
+    void finish();
+
+private:
+    struct Work {
+        std::string name;
+        uint64_t total = 0;
+        uint64_t done = 0;
+        double seconds = 0; /* spent on it so far */
+
+        [[nodiscard]] std::optional<double> rate() const;
+    };
+
+    Work& find(std::string_view name);
+    void charge_time();
+    [[nodiscard]] uint64_t done() const;
+    [[nodiscard]] uint64_t total() const;
+    [[nodiscard]] unsigned percent() const;
+    [[nodiscard]] std::optional<double> seconds_left() const;
+    void show();
+    void show_bar() const;
+    void show_line() const;
+    void show_json() const;
+
+    ProgressMode mode_;
+    std::vector<Work> works_;
+    std::string phase_;
+    std::string subject_;
+    size_t charged_ = 0; /* the work that the time now runs for */
+    Clock::time_point since_ = Clock::now();
+    Clock::time_point shown_ = Clock::now();
+    bool visible_ = false;
+    bool finished_ = false;
+};
+
+#endif

@@ -1,0 +1,52 @@
+#include "status_record.h"
+
+#include "console.h"
+#include "partition.h"
+
+#include <span>
+
+namespace {
+
+constexpr uint64_t status_offset = 0x30000;
+constexpr uint64_t versions_offset = 0x30880;
+constexpr uint32_t status_magic = 0x4F544153;
+constexpr char cannot_store[] = "cannot store the update status";
+
+template <class Record>
+bool read_sealed(uint64_t offset, Record& record) {
+    const std::span<uint8_t> bytes(reinterpret_cast<uint8_t*>(&record), sizeof record);
+    read_record(status_partition, offset, bytes);
+    return CRC32(bytes.data(), offsetof(Record, crc32_le)) == record.crc32_le;
+}
+
+} // namespace
+
+StoredStatus read_status() {
+    StoredStatus stored{};
+    const bool is_sealed = read_sealed(status_offset, stored.record);
+    stored.is_valid = is_sealed && stored.record.magic == status_magic;
+    return stored;
+}
+
+StoredVersions read_stored_versions() {
+    StoredVersions stored{};
+    stored.is_valid = read_sealed(versions_offset, stored.record);
+    return stored;
+}
+
+void write_status(ota_status_t& record) {
+    ota_file_info_t place = locate(status_partition);
+    require(ExitCode::device, cannot_store, [&] { return ota_write_to_veeprom_force(&record, &place); });
+    sync_partition(status_partition);
+}
+
+void set_status_flag(ota_update_flag_e flag) {
+    require(ExitCode::device, cannot_store, [&] { return ota_set_up_status(flag); });
+    sync_partition(status_partition);
+}
+
+void clear_status_flag() {
+    require(ExitCode::device, cannot_store, [&] { return ota_set_up_status(OTA_FLAG_NORMAL); });
+    require(ExitCode::device, cannot_store, [&] { return ota_set_owner(NORMAL_BOOT); });
+    sync_partition(status_partition);
+}

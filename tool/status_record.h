@@ -1,0 +1,34 @@
+/**
+ * The update status as it lies in "ubootenv". The library mends a bad record on reading; to tell
+ * whether there was a good one, it has to be read past the library's own calls.
+ */
+#ifndef TOOL_STATUS_RECORD_H
+#define TOOL_STATUS_RECORD_H
+
+#include "velox_ota_hl.h"
+
+inline constexpr char status_partition[] = "ubootenv";
+
+struct StoredStatus {
+    ota_status_t record;
+    bool is_valid;
+};
+
+struct StoredVersions {
+    antirollback_ver_t record;
+    bool is_valid;
+};
+
+StoredStatus read_status();
+StoredVersions read_stored_versions();
+
+/** Writes a whole record in the name of this tool, in one write, and waits until the medium holds it. */
+void write_status(ota_status_t& record);
+
+/** Moves the general flag on, and waits until the medium holds it. */
+void set_status_flag(ota_update_flag_e flag);
+
+/** No update is under way any more. */
+void clear_status_flag();
+
+#endif

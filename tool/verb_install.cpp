@@ -1,0 +1,189 @@
+/** tessera install: the whole update, from the package to the switch of the slot. */
+#include "image_versions.h"
+#include "install.h"
+#include "interrupt.h"
+#include "names.h"
+#include "slot_block.h"
+#include "text.h"
+#include "update_lock.h"
+#include "verb.h"
+
+#include <chrono>
+#include <filesystem>
+
+namespace {
+
+struct Options : InstallOptions {
+    ProgressMode progress = default_progress_mode();
+    bool quiet = false;
+};
+
+constexpr char untouched[] = "nothing was written, and the board is as it was";
+
+/** What was done, or would be. */
+struct Outcome {
+    const Plan& plan;
+    bool needed; /* something had to be done */
+    double seconds;
+
+    [[nodiscard]] uint64_t bytes(bool written) const {
+        uint64_t sum = 0;
+        for (const Target& target : plan.targets) {
+            sum += target.stands != written ? target.size : 0;
+        }
+        return sum;
+    }
+};
+
+void remark(const Options& options, const std::string& sentence) {
+    if (!options.quiet) {
+        console::note(sentence);
+    }
+}
+
+void remark_on(const Plan& plan, const Options& options) {
+    if (options.trust.empty()) {
+        remark(options, "no trusted certificate is named, so the package's integrity is checked and not its origin");
+    }
+    if (plan.installed_version.empty()) {
+        remark(options, "the installed version is unknown, so it cannot be compared");
+    }
+}
+
+/** Whether the board already is where the package would bring it. */
+bool is_done(const Plan& plan) {
+    return !plan.writes(true) && !plan.writes(false) && (!plan.switches() || next_slot() == plan.slot);
+}
+
+Json to_json(const Outcome& outcome, bool dry_run) {
+    const Plan& plan = outcome.plan;
+    Json partitions = Json::array();
+    for (const Target& target : plan.targets) {
+        partitions.push_back({{"partition", target.partition()},
+                              {"file", target.image.file},
+                              {"bytes", target.size},
+                              {"written", !target.stands}});
+    }
+    return {{"version", plan.description.version},
+            {"installed_version", plan.installed_version.empty() ? Json() : Json(plan.installed_version)},
+            {"signer", plan.signer.empty() ? Json() : Json(plan.signer)},
+            {"dry_run", dry_run},
+            {"slot", plan.slot ? Json(*plan.slot) : Json()},
+            {"switched", !dry_run && outcome.needed && plan.switches()},
+            {"partitions", partitions},
+            {"bytes_written", outcome.bytes(true)},
+            {"bytes_kept", outcome.bytes(false)},
+            {"seconds", outcome.seconds}};
+}
+
+std::string slot_sentence(const Plan& plan) {
+    if (!plan.slot) {
+        return "";
+    }
+    const std::string slot = "slot " + slot_letter(*plan.slot);
+    return plan.switches() ? "; " + slot + " boots next" : "; " + slot + " is running it";
+}
+
+std::string summary(const Outcome& outcome) {
+    const std::string& version = outcome.plan.description.version;
+    if (!outcome.needed) {
+        return version + " stands already" + slot_sentence(outcome.plan);
+    }
+    const uint64_t written = outcome.bytes(true);
+    std::string text = "installed " + version + ": " + human_bytes(written) + " written";
+    if (const uint64_t kept = outcome.bytes(false); kept > 0) {
+        text += ", " + human_bytes(kept) + " stood already";
+    }
+    text += format(", in %.1f s", outcome.seconds);
+    if (written > 0 && outcome.seconds > 0) {
+        text += " (" + human_bytes(static_cast<uint64_t>(static_cast<double>(written) / outcome.seconds)) + "/s)";
+    }
+    return text + slot_sentence(outcome.plan);
+}
+
+std::string plan_text(const Outcome& outcome) {
+    const Plan& plan = outcome.plan;
+    std::vector<std::vector<std::string>> rows;
+    for (const Target& target : plan.targets) {
+        rows.push_back({target.image.file, human_bytes(target.size), target.partition(),
+                        target.stands ? "stands already" : "would be written"});
+    }
+    std::string text = "would install " + plan.description.version + " over " +
+                       (plan.installed_version.empty() ? "an unknown version" : plan.installed_version) + "\n" +
+                       table({"image", "size", "partition", ""}, rows);
+    if (plan.switches()) {
+        text += "slot " + slot_letter(*plan.slot) + " would boot next\n";
+    }
+    return text + (outcome.needed ? "nothing was touched" : "nothing would have to be done");
+}
+
+/** Judges everything, in the order in which it can be believed. */
+Plan judge(const Package& package, const Options& options, Progress& progress) {
+    Plan plan = make_plan(package, options);
+    remark_on(plan, options);
+    announce(plan, !options.force, progress);
+    if (!options.force) {
+        survey(plan, package, progress);
+    }
+    judge_slots(plan);
+    check_single_images(plan, package, progress);
+    if (options.dry_run) {
+        judge_versions(package, plan.description);
+    } else {
+        verify_versions(package, plan.description);
+    }
+    stop_if_interrupted();
+    return plan;
+}
+
+Plan judge_or_say_untouched(const Package& package, const Options& options, Progress& progress) {
+    try {
+        return judge(package, options, progress);
+    } catch (Failure& failure) {
+        failure.state = untouched;
+        throw;
+    }
+}
+
+void install(const Context& context, const Options& options) {
+    watch_interrupts();
+    const auto start = std::chrono::steady_clock::now();
+    std::optional<UpdateLock> lock;
+    if (!options.dry_run) {
+        lock.emplace(options.lock_file, "tessera install " + options.package);
+    }
+    const Package package(options.package);
+    Progress progress(options.quiet ? ProgressMode::none : options.progress);
+    const Plan plan = judge_or_say_untouched(package, options, progress);
+    const bool needed = !is_done(plan);
+    if (needed && !options.dry_run) {
+        carry_out(plan, package, progress);
+    }
+    progress.finish();
+    const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
+    const Outcome outcome{plan, needed, spent.count()};
+    context.show(to_json(outcome, options.dry_run), options.dry_run ? plan_text(outcome) : summary(outcome));
+}
+
+const std::map<std::string, ProgressMode> progress_modes = {
+    {"bar", ProgressMode::bar}, {"plain", ProgressMode::plain}, {"json", ProgressMode::json}};
+
+} // namespace
+
+void declare_install(CLI::App& verb, Context& context) {
+    auto options = std::make_shared<Options>();
+    verb.add_option("PACKAGE", options->package, "The package, a zip file")->required();
+    verb.add_option("--trust", options->trust, "PEM file of the certificates whose signatures are accepted")
+        ->envname("TESSERA_TRUST");
+    verb.add_flag("--allow-downgrade", options->allow_downgrade, "Install a version older than the installed one");
+    verb.add_flag("--dry-run", options->dry_run, "Judge everything, say what would happen, touch nothing");
+    verb.add_flag("--force", options->force, "Write images that stand on the board already too");
+    verb.add_flag("-q,--quiet", options->quiet, "No progress and no remarks");
+    verb.add_option("--progress", options->progress, "How to show progress: bar, plain or json, on stderr")
+        ->transform(CLI::CheckedTransformer(progress_modes).description(""))
+        ->type_name("MODE");
+    verb.add_option("--version-file", options->version_file, "Where the installed version stands")
+        ->capture_default_str();
+    verb.add_option("--lock", options->lock_file, "Lock that only one update holds at a time")->capture_default_str();
+    on_command(verb, context, [&context, options] { install(context, *options); });
+}
