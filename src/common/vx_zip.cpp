@@ -12,10 +12,10 @@
 #include "ota_log.h"
 #include "ota_paths.h"
 #include "ota_utils.h"
+#include "vx_zip_destination.h"
 #include "vx_zip_entry.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <ctime>
 #include <sys/stat.h>
@@ -32,11 +32,9 @@ constexpr int32_t makedir_no_memory = -104;
 
 using entry_name = char[ota_entry_size];
 
-/** What is known of the destination during one extraction. */
 struct extraction {
     unzFile uf;
-    char root[PATH_MAX];     /* the destination, links resolved */
-    entry_name verified_dir; /* a parent directory that exists inside the destination */
+    zip_destination dest;
 };
 
 /** An entry in hand. */
@@ -63,124 +61,16 @@ bool is_separator(char c) {
     return c == '/' || c == '\\';
 }
 
-bool is_directory(const zip_entry& entry) {
-    return *entry.without_path == '\0';
-}
-
-/** The file type of a Unix mode in the high half of the attributes. */
-bool is_symbolic_link(const zip_entry& entry) {
-    return (entry.info.external_fa & 0xF0000000) == 0xA0000000;
+/** A name decides first, then the file type of a Unix mode in the high half of the attributes. */
+zip_kind kind_of(const zip_entry& entry) {
+    if (*entry.without_path == '\0') {
+        return zip_kind::directory;
+    }
+    return (entry.info.external_fa & 0xF0000000) == 0xA0000000 ? zip_kind::link : zip_kind::file;
 }
 
 mode_t permissions(const zip_entry& entry) {
     return static_cast<mode_t>((entry.info.external_fa >> 16) & 0x1FF);
-}
-
-/* ---- names that lead out of the destination ---- */
-
-bool has_parent_component(const char* name) {
-    for (const char* part = name; part != nullptr; part = std::strchr(part, '/')) {
-        part += *part == '/' ? 1 : 0;
-        if (part[0] == '.' && part[1] == '.' && (part[2] == '/' || part[2] == '\0')) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool is_inside(const extraction& walk, const char* resolved) {
-    const size_t length = std::strlen(walk.root);
-    if (std::strncmp(resolved, walk.root, length) != 0) {
-        return false;
-    }
-    return resolved[length] == '\0' || resolved[length] == '/' || walk.root[length - 1] == '/';
-}
-
-/** Whether a path that exists leads out. One that does not exist leads nowhere yet. */
-bool resolves_outside(const extraction& walk, const char* path) {
-    char resolved[PATH_MAX];
-    return realpath(path, resolved) != nullptr && !is_inside(walk, resolved);
-}
-
-/** Judges each parent directory of `name`, from the first. */
-bool parents_lead_out(extraction& walk, const char* name) {
-    const char* last = std::strrchr(name, '/');
-    if (last == nullptr) {
-        return false;
-    }
-    const auto length = static_cast<size_t>(last - name);
-    if (std::strncmp(walk.verified_dir, name, length) == 0 && walk.verified_dir[length] == '\0') {
-        return false;
-    }
-    entry_name dir = {};
-    for (size_t i = 1; i <= length; ++i) {
-        if (name[i] != '/') {
-            continue;
-        }
-        std::memcpy(dir, name, i);
-        if (resolves_outside(walk, dir)) {
-            return true;
-        }
-    }
-    if (access(dir, F_OK) == 0) {
-        std::memcpy(walk.verified_dir, dir, sizeof dir);
-    }
-    return false;
-}
-
-bool is_link(const char* path) {
-    struct stat status {};
-    return lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
-}
-
-/** The path that the link `path` leads to, one step. */
-bool follow_link(char (&path)[PATH_MAX]) {
-    char target[PATH_MAX];
-    const ssize_t length = readlink(path, target, sizeof target - 1);
-    if (length < 0) {
-        return false;
-    }
-    target[length] = '\0';
-    char* const last = std::strrchr(path, '/');
-    char* const tail = target[0] == '/' || last == nullptr ? path : last + 1;
-    const size_t room = sizeof path - static_cast<size_t>(tail - path);
-    return static_cast<size_t>(std::snprintf(tail, room, "%s", target)) < room;
-}
-
-/**
- * Whether opening `name` for writing would reach a file outside through a link in its last component,
- * also one that the opening would create.
- */
-bool link_leads_out(const extraction& walk, const char* name) {
-    constexpr int max_links = 40; /* the kernel's own limit */
-    char path[PATH_MAX];
-    (void)std::snprintf(path, sizeof path, "%s", name);
-    int links = 0;
-    for (; is_link(path); ++links) {
-        if (links == max_links || !follow_link(path)) {
-            return true;
-        }
-    }
-    if (links == 0) {
-        return false; /* it lies in its parent directory, which has been judged */
-    }
-    if (resolves_outside(walk, path)) {
-        return true;
-    }
-    char* const last = std::strrchr(path, '/');
-    if (last == nullptr) {
-        return false;
-    }
-    last[last == path ? 1 : 0] = '\0';
-    return resolves_outside(walk, path);
-}
-
-bool leads_out(extraction& walk, const zip_entry& entry) {
-    const char* name = entry.name;
-    if (name[0] == '/' || has_parent_component(name) || parents_lead_out(walk, name)) {
-        return true;
-    }
-    return !is_directory(entry) && !is_symbolic_link(entry) && link_leads_out(walk, name);
 }
 
 /* ---- extraction ---- */
@@ -220,8 +110,8 @@ int32_t copy_data(unzFile uf, FILE* fout) {
 }
 
 void set_mode(const extraction& walk, const zip_entry& entry) {
-    if (is_symbolic_link(entry) && resolves_outside(walk, entry.name)) {
-        ota_log_debug("mode of %s is not set: it lies outside the destination\n", entry.name);
+    if (kind_of(entry) == zip_kind::link && zip_link_leads_out(walk.dest, entry.name)) {
+        ota_log_debug("mode of %s is not set: its target is not in the destination\n", entry.name);
         return;
     }
     (void)chmod(entry.name, permissions(entry));
@@ -263,7 +153,7 @@ int32_t extract_data(const extraction& walk, zip_entry& entry) {
     bool named = true; /* the name may hold something that the mode is for */
     if (err != UNZ_OK) {
         ota_log_error("error %d with zipfile in unzOpenCurrentFilePassword\n", err);
-    } else if (is_symbolic_link(entry)) {
+    } else if (kind_of(entry) == zip_kind::link) {
         err = extract_link(walk, entry);
     } else {
         err = extract_file(walk, entry, &named);
@@ -288,7 +178,7 @@ bool is_acceptable(extraction& walk, const zip_entry& entry) {
         ota_log_error("entry name of %u bytes is too long\n", static_cast<unsigned>(entry.info.size_filename));
         return false;
     }
-    if (leads_out(walk, entry)) {
+    if (zip_name_leads_out(&walk.dest, entry.name, kind_of(entry))) {
         ota_log_error("entry %s leads out of the destination\n", entry.name);
         return false;
     }
@@ -316,7 +206,7 @@ int32_t do_extract_currentfile(extraction& walk) {
     if (!is_acceptable(walk, entry)) {
         return -1;
     }
-    if (is_directory(entry)) {
+    if (kind_of(entry) == zip_kind::directory) {
         (void)mymkdir(entry.name);
         return 0;
     }
@@ -381,8 +271,7 @@ bool change_directory(const char* path) {
 /** Fills in an extraction into the working directory. */
 bool begin_extraction(extraction& walk, unzFile uf) {
     walk.uf = uf;
-    walk.verified_dir[0] = '\0';
-    if (realpath(".", walk.root) == nullptr) {
+    if (!zip_destination_begin(&walk.dest)) {
         ota_log_error("change dir failed \n");
         return false;
     }

@@ -44,9 +44,7 @@ public:
     ota_descriptor(const ota_descriptor&) = delete;
     ota_descriptor& operator=(const ota_descriptor&) = delete;
     ~ota_descriptor() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
+        reset(-1);
     }
 
     [[nodiscard]] int get() const {
@@ -54,6 +52,13 @@ public:
     }
     [[nodiscard]] bool is_open() const {
         return fd_ >= 0;
+    }
+    /** Closes what is held and takes `fd`. */
+    void reset(int fd) {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+        fd_ = fd;
     }
     /** Hands the descriptor to the caller, who closes it. */
     int release() {
