@@ -151,7 +151,7 @@ int32_t write_chunk(ota_file_info_t* dest_file, std::span<const uint8_t> chunk) 
 }
 
 /** Stands `uf` on the entry and opens it. */
-int32_t open_entry(unzFile uf, const char* file) {
+int32_t open_entry(unzFile uf, const char* file, zip_entry_data* data) {
     int32_t ret = unzLocateFile(uf, file, 0);
     if (ret != UNZ_OK) {
         ota_log_error("Cannot find file in zip: %s\n", file);
@@ -172,21 +172,22 @@ int32_t open_entry(unzFile uf, const char* file) {
     if (ret != UNZ_OK) {
         ota_log_error("error %d with zipfile in unzipOpenCurrentFile\n", ret);
     }
+    *data = zip_entry_begin(uf, size, ci);
     return ret;
 }
 
-/** Moves the open entry of `uf` to the destination, chunk by chunk. */
-int32_t stream_entry(unzFile uf, ota_file_info_t* dest_file, void (*read_cb)(int32_t)) {
+/** Moves the open entry to the destination, chunk by chunk. */
+int32_t stream_entry(zip_entry_data* data, ota_file_info_t* dest_file, void (*read_cb)(int32_t)) {
     const std::span<uint8_t> burn_buf = burn_buffer(dest_file->medium);
     while (true) {
-        const int32_t len = unzReadCurrentFile(uf, burn_buf.data(), static_cast<unsigned>(burn_buf.size()));
+        const int32_t len = zip_entry_read(data, burn_buf.data(), static_cast<uint32_t>(burn_buf.size()));
         if (len < 0) {
             ota_log_error("error %d with zipfile in unzReadCurrentFile\n", len);
-            unzCloseCurrentFile(uf);
+            unzCloseCurrentFile(data->uf);
             return len;
         }
         if (len > 0 && write_chunk(dest_file, burn_buf.first(static_cast<size_t>(len))) != len) {
-            unzCloseCurrentFile(uf);
+            unzCloseCurrentFile(data->uf);
             ota_log_error("error in writing extracted file %d\n", len);
             return -1;
         }
@@ -303,8 +304,9 @@ int32_t vx_uncompress_file_to(const char* src, const char* file, ota_file_info_t
         ota_log_error("Cannot open %s or %s.zip\n", src, src);
         return -1;
     }
-    const int32_t ret = open_entry(uf.get(), file);
-    return ret != 0 ? ret : stream_entry(uf.get(), dest_file, read_cb);
+    zip_entry_data data{};
+    const int32_t ret = open_entry(uf.get(), file, &data);
+    return ret != 0 ? ret : stream_entry(&data, dest_file, read_cb);
 }
 
 int32_t ota_write_flashcmd(const char* cmd, char* misc_data, uint32_t data_len, uint32_t offset) {

@@ -15,11 +15,13 @@
 #include "vx_zip_destination.h"
 #include "vx_zip_entry.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <sys/stat.h>
 #include <utime.h>
+#include <zlib.h>
 
 namespace {
 
@@ -42,6 +44,7 @@ struct zip_entry {
     unz_file_info64 info;
     entry_name name;
     char* without_path; /* behind the last separator of the name */
+    uint64_t size;      /* of its data, uncompressed */
 };
 
 /* ---- entries ---- */
@@ -93,10 +96,10 @@ FILE* open_output(zip_entry& entry) {
     return fopen64(entry.name, "wb");
 }
 
-int32_t copy_data(unzFile uf, FILE* fout) {
+int32_t copy_data(zip_entry_data* data, FILE* fout) {
     int32_t err = 0;
     do {
-        err = unzReadCurrentFile(uf, g_zip_buf, zip_buf_size);
+        err = zip_entry_read(data, g_zip_buf, zip_buf_size);
         if (err < 0) {
             ota_log_error("error %d with zipfile in unzReadCurrentFile\n", err);
             return err;
@@ -117,9 +120,9 @@ void set_mode(const extraction& walk, const zip_entry& entry) {
     (void)chmod(entry.name, permissions(entry));
 }
 
-int32_t extract_link(const extraction& walk, const zip_entry& entry) {
-    const int32_t length = unzReadCurrentFile(walk.uf, g_zip_buf, zip_buf_size);
-    if (length < 0 || static_cast<size_t>(length) >= zip_buf_size) {
+int32_t extract_link(zip_entry_data* data, const zip_entry& entry) {
+    const int32_t length = zip_entry_read(data, g_zip_buf, zip_buf_size);
+    if (length < 0 || data->left != 0 || static_cast<size_t>(length) >= zip_buf_size) {
         ota_log_error("error reading link target of %s\n", entry.name);
         return length < 0 ? length : -1;
     }
@@ -132,14 +135,14 @@ int32_t extract_link(const extraction& walk, const zip_entry& entry) {
 }
 
 /** Writes the data of a regular file and sets its date. */
-int32_t extract_file(const extraction& walk, zip_entry& entry, bool* opened) {
+int32_t extract_file(zip_entry_data* data, zip_entry& entry, bool* opened) {
     FILE* fout = open_output(entry);
     *opened = fout != nullptr;
     if (fout == nullptr) {
         ota_log_error("error opening %s\n", entry.name);
         return -1;
     }
-    const int32_t err = copy_data(walk.uf, fout);
+    const int32_t err = copy_data(data, fout);
     (void)std::fclose(fout);
     if (err == 0) {
         change_file_date(entry.name, entry.info.dosDate, entry.info.tmu_date);
@@ -149,14 +152,15 @@ int32_t extract_file(const extraction& walk, zip_entry& entry, bool* opened) {
 
 /** Extracts the data of a link or a regular file, and sets its mode whatever came of it. */
 int32_t extract_data(const extraction& walk, zip_entry& entry) {
+    zip_entry_data data = zip_entry_begin(walk.uf, entry.size, entry.info);
     int32_t err = unzOpenCurrentFilePassword(walk.uf, nullptr);
     bool named = true; /* the name may hold something that the mode is for */
     if (err != UNZ_OK) {
         ota_log_error("error %d with zipfile in unzOpenCurrentFilePassword\n", err);
     } else if (kind_of(entry) == zip_kind::link) {
-        err = extract_link(walk, entry);
+        err = extract_link(&data, entry);
     } else {
-        err = extract_file(walk, entry, &named);
+        err = extract_file(&data, entry, &named);
     }
     if (named) {
         set_mode(walk, entry);
@@ -165,7 +169,7 @@ int32_t extract_data(const extraction& walk, zip_entry& entry) {
         (void)unzCloseCurrentFile(walk.uf);
         return err;
     }
-    err = unzCloseCurrentFile(walk.uf);
+    err = zip_entry_end(data, entry.info);
     if (err != UNZ_OK) {
         ota_log_error("error %d with zipfile in unzCloseCurrentFile\n", err);
     }
@@ -173,7 +177,7 @@ int32_t extract_data(const extraction& walk, zip_entry& entry) {
 }
 
 /** Whether an entry may be extracted at all; says why not. */
-bool is_acceptable(extraction& walk, const zip_entry& entry) {
+bool is_acceptable(extraction& walk, zip_entry& entry) {
     if (entry.info.size_filename >= sizeof entry.name) {
         ota_log_error("entry name of %u bytes is too long\n", static_cast<unsigned>(entry.info.size_filename));
         return false;
@@ -182,10 +186,10 @@ bool is_acceptable(extraction& walk, const zip_entry& entry) {
         ota_log_error("entry %s leads out of the destination\n", entry.name);
         return false;
     }
-    const uint64_t size = zip_entry_size(walk.uf, entry.info);
-    if (!zip_entry_is_deliverable(size, entry.info)) {
+    entry.size = zip_entry_size(walk.uf, entry.info);
+    if (!zip_entry_is_deliverable(entry.size, entry.info)) {
         ota_log_error("entry %s of %llu bytes is too large to be read\n", entry.name,
-                      static_cast<unsigned long long>(size));
+                      static_cast<unsigned long long>(entry.size));
         return false;
     }
     return true;
@@ -403,6 +407,32 @@ uint64_t zip_entry_size(unzFile uf, const unz_file_info64& info) {
 
 bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info) {
     return info.uncompressed_size != size_in_zip64 || size <= size_in_zip64;
+}
+
+zip_entry_data zip_entry_begin(unzFile uf, uint64_t size, const unz_file_info64& info) {
+    return {uf, size, info.uncompressed_size == size_in_zip64, 0};
+}
+
+int32_t zip_entry_read(zip_entry_data* data, void* buf, uint32_t size) {
+    const auto wanted = data->in_zip64 ? static_cast<uint32_t>(std::min<uint64_t>(size, data->left)) : size;
+    const int32_t length = unzReadCurrentFile(data->uf, buf, wanted);
+    if (length < 0) {
+        return length;
+    }
+    if (length == 0 && data->left != 0) {
+        return UNZ_BADZIPFILE;
+    }
+    data->left -= static_cast<uint32_t>(length);
+    if (data->in_zip64) {
+        data->crc = static_cast<uint32_t>(crc32(data->crc, static_cast<const Bytef*>(buf), static_cast<uInt>(length)));
+    }
+    return length;
+}
+
+int32_t zip_entry_end(const zip_entry_data& data, const unz_file_info64& info) {
+    const int32_t err = unzCloseCurrentFile(data.uf);
+    const bool judged = data.in_zip64 && data.left == 0;
+    return err == UNZ_OK && judged && data.crc != info.crc ? UNZ_CRCERROR : err;
 }
 
 int32_t vx_uncompress(const char* src, const char* dest) {

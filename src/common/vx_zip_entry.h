@@ -1,4 +1,4 @@
-/** The true size of a package entry, for every unit that reads packages. */
+/** The true size of a package entry and its data, for every unit that reads packages. */
 #ifndef VX_ZIP_ENTRY_H
 #define VX_ZIP_ENTRY_H
 
@@ -18,5 +18,29 @@ uint64_t zip_entry_size(unzFile uf, const unz_file_info64& info);
  * larger would end there like a complete one.
  */
 bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info);
+
+/** An opened entry that is read through, never past its true size. */
+struct zip_entry_data {
+    unzFile uf;
+    uint64_t left; /* bytes still to come */
+    bool in_zip64; /* minizip knows neither where it ends nor whether its checksum is right */
+    uint32_t crc;  /* of an entry in_zip64, what came so far */
+};
+
+zip_entry_data zip_entry_begin(unzFile uf, uint64_t size, const unz_file_info64& info);
+
+/**
+ * Takes the next bytes.
+ * @return their number, 0 at the end; a negative minizip code, UNZ_BADZIPFILE also for data that ends
+ *         before the size that the package claims, which minizip takes for the end
+ */
+int32_t zip_entry_read(zip_entry_data* data, void* buf, uint32_t size);
+
+/**
+ * Ends reading.
+ * @return 0; a negative minizip code, UNZ_CRCERROR for an entry that was read through and has another
+ *         checksum
+ */
+int32_t zip_entry_end(const zip_entry_data& data, const unz_file_info64& info);
 
 #endif

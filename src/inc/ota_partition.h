@@ -62,7 +62,8 @@ OTA_API int32_t ota_file_to_file(ota_file_info_t* ori_file, ota_file_info_t* des
  * @param read_cb    called after each chunk with its bytes, and once with 0 at the end; may be null
  * @return 0; -1 for a null argument, a package that cannot be opened, a failed write, or an entry
  *         larger than minizip can deliver; a negative minizip code when the entry cannot be found,
- *         opened or read. Chunks before the failure stay written.
+ *         opened or read, or ends before the size that the package claims. Chunks before the failure
+ *         stay written.
  */
 OTA_API int32_t vx_uncompress_file_to(const char* src, const char* file, ota_file_info_t* dest_file,
                                       void (*read_cb)(int32_t));
