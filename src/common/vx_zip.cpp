@@ -142,6 +142,8 @@ int32_t extract_file(zip_entry_data* data, zip_entry& entry, bool* opened) {
         ota_log_error("error opening %s\n", entry.name);
         return -1;
     }
+    /* The result of fclose() is not looked at, so nothing may wait for it; and nothing is copied twice. */
+    (void)std::setvbuf(fout, nullptr, _IONBF, 0);
     const int32_t err = copy_data(data, fout);
     (void)std::fclose(fout);
     if (err == 0) {
