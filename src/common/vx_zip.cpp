@@ -320,7 +320,7 @@ bool add_size(uint64_t* sum, uint64_t size) {
     return true;
 }
 
-/** Adds up the current entry. */
+/** Adds up the current entry. What the caller had in `img_size` may be anything and is not judged. */
 bool add_entry(const char* zipfile, unzFile uf, uint64_t* img_size, uint64_t* total_size) {
     unz_file_info64 info;
     entry_name name;
@@ -329,8 +329,10 @@ bool add_entry(const char* zipfile, unzFile uf, uint64_t* img_size, uint64_t* to
     }
     const uint64_t size = zip_entry_size(uf, info);
     ota_log_debug("file name in zip:%s\n", name);
-    const bool fits = (!is_image(name) || add_size(img_size, size)) && add_size(total_size, size);
-    if (!fits) {
+    if (is_image(name)) {
+        *img_size += size;
+    }
+    if (!add_size(total_size, size)) {
         ota_log_error("sizes in %s overflow\n", zipfile);
         return false;
     }
