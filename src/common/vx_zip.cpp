@@ -448,7 +448,7 @@ int32_t vx_uncompress(const char* src, const char* dest) {
     if (!save_working_directory(dir_path)) {
         return -1;
     }
-    const ota_package uf(open_package(src));
+    ota_package uf(open_package(src));
     if (uf == nullptr) {
         return -1;
     }
@@ -461,6 +461,7 @@ int32_t vx_uncompress(const char* src, const char* dest) {
     }
     extraction walk;
     const int32_t ret_value = begin_extraction(walk, uf.get()) ? do_extract(walk) : -1;
+    uf.reset();
     return change_directory(dir_path) ? ret_value : -1;
 }
 
@@ -486,11 +487,13 @@ int32_t vx_uncompress_one(const char* src, const char* dest, const char* file_na
     }
     const int32_t found = unzLocateFile(uf.get(), file_name, 0);
     if (found != UNZ_OK) {
+        uf.reset();
         ota_log_warning("cannot find %s in package, error %d\n", file_name, found);
         return -1;
     }
     extraction walk;
     if (!begin_extraction(walk, uf.get()) || do_extract_currentfile(walk) != 0) {
+        uf.reset();
         ota_log_error("extract file failed\n");
         return -1;
     }
