@@ -1,6 +1,6 @@
 """Boots a board the way its bootloader would."""
 
-from . import slots
+from . import BoardError, slots
 
 
 def boot(board, fails):
@@ -13,7 +13,7 @@ def boot(board, fails):
     @return whether a slot came up
     """
     board.sync()
-    block = board.slot_block()
+    block = read_block(board)
     broken = block.best() if fails else None
     while (number := block.best()) is not None:
         slot, name = block.slots[number], f"slot {slots.letter(number)}"
@@ -30,6 +30,18 @@ def boot(board, fails):
         print(f"{name} does not come up ({describe(slot)})")
     print("no bootable slot: the board stays in its bootloader")
     return False
+
+
+def read_block(board):
+    """
+    On raw flash the block is gone for a moment whenever it is changed. A board that loses power just then has
+    both slots on trial: whoever changes the block has whole images in both, or takes the tries from one first.
+    """
+    try:
+        return board.slot_block()
+    except BoardError as error:
+        print(f"{error}: both slots are on trial")
+        return slots.SlotBlock.fresh()
 
 
 def describe(slot):

@@ -58,8 +58,16 @@ class SlotBlock:
     @classmethod
     def factory(cls):
         """Two fresh slots, of which the first is known to be good."""
-        good, fresh = Slot(15, 1, True), Slot(15, 7, False)
-        body = LAYOUT.pack(b"a", MAGIC, 1, 2, bytes(2), good.to_word(), fresh.to_word(), 0, 0, bytes(8))
+        return cls.of(Slot(15, 1, True), Slot(15, 7, False))
+
+    @classmethod
+    def fresh(cls):
+        """Two slots on trial: what is written where no block can be read."""
+        return cls.of(Slot(15, 7, False), Slot(15, 7, False))
+
+    @classmethod
+    def of(cls, first, second):
+        body = LAYOUT.pack(b"a", MAGIC, 1, 2, bytes(2), first.to_word(), second.to_word(), 0, 0, bytes(8))
         return cls(seal(body))
 
     def pack(self):

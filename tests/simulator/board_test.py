@@ -56,14 +56,15 @@ class BoardTest(unittest.TestCase):
                 self.assertEqual(board.running_slot(), running)
                 self.assertEqual(tuple(slot.tries for slot in board.slot_block().slots), tries)
 
-    def test_a_damaged_block_boots_nothing(self):
+    def test_a_damaged_block_puts_both_slots_on_trial(self):
         board = self.new()
         with open(board.backing(board.device("misc")), "r+b") as misc:
             misc.seek(slots.OFFSET + 12)
             misc.write(b"\x7e")
-        result = self.board("reboot")
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("checksum", result.stderr)
+        result = self.board("reboot", "--fail")
+        self.assertEqual(result.returncode, 0)
+        self.assertIn("checksum", result.stdout)
+        self.assertEqual([slot.tries for slot in board.slot_block().slots], [0, 6])
 
     def test_the_version_comes_out_of_the_running_system(self):
         board = self.new("--medium", "nand", "--bad", "0,3")
