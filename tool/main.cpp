@@ -10,6 +10,9 @@ constexpr Verb verbs[] = {
     {"board", "Show what this board is, or check what it must supply", declare_board},
     {"slots", "Show or change the A/B slots", declare_slots},
     {"install", "Install a package into the update slot", declare_install},
+    {"partitions", "List the partitions with their sizes, and the GPT", declare_partitions},
+    {"flashcmd", "Hand a prepared command to the board's flash command node", declare_flashcmd},
+    {"version", "Show or compare versions", declare_version},
 };
 
 constexpr char exit_table[] = "Exit status: 0 done; 1 refused or failed, or another update is running; 2 usage;\n"

@@ -45,5 +45,8 @@ inline CLI::App& add_command(CLI::App& verb, const char* name, const char* summa
 void declare_board(CLI::App& verb, Context& context);
 void declare_slots(CLI::App& verb, Context& context);
 void declare_install(CLI::App& verb, Context& context);
+void declare_partitions(CLI::App& verb, Context& context);
+void declare_flashcmd(CLI::App& verb, Context& context);
+void declare_version(CLI::App& verb, Context& context);
 
 #endif
