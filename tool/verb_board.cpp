@@ -1,8 +1,11 @@
 /** tessera board: what this board is, and whether it supplies what the library needs. */
+#include "board_check.h"
 #include "names.h"
 #include "text.h"
 #include "velox_ota_hl.h"
 #include "verb.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -23,8 +26,31 @@ void show_board(const Context& context) {
                             "\nrunning slot  " + slot_letter(running) + "\nupdate slot   " + slot_letter(update));
 }
 
+void show_check(const Context& context) {
+    const std::vector<BoardItem> items = check_board();
+    Json value = Json::array();
+    std::string text;
+    for (const BoardItem& item : items) {
+        value.push_back({{"item", item.name}, {"ok", item.is_there}, {"found", item.found}});
+        text += format("%-9s%-20s%s\n", item.is_there ? "ok" : "MISSING", item.name.c_str(), item.found.c_str());
+        if (!item.is_there) {
+            value.back()["mend"] = item.mend;
+            text += format("%-9s%s\n", "", item.mend.c_str());
+        }
+    }
+    context.show({{"items", value}}, text);
+    const auto missing =
+        std::count_if(items.begin(), items.end(), [](const BoardItem& item) { return !item.is_there; });
+    if (missing > 0) {
+        throw Failure(ExitCode::failed, format("%td of the %zu things that a board must supply %s missing or wrong",
+                                               missing, items.size(), missing == 1 ? "is" : "are"));
+    }
+}
+
 } // namespace
 
 void declare_board(CLI::App& verb, Context& context) {
-    on_command(verb, context, [&context] { show_board(context); });
+    auto check = std::make_shared<bool>(false);
+    verb.add_flag("--check", *check, "Go through all that a board must supply, and say how to mend what is missing");
+    on_command(verb, context, [&context, check] { *check ? show_check(context) : show_board(context); });
 }
