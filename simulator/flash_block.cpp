@@ -54,8 +54,9 @@ public:
         return -ENOTTY;
     }
 
-    void sync() override {
+    [[nodiscard]] int sync() override {
         std::ranges::fill(unsynced_, uint8_t{0});
+        return 0;
     }
 
     void set_tearing(bool tearing) override {
@@ -70,7 +71,7 @@ public:
                 std::ranges::copy(old_sector(sector), sector_of(file_.bytes(), sector).begin());
             }
         }
-        sync();
+        (void)sync();
     }
 
 private:

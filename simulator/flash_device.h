@@ -40,7 +40,8 @@ public:
     [[nodiscard]] virtual std::optional<flash_operation> describe(const flash_request& request) const = 0;
     [[nodiscard]] virtual int carry_out(const flash_request& request) = 0;
     /** What was written and acknowledged is now on the medium. */
-    virtual void sync() {
+    [[nodiscard]] virtual int sync() {
+        return 0;
     }
     /** From now on the power fails in the middle of whatever changes the medium, or no longer does. */
     virtual void set_tearing(bool tearing) = 0;

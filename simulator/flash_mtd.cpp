@@ -45,6 +45,10 @@ public:
         return static_cast<ssize_t>(count);
     }
 
+    [[nodiscard]] int sync() override {
+        return -EINVAL; /* nothing is cached, and the device knows no such call */
+    }
+
     void lose_power(uint64_t /*seed*/) override {
         ecc_failed_ = 0;
     }

@@ -200,7 +200,7 @@ ssize_t write_device(const named_device& named, int fd, const void* buffer, size
     return told(running.load()->perform(named, {"pwrite", position, count}, [&](size_t limit) {
         const ssize_t moved = named.device->write(position, {static_cast<const uint8_t*>(buffer), limit});
         if ((fcntl(fd, F_GETFL) & O_DSYNC) != 0) {
-            named.device->sync();
+            (void)named.device->sync();
         }
         return moved;
     }));
@@ -218,10 +218,8 @@ ssize_t at_file_position(int fd, Transfer transfer) {
 }
 
 int sync_device(const named_device& named) {
-    return static_cast<int>(told(running.load()->perform(named, {"fsync"}, [&](size_t /*limit*/) {
-        named.device->sync();
-        return 0L;
-    })));
+    return static_cast<int>(told(running.load()->perform(
+        named, {"fsync"}, [&](size_t /*limit*/) { return static_cast<long>(named.device->sync()); })));
 }
 
 int request_device(const named_device& named, const flash_request& request) {

@@ -27,8 +27,8 @@ public:
     static const std::array<request_row<ubi_device>, 5> requests;
 
     [[nodiscard]] ssize_t read(uint64_t offset, std::span<uint8_t> out) override {
-        if (offset >= cells_.size()) {
-            return 0;
+        if (offset > cells_.size()) {
+            return -EFAULT; /* the kernel takes the count for negative and writes past the program's buffer */
         }
         const size_t count = std::min<uint64_t>(out.size(), cells_.size() - offset);
         return cells_.read(offset, out.first(count)) != 0 ? -EBADMSG : static_cast<ssize_t>(count);
@@ -38,7 +38,10 @@ public:
         if (!direct_writes_) {
             return -EPERM;
         }
-        const size_t count = offset < cells_.size() ? std::min<uint64_t>(data.size(), cells_.size() - offset) : 0;
+        if (offset >= cells_.size()) {
+            return -ENOMEM; /* the kernel asks for a buffer of 0 bytes */
+        }
+        const size_t count = std::min<uint64_t>(data.size(), cells_.size() - offset);
         if (offset % cells_.erasesize() % cells_.writesize() != 0 || count % cells_.writesize() != 0) {
             return -EINVAL;
         }
