@@ -1,0 +1,36 @@
+/** What a write to flash should come to: the plainest model there is. */
+#ifndef FLASH_MODEL_H
+#define FLASH_MODEL_H
+
+#include <algorithm>
+#include <cstdint>
+#include <random>
+#include <set>
+#include <vector>
+
+using bytes = std::vector<uint8_t>;
+
+inline bytes random_bytes(size_t size, uint32_t seed) {
+    std::mt19937 random(seed);
+    bytes data(size);
+    std::ranges::generate(data, [&] { return static_cast<uint8_t>(random()); });
+    return data;
+}
+
+/** Lays `data` at a logical offset: the bad blocks do not count. */
+inline void put_logical(bytes& device, const bytes& data, size_t offset, const std::set<size_t>& bad, size_t block) {
+    size_t logical = 0;
+    for (size_t at = 0; at < device.size(); at += block) {
+        if (bad.contains(at / block)) {
+            continue;
+        }
+        const size_t first = std::max(offset, logical);
+        const size_t end = std::min(offset + data.size(), logical + block);
+        if (first < end) {
+            std::copy_n(&data[first - offset], end - first, &device[at + first - logical]);
+        }
+        logical += block;
+    }
+}
+
+#endif

@@ -1,0 +1,136 @@
+/**
+ * Asks a device one thing after the other and prints each answer. What the kernel's devices and the
+ * simulated ones answer has to be the same text.
+ */
+#include "flash_model.h"
+#include "ubi_volume_info.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <mtd/mtd-user.h>
+#include <mtd/ubi-user.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t page_size = 2048;
+int fd, read_only; /* the device, opened twice */
+
+void tell(const char* question, long answer) {
+    std::printf("probe %s: %ld %s\n", question, answer, answer < 0 ? strerrorname_np(errno) : "");
+}
+
+bytes read_page(off_t at) {
+    bytes data(page_size);
+    const ssize_t count = pread(fd, data.data(), data.size(), at);
+    data.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    return data;
+}
+
+long put(int by, off_t at, size_t count = page_size) {
+    return pwrite(by, random_bytes(page_size, 1).data(), count, at);
+}
+
+long get(off_t at, size_t count) {
+    return pread(fd, bytes(count).data(), count, at);
+}
+
+template <class Argument>
+int ask(unsigned long request, Argument argument, int by = fd) {
+    return ioctl(by, request, &argument);
+}
+
+/** Block 0 is good and erased. */
+void probe_transfers(off_t size) {
+    tell("read what is erased", read_page(0) == bytes(page_size, 0xff));
+    tell("write 100 bytes", put(fd, 0, 100));
+    tell("write at 100", put(fd, 100));
+    tell("write read-only", put(read_only, 0));
+    tell("write", put(fd, 0));
+    tell("read what was written", read_page(0) == random_bytes(page_size, 1));
+    tell("write the same", put(fd, 0));
+    tell("read what was written twice", read_page(0) == random_bytes(page_size, 1));
+    tell("write something else", pwrite(fd, random_bytes(page_size, 3).data(), page_size, 0));
+    tell("read that", get(0, page_size));
+    tell("read behind that", get(page_size, page_size));
+    tell("read across the end", get(size - 100, page_size));
+    tell("read at the end", get(size, 100));
+    tell("write across the end", put(fd, size - 100));
+    tell("write at the end", put(fd, size));
+    tell("sync", fsync(fd));
+}
+
+/** Block 1 is bad. */
+void probe_mtd() {
+    mtd_info_user info{};
+    tell("MEMGETINFO", ioctl(fd, MEMGETINFO, &info));
+    std::printf("probe type %u flags %x size %u erase %u write %u oob %u\n", info.type, info.flags, info.size,
+                info.erasesize, info.writesize, info.oobsize);
+    const auto block = loff_t{info.erasesize};
+    const auto erase = [](loff_t start, loff_t length, int by = fd) {
+        return ask(MEMERASE64, erase_info_user64{static_cast<uint64_t>(start), static_cast<uint64_t>(length)}, by);
+    };
+    tell("ask for a good block", ask(MEMGETBADBLOCK, loff_t{0}));
+    tell("ask for a bad block", ask(MEMGETBADBLOCK, block + 100));
+    tell("ask behind the end", ask(MEMGETBADBLOCK, loff_t{info.size}));
+    tell("erase a bad block", erase(block, block));
+    tell("erase half a block", erase(0, block / 2));
+    tell("erase behind the end", erase(info.size, block));
+    tell("erase read-only", erase(0, block, read_only));
+    tell("erase", erase(0, block));
+    probe_transfers(info.size);
+    mtd_ecc_stats stats{};
+    tell("ECCGETSTATS", ioctl(fd, ECCGETSTATS, &stats));
+    tell("the ECC failed", stats.failed > 0);
+    const auto put_all = [block](uint8_t byte) {
+        return pwrite(fd, bytes(page_size, byte).data(), page_size, block / 2);
+    };
+    tell("write ones and zeros", put_all(0xf1));
+    tell("write others over them", put_all(0x3f));
+    tell("read both", read_page(block / 2) == bytes(page_size, 0x31));
+    tell("write to a bad block", put(fd, block));
+    tell("read a bad block", get(block, page_size));
+    tell("read behind the end", get(info.size + block, 100));
+    tell("mark a block bad", ask(MEMSETBADBLOCK, 2 * block));
+    tell("ask for the marked block", ask(MEMGETBADBLOCK, 2 * block));
+    tell("erase the marked block", erase(2 * block, block));
+}
+
+void probe_ubi() {
+    ubi_info_user info{};
+    tell("UBI_IOCVOLINFO", ioctl(fd, UBI_IOCVOLINFO, &info));
+    const auto lebs = static_cast<int32_t>(info.used_bytes / info.usable_leb_size);
+    ubi_set_vol_prop_req request{.property = UBI_VOL_PROP_DIRECT_WRITE, .padding = {}, .value = 1};
+    tell("write before it is allowed", put(fd, 0));
+    tell("set an unknown property", ask(UBI_IOCSETVOLPROP, ubi_set_vol_prop_req{77, {}, 1}));
+    tell("allow direct writes", ioctl(fd, UBI_IOCSETVOLPROP, &request));
+    tell("erase LEB -1", ask(UBI_IOCEBER, int32_t{-1}));
+    tell("erase behind the end", ask(UBI_IOCEBER, lebs));
+    tell("erase read-only", ask(UBI_IOCEBER, int32_t{0}, read_only));
+    tell("erase", ask(UBI_IOCEBER, int32_t{0}));
+    tell("ask for an erased LEB", ask(UBI_IOCEBISMAP, int32_t{0}));
+    probe_transfers(info.used_bytes);
+    tell("ask for a written LEB", ask(UBI_IOCEBISMAP, int32_t{0}));
+    tell("read the whole LEB", get(0, static_cast<size_t>(info.usable_leb_size)));
+    tell("unmap", ask(UBI_IOCEBUNMAP, int32_t{0}));
+    tell("read what is unmapped", read_page(0) == bytes(page_size, 0xff));
+}
+
+} // namespace
+
+int main(int count, char** words) {
+    if (count != 3) {
+        std::fprintf(stderr, "usage: device_probe mtd|ubi DEVICE\n");
+        return 2;
+    }
+    fd = open(words[2], O_RDWR);
+    read_only = open(words[2], O_RDONLY);
+    if (fd < 0 || read_only < 0) {
+        std::perror(words[2]);
+        return 1;
+    }
+    (std::strcmp(words[1], "mtd") == 0 ? probe_mtd : probe_ubi)();
+    return 0;
+}
