@@ -1,0 +1,25 @@
+/** Whatever the package: search, sum and streaming agree with each other. */
+#include "box.h"
+#include "ota_partition.h"
+#include "vx_zip.h"
+#include "vx_zip_entry.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string package = put_input(data, size);
+    uint64_t images = 0;
+    const int64_t total = vx_get_zip_size(package.c_str(), &images);
+    must(total == -1 || (total >= 0 && images <= static_cast<uint64_t>(total)));
+    const unzFile uf = unzOpen64(package.c_str());
+    unz_file_info64 info;
+    char name[256] = {};
+    if (unzGetCurrentFileInfo64(uf, &info, name, sizeof name - 1, nullptr, 0, nullptr, 0) == UNZ_OK) {
+        const uint64_t claimed = zip_entry_size(uf, info);
+        must(vx_zip_has_file(package.c_str(), name) == 1 && (total < 0 || claimed <= static_cast<uint64_t>(total)));
+        ota_file_info_t node = {0, 0, OTA_EMMC, "node"};
+        std::ofstream(node.path).flush();
+        const int32_t result = vx_uncompress_file_to(package.c_str(), name, &node, nullptr);
+        must(result != 0 || (node.offset == claimed && fs::file_size(node.path) == claimed));
+    }
+    unzClose(uf);
+    return 0;
+}
