@@ -140,7 +140,7 @@ BoardItem check_log_library() {
 
 BoardItem check_fuses() {
     antirollback_ver_t counters{};
-    console::drain_log();
+    console::forget_errors();
     const bool answers = get_efuse_antirollback(&counters) == 0;
     return {"eFuse library", answers,
             answers ? format("secure %u, non-secure %u, from %s", counters.sec_ver, counters.nosec_ver,
