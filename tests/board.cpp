@@ -2,21 +2,22 @@
 
 #include <algorithm>
 #include <android/log.h>
+#include <csignal>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <kastor_efuse.h>
 #include <linux/capability.h>
+#include <random>
 #include <regex>
 #include <sched.h>
+#include <sstream>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -32,33 +33,28 @@ void must(bool done, const std::string& what) {
     }
 }
 
-void put(const std::string& path, std::string_view bytes) {
+void put(const fs::path& path, std::string_view bytes) {
+    fs::create_directories(path.parent_path());
     std::ofstream file(path, std::ios::binary);
-    file << bytes;
+    file << bytes << std::flush;
     must(file.good(), path);
 }
 
-void bind_mount(const std::string& from, const fs::path& to) {
-    if (fs::is_directory(from)) {
-        fs::create_directories(to);
-    } else {
-        fs::create_directories(to.parent_path());
-        put(to, "");
+/* Shows what lies at `from` also at `to`. */
+void show(const fs::path& from, const fs::path& to) {
+    if (fs::is_symlink(from)) {
+        fs::copy_symlink(from, to);
+        return;
     }
-    must(mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, "bind " + from);
+    fs::is_directory(from) ? void(fs::create_directories(to)) : put(to, "");
+    must(mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, to);
 }
 
-/* Shows everything in `from` also in `to`, except what is named. */
-void show(const std::string& from, const std::string& to, const std::vector<std::string>& hidden) {
-    for (const fs::directory_entry& entry : fs::directory_iterator(from)) {
-        const std::string name = entry.path().filename();
-        if (std::find(hidden.begin(), hidden.end(), name) != hidden.end()) {
-            continue;
-        }
-        if (entry.is_symlink()) {
-            fs::copy_symlink(entry.path(), to + name);
-        } else if (entry.is_directory() || entry.is_regular_file()) {
-            bind_mount(entry.path(), to + name);
+void show_all_but(const std::string& hidden, const fs::path& from, const fs::path& to) {
+    fs::create_directories(to);
+    for (const fs::path path : fs::directory_iterator(from)) {
+        if (hidden.find("/" + path.filename().string() + "/") == std::string::npos) {
+            show(path, to / path.filename());
         }
     }
 }
@@ -72,39 +68,33 @@ void drop_pass_to_any_file() {
 }
 
 void move_in() {
-    const uid_t uid = getuid();
-    const gid_t gid = getgid();
-    const std::string home = fs::current_path();
+    const std::string home = fs::current_path(), root = "/tmp";
+    const std::string uid = std::to_string(getuid()), gid = std::to_string(getgid());
     // Where unprivileged user namespaces are switched off, root does without.
     if (unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) {
         put("/proc/self/setgroups", "deny");
-        put("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-        put("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+        put("/proc/self/uid_map", "0 " + uid + " 1");
+        put("/proc/self/gid_map", "0 " + gid + " 1");
     } else {
         must(unshare(CLONE_NEWNS) == 0, "unshare");
     }
     must(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
-
     // A checkout below "/tmp" stays reachable when "/tmp" becomes the new root.
-    const std::string kept = home.starts_with("/tmp/") ? home.substr(0, home.find('/', 5)) : "";
-    const int kept_dir = kept.empty() ? -1 : open(kept.c_str(), O_PATH | O_CLOEXEC);
-    const std::string root = "/tmp";
+    const std::string kept = home.starts_with("/tmp/") ? home.substr(0, home.find('/', 5)) : "/usr";
+    const int kept_dir = open(kept.c_str(), O_PATH | O_CLOEXEC);
     must(mount("tmpfs", root.c_str(), "tmpfs", 0, "mode=0755") == 0, "tmpfs");
-    show("/", root + "/", {"dev", "tmp", "usr", "userdata"});
-    show("/usr/", root + "/usr/", {"velox"});
-    for (const char* device : {"null", "zero", "full", "random", "urandom", "tty"}) {
-        bind_mount(std::string("/dev/") + device, root + "/dev/" + device);
+    show_all_but("/dev/tmp/usr/userdata/", "/", root);
+    show_all_but("/velox/", "/usr", root + "/usr");
+    if (kept != "/usr") {
+        show("/proc/self/fd/" + std::to_string(kept_dir) + "/.", root + kept);
     }
-    if (!kept.empty()) {
-        bind_mount("/proc/self/fd/" + std::to_string(kept_dir), root + kept);
-        close(kept_dir);
-    }
-    for (const char* dir : {"/board", "/dev/block", "/userdata", "/usr/velox"}) {
-        fs::create_directories(root + dir);
+    close(kept_dir);
+    for (const std::string device : {"null", "zero", "full", "random", "urandom", "tty"}) {
+        show("/dev/" + device, root + "/dev/" + device);
     }
     fs::create_directory_symlink("/proc/self/fd", root + "/dev/fd");
+    fs::create_directories(root + "/tmp");
     put(root + "/board/cmdline", "");
-
     must(chdir(root.c_str()) == 0 && syscall(SYS_pivot_root, ".", ".") == 0, "pivot_root");
     must(umount2(".", MNT_DETACH) == 0, "umount");
     must(mount("/board/cmdline", "/proc/cmdline", nullptr, MS_BIND, nullptr) == 0, "command line");
@@ -112,14 +102,14 @@ void move_in() {
     drop_pass_to_any_file();
 }
 
-int32_t read_efuse(const char* name, int32_t result, uint32_t counter, uint32_t* version) {
-    efuse_state.calls.push_back(std::string("read ") + name);
+int32_t read_efuse(const std::string& name, int32_t result, uint32_t counter, uint32_t* version) {
+    efuse_state.calls.push_back("read " + name);
     *version = result == 0 ? counter : *version;
     return result;
 }
 
-int32_t write_efuse(const char* name, int32_t result, uint32_t& counter, uint32_t version) {
-    efuse_state.calls.push_back(std::string("write ") + name + " " + std::to_string(version));
+int32_t write_efuse(const std::string& name, int32_t result, uint32_t& counter, uint32_t version) {
+    efuse_state.calls.push_back("write " + name + " " + std::to_string(version));
     counter = result == 0 ? version : counter;
     return result;
 }
@@ -155,24 +145,10 @@ int32_t kastor_efuse_nosec_anti_write(uint32_t version) {
     return write_efuse("nosec", efuse_state.nosec_write_result, efuse_state.nosec, version);
 }
 
-std::string captured(int stream, const std::function<void()>& call) {
-    std::fflush(nullptr);
-    const int saved = dup(stream);
-    const int file = memfd_create("captured", MFD_CLOEXEC);
-    dup2(file, stream);
-    call();
-    std::fflush(nullptr);
-    dup2(saved, stream);
-    close(saved);
-    std::string text(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
-    EXPECT_EQ(pread(file, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
-    close(file);
-    return text;
-}
-
 Board::Board() {
-    for (const fs::path dir : {by_name, userdata, flashcmds, std::string("/tmp/ota"), std::string("/tmp/process")}) {
-        fs::remove_all(dir);
+    for (const std::string& dir :
+         {by_name, userdata, flashcmds, std::string("/tmp/ota"), std::string("/tmp/process")}) {
+        fs::remove_all(dir.substr(0, dir.find_last_not_of('/') + 1));
     }
     for (const std::string& dir : {by_name, userdata, flashcmds}) {
         fs::create_directories(dir);
@@ -183,11 +159,17 @@ Board::Board() {
     efuse_state = {};
 }
 
+Board::~Board() {
+    EXPECT_EQ(open_descriptors(), descriptors_);
+    limit_file_size(RLIM_INFINITY);
+}
+
 void Board::set_cmdline(std::string_view text) {
     put("/board/cmdline", text);
 }
 
 std::string Board::add_partition(const std::string& name, std::string_view bytes) {
+    fs::remove(by_name + name);
     return write_file(by_name + name, bytes);
 }
 
@@ -206,16 +188,13 @@ std::string Board::read_partition(const std::string& name) {
 }
 
 void Board::write_partition(const std::string& name, size_t offset, std::string_view bytes) {
-    std::fstream file(by_name + name, std::ios::binary | std::ios::in | std::ios::out);
-    file.seekp(static_cast<std::streamoff>(offset));
-    file << bytes;
-    ASSERT_TRUE(file.good()) << name;
+    write_file(by_name + name, read_partition(name).replace(offset, bytes.size(), bytes));
 }
 
 std::string Board::read_file(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file.good()) << path;
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream bytes;
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
+    return bytes.str();
 }
 
 std::string Board::write_file(const std::string& path, std::string_view bytes) {
@@ -223,19 +202,23 @@ std::string Board::write_file(const std::string& path, std::string_view bytes) {
     return path;
 }
 
-std::vector<std::string> Board::log(bool with_debug) {
+void Board::limit_file_size(uint64_t size) {
+    (void)std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {size, RLIM_INFINITY};
+    must(setrlimit(RLIMIT_FSIZE, &limit) == 0, "setrlimit");
+}
+
+Lines Board::log(bool with_debug) {
     static const std::regex form(R"(\[OTA_(ERROR|WARNING|INFO|DEBUG)\]\[[a-z0-9_]+\.cpp:[0-9]+\] ([^]*?)\n?)");
-    std::vector<std::string> lines;
+    Lines lines;
     for (const LogLine& line : raw_log()) {
         std::smatch part;
         EXPECT_TRUE(std::regex_match(line.text, part, form)) << line.text;
-        const std::string level = part[1];
+        std::string level = part[1];
         EXPECT_EQ(line.priority, level == "DEBUG" ? 3 : level == "INFO" ? 4 : 6) << line.text;
-        if (level != "DEBUG" || with_debug) {
-            std::string text = level + " " + std::string(part[2]);
-            std::transform(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(level.size()), text.begin(),
-                           tolower);
-            lines.push_back(text);
+        std::transform(level.begin(), level.end(), level.begin(), tolower);
+        if (level != "debug" || with_debug) {
+            lines.push_back(level + " " + part.str(2));
         }
     }
     return lines;
@@ -252,6 +235,34 @@ size_t Board::open_descriptors() {
 
 Efuses& Board::efuses() {
     return efuse_state;
+}
+
+std::string captured(int stream, const std::function<void()>& call) {
+    const int saved = dup(stream), file = memfd_create("captured", MFD_CLOEXEC);
+    std::fflush(nullptr);
+    dup2(file, stream);
+    call();
+    std::fflush(nullptr);
+    dup2(saved, stream);
+    close(saved);
+    std::string text(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
+    EXPECT_EQ(pread(file, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+    close(file);
+    return text;
+}
+
+std::string noise(size_t size) {
+    std::string bytes(size, '\0');
+    std::generate(bytes.begin(), bytes.end(), std::minstd_rand(1));
+    return bytes;
+}
+
+ota_file_info_t file_info(const std::string& path, uint64_t offset, ota_medium_e medium) {
+    ota_file_info_t info{};
+    info.offset = offset;
+    info.medium = medium;
+    path.copy(info.path, sizeof info.path - 1);
+    return info;
 }
 
 int main(int argc, char** argv) {
