@@ -1,0 +1,145 @@
+#include "board.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <malloc.h>
+#include <numeric>
+
+namespace {
+
+using namespace std::string_literals;
+
+constexpr size_t mib = 1048576;
+std::vector<int32_t> chunks;
+
+void note_chunk(int32_t len) {
+    chunks.push_back(len);
+}
+
+class Stream : public Board {
+protected:
+    static std::string run_in_tmp(const std::string& commands) {
+        EXPECT_EQ(std::system(("cd /tmp && rm -f p.zip && " + commands).c_str()), 0);
+        return "/tmp/p.zip";
+    }
+};
+
+TEST_F(Stream, a_file_moves_in_chunks_as_far_as_it_goes) {
+    const std::string image = noise(25 * mib);
+    const struct {
+        size_t offset, asked;
+        std::vector<int32_t> chunks;
+    } rows[] = {
+        {0, 25 * mib, {10485760, 10485760, 5242880}}, {25 * mib - 60, 1000, {60}}, {7, 0, {}}, {25 * mib, 10, {}}};
+    add_partition("from", image);
+    for (const auto& row : rows) {
+        chunks.clear();
+        std::string to(26 * mib, 't');
+        ota_file_info_t dest = file_info(add_partition("to", to), 7, OTA_EMMC);
+        ota_file_info_t source = file_info(by_name + "from", row.offset);
+        source.size = row.asked;
+        EXPECT_EQ(ota_file_to_file(&source, &dest, note_chunk), 0);
+        const size_t moved = std::accumulate(row.chunks.begin(), row.chunks.end(), size_t{0});
+        EXPECT_EQ(chunks, row.chunks);
+        EXPECT_EQ(source.offset, row.offset + moved);
+        EXPECT_EQ(dest.offset, 7 + moved);
+        EXPECT_TRUE(read_partition("to") == to.replace(7, moved, image, row.offset, moved));
+    }
+}
+
+TEST_F(Stream, a_failed_chunk_ends_the_copy_behind_the_last_whole_one) {
+    const std::string none = by_name + "none", to = add_partition("to", 1);
+    ota_file_info_t source = file_info(none), dest = file_info(none);
+    source.size = 11 * mib;
+    EXPECT_EQ(ota_file_to_file(&source, &dest, nullptr), -1);
+    EXPECT_EQ(log(), (Lines{"error open file: " + none + " failed", "error read " + none + " image error"}));
+    add_partition("none", 11 * mib, 'n');
+    dest = file_info("/dev/full", 5);
+    EXPECT_EQ(ota_file_to_file(&source, &dest, nullptr), -1);
+    EXPECT_EQ(log(), (Lines{"error file /dev/full write failed", "error write /dev/full image, len 10485760 error"}));
+    EXPECT_EQ(source.offset, 0U);
+    EXPECT_EQ(dest.offset, 5U);
+    dest = file_info(to);
+    limit_file_size(10 * mib + 5); // the second write is short
+    EXPECT_EQ(ota_file_to_file(&source, &dest, nullptr), -1);
+    EXPECT_EQ(log(), Lines{"error write " + to + " image, len 1048576 error"});
+    EXPECT_EQ(source.offset, 10 * mib);
+    EXPECT_EQ(dest.offset, 10 * mib);
+    EXPECT_EQ(ota_file_to_file(nullptr, &dest, nullptr), -1);
+    EXPECT_EQ(ota_file_to_file(&source, nullptr, nullptr), -1);
+    EXPECT_EQ(log(), Lines(2, "error file info is null"));
+}
+
+TEST_F(Stream, an_entry_is_inflated_to_its_place) {
+    const std::string image = noise(11 * mib);
+    write_file("/tmp/image", image);
+    const std::string package = run_in_tmp("touch empty && zip -q p.zip image empty");
+    ota_file_info_t dest = file_info(add_partition("to", 12 * mib, 't'), 5, OTA_EMMC);
+    chunks.clear();
+    EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "image", &dest, note_chunk), 0);
+    EXPECT_EQ(chunks, (std::vector<int32_t>{10485760, 1048576, 0}));
+    EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "empty", &dest, note_chunk), 0);
+    EXPECT_EQ(chunks.size(), 4U);
+    EXPECT_EQ(chunks.back(), 0);
+    EXPECT_EQ(dest.offset, 5 + image.size());
+    EXPECT_TRUE(read_partition("to") == std::string(5, 't') + image + std::string(mib - 5, 't'));
+}
+
+TEST_F(Stream, an_entry_that_cannot_be_had_is_named) {
+    write_file("/tmp/image", std::string(mib, 'i'));
+    const std::string package = run_in_tmp("zip -q p.zip image"), none = "/tmp/none";
+    const std::string sound = read_file(package), to = add_partition("to", 4, 't');
+    std::string no_header = sound, torn = sound;
+    no_header[0] = 'X';
+    torn[70] = '\xff';
+    // 4 GiB and 1 byte, told in the zip64 field of a central directory that is all there is.
+    const std::string huge = "PK\1\2"s + "\x2d\0\x2d\0"s + std::string(12, '\0') + std::string(8, '\xff') +
+                             "\1\0\x14\0"s + std::string(14, '\0') + "x\1\0\x10\0\1\0\0\0\1\0\0\0\1\0\0\0\1\0\0\0"s +
+                             "PK\5\6"s + std::string(4, '\0') + "\1\0\1\0\x43\0\0\0"s + std::string(6, '\0');
+    const struct {
+        std::string package, entry;
+        int32_t result;
+        std::string line;
+    } rows[] = {
+        {"", "image", -1, "error Cannot open /tmp/p.zip or /tmp/p.zip.zip"},
+        {sound, "imag", -100, "error Cannot find file in zip: imag"},
+        {no_header, "image", -103, "error error -103 with zipfile in unzipOpenCurrentFile"},
+        {torn, "image", -3, "error error -3 with zipfile in unzReadCurrentFile"},
+        {huge, "x", -1, "error entry x of 4294967297 bytes is too large to be read"},
+    };
+    ota_file_info_t dest = file_info(to);
+    for (const auto& row : rows) {
+        write_file(package, row.package);
+        EXPECT_EQ(vx_uncompress_file_to(package.c_str(), row.entry.c_str(), &dest, nullptr), row.result);
+        EXPECT_EQ(log(), Lines{row.line});
+    }
+    EXPECT_EQ(dest.offset, 0U);
+    dest = file_info("/dev/full", 5);
+    write_file(package, sound);
+    EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "image", &dest, nullptr), -1);
+    EXPECT_EQ(log(), (Lines{"error file /dev/full write failed", "error error in writing extracted file 1048576"}));
+    EXPECT_EQ(dest.offset, 5U);
+    EXPECT_EQ(vx_uncompress_file_to(nullptr, "image", &dest, nullptr), -1);
+    EXPECT_EQ(vx_uncompress_file_to(package.c_str(), nullptr, &dest, nullptr), -1);
+    EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "image", nullptr, nullptr), -1);
+    EXPECT_EQ(log(), Lines(3, "error package, entry or destination is null"));
+    EXPECT_EQ(read_partition("to"), "tttt");
+}
+
+TEST_F(Stream, memory_does_not_grow_with_the_image) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's own memory is counted too";
+#endif
+    const std::string package = run_in_tmp("truncate -s 256M sparse && zip -q -1 p.zip sparse");
+    ota_file_info_t dest = file_info("/dev/null");
+    malloc_trim(0);
+    std::ofstream("/proc/self/clear_refs") << 5; // the peak starts anew
+    EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "sparse", &dest, nullptr), 0);
+    EXPECT_EQ(dest.offset, 256 * mib);
+    const std::string status = read_file("/proc/self/status");
+    const int peak_kib = std::atoi(status.c_str() + status.find("VmHWM:") + 6);
+    EXPECT_GT(peak_kib, 10240); // the buffer at least
+    EXPECT_LT(peak_kib, 24576);
+}
+
+} // namespace
