@@ -144,6 +144,7 @@ class Board:
                 if number not in device.bad:
                     good.write(block)
         good.flush()
+        good.seek(0)
         return good
 
     def write_logical(self, device, data):

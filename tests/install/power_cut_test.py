@@ -24,7 +24,7 @@ class PowerCutTest(BoardCase):
         first = write_package(self.packages / "first.zip", describe(self.old, MEDIUM, "V1.5.0"), self.old)
         self.assertEqual(self.tessera("install", str(first)).returncode, 0)
         self.simulate("reboot")
-        self.assertEqual(self.tessera("confirm").returncode, 0)
+        self.assertEqual(self.tessera("slots", "mark-good", "b").returncode, 0)
         self.keep_copy()
 
     def scripts(self):
@@ -56,9 +56,12 @@ class PowerCutTest(BoardCase):
                 self.assertEqual(self.simulate("reboot").returncode, 0)
                 running = self.board().running_slot()
                 self.assertTrue(self.slot_is_whole(running), f"slot {running} is not whole")
-                outcomes["new" if self.holds(self.new_images, running) else "old"] += 1
+                is_new = self.holds(self.new_images, running)
+                outcomes["new" if is_new else "old"] += 1
                 again = self.tessera("install", self.package)
                 self.assertEqual(again.returncode, 0, again.stderr)
+                if is_new:
+                    self.assertEqual(self.tessera("slots", "mark-good", "ab"[running]).returncode, 0)
                 self.simulate("reboot")
                 self.assertTrue(self.holds(self.new_images, self.board().running_slot()))
         print(f"{MEDIUM}: {len(scripts)} cuts, booted old {outcomes['old']}, new {outcomes['new']}")

@@ -64,7 +64,7 @@ class BoardTest(unittest.TestCase):
         result = self.board("reboot", "--fail")
         self.assertEqual(result.returncode, 0)
         self.assertIn("checksum", result.stdout)
-        self.assertEqual([slot.tries for slot in board.slot_block().slots], [0, 6])
+        self.assertEqual([slot.tries for slot in board.slot_block().slots], [6, 6])
 
     def test_the_version_comes_out_of_the_running_system(self):
         board = self.new("--medium", "nand", "--bad", "0,3")
