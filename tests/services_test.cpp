@@ -271,7 +271,7 @@ TEST_F(Services, partitions_of_both_slots_are_listed_once) {
     const std::string too_long(128, 'n'), fits(127, 'f');
     char rows[6][128] = {};
     EXPECT_TRUE(get_all_ab_partitions(rows) == 0 && rows[0][0] == '\0');
-    for (const char* name : {"boot_a", "boot_b", "system_b", "misc", "x", "boot_a1", "odd_A"}) {
+    for (const char* name : {"boot_a", "boot_b", "system_b", "os_b", "misc", "x", "boot_a1", "odd_A"}) {
         add_partition(name, 1);
     }
     add_partition(too_long + "_a", 1), add_partition(fits + "_b", 1), link_partition("linked_a", "/nowhere");
@@ -279,7 +279,7 @@ TEST_F(Services, partitions_of_both_slots_are_listed_once) {
     EXPECT_EQ(get_all_ab_partitions(rows), 0);
     Lines names(rows, rows + 6);
     std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, Lines({"", "", "boot", fits, "linked", "system"}));
+    EXPECT_EQ(names, Lines({"", "boot", fits, "linked", "os", "system"}));
     EXPECT_EQ(log(), Lines({"warning partition name " + too_long + " is too long, passed over"}));
 }
 
