@@ -3,6 +3,8 @@
 #include "install.h"
 #include "interrupt.h"
 #include "names.h"
+#include "partition.h"
+#include "salvage.h"
 #include "slot_block.h"
 #include "text.h"
 #include "update_lock.h"
@@ -136,6 +138,15 @@ Plan judge(const Package& package, const Options& options, Progress& progress) {
     return plan;
 }
 
+/** A run that lost its power may have left records that nobody can write any more. */
+void mend_records(const Options& options) {
+    for (const char* name : {"misc", "ubootenv"}) {
+        if (salvage(partition_path(name))) {
+            remark(options, std::string(name) + " could not be read after a power cut; what was left of it was kept");
+        }
+    }
+}
+
 Plan judge_or_say_untouched(const Package& package, const Options& options, Progress& progress) {
     try {
         return judge(package, options, progress);
@@ -151,6 +162,7 @@ void install(const Context& context, const Options& options) {
     std::optional<UpdateLock> lock;
     if (!options.dry_run) {
         lock.emplace(options.lock_file, "tessera install " + options.package);
+        mend_records(options);
     }
     const Package package(options.package);
     Progress progress(options.quiet ? ProgressMode::none : options.progress);

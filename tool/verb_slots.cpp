@@ -1,6 +1,7 @@
 /** tessera slots: the table of A/B slots and the changes to it. */
 #include "names.h"
 #include "partition.h"
+#include "salvage.h"
 #include "slot_block.h"
 #include "text.h"
 #include "velox_ota_hl.h"
@@ -85,6 +86,7 @@ void declare_change(CLI::App& verb, Context& context, const char* name, const ch
 }
 
 void reset_block() {
+    salvage(partition_path("misc"));
     require(ExitCode::device, "cannot write a new slot block", [] { return ota_set_slotmeta_to_default(); });
     sync_partition("misc");
 }
