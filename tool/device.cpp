@@ -69,6 +69,14 @@ uint64_t Device::capacity() const {
     return kind_ == DeviceKind::mtd ? good_blocks_.size() * block_size_ : size_;
 }
 
+bool Device::is_straight(uint64_t end) const {
+    if (kind_ != DeviceKind::mtd) {
+        return true;
+    }
+    const uint64_t blocks = (end + block_size_ - 1) / block_size_;
+    return blocks <= good_blocks_.size() && (blocks == 0 || good_blocks_[blocks - 1] == (blocks - 1) * block_size_);
+}
+
 void Device::read_raw(uint64_t offset, std::span<uint8_t> bytes) const {
     while (!bytes.empty()) {
         const ssize_t got = pread(fd_.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));

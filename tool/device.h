@@ -50,6 +50,9 @@ public:
         return size_;
     }
 
+    /** Whether no bad block lies in front of byte `end`, so that it does not matter who leaves them out. */
+    [[nodiscard]] bool is_straight(uint64_t end) const;
+
     /** Reads the bytes at `offset`, all of them. */
     void read(uint64_t offset, std::span<uint8_t> bytes) const;
     /** The same without leaving out bad blocks. */

@@ -2,11 +2,10 @@
 #ifndef TOOL_DIGEST_H
 #define TOOL_DIGEST_H
 
+#include "openssl_handle.h"
 #include "velox_ota_hl.h"
 
 #include <cstdint>
-#include <memory>
-#include <openssl/evp.h>
 #include <span>
 #include <string>
 
@@ -26,13 +25,8 @@ public:
     Digests finish();
 
 private:
-    struct Free {
-        void operator()(EVP_MD_CTX* context) const {
-            EVP_MD_CTX_free(context);
-        }
-    };
     md5_state_t md5_{};
-    std::unique_ptr<EVP_MD_CTX, Free> sha256_; /* null when not asked for */
+    DigestContext sha256_; /* null when not asked for */
 };
 
 #endif

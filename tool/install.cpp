@@ -75,6 +75,7 @@ void on_chunk(int32_t bytes) {
         stream->device->push(begin, stream->written); /* else the page cache would swallow the image */
     }
     stream->progress->advance("write", static_cast<uint64_t>(bytes));
+    console::pass_log_on();
     if (is_interrupted()) {
         stream->place.path[0] = '\0'; /* the next chunk finds no device, and the call ends between two */
     }

@@ -7,12 +7,22 @@
 namespace {
 
 constexpr Verb verbs[] = {
-    {"board", "Show what this board is, or check what it must supply", declare_board},
-    {"slots", "Show or change the A/B slots", declare_slots},
     {"install", "Install a package into the update slot", declare_install},
-    {"partitions", "List the partitions with their sizes, and the GPT", declare_partitions},
-    {"flashcmd", "Hand a prepared command to the board's flash command node", declare_flashcmd},
-    {"version", "Show or compare versions", declare_version},
+    {"verify", "Check a package: its origin, its images, and that it lowers no version", declare_verify},
+    {"pack", "Make a package out of a description and images", declare_pack},
+    {"package", "List, search, check or unpack a package", declare_package},
+    {"confirm", "Mark the running slot as good", declare_confirm},
+    {"rollback", "Boot the other slot next, if it is known to be good", declare_rollback},
+    {"slots", "Show or change the A/B slots", declare_slots},
+    {"status", "Show or change the stored update status", declare_status},
+    {"board", "Show what this board is, or check what it must supply", declare_board},
+    {"partitions", "List the partitions", declare_partitions},
+    {"digest", "Digest a file or partition", declare_digest},
+    {"compare", "Tell whether two partitions hold the same bytes", declare_compare},
+    {"version", "Compare versions, or read one from a file", declare_version},
+    {"versions", "Show the anti-rollback versions in an image", declare_versions},
+    {"efuse", "Show or raise the anti-rollback counters", declare_efuse},
+    {"flashcmd", "Write a prepared flash command", declare_flashcmd},
 };
 
 constexpr char exit_table[] = "Exit status: 0 done; 1 refused or failed, or another update is running; 2 usage;\n"

@@ -3,11 +3,24 @@
 #include "console.h"
 #include "device.h"
 
+#include <filesystem>
+
 std::string partition_path(const std::string& name) {
     char untouched[sizeof ota_file_info_t::path];
     char path[sizeof ota_file_info_t::path];
     require(ExitCode::device, "cannot locate the partition " + name,
             [&] { return get_part_device_name(name.c_str(), untouched, path, PERMANENT); });
+    return path;
+}
+
+std::string file_or_partition(const std::string& name) {
+    if (name.find('/') != std::string::npos || std::filesystem::exists(name)) {
+        return name;
+    }
+    const std::string path = partition_path(name);
+    if (!std::filesystem::exists(path)) {
+        throw Failure(ExitCode::failed, "there is no file and no partition " + name, "tessera partitions");
+    }
     return path;
 }
 

@@ -13,6 +13,9 @@ inline constexpr char partition_directory[] = "/dev/block/platform/by-name/";
 /** The path of a partition that exists once, or of one slot's copy when `name` has the suffix. */
 std::string partition_path(const std::string& name);
 
+/** The path that a user means: of a file, when there is one, else of the partition of that name. */
+std::string file_or_partition(const std::string& name);
+
 /** A partition of the boot medium that exists once, as the target of a transfer at byte 0. */
 ota_file_info_t locate(const std::string& name);
 

@@ -152,7 +152,6 @@ void Progress::finish() {
 
 void Progress::show() {
     shown_ = Clock::now();
-    console::pass_log_on();
     switch (mode_) {
     case ProgressMode::none:
         return;
@@ -204,7 +203,7 @@ void Progress::show_json() const {
         line["bytes_per_second"] = std::llround(*works_[charged_].rate());
     }
     if (const auto left = seconds_left()) {
-        line["seconds_left"] = std::llround(*left);
+        line["seconds_left"] = std::llround(std::ceil(*left));
     }
     std::fprintf(console::progress_stream(), "%s\n", to_text(Json{{"progress", line}}).c_str());
 }

@@ -1,32 +1,15 @@
 #include "signature.h"
 
 #include "failure.h"
+#include "openssl_handle.h"
 #include "text.h"
 
 #include <cerrno>
-#include <climits>
-#include <memory>
-#include <openssl/bio.h>
-#include <openssl/cms.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
-#include <openssl/x509.h>
 
 namespace {
 
-template <auto Release>
-struct Releaser {
-    template <class T>
-    void operator()(T* thing) const {
-        Release(thing);
-    }
-};
-
-using Bio = std::unique_ptr<BIO, Releaser<BIO_free_all>>;
-using Cms = std::unique_ptr<CMS_ContentInfo, Releaser<CMS_ContentInfo_free>>;
-using Certificate = std::unique_ptr<X509, Releaser<X509_free>>;
-using CertificateStore = std::unique_ptr<X509_STORE, Releaser<X509_STORE_free>>;
-using Key = std::unique_ptr<EVP_PKEY, Releaser<EVP_PKEY_free>>;
 using Signers = std::unique_ptr<STACK_OF(X509), decltype([](STACK_OF(X509) * stack) { sk_X509_free(stack); })>;
 
 /** The reason in OpenSSL's own words; the first error is the one behind all others. */
@@ -56,8 +39,8 @@ Bio open_pem(const std::string& path) {
     return file;
 }
 
-CertificateStore load_trust(const std::string& path) {
-    CertificateStore store(X509_STORE_new());
+X509Store load_trust(const std::string& path) {
+    X509Store store(X509_STORE_new());
     if (store == nullptr || X509_STORE_load_file(store.get(), path.c_str()) != 1) {
         throw Failure(ExitCode::failed, "cannot read the trusted certificates in " + path + openssl_cause());
     }
@@ -81,7 +64,7 @@ std::string signer_of(CMS_ContentInfo* cms) {
 } // namespace
 
 std::string verify_signature(const std::string& text, const std::string& signature, const std::string& trust) {
-    const CertificateStore store = load_trust(trust);
+    const X509Store store = load_trust(trust);
     const Bio der = memory(signature);
     const Cms cms(d2i_CMS_bio(der.get(), nullptr));
     /* A signature that brings a content of its own vouches for that and not for the description. */
@@ -102,7 +85,7 @@ std::string sign(const std::string& text, const std::string& key_file, const std
     if (key == nullptr) {
         throw Failure(ExitCode::failed, "cannot read the key in " + key_file + openssl_cause());
     }
-    const Certificate certificate(PEM_read_bio_X509(open_pem(certificate_file).get(), nullptr, nullptr, nullptr));
+    const X509Certificate certificate(PEM_read_bio_X509(open_pem(certificate_file).get(), nullptr, nullptr, nullptr));
     if (certificate == nullptr) {
         throw Failure(ExitCode::failed, "cannot read the certificate in " + certificate_file + openssl_cause());
     }

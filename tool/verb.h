@@ -43,10 +43,20 @@ inline CLI::App& add_command(CLI::App& verb, const char* name, const char* summa
 }
 
 void declare_board(CLI::App& verb, Context& context);
-void declare_slots(CLI::App& verb, Context& context);
-void declare_install(CLI::App& verb, Context& context);
-void declare_partitions(CLI::App& verb, Context& context);
+void declare_compare(CLI::App& verb, Context& context);
+void declare_confirm(CLI::App& verb, Context& context);
+void declare_digest(CLI::App& verb, Context& context);
+void declare_efuse(CLI::App& verb, Context& context);
 void declare_flashcmd(CLI::App& verb, Context& context);
+void declare_install(CLI::App& verb, Context& context);
+void declare_pack(CLI::App& verb, Context& context);
+void declare_package(CLI::App& verb, Context& context);
+void declare_partitions(CLI::App& verb, Context& context);
+void declare_rollback(CLI::App& verb, Context& context);
+void declare_slots(CLI::App& verb, Context& context);
+void declare_status(CLI::App& verb, Context& context);
+void declare_verify(CLI::App& verb, Context& context);
 void declare_version(CLI::App& verb, Context& context);
+void declare_versions(CLI::App& verb, Context& context);
 
 #endif

@@ -1,0 +1,31 @@
+/** tessera confirm: for the script that finds the system well after a boot. */
+#include "names.h"
+#include "slot_block.h"
+#include "verb.h"
+
+namespace {
+
+void confirm(const Context& context) {
+    const int32_t running = running_slot();
+    const SlotBlock block = read_slot_block();
+    const Slot* slot = block.find(running);
+    if (slot == nullptr) {
+        throw Failure(ExitCode::failed, "slot " + slot_letter(running) + " runs, and the slot block does not have it");
+    }
+    if (slot->corrupted) {
+        throw Failure(ExitCode::failed, slot->name() + " runs, and the slot block says that it is corrupted",
+                      "tessera slots set-next " + slot_letter(running) + " takes that back");
+    }
+    const bool was_confirmed = slot->is_confirmed();
+    if (!was_confirmed) {
+        mark_slot_good(running);
+    }
+    context.show({{"slot", running}, {"changed", !was_confirmed}},
+                 slot->name() + (was_confirmed ? " was confirmed already" : " is confirmed"));
+}
+
+} // namespace
+
+void declare_confirm(CLI::App& verb, Context& context) {
+    on_command(verb, context, [&context] { confirm(context); });
+}

@@ -1,0 +1,76 @@
+/** tessera digest: the digest of a file or partition, byte by byte as it lies there. */
+#include "device.h"
+#include "digest.h"
+#include "interrupt.h"
+#include "partition.h"
+#include "progress.h"
+#include "text.h"
+#include "verb.h"
+
+#include <filesystem>
+
+namespace {
+
+constexpr size_t piece_size = size_t{1} << 20;
+
+struct Options {
+    std::string name;
+    uint64_t offset = 0;
+    std::optional<uint64_t> length;
+    uint64_t garbage = 0;
+    bool sha256 = false;
+};
+
+/** The bytes to digest: a stretch from `offset`, or all but the last `garbage`. */
+uint64_t length_of(const Options& options, uint64_t size) {
+    if (options.offset > size || options.garbage > size) {
+        throw Failure(ExitCode::failed, options.name + " has only " + human_bytes(size));
+    }
+    const uint64_t rest = size - options.offset - options.garbage;
+    if (options.length.value_or(rest) > rest) {
+        throw Failure(ExitCode::failed, options.name + " ends " + human_bytes(*options.length - rest) + " before that");
+    }
+    return options.length.value_or(rest);
+}
+
+Digests digest(const Device& device, const Options& options, uint64_t length) {
+    Progress progress(default_progress_mode());
+    progress.expect("digest", length);
+    progress.begin("digest", options.name);
+    Digester digester(options.sha256 ? Digester::Kind::md5_and_sha256 : Digester::Kind::md5);
+    std::vector<uint8_t> buffer(piece_size);
+    for (uint64_t done = 0; done < length;) {
+        stop_if_interrupted();
+        const auto piece = std::span(buffer).first(std::min<uint64_t>(piece_size, length - done));
+        device.read_raw(options.offset + done, piece);
+        digester.add(piece);
+        done += piece.size();
+        progress.advance("digest", piece.size());
+    }
+    progress.finish();
+    return digester.finish();
+}
+
+void show_digest(const Context& context, const Options& options) {
+    watch_interrupts();
+    const Device device(file_or_partition(options.name));
+    const uint64_t length = length_of(options, device.raw_size());
+    const Digests digests = digest(device, options, length);
+    Json value = {{"name", options.name}, {"offset", options.offset}, {"bytes", length}, {"md5", digests.md5}};
+    if (options.sha256) {
+        value["sha256"] = digests.sha256;
+    }
+    context.show(value, (options.sha256 ? digests.sha256 : digests.md5) + "  " + options.name);
+}
+
+} // namespace
+
+void declare_digest(CLI::App& verb, Context& context) {
+    auto options = std::make_shared<Options>();
+    verb.add_option("NAME", options->name, "A file, or a partition by its name")->required();
+    verb.add_option("--offset", options->offset, "Begin at this byte");
+    CLI::Option* length = verb.add_option("--length", options->length, "Digest so many bytes");
+    verb.add_option("--garbage", options->garbage, "Leave out so many bytes at the end")->excludes(length);
+    verb.add_flag("--sha256", options->sha256, "SHA-256 instead of MD5");
+    on_command(verb, context, [&context, options] { show_digest(context, *options); });
+}

@@ -1,0 +1,141 @@
+/** tessera pack: makes a package out of a description and a directory of images. */
+#include "description.h"
+#include "interrupt.h"
+#include "package_writer.h"
+#include "progress.h"
+#include "signature.h"
+#include "text.h"
+#include "verb.h"
+
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+#include <set>
+
+namespace {
+
+constexpr size_t piece_size = size_t{1} << 20;
+constexpr uint64_t largest_image = 0xFFFFFFFE; /* what can be taken out of a package again */
+
+struct Options {
+    std::string description;
+    std::string directory;
+    std::string output;
+    std::string key;
+    std::string certificate;
+};
+
+std::string read_text(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw Failure(ExitCode::failed, "cannot open " + path + because(errno));
+    }
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/** Reads a file piece by piece. */
+template <class Take>
+uint64_t read_pieces(const std::string& path, Take take) {
+    std::ifstream file(path, std::ios::binary);
+    std::vector<uint8_t> piece(piece_size);
+    uint64_t size = 0;
+    while (file) {
+        stop_if_interrupted();
+        file.read(reinterpret_cast<char*>(piece.data()), static_cast<std::streamsize>(piece.size()));
+        const auto got = static_cast<size_t>(file.gcount());
+        size += got;
+        take(std::span<const uint8_t>(piece).first(got));
+    }
+    if (!file.eof()) {
+        throw Failure(ExitCode::failed, "cannot read " + path + because(errno));
+    }
+    return size;
+}
+
+/** Fills in what a draft leaves out, and refuses what it states wrongly. */
+void complete(Json& partition, const Options& options) {
+    const auto file = partition["file"].get<std::string>();
+    Digester digester(Digester::Kind::md5_and_sha256);
+    const uint64_t size =
+        read_pieces(options.directory + "/" + file, [&](std::span<const uint8_t> piece) { digester.add(piece); });
+    if (size == 0 || size > largest_image) {
+        throw Failure(ExitCode::failed, file + " of " + human_bytes(size) + " cannot be installed");
+    }
+    const Digests digests = digester.finish();
+    const Json found = {{"md5", digests.md5}, {"sha256", digests.sha256}, {"size", size}};
+    for (const auto& item : found.items()) {
+        if (partition.contains(item.key()) && partition[item.key()] != item.value()) {
+            throw Failure(ExitCode::failed, "the description states another " + item.key() + " of " + file,
+                          "leave it out, and it is filled in");
+        }
+        partition[item.key()] = item.value();
+    }
+}
+
+std::string completed_description(const Options& options) {
+    Json json = parse_json(read_text(options.description), options.description);
+    (void)parse_description(json, true);
+    for (Json& partition : json["partitions"]) {
+        complete(partition, options);
+    }
+    return to_text(json, 2) + "\n";
+}
+
+void add_text(PackageWriter& package, const std::string& name, const std::string& text) {
+    package.begin_entry(name);
+    package.add({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+    package.end_entry();
+}
+
+/** The description first, so that a reader finds it at once; an image for two partitions only once. */
+void write_package(const Options& options, const std::string& text, const Description& description) {
+    PackageWriter package(options.output);
+    add_text(package, description_entry, text);
+    if (!options.key.empty()) {
+        add_text(package, signature_entry, sign(text, options.key, options.certificate));
+    }
+    Progress progress(default_progress_mode());
+    std::map<std::string, uint64_t> files;
+    for (const Image& image : description.images) {
+        files.emplace(image.file, image.size.value_or(0));
+    }
+    for (const auto& [file, size] : files) {
+        progress.expect("pack", size);
+    }
+    for (const auto& [file, size] : files) {
+        progress.begin("pack", file);
+        package.begin_entry(file);
+        read_pieces(options.directory + "/" + file, [&](std::span<const uint8_t> piece) {
+            package.add(piece);
+            progress.advance("pack", piece.size());
+        });
+        package.end_entry();
+    }
+    package.finish();
+    progress.finish();
+}
+
+void pack(const Context& context, const Options& options) {
+    watch_interrupts();
+    const std::string text = completed_description(options);
+    const Description description = parse_description(parse_json(text, description_entry));
+    write_package(options, text, description);
+    const bool is_signed = !options.key.empty();
+    context.show({{"package", options.output}, {"version", description.version}, {"signed", is_signed}},
+                 "packed " + description.version + " into " + options.output +
+                     (is_signed ? ", signed" : ", not signed"));
+}
+
+} // namespace
+
+void declare_pack(CLI::App& verb, Context& context) {
+    auto options = std::make_shared<Options>();
+    verb.add_option("DESCRIPTION", options->description, "JSON text; digests and sizes are filled in")->required();
+    verb.add_option("DIR", options->directory, "Directory of the images")->required();
+    verb.add_option("-o,--output", options->output, "The package to make")->required();
+    CLI::Option* key = verb.add_option("--sign", options->key, "PEM file of the key to sign with");
+    CLI::Option* certificate = verb.add_option("--cert", options->certificate, "PEM file of its certificate");
+    key->needs(certificate);
+    certificate->needs(key);
+    on_command(verb, context, [&context, options] { pack(context, *options); });
+}

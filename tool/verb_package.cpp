@@ -1,0 +1,201 @@
+/** tessera package: what a package holds, whether it is whole, and unpacking it. */
+#include "interrupt.h"
+#include "package.h"
+#include "progress.h"
+#include "text.h"
+#include "velox_ota_hl.h"
+#include "verb.h"
+
+#include <fstream>
+#include <thread>
+
+namespace {
+
+std::string mode_text(const Entry& entry) {
+    static constexpr std::string_view letters = "rwxrwxrwx";
+    std::string text(1, entry.kind == EntryKind::directory ? 'd' : entry.kind == EntryKind::link ? 'l' : '-');
+    for (size_t i = 0; i < letters.size(); ++i) {
+        text += (entry.mode >> (letters.size() - 1 - i) & 1) != 0 ? letters[i] : '-';
+    }
+    return text;
+}
+
+std::string date_text(const tm_unz& date) {
+    return format("%04u-%02u-%02u %02u:%02u", date.tm_year, date.tm_mon + 1, date.tm_mday, date.tm_hour, date.tm_min);
+}
+
+const char* kind_word(EntryKind kind) {
+    return kind == EntryKind::directory ? "directory" : kind == EntryKind::link ? "link" : "file";
+}
+
+struct Totals {
+    int64_t all;
+    uint64_t images;
+
+    /** What unpacking asks of a file system. */
+    [[nodiscard]] int64_t need_kib() const {
+        return (all + 1048575) / 1024 + 1024;
+    }
+};
+
+Totals read_totals(const Package& package) {
+    Totals totals{};
+    totals.all = require(ExitCode::refused, "cannot add up the sizes in the package",
+                         [&] { return vx_get_zip_size(package.path().c_str(), &totals.images); });
+    return totals;
+}
+
+void list(const Context& context, const std::string& file) {
+    const Package package(file);
+    const Totals totals = read_totals(package);
+    Json entries = Json::array();
+    std::vector<std::vector<std::string>> rows;
+    for (const Entry& entry : package.entries()) {
+        rows.push_back({std::to_string(entry.size), std::to_string(entry.packed_size), mode_text(entry),
+                        date_text(entry.date), entry.is_image() ? "image" : "", entry.name});
+        entries.push_back({{"name", entry.name},
+                           {"kind", kind_word(entry.kind)},
+                           {"image", entry.is_image()},
+                           {"size", entry.size},
+                           {"packed", entry.packed_size},
+                           {"mode", format("%04o", entry.mode)},
+                           {"date", date_text(entry.date)}});
+    }
+    const auto all = static_cast<uint64_t>(totals.all);
+    const std::string sums =
+        format("%zu entries, %s, of which %s are images; unpacking needs %lld KiB\n", package.entries().size(),
+               human_bytes(all).c_str(), human_bytes(totals.images).c_str(), static_cast<long long>(totals.need_kib()));
+    context.show(
+        {{"entries", entries}, {"bytes", all}, {"image_bytes", totals.images}, {"need_kib", totals.need_kib()}},
+        table({"size", "packed", "mode", "date", "", "name"}, rows) + sums);
+}
+
+/** Bytes that this process has written so far, by the kernel's own count. */
+uint64_t bytes_written() {
+    std::ifstream file("/proc/self/io");
+    std::string word;
+    uint64_t count = 0;
+    while (file >> word >> count && word != "wchar:") {
+    }
+    return word == "wchar:" ? count : 0;
+}
+
+/** Shows how far the library has come, which tells nobody while it unpacks. */
+class UnpackProgress {
+public:
+    explicit UnpackProgress(uint64_t total)
+        : progress_(default_progress_mode()),
+          thread_([this, total](const std::stop_token& stop) { watch(stop, total); }) {
+    }
+
+private:
+    void watch(const std::stop_token& stop, uint64_t total) {
+        const uint64_t start = bytes_written();
+        progress_.expect("unpack", total);
+        progress_.begin("unpack", "");
+        for (uint64_t shown = 0; !stop.stop_requested();) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            const uint64_t now = bytes_written() - start;
+            progress_.advance("unpack", now - shown);
+            shown = now;
+        }
+    }
+
+    Progress progress_;
+    std::jthread thread_;
+};
+
+void unpack(const Context& context, const std::string& file, const std::string& directory) {
+    const Package package(file);
+    const Totals totals = read_totals(package);
+    {
+        const UnpackProgress progress(static_cast<uint64_t>(totals.all));
+        require(ExitCode::refused, "cannot unpack " + file + " to " + directory,
+                [&] { return vx_uncompress(package.path().c_str(), directory.c_str()); });
+    }
+    context.show({{"entries", package.entries().size()}, {"bytes", totals.all}, {"directory", directory}},
+                 format("unpacked %zu entries, %s, to %s", package.entries().size(),
+                        human_bytes(static_cast<uint64_t>(totals.all)).c_str(), directory.c_str()));
+}
+
+void has(const Context& context, const std::string& file, std::string name) {
+    const Package package(file);
+    const bool found = require(ExitCode::refused, "cannot search " + file,
+                               [&] { return vx_zip_has_file(package.path().c_str(), name.data()); }) == 1;
+    if (!found) {
+        throw Failure(ExitCode::failed, "no entry of " + file + " begins with " + name);
+    }
+    context.show({{"found", true}}, file + " has an entry that begins with " + name);
+}
+
+/** Reads an entry through. @return what is wrong with it, or nothing */
+std::string check_entry(const Package& package, const Entry& entry, Progress& progress) {
+    progress.begin("check", entry.name);
+    try {
+        package.read(entry, [&](std::span<const uint8_t> piece) {
+            stop_if_interrupted();
+            progress.advance("check", piece.size());
+            return true;
+        });
+    } catch (const Failure& failure) {
+        if (failure.code == ExitCode::interrupted) {
+            throw;
+        }
+        return failure.what();
+    }
+    return {};
+}
+
+void check(const Context& context, const std::string& file) {
+    watch_interrupts();
+    const Package package(file);
+    Progress progress(default_progress_mode());
+    for (const Entry& entry : package.entries()) {
+        progress.expect("check", entry.size);
+    }
+    std::vector<std::string> problems;
+    for (const Entry& entry : package.entries()) {
+        if (const std::string problem = check_entry(package, entry, progress); !problem.empty()) {
+            problems.push_back(problem);
+        }
+    }
+    progress.finish();
+    std::string text;
+    for (const std::string& problem : problems) {
+        text += problem + "\n";
+    }
+    text += problems.empty() ? format("all %zu entries are whole", package.entries().size()) : "";
+    context.show({{"entries", package.entries().size()}, {"problems", problems}}, text);
+    if (!problems.empty()) {
+        throw Failure(ExitCode::refused, format("%zu of %zu entries of ", problems.size(), package.entries().size()) +
+                                             file + " are damaged");
+    }
+}
+
+struct Options {
+    std::string file;
+    std::string other; /* a directory or a name */
+};
+
+CLI::App& declare_one(CLI::App& verb, const char* name, const char* summary, const std::shared_ptr<Options>& options) {
+    CLI::App& command = add_command(verb, name, summary);
+    command.add_option("FILE", options->file, "The package, a zip file")->required();
+    return command;
+}
+
+} // namespace
+
+void declare_package(CLI::App& verb, Context& context) {
+    verb.require_subcommand(1);
+    auto options = std::make_shared<Options>();
+    on_command(declare_one(verb, "list", "List the entries, and what unpacking needs", options), context,
+               [&context, options] { list(context, options->file); });
+    CLI::App& unpack_command = declare_one(verb, "unpack", "Unpack all entries below a directory", options);
+    unpack_command.add_option("DIR", options->other, "The directory, made when it is missing")->required();
+    on_command(unpack_command, context, [&context, options] { unpack(context, options->file, options->other); });
+    CLI::App& has_command = declare_one(verb, "has", "Tell whether the name of an entry begins so", options);
+    has_command.add_option("NAME", options->other, "The name, or its beginning")->required();
+    on_command(has_command, context, [&context, options] { has(context, options->file, options->other); });
+    on_command(declare_one(verb, "check", "Read every entry through, and report those that are damaged", options),
+               context, [&context, options] { check(context, options->file); });
+}

@@ -1,0 +1,42 @@
+/** tessera rollback: back to the other slot, if that one is known to boot. */
+#include "names.h"
+#include "slot_block.h"
+#include "verb.h"
+
+namespace {
+
+/** Why a slot is nothing to go back to. */
+std::string reason_against(const Slot& slot) {
+    if (slot.corrupted) {
+        return "it is corrupted";
+    }
+    if (slot.tries == 0) {
+        return "it is unbootable";
+    }
+    return "it has never been marked good";
+}
+
+void roll_back(const Context& context) {
+    const int32_t other = running_slot() ^ 1;
+    const SlotBlock block = read_slot_block();
+    const Slot* slot = block.find(other);
+    if (slot == nullptr) {
+        throw Failure(ExitCode::failed, "there is no slot " + slot_letter(other) + " to go back to");
+    }
+    if (!slot->is_confirmed()) {
+        throw Failure(ExitCode::failed, "cannot go back to " + slot->name() + ": " + reason_against(*slot),
+                      "tessera slots set-next " + slot_letter(other) + " tries it all the same");
+    }
+    const bool was_next = next_slot() == other;
+    if (!was_next) {
+        set_next_slot(other);
+    }
+    context.show({{"slot", other}, {"changed", !was_next}},
+                 slot->name() + (was_next ? " boots next already" : " boots next"));
+}
+
+} // namespace
+
+void declare_rollback(CLI::App& verb, Context& context) {
+    on_command(verb, context, [&context] { roll_back(context); });
+}

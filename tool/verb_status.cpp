@@ -1,0 +1,220 @@
+/** tessera status: the records in ubootenv, as they lay there before the library could mend them. */
+#include "status_record.h"
+
+#include "names.h"
+#include "partition.h"
+#include "text.h"
+#include "verb.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstring>
+
+namespace {
+
+/** A field that can be shown and set by itself. */
+struct Field {
+    const char* name;
+    const Names* words; /* null for a slot */
+    ota_veeprom_type_e selector;
+    size_t offset; /* in the record */
+};
+
+#define STATUS_FIELD(name, words, selector, member)                                                                    \
+    Field {                                                                                                            \
+        name, words, selector, offsetof(ota_status_t, member)                                                          \
+    }
+
+constexpr std::array fields = {
+    STATUS_FIELD("update", &flag_names, OTA_VEEPROM_UPDATE_FLAG, up),
+    STATUS_FIELD("system", &flag_names, OTA_VEEPROM_SYS_UPDATE_FLAG, up_system),
+    STATUS_FIELD("backup", &flag_names, OTA_VEEPROM_BAK_UPDATE_FLAG, up_backup),
+    STATUS_FIELD("middleware", &flag_names, OTA_VEEPROM_MIDDLEWARE_UPDATE_FLAG, up_middleware),
+    STATUS_FIELD("app", &flag_names, OTA_VEEPROM_APP_UPDATE_FLAG, up_app),
+    STATUS_FIELD("param", &flag_names, OTA_VEEPROM_PARAM_UPDATE_FLAG, up_param),
+    STATUS_FIELD("owner", &owner_names, OTA_VEEPROM_OWNER, owner),
+    STATUS_FIELD("next-slot", nullptr, OTA_VEEPROM_EXPE_SLOT, next_slot),
+};
+#undef STATUS_FIELD
+
+int32_t value_of(const ota_status_t& record, const Field& field) {
+    int32_t value = 0;
+    std::memcpy(&value, reinterpret_cast<const char*>(&record) + field.offset, sizeof value);
+    return value;
+}
+
+std::string word_for(const Field& field, int32_t value) {
+    return field.words != nullptr ? field.words->word(value) : slot_letter(value);
+}
+
+size_t listed_partitions(const ota_status_t& record) {
+    return std::min<size_t>(record.update_part.num, std::size(record.update_part.array));
+}
+
+std::string partition_name(const update_part_t& list, size_t i) {
+    return {list.array[i], strnlen(list.array[i], sizeof list.array[i])};
+}
+
+Json partitions_json(const update_part_t& list, size_t count) {
+    Json partitions = Json::array();
+    for (size_t i = 0; i < count; ++i) {
+        partitions.push_back({{"name", partition_name(list, i)},
+                              {"medium", medium_names.word(list.medium[i])},
+                              {"type", type_names.word(list.type[i])}});
+    }
+    return partitions;
+}
+
+Json status_json(const StoredStatus& status) {
+    Json json = {{"valid", status.is_valid}};
+    if (!status.is_valid) {
+        return json;
+    }
+    for (const Field& field : fields) {
+        json[field.name] = word_for(field, value_of(status.record, field));
+    }
+    json["partitions"] = partitions_json(status.record.update_part, listed_partitions(status.record));
+    return json;
+}
+
+Json versions_json(const StoredVersions& versions) {
+    if (!versions.is_valid) {
+        return {{"valid", false}};
+    }
+    return {{"valid", true},
+            {"secure_version", versions.record.sec_ver},
+            {"raise_secure", versions.record.sec_up_flag == 1},
+            {"non_secure_version", versions.record.nosec_ver},
+            {"raise_non_secure", versions.record.nosec_up_flag == 1}};
+}
+
+/** What the general flag and the owner say together. */
+std::string headline(const ota_status_t& record) {
+    const std::string owner = owner_names.word(record.owner);
+    const std::string slot = "slot " + slot_letter(static_cast<int32_t>(record.next_slot));
+    switch (record.up) {
+    case OTA_FLAG_NORMAL:
+        return "no update is under way";
+    case OTA_FLAG_BURN:
+        return "an update by the " + owner + " was writing to " + slot + " and has not ended";
+    case OTA_FLAG_VERIFY:
+        return "an update by the " + owner + " was reading " + slot + " back and has not ended";
+    case OTA_FLAG_VERIFIED:
+        return "an update by the " + owner + " had read " + slot + " back and was switching to it";
+    default:
+        return "where the update stands is unknown";
+    }
+}
+
+std::string status_text(const StoredStatus& status) {
+    if (!status.is_valid) {
+        return "the stored update status is not valid, so what it was is unknown; the next change makes a new one\n";
+    }
+    std::string text = headline(status.record) + "\n\n";
+    for (const Field& field : fields) {
+        text += format("%-12s%s\n", field.name, word_for(field, value_of(status.record, field)).c_str());
+    }
+    const update_part_t& list = status.record.update_part;
+    std::vector<std::vector<std::string>> rows;
+    for (size_t i = 0; i < listed_partitions(status.record); ++i) {
+        rows.push_back({partition_name(list, i), medium_names.word(list.medium[i]), type_names.word(list.type[i])});
+    }
+    return rows.empty() ? text : text + "\n" + table({"partition", "medium", "type"}, rows);
+}
+
+std::string versions_text(const StoredVersions& versions) {
+    if (!versions.is_valid) {
+        return "\nthe stored anti-rollback versions are not valid, so what they were is unknown";
+    }
+    const auto line = [](const char* name, uint32_t version, bool raise) {
+        return format("%-12sversion %u, counter %s\n", name, version, raise ? "to be raised" : "stays");
+    };
+    return "\nanti-rollback versions of the last package that passed:\n" +
+           line("secure", versions.record.sec_ver, versions.record.sec_up_flag == 1) +
+           line("non-secure", versions.record.nosec_ver, versions.record.nosec_up_flag == 1);
+}
+
+void show_status(const Context& context) {
+    const StoredStatus status = read_status();
+    const StoredVersions versions = read_stored_versions();
+    context.show({{"status", status_json(status)}, {"anti_rollback", versions_json(versions)}},
+                 status_text(status) + versions_text(versions));
+}
+
+const Field& find_field(const std::string& name) {
+    const auto found =
+        std::find_if(fields.begin(), fields.end(), [&](const Field& field) { return name == field.name; });
+    if (found == fields.end()) {
+        throw Failure(ExitCode::usage, "there is no field " + name, "tessera status shows the fields");
+    }
+    return *found;
+}
+
+std::optional<int32_t> number_from(const std::string& word) {
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
+    const bool is_whole = error == std::errc() && end == word.data() + word.size();
+    return is_whole ? std::optional(static_cast<int32_t>(number)) : std::nullopt;
+}
+
+/** A value by name or number; only --raw lets through a number without a name. */
+int32_t field_value(const Field& field, const std::string& word, bool raw) {
+    const auto number = number_from(word);
+    if (raw && number) {
+        return *number;
+    }
+    const auto named = field.words != nullptr ? field.words->value(word) : slot_from_word(word);
+    if (named) {
+        return *named;
+    }
+    if (field.words != nullptr && number && !field.words->word(*number).starts_with("unknown")) {
+        return *number;
+    }
+    const std::string choices = field.words != nullptr ? field.words->choices() : "a slot, a to d";
+    throw Failure(ExitCode::usage, std::string(field.name) + " must be " + choices,
+                  raw ? "--raw takes numbers" : "--raw stores any number");
+}
+
+void set_field(const std::string& name, const std::string& word, bool raw) {
+    const Field& field = find_field(name);
+    auto value = static_cast<uint32_t>(field_value(field, word, raw));
+    require(ExitCode::device, "cannot store " + name, [&] { return ota_set_veeprom_flag(field.selector, &value); });
+    sync_partition(status_partition);
+}
+
+void reset_records() {
+    require(ExitCode::device, "cannot make the records anew", [] { return ota_set_veeprom_flag_default(); });
+    sync_partition(status_partition);
+}
+
+struct SetOptions {
+    std::string field;
+    std::string value;
+    bool raw = false;
+};
+
+void declare_set(CLI::App& verb, Context& context) {
+    CLI::App& command = add_command(verb, "set", "Store one field: update, system, ..., owner, next-slot");
+    auto options = std::make_shared<SetOptions>();
+    command.add_option("FIELD", options->field, "Name of the field")->required();
+    command.add_option("VALUE", options->value, "Its value, by name or number")->required();
+    command.add_flag("--raw", options->raw, "Store any number, also one without a name");
+    on_command(command, context, [&context, options] {
+        set_field(options->field, options->value, options->raw);
+        show_status(context);
+    });
+}
+
+} // namespace
+
+void declare_status(CLI::App& verb, Context& context) {
+    verb.require_subcommand(0, 1);
+    on_command(verb, context, [&context] { show_status(context); });
+    declare_set(verb, context);
+    CLI::App& reset = add_command(verb, "reset", "Make both records anew");
+    on_command(reset, context, [&context] {
+        reset_records();
+        show_status(context);
+    });
+}

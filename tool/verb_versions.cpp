@@ -1,0 +1,78 @@
+/** tessera versions: what the anti-rollback check would read from an image, certificate by certificate. */
+#include "certificates.h"
+#include "image_versions.h"
+#include "text.h"
+#include "verb.h"
+
+#include <filesystem>
+
+namespace {
+
+struct Options {
+    std::string file;
+    std::optional<FirmwareKind> kind;
+};
+
+FirmwareKind kind_of(const Options& options) {
+    const auto kind =
+        options.kind ? options.kind : firmware_kind(std::filesystem::path(options.file).filename().string());
+    if (!kind) {
+        throw Failure(ExitCode::usage, "the name " + options.file + " does not tell what kind of image it is",
+                      "--kind miniboot, uboot or vbmeta says it");
+    }
+    return *kind;
+}
+
+/** The image as a whole: its version, or why it has none. */
+ImageVersion judge_whole(FirmwareKind kind, const std::string& file) {
+    try {
+        return {file, kind, read_image_version(kind, file), {}};
+    } catch (const Failure& failure) {
+        return {file, kind, std::nullopt, failure.what()};
+    }
+}
+
+std::string or_unknown(const std::optional<uint32_t>& version) {
+    return version ? std::to_string(*version) : "unknown";
+}
+
+std::string problem_of(const Certificate& certificate) {
+    return certificate.problem.empty() ? "" : "  (" + certificate.problem + ")";
+}
+
+void show_versions(const Context& context, const Options& options) {
+    const FirmwareKind kind = kind_of(options);
+    const ImageVersion whole = judge_whole(kind, options.file);
+    Json certificates = Json::array();
+    std::string text;
+    for (const Certificate& certificate : list_certificates(kind, options.file)) {
+        certificates.push_back({{"name", certificate.short_name},
+                                {"title", certificate.name},
+                                {"version", certificate.version ? Json(*certificate.version) : Json()}});
+        const std::string version = certificate.version ? std::to_string(*certificate.version) : "none";
+        text += format("%-18s%-8s%s%s\n", certificate.short_name.c_str(), version.c_str(), certificate.name.c_str(),
+                       problem_of(certificate).c_str());
+    }
+    text += std::string(firmware_name(kind)) + " version: " + or_unknown(whole.version);
+    context.show({{"kind", firmware_name(kind)},
+                  {"version", whole.version ? Json(*whole.version) : Json()},
+                  {"certificates", certificates}},
+                 text);
+    if (!whole.version) {
+        throw Failure(ExitCode::refused, whole.problem);
+    }
+}
+
+const std::map<std::string, FirmwareKind> kinds = {
+    {"miniboot", FirmwareKind::miniboot}, {"uboot", FirmwareKind::uboot}, {"vbmeta", FirmwareKind::vbmeta}};
+
+} // namespace
+
+void declare_versions(CLI::App& verb, Context& context) {
+    auto options = std::make_shared<Options>();
+    verb.add_option("FILE", options->file, "An image of firmware or of verified boot")->required();
+    verb.add_option("--kind", options->kind, "miniboot, uboot or vbmeta, where the file's name does not tell")
+        ->transform(CLI::CheckedTransformer(kinds).description(""))
+        ->type_name("KIND");
+    on_command(verb, context, [&context, options] { show_versions(context, *options); });
+}
