@@ -1,0 +1,10 @@
+/** A package reads the same as a file of its own and as the first one of a miniboot file. */
+#include "image.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    constexpr size_t room = 0x40000;
+    const std::string package(reinterpret_cast<const char*>(data), size < room ? size : room);
+    const std::optional<uint32_t> version = version_of(package, room, NOSEC_UBOOT_IMG);
+    must(size % 8 != 0 || version_of(package, 0x240000, SEC_MINIBOOT_IMG) == version); // the large file is slow
+    return 0;
+}

@@ -1,0 +1,23 @@
+/** The version of a firmware image that stands in memory. */
+#pragma once
+
+#include "box.h"
+#include "fip_prase.h"
+
+#include <optional>
+#include <sys/mman.h>
+
+/* The reader asks for as much memory as an entry of a package claims to take. */
+extern "C" const char* __asan_default_options() {
+    return "allocator_may_return_null=1:max_allocation_size_mb=64";
+}
+
+/** Reads `bytes` with zeros behind them up to `size`. */
+inline std::optional<uint32_t> version_of(const std::string& bytes, size_t size, uint32_t kind) {
+    static const int file = memfd_create("image", 0);
+    static const std::string path = "/proc/self/fd/" + std::to_string(file);
+    must(ftruncate(file, 0) == 0 && pwrite(file, bytes.data(), bytes.size(), 0) >= 0);
+    must(ftruncate(file, static_cast<off_t>(size)) == 0);
+    uint32_t version = 0;
+    return vx_fip_img_anti_read(path.c_str(), kind, &version) == 0 ? std::optional(version) : std::nullopt;
+}
