@@ -10,9 +10,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int64_t total = vx_get_zip_size(package.c_str(), &images);
     must(total == -1 || (total >= 0 && images <= static_cast<uint64_t>(total)));
     const unzFile uf = unzOpen64(package.c_str());
+    unz_global_info64 all{}; /* a package may claim to have none of its entries */
     unz_file_info64 info;
     char name[256] = {};
-    if (unzGetCurrentFileInfo64(uf, &info, name, sizeof name - 1, nullptr, 0, nullptr, 0) == UNZ_OK) {
+    if (unzGetGlobalInfo64(uf, &all) == UNZ_OK && all.number_entry > 0 &&
+        unzGetCurrentFileInfo64(uf, &info, name, sizeof name - 1, nullptr, 0, nullptr, 0) == UNZ_OK) {
         const uint64_t claimed = zip_entry_size(uf, info);
         must(vx_zip_has_file(package.c_str(), name) == 1 && (total < 0 || claimed <= static_cast<uint64_t>(total)));
         ota_file_info_t node = {0, 0, OTA_EMMC, "node"};

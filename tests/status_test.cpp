@@ -122,6 +122,7 @@ TEST_F(Status, random_sets_and_gets_touch_their_own_bytes_only) {
             const bool sealed = step % 2 == 0;
             EXPECT_EQ(sealed ? ota_set_anti_ver_veeprom(&ver) : ota_set_veeprom_flag(OTA_VEEPROM_ANTI_VER, words), 0);
             anti = bytes_of(ver); // sealed, or as it came
+            EXPECT_TRUE(!sealed || anti.substr(2, 2) == "\0\0"s);
             EXPECT_EQ(ota_get_anti_ver_veeprom(&ver), sealed ? 0 : -1);
         }
         const uint32_t crc = CRC32(reinterpret_cast<const uint8_t*>(record.data()), 1352);

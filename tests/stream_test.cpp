@@ -29,8 +29,11 @@ TEST_F(Stream, a_file_moves_in_chunks_as_far_as_it_goes) {
     const struct {
         size_t offset, asked;
         std::vector<int32_t> chunks;
-    } rows[] = {
-        {0, 25 * mib, {10485760, 10485760, 5242880}}, {25 * mib - 60, 1000, {60}}, {7, 0, {}}, {25 * mib, 10, {}}};
+    } rows[] = {{0, 25 * mib, {10485760, 10485760, 5242880}},
+                {3, 10485761, {10485760, 1}},
+                {25 * mib - 60, 1000, {60}},
+                {7, 0, {}},
+                {25 * mib, 10, {}}};
     add_partition("from", image);
     for (const auto& row : rows) {
         chunks.clear();

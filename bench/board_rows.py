@@ -1,0 +1,258 @@
+"""What the tessera command does on a board, beside the programs of the distribution that do the same.
+
+The board is the simulated one, but its partitions stay plain files: the device simulator, which keeps
+count of what is synced, would be what is measured. Times are taken inside, where the box costs nothing.
+"""
+
+import hashlib
+import json
+import os
+import pathlib
+import re
+import shlex
+import struct
+import subprocess
+import time
+import zlib
+from contextlib import contextmanager
+
+from library_rows import BUILD, GIB, JOB, MIB, TOP
+from measure import Command, Row, compare, median, peak_memory, ratio, seconds
+
+WRITES = "write,pwrite64,writev,pwritev,pwritev2,copy_file_range,sendfile,splice"
+
+
+class Board:
+    def __init__(self, directory):
+        self.dir = directory
+        subprocess.run([TOP / "simulator" / "board", "new", directory, "--size-system", "1088M"], check=True)
+        (directory / "flash.conf").write_text("")
+        self.node = directory / "partitions" / "system_b"
+
+    def run(self, *words):
+        subprocess.run([TOP / "simulator" / "board", "run", self.dir, "--build", BUILD, "--with", self.dir.parent,
+                        "--", "env", "-u", "LD_PRELOAD", *words], check=True, stdout=subprocess.DEVNULL)
+
+    def take(self, command):
+        """One sample, inside."""
+        self.run("hyperfine", "--shell=none", "--style=none", "--runs=1", "--export-json=/userdata/told",
+                 shlex.join(map(str, command.words)))
+        told = json.loads((self.dir / "userdata" / "told").read_text())["results"][0]
+        return {"wall": told["times"][0], "cpu": told["user"] + told["system"]}
+
+    def peak(self, *words):
+        self.run("/usr/bin/time", "-f", "%M", "-o", "/userdata/peak", *words)
+        return int((self.dir / "userdata" / "peak").read_text())
+
+    def written(self, *words):
+        """The bytes that a command writes to the node of slot b's system."""
+        node = next(line.split()[1] for line in (self.dir / "devices").read_text().splitlines()
+                    if line.startswith("system_b "))
+        self.run("strace", "-f", "-qq", "-o", "/userdata/calls", "-P", node, "-e", f"trace={WRITES}", *words)
+        return counted(self.dir / "userdata" / "calls")
+
+
+def counted(trace):
+    return sum(int(result) for result in re.findall(r"= (\d+)$", trace.read_text(), re.MULTILINE))
+
+
+def slots_rows(inputs, rounds):
+    board = Board(inputs.disk / "board")
+    variables = b"".join(f"name{number}=value{number}\0".encode() for number in range(20))
+    data = variables.ljust(16380, b"\0")
+    (board.dir / "userdata" / "env").write_bytes(struct.pack("<I", zlib.crc32(data)) + data)
+    (board.dir / "userdata" / "env.config").write_text("/userdata/env 0x0 0x4000\n")
+    ours, theirs = ["tessera", "slots", "--json"], ["fw_printenv", "-c", "/userdata/env.config"]
+    figures = compare([Command("tessera", ours), Command("fw_printenv", theirs)], 3 * rounds, board.take)
+    times = ratio(figures["fw_printenv"], figures["tessera"])
+    yield Row("the slots, a whole process: wall time", "fw_printenv", times, ">= 0.5", times >= 0.5,
+              f"{seconds(median(figures['tessera']))} to {seconds(median(figures['fw_printenv']))}")
+    memory, other = board.peak(*ours), board.peak(*theirs)
+    yield Row("the slots, a whole process: peak memory", "fw_printenv", other / memory, ">= 0.5", other / memory >= 0.5,
+              f"{memory} KiB to {other} KiB")
+
+
+def install_rows(inputs, rounds):
+    board = Board(inputs.disk / "install")
+    image = inputs.image(GIB)
+    digests = {"md5": hashlib.md5(image.read_bytes()).hexdigest(),
+               "sha256": hashlib.sha256(image.read_bytes()).hexdigest()}
+    write_through(board.node, image)
+    rounds = max(3, rounds // 2)
+    yield from beside_its_parts(inputs, board, image, digests, rounds)
+    yield from beside_others(inputs, board, image, digests, rounds)
+
+
+def write_through(node, image):
+    """Gives the node all its bytes, so that nobody measures how the file system finds room for them."""
+    subprocess.run(["dd", f"if={image}", f"of={node}", "bs=10M", "conv=notrunc,fsync", "status=none"], check=True)
+
+
+def make_different(node):
+    """Nothing stands on the node any more, nothing waits to be written, and nothing is cached."""
+    with open(node, "r+b") as file:
+        file.write(os.urandom(MIB))
+        os.fsync(file.fileno())
+        os.posix_fadvise(file.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+
+
+def tessera_package(inputs, image, digests, level):
+    description = {"version": "V2.0.0", "partitions": [
+        {"name": "system", "file": image.name, "medium": "emmc", "type": "ab", "method": "image",
+         "size": image.stat().st_size, **digests}]}
+    (inputs.place / "update.json").write_text(json.dumps(description))
+    path = inputs.disk / f"update-{level}.zip"
+    subprocess.run(["zip", "-q", "-j", f"-{level}", path, inputs.place / "update.json", image], check=True)
+    return path
+
+
+def beside_its_parts(inputs, board, image, digests, rounds):
+    """The least is what cannot overlap: inflating or writing, whichever takes longer, and reading it back."""
+    package, node = tessera_package(inputs, image, {"md5": digests["md5"]}, 6), board.node
+    name = image.name
+
+    def fresh():
+        make_different(node)
+
+    figures = compare([Command("install", ["tessera", "install", "--quiet", package], fresh)], rounds, board.take)
+    parts = compare([
+        Command("inflate", [JOB, "floor", package, name, "/dev/null"]),
+        Command("write", ["dd", f"if={image}", f"of={node}", "bs=10M", "conv=notrunc,fsync", "status=none"], fresh),
+        Command("read", ["dd", f"if={node}", "of=/dev/null", "bs=10M", "status=none"], fresh)], rounds)
+    inflate, write, read = (median(parts[part]) for part in ("inflate", "write", "read"))
+    least, whole = max(inflate, write) + read, median(figures["install"])
+    yield Row("install 1 GiB, deflated, synced and read back", "the longer of its parts and one read", least / whole,
+              ">= 0.90", least / whole >= 0.9, f"{seconds(whole)} to {seconds(least)}: inflate {seconds(inflate)}, "
+              f"write and sync {seconds(write)}, read {seconds(read)}")
+    package.unlink()
+
+
+def beside_others(inputs, board, image, digests, rounds):
+    """1 GiB, stored, from a cached package onto a file, its digest checked."""
+    package = tessera_package(inputs, image, digests, 0)
+    ours = ["tessera", "install", "--quiet", package]
+    certificate, key = make_signer(inputs.disk)
+    swu = make_swu(inputs, image, digests["sha256"], certificate, key)
+    bundle = make_bundle(inputs, image, certificate, key)
+    node = inputs.disk / "node"
+    node.touch()
+    os.truncate(node, GIB)
+    write_through(node, image)
+    swupdate = ["swupdate", "-M", "-m", "-l", "1", "-H", "bench:1.0", "-k", certificate, "-i", swu]
+    with rauc_service(inputs.disk, certificate) as (rauc, service):
+        commands = [Command("SWUpdate", swupdate, lambda: make_different(node)),
+                    Command("RAUC", [*rauc, "install", bundle], lambda: make_different(node))]
+        figures = {}
+        for _ in range(rounds):
+            turn = compare([Command("tessera", ours, lambda: make_different(board.node))], 1, board.take)
+            turn |= compare(commands, 1)
+            for name, told in turn.items():
+                figures.setdefault(name, []).extend(told)
+        peaks = {"RAUC": peak_of(service.pid)}
+    for path in (board.node, node):
+        make_different(path)
+    peaks |= {"tessera": board.peak(*ours), "SWUpdate": peak_memory(swupdate)}
+    calls = inputs.disk / "calls"
+    traced = ["strace", "-f", "-qq", "-o", calls, "-P", node, "-e", f"trace={WRITES}"]
+    subprocess.run([*traced, *swupdate], check=True, stdout=subprocess.DEVNULL)
+    written = {"tessera": board.written(*ours), "SWUpdate": counted(calls)}
+    with rauc_service(inputs.disk, certificate, traced) as (rauc, _):
+        subprocess.run([*rauc, "install", bundle], check=True, stdout=subprocess.DEVNULL)
+    written["RAUC"] = counted(calls)
+    for name in ("SWUpdate", "RAUC"):
+        times = ratio(figures[name], figures["tessera"])
+        yield Row("install 1 GiB: wall time", name, times, "> 1.0", times > 1,
+                  f"{seconds(median(figures['tessera']))} to {seconds(median(figures[name]))}")
+        memory = peaks[name] / peaks["tessera"]
+        yield Row("install 1 GiB: peak memory", name, memory, "> 1.0", memory > 1,
+                  f"{peaks['tessera']} KiB to {peaks[name]} KiB")
+        yield Row("install the same again: bytes written", name, None, "0", written["tessera"] == 0,
+                  f"{written['tessera']} to {written[name]}")
+
+
+def make_signer(directory):
+    certificate, key = directory / "signer.pem", directory / "signer.key"
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key, "-out", certificate,
+                    "-subj", "/CN=bench", "-addext", "extendedKeyUsage=emailProtection", "-days", "2"],
+                   check=True, stderr=subprocess.DEVNULL)
+    return certificate, key
+
+
+def make_swu(inputs, image, sha256, certificate, key):
+    directory = inputs.disk / "swu"
+    directory.mkdir()
+    (directory / "sw-description").write_text(
+        'software = { version = "1.0"; hardware-compatibility: [ "1.0" ]; images: ( { '
+        f'filename = "{image.name}"; device = "{inputs.disk}/node"; type = "raw"; sha256 = "{sha256}"; '
+        'installed-directly = true; } ); }\n')
+    (directory / image.name).symlink_to(image)
+    subprocess.run(["openssl", "cms", "-sign", "-in", "sw-description", "-out", "sw-description.sig", "-signer",
+                    certificate, "-inkey", key, "-outform", "DER", "-nosmimecap", "-binary"],
+                   check=True, cwd=directory)
+    names = f"sw-description\nsw-description.sig\n{image.name}\n".encode()
+    with open(inputs.disk / "update.swu", "wb") as archive:
+        subprocess.run(["cpio", "-o", "-L", "-H", "crc", "--quiet"], input=names, stdout=archive, check=True,
+                       cwd=directory)
+    return inputs.disk / "update.swu"
+
+
+def make_bundle(inputs, image, certificate, key):
+    directory, bundle = inputs.disk / "bundle", inputs.disk / "update.raucb"
+    directory.mkdir()
+    os.link(image, directory / "system.img") if same_device(image, directory) else copy(image, directory / "system.img")
+    (directory / "manifest.raucm").write_text("[update]\ncompatible=bench\nversion=2\n[bundle]\nformat=plain\n"
+                                              "[image.rootfs]\nfilename=system.img\n")
+    subprocess.run(["rauc", f"--cert={certificate}", f"--key={key}", "--mksquashfs-args=-noD -noI -noF", "bundle",
+                    directory, bundle], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return bundle
+
+
+def same_device(one, other):
+    return one.stat().st_dev == other.stat().st_dev
+
+
+def copy(one, other):
+    subprocess.run(["cp", one, other], check=True)
+
+
+@contextmanager
+def rauc_service(directory, certificate, under=()):
+    """@return the start of a client's command line, and the service, on a bus of their own"""
+    (directory / "spare").touch()
+    os.truncate(directory / "spare", MIB)
+    (directory / "system.conf").write_text(
+        f"[system]\ncompatible=bench\nbootloader=noop\nstatusfile={directory}/status\nmountprefix={directory}/mnt\n"
+        f"[keyring]\npath={certificate}\n[slot.rootfs.0]\ndevice={directory}/spare\ntype=raw\nbootname=A\n"
+        f"[slot.rootfs.1]\ndevice={directory}/node\ntype=raw\nbootname=B\n")
+    (directory / "bus.conf").write_text(
+        '<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN" '
+        '"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd"><busconfig><type>system</type>'
+        f'<listen>unix:path={directory}/bus</listen><policy context="default"><allow send_destination="*"/>'
+        '<allow own="*"/></policy></busconfig>\n')
+    address = f"DBUS_SYSTEM_BUS_ADDRESS=unix:path={directory}/bus"
+    quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+    bus = subprocess.Popen(["dbus-daemon", f"--config-file={directory}/bus.conf", "--nofork"], **quiet)
+    wait_for(lambda: (directory / "bus").exists())
+    service = subprocess.Popen([*under, "env", address, "rauc", f"--conf={directory}/system.conf",
+                                "--override-boot-slot=A", "service"], **quiet)
+    client = ["env", address, "rauc"]
+    try:
+        wait_for(lambda: subprocess.run([*client, "status"], **quiet, check=False).returncode == 0)
+        yield client, service
+    finally:
+        for process in (service, bus):
+            process.terminate()
+            process.wait()
+        (directory / "bus").unlink(missing_ok=True)
+
+
+def wait_for(condition):
+    deadline = time.monotonic() + 20
+    while not condition():
+        if time.monotonic() > deadline:
+            raise RuntimeError("the service does not come up")
+        time.sleep(0.05)
+
+
+def peak_of(pid):
+    return int(re.search(r"VmHWM:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1])
