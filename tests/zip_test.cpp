@@ -13,6 +13,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 #include <zlib.h>
 
 namespace fs = std::filesystem;
@@ -333,7 +334,7 @@ TEST_F(Zip, staging_needs_more_room_than_the_need) {
 
 TEST_F(Zip, the_first_package_of_a_list_gives_the_process) {
     const std::string good = put("ota_process@100755=#!");
-    const std::map<std::string, std::pair<int32_t, std::string>> lists = {
+    const std::vector<std::pair<std::string, std::pair<int32_t, std::string>>> lists = {
         {";;" + good + ";/none", {0, "warning /tmp/process/ is not exist, create it"}},
         {"", {-6, "error No update file selected"}},
         {"rel.zip;" + good, {-6, "error Please use absolute path: rel.zip"}},

@@ -27,12 +27,15 @@ class InstallTest(BoardCase):
                 images_written = [op for op in operations if op[1] in ("pwrite", "MEMERASE64", "UBI_IOCEBER")
                                   and not op[0].endswith(("0p1", "0p2", "mtd0", "mtd1", "ubi0_0", "ubi0_1"))]
                 self.assertEqual(images_written, [])
-                self.assertEqual(self.tessera("rollback").returncode, 0)
+                self.assertEqual(self.tessera("rollback").returncode, 1)  # slot b is only on trial
                 self.assertEqual(self.install("1.zip")[0].returncode, 0)
                 self.simulate("reboot")
                 self.assertEqual(self.board().running_slot(), 1)
                 for _ in range(2):
                     self.assertEqual(self.tessera("confirm").returncode, 0)
+                self.assertEqual(self.tessera("rollback").returncode, 0)
+                self.assertEqual(self.board().slot_block().best(), 0)
+                self.assertEqual(self.tessera("slots", "set-next", "b").returncode, 0)
                 result, _ = self.install("2.zip")
                 self.assertEqual(result.returncode, 0, result.stderr)
                 self.assertTrue(self.holds(first, 1) and self.holds(second, 0))
