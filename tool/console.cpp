@@ -1,5 +1,7 @@
 #include "console.h"
 
+#include "text.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -86,7 +88,7 @@ bool close() {
 }
 
 void print(const std::string& text) {
-    std::fputs(text.c_str(), results);
+    std::fputs(printable(text).c_str(), results);
     if (!text.ends_with('\n')) {
         std::fputc('\n', results);
     }
@@ -94,7 +96,7 @@ void print(const std::string& text) {
 
 void note(const std::string& sentence) {
     pass_log_on();
-    std::fprintf(sentences, "tessera: %s\n", sentence.c_str());
+    std::fprintf(sentences, "tessera: %s\n", printable(sentence).c_str());
     std::fflush(sentences);
 }
 

@@ -41,6 +41,7 @@ std::optional<double> Progress::Work::rate() const {
 Progress::~Progress() {
     if (visible_ && !finished_) {
         std::fputs("\r\x1b[K", console::progress_stream());
+        std::fflush(console::progress_stream()); /* the result follows on another stream */
     }
 }
 
@@ -78,7 +79,7 @@ void Progress::begin(std::string_view phase, const std::string& subject) {
         charged_ = static_cast<size_t>(found - works_.begin());
     }
     phase_ = phase;
-    subject_ = subject;
+    subject_ = printable(subject);
     if (mode_ != ProgressMode::plain) {
         show();
     }

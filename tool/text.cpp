@@ -13,7 +13,8 @@ bool is_number(const std::string& cell) {
     return !cell.empty() && std::isdigit(static_cast<unsigned char>(cell.front())) != 0;
 }
 
-std::string padded(const std::string& cell, size_t width, bool to_the_right) {
+std::string padded(std::string cell, size_t width, bool to_the_right) {
+    std::replace(cell.begin(), cell.end(), '\n', '?'); /* in a name from outside */
     const std::string blanks(width - std::min(width, cell.size()), ' ');
     return to_the_right ? blanks + cell : cell + blanks;
 }
@@ -49,6 +50,12 @@ std::string because(int error) {
     return std::string(": ") + std::strerror(error);
 }
 
+std::string printable(std::string text) {
+    const auto steers = [](char c) { return std::iscntrl(static_cast<unsigned char>(c)) != 0 && c != '\n'; };
+    std::replace_if(text.begin(), text.end(), steers, '?');
+    return text;
+}
+
 std::string to_hex(std::span<const uint8_t> bytes) {
     static constexpr char digits[] = "0123456789abcdef";
     std::string text;
@@ -61,6 +68,7 @@ std::string to_hex(std::span<const uint8_t> bytes) {
 
 std::string table(const std::vector<std::string>& heading, const std::vector<std::vector<std::string>>& rows) {
     std::vector<size_t> widths;
+    widths.reserve(heading.size());
     for (const std::string& title : heading) {
         widths.push_back(title.size());
     }

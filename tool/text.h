@@ -19,6 +19,9 @@ std::string because(int error);
 /** Lower-case hexadecimal digits. */
 std::string to_hex(std::span<const uint8_t> bytes);
 
+/** Text from outside for a terminal: what would steer it is shown as a question mark. */
+std::string printable(std::string text);
+
 /** Columns with a heading, each as wide as its widest cell. Cells that hold a number stand to the right. */
 std::string table(const std::vector<std::string>& heading, const std::vector<std::vector<std::string>>& rows);
 
