@@ -1,34 +1,80 @@
-/** tessera compare: do two partitions hold the same bytes? */
-#include "digest.h"
+/** tessera compare: do two partitions hold the same bytes, and if not, from where on do they differ? */
+#include "device.h"
+#include "interrupt.h"
 #include "partition.h"
+#include "progress.h"
 #include "text.h"
 #include "verb.h"
 
-#include <array>
+#include <algorithm>
 
 namespace {
+
+constexpr size_t piece_size = size_t{1} << 20;
 
 struct Options {
     std::string first;
     std::string second;
-    int32_t garbage = 0;
+    uint64_t garbage = 0;
 };
 
-std::string md5_of(const std::string& name, int32_t garbage) {
-    const std::string path = file_or_partition(name);
-    std::array<uint8_t, 16> digest{};
-    require(ExitCode::device, "cannot read " + name, [&] { return MD5Dev(path.c_str(), digest.data(), garbage); });
-    return to_hex(digest);
+/** One of the two, without its last bytes and, on flash, without its bad blocks. */
+struct Side {
+    Device device;
+    uint64_t length;
+
+    Side(const std::string& name, uint64_t garbage) : device(file_or_partition(name)), length(device.capacity()) {
+        if (garbage > length) {
+            throw Failure(ExitCode::failed, name + " has only " + human_bytes(length));
+        }
+        length -= garbage;
+    }
+};
+
+/** The first byte that differs; the end of the shorter one when it is the beginning of the other. */
+std::optional<uint64_t> first_difference(const Side& first, const Side& second, const std::string& names) {
+    const uint64_t length = std::min(first.length, second.length);
+    Progress progress(default_progress_mode());
+    progress.expect("compare", length);
+    progress.begin("compare", names);
+    std::vector<uint8_t> buffers(2 * piece_size);
+    for (uint64_t done = 0; done < length;) {
+        stop_if_interrupted();
+        const size_t count = std::min<uint64_t>(piece_size, length - done);
+        const auto one = std::span(buffers).first(count);
+        const auto other = std::span(buffers).subspan(piece_size, count);
+        first.device.read(done, one);
+        second.device.read(done, other);
+        const auto [at, ignored] = std::mismatch(one.begin(), one.end(), other.begin());
+        if (at != one.end()) {
+            return done + static_cast<uint64_t>(at - one.begin());
+        }
+        done += count;
+        progress.advance("compare", count);
+    }
+    progress.finish();
+    return first.length == second.length ? std::nullopt : std::optional(length);
 }
 
 void compare(const Context& context, const Options& options) {
-    const std::string first = md5_of(options.first, options.garbage);
-    const std::string second = md5_of(options.second, options.garbage);
+    watch_interrupts();
+    const Side first(options.first, options.garbage);
+    const Side second(options.second, options.garbage);
     const std::string names = options.first + " and " + options.second;
-    if (first != second) {
-        throw Failure(ExitCode::failed, names + " differ");
+    const auto at = first_difference(first, second, names);
+    if (!at) {
+        context.show({{"equal", true}, {"bytes", first.length}},
+                     names + " hold the same " + std::to_string(first.length) + " bytes");
+        return;
     }
-    context.show({{"equal", true}, {"md5", first}}, names + " hold the same bytes");
+    if (context.json) {
+        context.show({{"equal", false}, {"first_difference", *at}}, {});
+    }
+    const bool one_ends = *at == std::min(first.length, second.length);
+    throw Failure(ExitCode::failed,
+                  one_ends ? names + format(" hold the same %llu bytes, and then one of them ends",
+                                            static_cast<unsigned long long>(*at))
+                           : names + format(" differ from byte %llu on", static_cast<unsigned long long>(*at)));
 }
 
 } // namespace
@@ -37,6 +83,6 @@ void declare_compare(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
     verb.add_option("PART_A", options->first, "A partition by its name, or a file")->required();
     verb.add_option("PART_B", options->second, "Another one")->required();
-    verb.add_option("--garbage", options->garbage, "Leave out so many bytes at the end")->check(CLI::NonNegativeNumber);
+    verb.add_option("--garbage", options->garbage, "Leave out so many bytes at the end of both");
     on_command(verb, context, [&context, options] { compare(context, *options); });
 }

@@ -1,4 +1,7 @@
-/** tessera digest: the digest of a file or partition, byte by byte as it lies there. */
+/**
+ * tessera digest: the digest of a file or partition. Bad blocks of NAND are left out, as they are on
+ * writing: the digest of a partition is then that of the image that was written to it.
+ */
 #include "device.h"
 #include "digest.h"
 #include "interrupt.h"
@@ -7,7 +10,7 @@
 #include "text.h"
 #include "verb.h"
 
-#include <filesystem>
+#include <algorithm>
 
 namespace {
 
@@ -23,7 +26,7 @@ struct Options {
 
 /** The bytes to digest: a stretch from `offset`, or all but the last `garbage`. */
 uint64_t length_of(const Options& options, uint64_t size) {
-    if (options.offset > size || options.garbage > size) {
+    if (options.offset > size || options.garbage > size - options.offset) {
         throw Failure(ExitCode::failed, options.name + " has only " + human_bytes(size));
     }
     const uint64_t rest = size - options.offset - options.garbage;
@@ -42,7 +45,7 @@ Digests digest(const Device& device, const Options& options, uint64_t length) {
     for (uint64_t done = 0; done < length;) {
         stop_if_interrupted();
         const auto piece = std::span(buffer).first(std::min<uint64_t>(piece_size, length - done));
-        device.read_raw(options.offset + done, piece);
+        device.read(options.offset + done, piece);
         digester.add(piece);
         done += piece.size();
         progress.advance("digest", piece.size());
@@ -54,7 +57,7 @@ Digests digest(const Device& device, const Options& options, uint64_t length) {
 void show_digest(const Context& context, const Options& options) {
     watch_interrupts();
     const Device device(file_or_partition(options.name));
-    const uint64_t length = length_of(options, device.raw_size());
+    const uint64_t length = length_of(options, device.capacity());
     const Digests digests = digest(device, options, length);
     Json value = {{"name", options.name}, {"offset", options.offset}, {"bytes", length}, {"md5", digests.md5}};
     if (options.sha256) {
