@@ -13,6 +13,26 @@ void show_counters(const Context& context) {
                  format("secure      %u\nnon-secure  %u", counters.secure, counters.non_secure));
 }
 
+/* What the library answers for an image without any certificate. No counter ever comes back from it. */
+constexpr uint32_t version_of_nothing = 255;
+
+/** Refuses before the first fuse: the library burns one counter before it finds that the other is wrong. */
+void judge_raise(const char* which, bool raise, uint32_t version, uint32_t counter) {
+    if (!raise) {
+        return;
+    }
+    if (version < counter) {
+        throw Failure(ExitCode::failed,
+                      format("the stored %s version %u is below the counter %u", which, version, counter),
+                      "tessera verify PACKAGE stores the versions of another package");
+    }
+    if (version == version_of_nothing) {
+        throw Failure(
+            ExitCode::failed,
+            format("the stored %s version is %u, which stands for an image without certificates", which, version));
+    }
+}
+
 /** The record of the last package that passed. */
 antirollback_ver_t versions_to_burn() {
     const StoredVersions stored = read_stored_versions();
@@ -23,6 +43,9 @@ antirollback_ver_t versions_to_burn() {
     if (stored.record.sec_up_flag != 1 && stored.record.nosec_up_flag != 1) {
         throw Failure(ExitCode::failed, "the last package that passed asks for no counter to be raised");
     }
+    const Counters counters = read_counters();
+    judge_raise("secure", stored.record.sec_up_flag == 1, stored.record.sec_ver, counters.secure);
+    judge_raise("non-secure", stored.record.nosec_up_flag == 1, stored.record.nosec_ver, counters.non_secure);
     return stored.record;
 }
 
@@ -33,6 +56,12 @@ void burn(const Context& context, bool confirmed) {
                       "tessera efuse burn --yes");
     }
     require(ExitCode::device, "cannot raise the counters", [&] { return set_efuse_antirollback(&versions); });
+    const Counters now = read_counters();
+    if ((versions.sec_up_flag == 1 && now.secure != versions.sec_ver) ||
+        (versions.nosec_up_flag == 1 && now.non_secure != versions.nosec_ver)) {
+        throw Failure(ExitCode::device,
+                      format("the counters are %u and %u, and not what was burned", now.secure, now.non_secure));
+    }
     show_counters(context);
 }
 
