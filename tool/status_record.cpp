@@ -21,6 +21,10 @@ bool read_sealed(uint64_t offset, Record& record) {
 
 } // namespace
 
+const char* StoredStatus::fault() const {
+    return record.magic != status_magic ? "wrong magic number" : "wrong checksum";
+}
+
 StoredStatus read_status() {
     StoredStatus stored{};
     const bool is_sealed = read_sealed(status_offset, stored.record);

@@ -12,6 +12,9 @@ inline constexpr char status_partition[] = "ubootenv";
 struct StoredStatus {
     ota_status_t record;
     bool is_valid;
+
+    /** What is wrong with a record that is not valid. */
+    [[nodiscard]] const char* fault() const;
 };
 
 struct StoredVersions {

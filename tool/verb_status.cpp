@@ -45,7 +45,11 @@ int32_t value_of(const ota_status_t& record, const Field& field) {
 }
 
 std::string word_for(const Field& field, int32_t value) {
-    return field.words != nullptr ? field.words->word(value) : slot_letter(value);
+    if (field.words != nullptr) {
+        return field.words->word(value);
+    }
+    const std::string letter = slot_letter(value);
+    return letter.size() == 1 ? letter : letter + format(" (%u)", static_cast<uint32_t>(value));
 }
 
 size_t listed_partitions(const ota_status_t& record) {
@@ -69,6 +73,7 @@ Json partitions_json(const update_part_t& list, size_t count) {
 Json status_json(const StoredStatus& status) {
     Json json = {{"valid", status.is_valid}};
     if (!status.is_valid) {
+        json["fault"] = status.fault();
         return json;
     }
     for (const Field& field : fields) {
@@ -80,7 +85,7 @@ Json status_json(const StoredStatus& status) {
 
 Json versions_json(const StoredVersions& versions) {
     if (!versions.is_valid) {
-        return {{"valid", false}};
+        return {{"valid", false}, {"fault", "wrong checksum"}};
     }
     return {{"valid", true},
             {"secure_version", versions.record.sec_ver},
@@ -91,17 +96,18 @@ Json versions_json(const StoredVersions& versions) {
 
 /** What the general flag and the owner say together. */
 std::string headline(const ota_status_t& record) {
-    const std::string owner = owner_names.word(record.owner);
+    const std::string update =
+        record.owner == NORMAL_BOOT ? "an update" : "an update by the " + owner_names.word(record.owner);
     const std::string slot = "slot " + slot_letter(static_cast<int32_t>(record.next_slot));
     switch (record.up) {
     case OTA_FLAG_NORMAL:
         return "no update is under way";
     case OTA_FLAG_BURN:
-        return "an update by the " + owner + " was writing to " + slot + " and has not ended";
+        return update + " was writing to " + slot + " and has not ended";
     case OTA_FLAG_VERIFY:
-        return "an update by the " + owner + " was reading " + slot + " back and has not ended";
+        return update + " was reading " + slot + " back and has not ended";
     case OTA_FLAG_VERIFIED:
-        return "an update by the " + owner + " had read " + slot + " back and was switching to it";
+        return update + " had read " + slot + " back and was switching to it";
     default:
         return "where the update stands is unknown";
     }
@@ -109,7 +115,8 @@ std::string headline(const ota_status_t& record) {
 
 std::string status_text(const StoredStatus& status) {
     if (!status.is_valid) {
-        return "the stored update status is not valid, so what it was is unknown; the next change makes a new one\n";
+        return std::string("the stored update status is not valid (") + status.fault() +
+               "), so what it was is unknown; the next change makes a new one\n";
     }
     std::string text = headline(status.record) + "\n\n";
     for (const Field& field : fields) {
@@ -120,19 +127,27 @@ std::string status_text(const StoredStatus& status) {
     for (size_t i = 0; i < listed_partitions(status.record); ++i) {
         rows.push_back({partition_name(list, i), medium_names.word(list.medium[i]), type_names.word(list.type[i])});
     }
-    return rows.empty() ? text : text + "\n" + table({"partition", "medium", "type"}, rows);
+    text += rows.empty() ? "" : "\n" + table({"partition", "medium", "type"}, rows);
+    if (list.num > rows.size()) {
+        text += format("the list speaks of %u partitions, of which only %zu can be stored\n", list.num, rows.size());
+    }
+    return text;
 }
 
 std::string versions_text(const StoredVersions& versions) {
     if (!versions.is_valid) {
-        return "\nthe stored anti-rollback versions are not valid, so what they were is unknown";
+        return "\nthe stored anti-rollback versions are not valid (wrong checksum), so what they were is unknown";
+    }
+    const antirollback_ver_t& record = versions.record;
+    if ((record.sec_up_flag | record.nosec_up_flag | record.sec_ver | record.nosec_ver) == 0) {
+        return "\nthe anti-rollback record holds versions 0, and no counter is to be raised";
     }
     const auto line = [](const char* name, uint32_t version, bool raise) {
         return format("%-12sversion %u, counter %s\n", name, version, raise ? "to be raised" : "stays");
     };
     return "\nanti-rollback versions of the last package that passed:\n" +
-           line("secure", versions.record.sec_ver, versions.record.sec_up_flag == 1) +
-           line("non-secure", versions.record.nosec_ver, versions.record.nosec_up_flag == 1);
+           line("secure", record.sec_ver, record.sec_up_flag == 1) +
+           line("non-secure", record.nosec_ver, record.nosec_up_flag == 1);
 }
 
 void show_status(const Context& context) {
@@ -179,6 +194,9 @@ int32_t field_value(const Field& field, const std::string& word, bool raw) {
 void set_field(const std::string& name, const std::string& word, bool raw) {
     const Field& field = find_field(name);
     auto value = static_cast<uint32_t>(field_value(field, word, raw));
+    if (!read_status().is_valid) {
+        console::note("the stored update status was not valid, and is made anew");
+    }
     require(ExitCode::device, "cannot store " + name, [&] { return ota_set_veeprom_flag(field.selector, &value); });
     sync_partition(status_partition);
 }
