@@ -60,8 +60,9 @@ EntryKind kind_of(const std::string& name, uint32_t attributes) {
 
 } // namespace
 
+/** As the library counts: a name that is too long to be judged is taken for an image. */
 bool Entry::is_image() const {
-    const auto has_extension = [&](const char* extension) { return is_xxx_file(name.c_str(), extension) == 1; };
+    const auto has_extension = [&](const char* extension) { return is_xxx_file(name.c_str(), extension) != 0; };
     return has_extension("img") || has_extension("bin") || has_extension("ubifs");
 }
 

@@ -6,6 +6,7 @@
 #include "velox_ota_hl.h"
 #include "verb.h"
 
+#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -105,9 +106,24 @@ private:
     std::jthread thread_;
 };
 
+/** A package that does not fit would be left unpacked by half. */
+void demand_room(const std::string& directory, const Totals& totals) {
+    if (makedir(directory.c_str()) != 0 || !std::filesystem::is_directory(directory)) {
+        throw Failure(ExitCode::failed, "cannot make the directory " + directory);
+    }
+    std::string path = directory;
+    const uint64_t room = get_free_space(path.data());
+    const auto need = static_cast<uint64_t>(totals.all);
+    if (room != UINT64_MAX && need > room) {
+        throw Failure(ExitCode::failed, "the package unpacks to " + human_bytes(need) + ", and the file system of " +
+                                            directory + " has " + human_bytes(room));
+    }
+}
+
 void unpack(const Context& context, const std::string& file, const std::string& directory) {
     const Package package(file);
     const Totals totals = read_totals(package);
+    demand_room(directory, totals);
     {
         const UnpackProgress progress(static_cast<uint64_t>(totals.all));
         require(ExitCode::refused, "cannot unpack " + file + " to " + directory,
@@ -149,6 +165,9 @@ std::string check_entry(const Package& package, const Entry& entry, Progress& pr
 void check(const Context& context, const std::string& file) {
     watch_interrupts();
     const Package package(file);
+    if (package.entries().empty()) { /* a package that was cut inside its directory can look so */
+        throw Failure(ExitCode::refused, file + " holds no entries");
+    }
     Progress progress(default_progress_mode());
     for (const Entry& entry : package.entries()) {
         progress.expect("check", entry.size);
@@ -167,8 +186,8 @@ void check(const Context& context, const std::string& file) {
     text += problems.empty() ? format("all %zu entries are whole", package.entries().size()) : "";
     context.show({{"entries", package.entries().size()}, {"problems", problems}}, text);
     if (!problems.empty()) {
-        throw Failure(ExitCode::refused, format("%zu of %zu entries of ", problems.size(), package.entries().size()) +
-                                             file + " are damaged");
+        throw Failure(ExitCode::failed, format("%zu of %zu entries of ", problems.size(), package.entries().size()) +
+                                            file + " are damaged");
     }
 }
 
