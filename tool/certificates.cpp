@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <openssl/err.h>
@@ -28,9 +29,11 @@ constexpr size_t second_size = 0x200000;
 using Bytes = std::span<const uint8_t>;
 
 std::vector<uint8_t> read_file(const std::string& path) {
+    std::error_code error;
     std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        throw Failure(ExitCode::failed, "cannot open " + path + because(errno));
+    if (!file || !std::filesystem::is_regular_file(path, error)) {
+        throw Failure(ExitCode::failed,
+                      file ? path + " is not a regular file" : "cannot open " + path + because(errno));
     }
     return {std::istreambuf_iterator<char>(file), {}};
 }

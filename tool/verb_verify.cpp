@@ -61,20 +61,19 @@ void verify(const Context& context, const Options& options) {
     const auto versions = read_image_versions(package, description);
     const Counters counters = read_counters();
     const std::string table = versions_text(versions, counters);
-    if (const std::string refusal = refusal_by_versions(versions, counters); !refusal.empty()) {
-        if (!context.json) {
-            console::print(table);
-        }
-        throw Failure(ExitCode::refused, refusal);
-    }
-    verify_versions(package, description);
-    context.show({{"passes", true},
+    Json value = {{"passes", true},
                   {"version", description.version},
                   {"signer", signer.empty() ? Json() : Json(signer)},
                   {"images", versions_json(versions)},
-                  {"counters", {{"secure", counters.secure}, {"non_secure", counters.non_secure}}}},
-                 table + "the package " + description.version +
-                     " passes: every image is whole, no version goes down (" + origin(signer) + ")");
+                  {"counters", {{"secure", counters.secure}, {"non_secure", counters.non_secure}}}};
+    if (const std::string refusal = refusal_by_versions(versions, counters); !refusal.empty()) {
+        value["passes"] = false;
+        context.show(value, table);
+        throw Failure(ExitCode::refused, refusal);
+    }
+    verify_versions(package, description);
+    context.show(value, table + "the package " + description.version +
+                            " passes: every image is whole, no version goes down (" + origin(signer) + ")");
 }
 
 } // namespace

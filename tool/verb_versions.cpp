@@ -48,12 +48,16 @@ void show_versions(const Context& context, const Options& options) {
     for (const Certificate& certificate : list_certificates(kind, options.file)) {
         certificates.push_back({{"name", certificate.short_name},
                                 {"title", certificate.name},
-                                {"version", certificate.version ? Json(*certificate.version) : Json()}});
+                                {"version", certificate.version ? Json(*certificate.version) : Json()},
+                                {"problem", certificate.problem.empty() ? Json() : Json(certificate.problem)}});
         const std::string version = certificate.version ? std::to_string(*certificate.version) : "none";
         text += format("%-18s%-8s%s%s\n", certificate.short_name.c_str(), version.c_str(), certificate.name.c_str(),
                        problem_of(certificate).c_str());
     }
     text += std::string(firmware_name(kind)) + " version: " + or_unknown(whole.version);
+    if (kind != FirmwareKind::vbmeta && whole.version && certificates.empty()) {
+        text += ", which stands for an image without any of the known certificates";
+    }
     context.show({{"kind", firmware_name(kind)},
                   {"version", whole.version ? Json(*whole.version) : Json()},
                   {"certificates", certificates}},
