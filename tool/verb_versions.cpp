@@ -10,12 +10,13 @@ namespace {
 
 struct Options {
     std::string file;
-    std::optional<FirmwareKind> kind;
+    std::string kind; /* empty: the file's name tells */
 };
 
 FirmwareKind kind_of(const Options& options) {
-    const auto kind =
-        options.kind ? options.kind : firmware_kind(std::filesystem::path(options.file).filename().string());
+    const std::string name =
+        options.kind.empty() ? std::filesystem::path(options.file).filename().string() : options.kind;
+    const auto kind = firmware_kind(name);
     if (!kind) {
         throw Failure(ExitCode::usage, "the name " + options.file + " does not tell what kind of image it is",
                       "--kind miniboot, uboot or vbmeta says it");
@@ -67,16 +68,12 @@ void show_versions(const Context& context, const Options& options) {
     }
 }
 
-const std::map<std::string, FirmwareKind> kinds = {
-    {"miniboot", FirmwareKind::miniboot}, {"uboot", FirmwareKind::uboot}, {"vbmeta", FirmwareKind::vbmeta}};
-
 } // namespace
 
 void declare_versions(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
     verb.add_option("FILE", options->file, "An image of firmware or of verified boot")->required();
     verb.add_option("--kind", options->kind, "miniboot, uboot or vbmeta, where the file's name does not tell")
-        ->transform(CLI::CheckedTransformer(kinds).description(""))
-        ->type_name("KIND");
+        ->check(CLI::IsMember({"miniboot", "uboot", "vbmeta"}).description(""));
     on_command(verb, context, [&context, options] { show_versions(context, *options); });
 }
