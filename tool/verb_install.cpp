@@ -191,8 +191,9 @@ void declare_install(CLI::App& verb, Context& context) {
     verb.add_flag("--dry-run", options->dry_run, "Judge everything, say what would happen, touch nothing");
     verb.add_flag("--force", options->force, "Write images that stand on the board already too");
     verb.add_flag("-q,--quiet", options->quiet, "No progress and no remarks");
-    verb.add_option("--progress", options->progress, "How to show progress: bar, plain or json, on stderr")
-        ->transform(CLI::CheckedTransformer(progress_modes).description(""))
+    const auto choose = [options](const std::string& mode) { options->progress = progress_modes.at(mode); };
+    verb.add_option_function<std::string>("--progress", choose, "How to show progress: bar, plain or json, on stderr")
+        ->check(CLI::IsMember({"bar", "plain", "json"}).description(""))
         ->type_name("MODE");
     verb.add_option("--version-file", options->version_file, "Where the installed version stands")
         ->capture_default_str();
