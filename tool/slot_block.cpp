@@ -3,6 +3,7 @@
 #include "console.h"
 #include "names.h"
 #include "partition.h"
+#include "salvage.h"
 
 #include <algorithm>
 #include <span>
@@ -13,10 +14,24 @@ constexpr char block_partition[] = "misc";
 constexpr uint64_t block_offset = offsetof(bootloader_message_ab, slot_suffix);
 constexpr uint32_t block_magic = 0x42414342;
 
-template <class Change>
-void change_block(const std::string& sentence, Change change) {
+/**
+ * Changes the block and reads it back. The library writes past bad blocks and reads at a fixed place: with
+ * a bad block in front, a change succeeds that nobody will ever see.
+ */
+template <class Change, class Check>
+void change_block(const std::string& sentence, Change change, Check is_kept) {
     require(ExitCode::device, sentence, change);
     sync_partition(block_partition);
+    if (!is_kept()) {
+        throw Failure(ExitCode::device, sentence + ": " + block_partition + " did not keep the change",
+                      "tessera board --check tells whether a bad block lies in front of it");
+    }
+}
+
+Slot read_slot(int32_t number) {
+    const SlotBlock block = read_slot_block();
+    const Slot* slot = block.find(number);
+    return slot != nullptr ? *slot : Slot{};
 }
 
 } // namespace
@@ -73,16 +88,29 @@ int32_t running_slot() {
 }
 
 void set_next_slot(int32_t slot) {
-    change_block("cannot make slot " + slot_letter(slot) + " the next one",
-                 [&] { return ota_set_next_expected_slot(slot); });
+    change_block(
+        "cannot make slot " + slot_letter(slot) + " the next one", [&] { return ota_set_next_expected_slot(slot); },
+        [&] { return next_slot() == slot; });
 }
 
 void mark_slot_good(int32_t slot) {
-    change_block("cannot mark slot " + slot_letter(slot) + " good",
-                 [&] { return ota_mark_slot_boot_successful(slot); });
+    change_block(
+        "cannot mark slot " + slot_letter(slot) + " good", [&] { return ota_mark_slot_boot_successful(slot); },
+        [&] { return read_slot(slot).marked_good; });
 }
 
 void mark_slot_unbootable(int32_t slot) {
-    change_block("cannot make slot " + slot_letter(slot) + " unbootable",
-                 [&] { return ota_set_slot_unbootable(slot); });
+    change_block(
+        "cannot make slot " + slot_letter(slot) + " unbootable", [&] { return ota_set_slot_unbootable(slot); },
+        [&] { return read_slot(slot).tries == 0; });
+}
+
+void reset_slot_block() {
+    salvage(partition_path(block_partition));
+    change_block(
+        "cannot write a new slot block", [] { return ota_set_slotmeta_to_default(); },
+        [] {
+            const Slot first = read_slot(0);
+            return first.tries > 1 && !first.marked_good;
+        });
 }

@@ -50,4 +50,7 @@ void set_next_slot(int32_t slot);
 void mark_slot_good(int32_t slot);
 void mark_slot_unbootable(int32_t slot);
 
+/** Writes a new block, also where the old one cannot be read. */
+void reset_slot_block();
+
 #endif

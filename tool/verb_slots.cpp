@@ -1,7 +1,5 @@
 /** tessera slots: the table of A/B slots and the changes to it. */
 #include "names.h"
-#include "partition.h"
-#include "salvage.h"
 #include "slot_block.h"
 #include "text.h"
 #include "velox_ota_hl.h"
@@ -85,12 +83,6 @@ void declare_change(CLI::App& verb, Context& context, const char* name, const ch
     });
 }
 
-void reset_block() {
-    salvage(partition_path("misc"));
-    require(ExitCode::device, "cannot write a new slot block", [] { return ota_set_slotmeta_to_default(); });
-    sync_partition("misc");
-}
-
 } // namespace
 
 void declare_slots(CLI::App& verb, Context& context) {
@@ -101,7 +93,7 @@ void declare_slots(CLI::App& verb, Context& context) {
     declare_change(verb, context, "mark-bad", "Make this slot unbootable", mark_slot_unbootable);
     CLI::App& reset = add_command(verb, "reset", "Write a new block: two slots on trial, with 7 tries each");
     on_command(reset, context, [&context] {
-        reset_block();
+        reset_slot_block();
         show_slots(context);
     });
 }
