@@ -89,8 +89,13 @@ BoardItem check_room(const std::string& name, uint64_t need) {
     const std::string mend =
         format("supply a partition %s of at least %llu bytes", name.c_str(), static_cast<unsigned long long>(need));
     try {
-        const uint64_t size = Device(partition_path(name)).capacity();
-        return {"partition " + name, size >= need, human_bytes(size), mend};
+        const Device device(partition_path(name));
+        if (!device.is_straight(need)) {
+            return {"partition " + name, false, "a bad block lies in front of the end of its records",
+                    "let the partition begin with good blocks: records are written past bad ones and read at a fixed "
+                    "place"};
+        }
+        return {"partition " + name, device.capacity() >= need, human_bytes(device.capacity()), mend};
     } catch (const Failure& failure) {
         return {"partition " + name, false, failure.what(), mend};
     }

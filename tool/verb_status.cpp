@@ -191,6 +191,14 @@ int32_t field_value(const Field& field, const std::string& word, bool raw) {
                   raw ? "--raw takes numbers" : "--raw stores any number");
 }
 
+/** The library writes past bad blocks and reads at a fixed place: with one in front, the two differ. */
+void demand_kept(bool is_kept) {
+    if (!is_kept) {
+        throw Failure(ExitCode::device, std::string(status_partition) + " did not keep the record",
+                      "tessera board --check tells whether a bad block lies in front of it");
+    }
+}
+
 void set_field(const std::string& name, const std::string& word, bool raw) {
     const Field& field = find_field(name);
     auto value = static_cast<uint32_t>(field_value(field, word, raw));
@@ -199,11 +207,14 @@ void set_field(const std::string& name, const std::string& word, bool raw) {
     }
     require(ExitCode::device, "cannot store " + name, [&] { return ota_set_veeprom_flag(field.selector, &value); });
     sync_partition(status_partition);
+    const StoredStatus now = read_status();
+    demand_kept(now.is_valid && static_cast<uint32_t>(value_of(now.record, field)) == value);
 }
 
 void reset_records() {
     require(ExitCode::device, "cannot make the records anew", [] { return ota_set_veeprom_flag_default(); });
     sync_partition(status_partition);
+    demand_kept(read_status().is_valid && read_stored_versions().is_valid);
 }
 
 struct SetOptions {
