@@ -67,6 +67,17 @@ std::string usage_hint(const CLI::App& app) {
     return chosen.empty() ? "tessera --help" : "tessera " + chosen.front()->get_name() + " --help";
 }
 
+/** The parser misses a subcommand where it found an unknown word, and does not name the word. */
+std::string sentence_for(const CLI::App& app, const CLI::ParseError& error) {
+    const auto chosen = app.get_subcommands();
+    const auto unknown = chosen.empty() ? app.remaining() : chosen.front()->remaining();
+    const bool is_missing = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
+    if (is_missing && !unknown.empty() && !unknown.front().starts_with('-')) {
+        return "there is no command " + unknown.front();
+    }
+    return in_our_manner(error.what());
+}
+
 /** Parses the command line and does what it says. */
 void run(CLI::App& app, Context& context, int argc, char** argv) {
     try {
@@ -78,7 +89,7 @@ void run(CLI::App& app, Context& context, int argc, char** argv) {
         return;
     } catch (const CLI::ParseError& error) {
         context.json = asks_for_json(argc, argv);
-        throw Failure(ExitCode::usage, in_our_manner(error.what()), usage_hint(app));
+        throw Failure(ExitCode::usage, sentence_for(app, error), usage_hint(app));
     }
     if (context.verbose) {
         console::be_verbose();
