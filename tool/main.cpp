@@ -98,10 +98,10 @@ void run(CLI::App& app, Context& context, int argc, char** argv) {
 }
 
 ExitCode guarded_run(int argc, char** argv) {
-    CLI::App app("Updates an embedded board over its A/B slots, and shows and mends what an update relies on");
     Context context;
-    declare_all(app, context);
     try {
+        CLI::App app("Updates an embedded board over its A/B slots, and shows and mends what an update relies on");
+        declare_all(app, context);
         run(app, context, argc, argv);
         return ExitCode::ok;
     } catch (const Failure& failure) {
