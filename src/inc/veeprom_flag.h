@@ -77,7 +77,7 @@ OTA_API int32_t ota_set_veeprom_flag(ota_veeprom_type_e flag, uint32_t* value);
 
 /**
  * Fetches the value of a selector into `value`, of the size given for ota_set_veeprom_flag().
- * @return 0; negative on failure: `value` is unchanged, unless a read of selector 11 failed midway
+ * @return 0; negative on failure: `value` is unchanged
  */
 OTA_API int32_t ota_get_veeprom_flag(ota_veeprom_type_e flag, uint32_t* value);
 
