@@ -52,9 +52,10 @@ void show(const fs::path& from, const fs::path& to) {
 
 void show_all_but(const std::string& hidden, const fs::path& from, const fs::path& to) {
     fs::create_directories(to);
-    for (const fs::path path : fs::directory_iterator(from)) {
-        if (hidden.find("/" + path.filename().string() + "/") == std::string::npos) {
-            show(path, to / path.filename());
+    for (const fs::directory_entry& entry : fs::directory_iterator(from)) {
+        const fs::path name = entry.path().filename();
+        if (hidden.find("/" + name.string() + "/") == std::string::npos) {
+            show(entry, to / name);
         }
     }
 }
