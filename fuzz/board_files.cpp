@@ -31,6 +31,12 @@ static void put(const fs::path& path, size_t offset, std::string bytes, size_t s
     std::ofstream(path, std::ios::binary) << bytes;
 }
 
+static bool is_status_sound() {
+    ota_status_t status;
+    std::ifstream(by_name / "ubootenv").seekg(0x30000).read(reinterpret_cast<char*>(&status), sizeof status);
+    return status.magic == 0x4F544153 && status.crc32_le == CRC32(reinterpret_cast<const uint8_t*>(&status), 1352);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string bytes(reinterpret_cast<const char*>(data), size);
     put("/dev/cmdline", 0, size % 4 == 0 ? bytes : "veloxboot.medium=MMC veloxboot.slot_suffix=_a", 0);
@@ -45,6 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     antirollback_ver_t versions;
     must(ota_get_anti_ver_veeprom(&versions) <= 0);
     ota_update_flag_e flag;
+    must(ota_get_up_status(&flag) != 0 || is_status_sound());
     must(ota_set_up_status(OTA_FLAG_VERIFY) != 0 || (ota_get_up_status(&flag) == 0 && flag == OTA_FLAG_VERIFY));
     gpt_entry entries[128];
     char name[36];

@@ -4,7 +4,9 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     constexpr size_t room = 0x40000;
     const std::string package(reinterpret_cast<const char*>(data), size < room ? size : room);
-    const std::optional<uint32_t> version = version_of(package, room, NOSEC_UBOOT_IMG);
-    must(size % 8 != 0 || version_of(package, 0x240000, SEC_MINIBOOT_IMG) == version); // the large file is slow
+    version_of(package, package.size(), NOSEC_UBOOT_IMG); // nothing behind the last image: reading on is seen
+    if (size % 8 == 0) {                                  // the large file is slow
+        must(version_of(package, room, NOSEC_UBOOT_IMG) == version_of(package, 0x240000, SEC_MINIBOOT_IMG));
+    }
     return 0;
 }
