@@ -16,6 +16,12 @@ extern "C" const char* __asan_default_options() {
     return "allocator_may_return_null=1:max_allocation_size_mb=64";
 }
 
+/* Fails once, when the count has run down to 0. */
+static int strdups_left = -1;
+char* strdup(const char* text) noexcept {
+    return strdups_left-- == 0 ? nullptr : strndup(text, PTRDIFF_MAX);
+}
+
 namespace {
 
 constexpr uint64_t huge = UINT64_MAX;
@@ -214,13 +220,15 @@ TEST_F(AntiRollback, the_two_packages_of_miniboot) {
     expect(cases, SEC_MINIBOOT_IMG);
     expect({{first, "refused; error image type: 2"}}, 2);
     uint32_t found = 0;
+    EXPECT_EQ(vx_fip_img_anti_read("/tmp", 1, &found), -1);
     EXPECT_EQ(vx_fip_img_anti_read("/tmp/none", 2, &found), -1);
     EXPECT_EQ(vx_fip_img_anti_read(nullptr, 0, &found), -1);
     EXPECT_EQ(vx_fip_img_anti_read("/tmp/none", 0, nullptr), -1);
-    EXPECT_TRUE(with_log("").starts_with("; fopen /tmp/none failed; invalid params, vx_fip_img_anti_read, "));
+    EXPECT_TRUE(with_log("").starts_with(
+        "; Failed to read /tmp; fopen /tmp/none failed; invalid params, vx_fip_img_anti_read, "));
 }
 
-TEST_F(AntiRollback, mutated_packages_leave_no_memory_behind) {
+TEST_F(AntiRollback, mutated_packages_and_want_of_memory_leave_no_memory_behind) {
     const string sound = packed({{0, version(3)}, {3, certificate(secure + "DER:0500")}, {8, version(3)}});
     const size_t open = open_descriptors();
     std::mt19937 random(1);
@@ -235,6 +243,11 @@ TEST_F(AntiRollback, mutated_packages_leave_no_memory_behind) {
             memory = i == 100 ? mallinfo2().uordblks : memory;
         }
     });
+    for (int n = 0; n < 18; ++n) {
+        strdups_left = n;
+        const string what = n % 2 == 0 ? "name" : "command line name";
+        expect({{sound, "refused; strdup: failed to allocate memory for image " + what}});
+    }
     EXPECT_LT(mallinfo2().uordblks, memory + 16384);
     EXPECT_EQ(open_descriptors(), open);
     EXPECT_TRUE(passed > 400 && passed < 3600) << passed;
@@ -291,9 +304,10 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
     antirollback_ver_t record{};
     EXPECT_EQ(ota_get_anti_ver_veeprom(&record), 0);
     EXPECT_EQ(bytes_of(record).substr(0, 12), string("\1\0\0\0\3\0\0\0\3\0\0\0", 12)); /* low 8 bits of the flags */
-    const string deep = "/tmp/" + string(249, 's'); /* cuts the path of an image to the directory's */
-    EXPECT_EQ(verdict("kernel=v0", deep), "pass; Remove " + deep + "/ failed [v0]");
-    EXPECT_EQ(verdict("uboot=u3", deep), "refused; Failed to read " + deep + "/" + failed + " [u3]");
+    const string deep = "/tmp/" + string(251, 's'), cut = deep.substr(0, 255); /* what is left of an image's path */
+    EXPECT_EQ(verdict("kernel=v0", deep), "pass; Remove " + cut + " failed [v0]");
+    EXPECT_EQ(verdict("uboot=u3", deep), "refused; fopen " + cut + " failed" + failed + " [u3]");
+    EXPECT_EQ(verdict("vbmeta=v3", deep), "refused; open file " + cut + " failed!" + failed + " [v3]");
     efuses().nosec_read_result = 1;
     EXPECT_EQ(verdict(sound), "refused; nosecure antirollback version read failed" + failed);
     efuses().sec_read_result = 1;
@@ -335,6 +349,7 @@ TEST_F(AntiRollback, efuses_are_written_where_the_flag_is_1) {
         EXPECT_EQ(set_efuse_antirollback(&versions), result);
         EXPECT_EQ(efuses().calls, calls);
     }
+    EXPECT_EQ(set_efuse_antirollback(nullptr) + get_efuse_antirollback(nullptr), -2);
 }
 
 } // namespace
