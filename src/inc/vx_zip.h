@@ -14,7 +14,8 @@ OTA_BEGIN_DECLS
  * A name that ends in a separator is a directory, an entry with the Unix file type 0xA a symbolic
  * link, everything else a regular file, which replaces an existing one, gets the entry's date and the
  * nine permission bits of its mode. An entry whose name leads out of `dest` is refused before
- * anything is touched for it. The working directory is `dest` during the call.
+ * anything is touched for it (docs/security.md), and one whose data ends before the size that the
+ * package claims has failed. The working directory is `dest` during the call.
  * @return 0; -1 at the first entry that fails: what was extracted before stays, and the working
  *         directory is restored
  */
