@@ -17,7 +17,7 @@ std::string file_or_partition(const std::string& name) {
     if (name.find('/') != std::string::npos || std::filesystem::exists(name)) {
         return name;
     }
-    const std::string path = partition_path(name);
+    std::string path = partition_path(name);
     if (!std::filesystem::exists(path)) {
         throw Failure(ExitCode::failed, "there is no file and no partition " + name, "tessera partitions");
     }
