@@ -335,12 +335,12 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
 
 TEST_F(AntiRollback, efuses_are_written_where_the_flag_is_1) {
     const std::tuple<antirollback_ver_t, int32_t, int32_t, int32_t, std::vector<string>> cases[] = {
-        {{0, 0, {}, 5, 6, 0}, -1, -1, 0, {}},
-        {{2, 255, {}, 5, 6, 0}, -1, -1, 0, {}},
-        {{1, 0, {}, 5, 6, 0}, 0, -1, 0, {"write sec 5"}},
-        {{1, 1, {}, 5, 6, 0}, 0, 1, 0, {"write sec 5", "write nosec 6"}},
-        {{1, 1, {}, 5, 6, 0}, 0, -1, -1, {"write sec 5", "write nosec 6"}},
-        {{1, 1, {}, 5, 6, 0}, 1, 0, -1, {"write sec 5"}},
+        {{0, 0, 5, 6, 0}, -1, -1, 0, {}},
+        {{2, 255, 5, 6, 0}, -1, -1, 0, {}},
+        {{1, 0, 5, 6, 0}, 0, -1, 0, {"write sec 5"}},
+        {{1, 1, 5, 6, 0}, 0, 1, 0, {"write sec 5", "write nosec 6"}},
+        {{1, 1, 5, 6, 0}, 0, -1, -1, {"write sec 5", "write nosec 6"}},
+        {{1, 1, 5, 6, 0}, 1, 0, -1, {"write sec 5"}},
     };
     for (auto [versions, sec_result, nosec_result, result, calls] : cases) {
         efuses() = {};

@@ -24,6 +24,8 @@ static_assert(offsetof(fimage_update_t, partinfo.misc.length) == 12);
 static_assert(offsetof(fimage_update_t, reserved) == 204);
 static_assert(offsetof(fimage_update_t, signlen) == 220);
 static_assert(offsetof(fimage_update_t, signdata) == 224);
+static_assert(offsetof(fimage_update_t, miscdata) == 2272);
+static_assert(sizeof(size_t) == 8); /* a command with the largest data area can be counted */
 
 namespace {
 
@@ -157,7 +159,7 @@ int32_t open_entry(unzFile uf, const char* file, zip_entry_data* data) {
         ota_log_error("Cannot find file in zip: %s\n", file);
         return ret;
     }
-    unz_file_info64 ci;
+    unz_file_info64 ci{};
     ret = unzGetCurrentFileInfo64(uf, &ci, nullptr, 0, nullptr, 0, nullptr, 0);
     if (ret != UNZ_OK) {
         ota_log_error("error %d with zipfile in unzGetCurrentFileInfo\n", ret);
@@ -171,9 +173,10 @@ int32_t open_entry(unzFile uf, const char* file, zip_entry_data* data) {
     ret = unzOpenCurrentFile(uf);
     if (ret != UNZ_OK) {
         ota_log_error("error %d with zipfile in unzipOpenCurrentFile\n", ret);
+        return ret;
     }
     *data = zip_entry_begin(uf, size, ci);
-    return ret;
+    return 0;
 }
 
 /** Moves the open entry to the destination, chunk by chunk. */

@@ -40,7 +40,8 @@ namespace {
 constexpr char veeprom_partition[] = "ubootenv";
 constexpr uint32_t status_offset = 0x30000;
 constexpr uint32_t anti_ver_offset = 0x30880;
-constexpr uint32_t status_magic = 0x4F544153; /* "SATO" */
+constexpr size_t anti_ver_gap = offsetof(antirollback_ver_t, nosec_up_flag) + 1; /* two bytes of no field */
+constexpr uint32_t status_magic = 0x4F544153;                                    /* "SATO" */
 
 /** Where the value of a selector stands in the status record. */
 struct status_field {
@@ -395,7 +396,7 @@ int32_t ota_get_anti_ver_veeprom(antirollback_ver_t* ver) {
     }
     if (anti_ver_crc(ver) != le32toh(ver->crc32_le)) {
         ota_log_error("antirollback version CRC verify failed\n");
-        *ver = {};
+        std::memset(ver, 0, sizeof *ver);
         return -1;
     }
     return 0;
@@ -405,8 +406,7 @@ int32_t ota_set_anti_ver_veeprom(antirollback_ver_t* ver) {
     if (ver == nullptr) {
         return -1;
     }
-    ver->padding[0] = 0;
-    ver->padding[1] = 0;
+    std::memset(reinterpret_cast<char*>(ver) + anti_ver_gap, 0, offsetof(antirollback_ver_t, sec_ver) - anti_ver_gap);
     ver->crc32_le = htole32(anti_ver_crc(ver));
     const int32_t ret = set_value(OTA_VEEPROM_ANTI_VER, ver);
     if (ret != 0) {

@@ -21,7 +21,7 @@ OTA_BEGIN_DECLS
 
 /* Stored on the medium and read by the bootloader: do not change. Bit 0 is the least significant. */
 
-typedef struct __attribute__((packed)) slot_metadata_s {
+typedef struct __attribute__((packed)) slot_metadata {
     uint32_t priority : 4;         /**< 0 to 15, the higher the better */
     uint32_t tries_remaining : 3;  /**< 0 to 7; 0 makes the slot no candidate */
     uint32_t successful_boot : 1;  /**< the slot has been marked as booted successfully */
@@ -29,13 +29,13 @@ typedef struct __attribute__((packed)) slot_metadata_s {
     uint32_t reserved : 7;
 } slot_metadata;
 
-typedef struct __attribute__((packed)) bootloader_control_s {
+typedef struct __attribute__((packed)) bootloader_control {
     char slot_suffix[4];                   /**< "a" in a default block; never read */
     uint32_t magic;                        /**< 0x42414342; alone decides whether the block is valid */
     uint8_t version;                       /**< 1 in a default block; never tested */
     uint32_t nb_slot : 3;                  /**< number of slots; at most 4 can be used */
     uint32_t recovery_tries_remaining : 3; /**< not used here */
-    uint32_t unused : 2;
+    uint32_t : 2;
     uint8_t reserved0[2];
     slot_metadata slot_info[4];
     uint8_t reserved1[8];
@@ -43,7 +43,7 @@ typedef struct __attribute__((packed)) bootloader_control_s {
 } bootloader_control;
 
 /** Head of the partition "misc", 2048 bytes; this library leaves it alone. */
-typedef struct bootloader_message_s {
+typedef struct bootloader_message {
     char command[32];
     char status[32];
     char recovery[768];
@@ -52,7 +52,7 @@ typedef struct bootloader_message_s {
 } bootloader_message;
 
 /** Head of "misc" on an A/B board, 4096 bytes. The bootloader_control lies in `slot_suffix`. */
-typedef struct bootloader_message_ab_s {
+typedef struct bootloader_message_ab {
     bootloader_message message;
     char slot_suffix[32];
     char update_channel[128];

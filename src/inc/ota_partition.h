@@ -10,6 +10,14 @@ OTA_BEGIN_DECLS
  * A prepared flash command: the head of a command file and of what is written to the node. All
  * integers are little-endian; 2272 bytes. The data area of "misc_write_cmd" follows it.
  */
+#ifdef __cplusplus /* has flexible arrays as an extension only */
+#pragma GCC diagnostic push
+#ifdef __clang__
+#pragma GCC diagnostic ignored "-Wc99-extensions"
+#else
+#pragma GCC diagnostic ignored "-Wpedantic"
+#endif
+#endif
 typedef struct fimage_update_s {
     uint32_t magic;   /**< 0x46434D44 */
     uint32_t cmdtype; /**< carried along */
@@ -28,7 +36,11 @@ typedef struct fimage_update_s {
     uint32_t reserved[4];
     uint32_t signlen; /**< bytes of the signature in signdata */
     uint8_t signdata[2048];
+    uint8_t miscdata[]; /**< the data area, in what is written to the node only */
 } fimage_update_t;
+#ifdef __cplusplus
+#pragma GCC diagnostic pop
+#endif
 
 /**
  * Reads up to `buf_len` bytes at `ori_file->offset` with one open, one transfer and one close.
@@ -76,7 +88,8 @@ OTA_API int32_t vx_uncompress_file_to(const char* src, const char* file, ota_fil
  * @param data_len, offset  the bytes and their place in the area; their sum must not exceed the size
  *                   of the area that the record names. Bytes of the area not given are 0.
  * @return 0; -6 for a null `cmd`, or a null `misc_data` that would be read; -17 without memory; -1
- *         for a bad file, a range that does not fit, or a failed write
+ *         for a bad file, a range that does not fit, or a failed write. A node that is too small for
+ *         the command is not noticed.
  */
 OTA_API int32_t ota_write_flashcmd(const char* cmd, char* misc_data, uint32_t data_len, uint32_t offset);
 

@@ -85,11 +85,13 @@ typedef struct update_info_s {
     partition_info_t partition_info[32];
 } update_info_t;
 
-/** Anti-rollback versions with their update flags; 16 bytes, stored as they stand, little-endian. */
+/**
+ * Anti-rollback versions with their update flags; 16 bytes, stored as they stand, little-endian. The two
+ * bytes behind the flags are no field; they are stored as 0, inside the CRC.
+ */
 typedef struct antirollback_ver_s {
     uint8_t sec_up_flag;   /**< 1: the secure counter is to be raised to sec_ver */
     uint8_t nosec_up_flag; /**< 1: the non-secure counter is to be raised to nosec_ver */
-    uint8_t padding[2];    /**< stored as 0, inside the CRC */
     uint32_t sec_ver;      /**< version shown by the miniboot certificates */
     uint32_t nosec_ver;    /**< version shared by the uboot certificates and the vbmeta index */
     uint32_t crc32_le;     /**< CRC32() over bytes 0 to 11 */
@@ -232,7 +234,7 @@ OTA_API int32_t ota_check_two_partition_md5(const char* partition1_path, const c
 
 /**
  * Takes the advisory lock of an update (flock, exclusive) without waiting.
- * @param lock_file  made when it is missing (mode 0766 less the umask); never written, never removed
+ * @param lock_file  made when it is missing (mode 0766 less the umask); the library never writes or removes it
  * @return 0; -1 when the file cannot be opened or the lock is held, by this process or another. The
  *         lock ends with put_file_lock() or with the last process that inherited its descriptor.
  */

@@ -102,7 +102,7 @@ void test_slots() {
 
 void test_status() {
     partition ubootenv("ubootenv");
-    antirollback_ver_t versions{1, 0, {}, 7, 9, 0};
+    antirollback_ver_t versions{1, 0, 7, 9, 0};
     expect(ota_set_veeprom_flag_default() == 0);
     expect(ota_set_up_status(OTA_FLAG_VERIFY) == 0);
     expect(ota_set_anti_ver_veeprom(&versions) == 0);
