@@ -34,7 +34,7 @@ static_assert(sizeof(ubi_set_vol_prop_req) == 16 && UBI_IOCSETVOLPROP == 0x40104
 struct block_range {
     int fd;
     size_t block_size;
-    size_t device_size; /* bytes that a bad block is looked for in; 0 on a medium without any */
+    size_t device_size; /* bad blocks are looked for below this; 0 on a medium without any */
     long long start;
     long long end; /* one past the last; rises with each bad block met */
     size_t count;  /* good blocks in the range */
@@ -166,6 +166,16 @@ block_range range_of(int fd, size_t block_size, size_t device_size, size_t in_si
     return range;
 }
 
+/** Block numbers travel as signed 32-bit values. */
+bool is_countable(size_t block_size, size_t in_size, size_t offset) {
+    const size_t limit = block_size * INT_MAX;
+    if (offset <= limit && in_size <= limit - offset) {
+        return true;
+    }
+    ota_log_error("write range 0x%zx+0x%zx cannot be counted in blocks of %zu bytes\n", offset, in_size, block_size);
+    return false;
+}
+
 bool allocate_old_data(block_range& range) {
     range.old_data.reset(static_cast<uint8_t*>(std::calloc(range.count, range.block_size)));
     range.blocks.reset(static_cast<long long*>(std::calloc(range.count, sizeof(long long))));
@@ -254,14 +264,11 @@ ssize_t write_back(const flash_medium& medium, const block_range& range) {
             return ret;
         }
     }
-    return changed_verdict ? -1 : ret;
+    return changed_verdict ? -1 : 0;
 }
 
-/** @param modify_ofs  where the new data starts inside the first block */
+/** @param modify_ofs  where the new data starts inside the first block; old_data has been allocated */
 ssize_t rewrite(const flash_medium& medium, block_range& range, const void* in_buf, size_t in_size, size_t modify_ofs) {
-    if (!allocate_old_data(range)) {
-        return -1;
-    }
     const ssize_t failure = read_and_erase(medium, range);
     if (failure == 0) {
         std::memcpy(range.old_data.get() + modify_ofs, in_buf, in_size);
@@ -278,6 +285,28 @@ bool is_empty(size_t in_size) {
         ota_log_error("in_size is 0, failed!");
     }
     return in_size == 0;
+}
+
+bool is_writable(const void* in_buf, size_t in_size) {
+    if (is_empty(in_size)) {
+        return false;
+    }
+    if (in_buf == nullptr) {
+        ota_log_error("in_buf is null\n");
+        return false;
+    }
+    return true;
+}
+
+/** One pread, whose result goes to the caller as it is. */
+ssize_t read_at(const flash_medium& medium, int fd, void* in_buf, size_t in_size, size_t offset) {
+    const auto ret = static_cast<int32_t>(pread(fd, in_buf, in_size, static_cast<off_t>(offset)));
+    if (ret < 0) {
+        ota_log_error("%s failed, error%d\n", medium.read_name, ret);
+    } else if (ret == 0) {
+        ota_log_debug("%s reached the end of the file, error%d\n", medium.read_name, ret);
+    }
+    return ret;
 }
 
 } // namespace
@@ -299,17 +328,11 @@ ssize_t vx_mtd_read(int fd, void* in_buf, size_t in_size, size_t offset) {
         ota_log_debug("vx_mtd_read out of mtd size\n");
         in_size = info.size - offset;
     }
-    const auto ret = static_cast<int32_t>(pread(fd, in_buf, in_size, static_cast<off_t>(offset)));
-    if (ret < 0) {
-        ota_log_error("vx_mtd_read failed, error%d\n", ret);
-    } else if (ret == 0) {
-        ota_log_debug("vx_mtd_read reached the end of the file, error%d\n", ret);
-    }
-    return ret;
+    return read_at(mtd_medium, fd, in_buf, in_size, offset);
 }
 
 ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset) {
-    if (is_empty(in_size)) {
+    if (!is_writable(in_buf, in_size)) {
         return -1;
     }
     mtd_info_user info{};
@@ -326,8 +349,11 @@ ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset) {
         ota_log_error("the device has erase blocks of 0 bytes\n");
         return -1;
     }
+    if (!is_countable(info.erasesize, in_size, offset)) {
+        return -1;
+    }
     block_range range = range_of(fd, info.erasesize, info.size, in_size, offset);
-    if (!move_behind_bad_blocks(range)) {
+    if (!allocate_old_data(range) || !move_behind_bad_blocks(range)) {
         return -1;
     }
     return rewrite(mtd_medium, range, in_buf, in_size, offset % info.erasesize);
@@ -342,17 +368,11 @@ ssize_t vx_ubi_read(int fd, void* in_buf, size_t in_size, size_t offset) {
     if (failed != 0) {
         return request_failure(failed);
     }
-    const auto ret = static_cast<int32_t>(pread(fd, in_buf, in_size, static_cast<off_t>(offset)));
-    if (ret < 0) {
-        ota_log_error("vx_ubi_read failed, error%d\n", ret);
-    } else if (ret == 0) {
-        ota_log_debug("vx_ubi_read reached the end of the file, error%d\n", ret);
-    }
-    return ret;
+    return read_at(ubi_medium, fd, in_buf, in_size, offset);
 }
 
 ssize_t vx_ubi_write(int fd, void* in_buf, size_t in_size, size_t offset) {
-    if (is_empty(in_size)) {
+    if (!is_writable(in_buf, in_size)) {
         return -1;
     }
     ubi_info_user info{};
@@ -365,12 +385,12 @@ ssize_t vx_ubi_write(int fd, void* in_buf, size_t in_size, size_t offset) {
         return -1;
     }
     const auto leb_size = static_cast<size_t>(info.usable_leb_size);
-    /* A LEB number is a signed 32-bit value in every request. */
-    const size_t limit = leb_size * INT_MAX;
-    if (offset > limit || in_size > limit - offset) {
-        ota_log_error("write range 0x%zx+0x%zx cannot be counted in LEBs of %zu bytes\n", offset, in_size, leb_size);
+    if (!is_countable(leb_size, in_size, offset)) {
         return -1;
     }
     block_range range = range_of(fd, leb_size, 0, in_size, offset);
+    if (!allocate_old_data(range)) {
+        return -1;
+    }
     return rewrite(ubi_medium, range, in_buf, in_size, offset % leb_size);
 }

@@ -41,6 +41,7 @@ OTA_API ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset
 /**
  * Reads from a UBI volume.
  * @param in_size  bytes, above 0
+ * @param offset   inside the volume: a kernel may answer for what is behind its end with no error
  * @return bytes read, 0 at the end of the volume; negative on failure
  */
 OTA_API ssize_t vx_ubi_read(int fd, void* in_buf, size_t in_size, size_t offset);
@@ -48,7 +49,8 @@ OTA_API ssize_t vx_ubi_read(int fd, void* in_buf, size_t in_size, size_t offset)
 /**
  * Writes to a UBI volume. Sets the volume's direct-write property and leaves it set.
  * @param in_size  bytes, above 0
- * @return as vx_mtd_write(); a range past the end of the volume is a failed read. When the property
+ * @param offset   inside the volume
+ * @return as vx_mtd_write(); a range that runs past the end of the volume is a failed read. When the property
  *         cannot be set, every LEB of the range stays erased.
  */
 OTA_API ssize_t vx_ubi_write(int fd, void* in_buf, size_t in_size, size_t offset);
