@@ -107,20 +107,24 @@ protected:
 
     /* The verdict over parts such as "uboot_a=image", with the errors and warnings, and what is left in
      * the scratch directory in brackets. Nothing but a pass changes the record. */
-    static string verdict(const string& parts, const string& scratch = "/tmp/scratch") {
+    static string verdict(const string& parts, const string& scratch = "/tmp/scratch", const string& old = "") {
         update_info_t update{};
         update.parse_flag = 1;
         update.sec_up_flag = 257;
         update.nosec_up_flag = 256;
         std::istringstream words(parts);
         for (string name, file; std::getline(words >> std::ws, name, '=') && words >> file; ++update.update_size) {
-            name.copy(update.update_partition[update.update_size], 31);
-            file.copy(update.partition_info[update.update_size].part_file, 63);
+            name.copy(update.update_partition[update.update_size], 32);
+            file.copy(update.partition_info[update.update_size].part_file, 64);
             update.partition_info[update.update_size].have_anti_ver = name != "unversioned_uboot";
             update.partition_info[update.update_size].medium = name == "vbmeta_in_nand" ? OTA_NAND : OTA_EMMC;
         }
+        EXPECT_EQ(chdir("/"), 0); /* a failed extraction does not lead back */
         fs::remove_all(scratch);
         fs::create_directories(scratch);
+        if (!old.empty()) {
+            fs::copy_file("/tmp/update/u3", old, fs::copy_options::overwrite_existing);
+        }
         const string before = read_partition("ubootenv");
         const int32_t result = verify_antirollback_version(&update, "/tmp/update.zip", scratch.c_str());
         EXPECT_TRUE(result == 0 || read_partition("ubootenv") == before);
@@ -262,7 +266,9 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
     for (size_t i = 0; i < std::size(names); ++i) {
         write_file(string("/tmp/update/") + names[i], files[i]);
     }
-    run("cd /tmp/update && zip -q1 /tmp/update.zip *");
+    fs::create_symlink("/tmp/update/u3", "/tmp/update/link");
+    fs::create_symlink("nowhere", "/tmp/update/lost");
+    run("cd /tmp/update && zip -q1y /tmp/update.zip *");
     const string sound = "miniboot=m3 uboot_a=u3 vbmeta_a=v3", low = "refused; antirollback version check failed!";
     const string failed = "; antirollback version get failed!";
     const string differ = "refused; uboot and vbmeta versions are inconsistent" + failed;
@@ -289,6 +295,11 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
         {0, 0, "vbmeta=short", "refused; get avb image antirollback version error!" + failed + " [short]"},
         {0, 0, "vbmeta=tiny", "refused; get avb image magic error!" + failed + " [tiny]"},
         {0, 0, "vbmeta_in_nand=v3", "refused; Medium 3 does not support." + failed + " [v3]"},
+        {0, 0, "uboot=link", "refused; link is no regular file in the package" + failed + " [link]"},
+        {0, 3, string(32, 'k') + "=v0 " + sound, "pass"},
+        {0, 3, "kernel=" + string(64, 'n') + " " + sound,
+         "refused; warning cannot find " + string(64, 'n') + " in package, error -100; Uncompress " + string(64, 'n') +
+             " failed" + failed},
     };
     for (const auto& [sec, nosec, parts, outcome] : cases) {
         efuses().sec = sec;
@@ -308,6 +319,12 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
     EXPECT_EQ(verdict("kernel=v0", deep), "pass; Remove " + cut + " failed [v0]");
     EXPECT_EQ(verdict("uboot=u3", deep), "refused; fopen " + cut + " failed" + failed + " [u3]");
     EXPECT_EQ(verdict("vbmeta=v3", deep), "refused; open file " + cut + " failed!" + failed + " [v3]");
+    /* What is judged comes out of the package, and nothing else is removed. */
+    const string lost = "refused; nowhere symlink error; lost is no regular file in the package";
+    EXPECT_EQ(verdict("uboot=lost", "/tmp/scratch", "/tmp/scratch/lost"), lost + failed + " [lost]");
+    const string other = "the path of u3 is too long, and its cut form is that of another file";
+    EXPECT_EQ(verdict("uboot=u3", deep, cut), "refused; " + other + failed + " [u3]");
+    EXPECT_TRUE(fs::remove(cut));
     efuses().nosec_read_result = 1;
     EXPECT_EQ(verdict(sound), "refused; nosecure antirollback version read failed" + failed);
     efuses().sec_read_result = 1;
@@ -316,7 +333,6 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
     EXPECT_EQ(verdict("uboot=none"),
               "refused; warning cannot find none in package, error -100; Uncompress none failed" + failed);
     fs::permissions(by_name + "ubootenv", fs::perms(0444));
-    EXPECT_EQ(chdir("/"), 0); /* a failed extraction does not lead back */
     EXPECT_TRUE(verdict(sound).ends_with("; set antirollback version in veeprom failed"));
 
     update_info_t update{};

@@ -58,7 +58,11 @@ namespace {
 
 constexpr uint32_t toc_header_name = 0xaa640001;
 constexpr size_t toc_header_size = 16;
-constexpr size_t toc_entry_size = 40;
+constexpr size_t toc_offset_at = sizeof(uuid_t);
+constexpr size_t toc_size_at = toc_offset_at + 8;
+constexpr size_t toc_flags_at = toc_size_at + 8;
+constexpr size_t toc_entry_size = toc_flags_at + 8;
+static_assert(toc_offset_at == 16 && toc_size_at == 24 && toc_flags_at == 32 && toc_entry_size == 40);
 
 /* The two packages of a miniboot file. */
 constexpr size_t miniboot_first_size = 0x40000;
@@ -82,6 +86,7 @@ struct image_t {
     void* buffer; /* the image's bytes, owned, toc_e.size long */
 };
 
+/* What is to be done with an image. Reading leaves all at DO_UNSPEC. */
 enum { DO_UNSPEC = 0, DO_PACK = 1, DO_UNPACK = 2, DO_REMOVE = 3 };
 
 /** Stands for one row of toc_entries and holds at most one image. Owns all that it points to. */
@@ -225,9 +230,9 @@ T load_le(const uint8_t* p) {
 fip_toc_entry load_toc_entry(const uint8_t* p) {
     fip_toc_entry entry;
     std::memcpy(&entry.uuid, p, sizeof entry.uuid);
-    entry.offset_address = load_le<uint64_t>(p + 16);
-    entry.size = load_le<uint64_t>(p + 24);
-    entry.flags = load_le<uint64_t>(p + 32);
+    entry.offset_address = load_le<uint64_t>(p + toc_offset_at);
+    entry.size = load_le<uint64_t>(p + toc_size_at);
+    entry.flags = load_le<uint64_t>(p + toc_flags_at);
     return entry;
 }
 
@@ -378,21 +383,12 @@ void get_ver_from_extensions(X509* cert, uint32_t* ver) {
     }
 }
 
-/** The row of toc_entries that a descriptor stands for. */
-const toc_entry_t* row_of(const image_desc_t* desc) {
-    const toc_entry_t* row = toc_entries;
-    while (row->cmdline_name != nullptr && !uuid_match(&row->uuid, &desc->uuid)) {
-        ++row;
-    }
-    return row;
-}
-
 /**
  * Holds the certificate of `desc` against the version so far. One without a version of its own counts
  * as showing `local_ver`, that of the certificate before it.
  */
 int32_t judge_certificate(const image_desc_t* desc, uint32_t* local_ver, uint32_t* ab_ver) {
-    const char* name = row_of(desc)->cmdline_name;
+    const char* name = desc->cmdline_name;
     const ota_certificate cert =
         load_cert_from_der(static_cast<const unsigned char*>(desc->image->buffer), desc->image->toc_e.size);
     if (cert == nullptr) {
@@ -441,6 +437,6 @@ int32_t vx_fip_img_anti_read(const char* img_path, uint32_t img_type, uint32_t* 
     file.reset(); /* the images are copies of their own */
     ERR_set_mark();
     const int32_t ret = judge_certificates(ab_ver);
-    ERR_pop_to_mark(); /* the thread's error queue is the caller's */
+    ERR_pop_to_mark(); /* errors of the caller's stay, but where a certificate's have been printed with them */
     return ret;
 }

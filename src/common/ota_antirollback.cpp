@@ -7,6 +7,7 @@
 #include "ota_paths.h"
 #include "veeprom_flag.h"
 #include "vx_zip.h"
+#include "vx_zip_entry.h"
 
 #include <cstring>
 #include <endian.h>
@@ -77,10 +78,20 @@ struct package_versions {
     uint32_t vbmeta;
 };
 
+/** A name that fills its array has no terminator there; this copy always has one. */
+template <size_t Size>
+struct terminated {
+    explicit terminated(const char (&name)[Size]) {
+        std::memcpy(text, name, Size);
+    }
+    char text[Size + 1] = {};
+};
+
 /** Reads the version of an extracted image; what it is follows from the partition's name. */
 int32_t read_image_version(const update_info_t* update_info, int32_t i, const char* img_file_path,
                            package_versions* versions) {
-    const char* name = update_info->update_partition[i];
+    const terminated partition(update_info->update_partition[i]);
+    const char* name = partition.text;
     if (std::strstr(name, "miniboot") != nullptr) {
         if (vx_fip_img_anti_read(img_file_path, SEC_MINIBOOT_IMG, &versions->miniboot) != 0) {
             return -1;
@@ -101,20 +112,43 @@ int32_t read_image_version(const update_info_t* update_info, int32_t i, const ch
     return 0;
 }
 
-/** Extracts one image, reads its version and removes it. An image that cannot be read stays. */
-int32_t visit_image(const update_info_t* update_info, int32_t i, const char* zip_path, const char* unzip_path,
-                    package_versions* versions) {
-    const char* part_file = update_info->partition_info[i].part_file;
+/**
+ * Extracts one image and says where it lies. What is judged has to come out of the package: neither an
+ * older file under the name of a link or directory entry, nor what a link leads to, nor what happens to
+ * lie at a path that was cut.
+ */
+int32_t extract_image(const char* part_file, const char* zip_path, const char* unzip_path,
+                      char (&img_file_path)[ota_entry_size]) {
     if (vx_uncompress_one(zip_path, unzip_path, part_file) != 0) {
         ota_log_error("Uncompress %s failed\n", part_file);
         return -1;
     }
+    if (!zip_holds_regular_file(zip_path, part_file)) {
+        ota_log_error("%s is no regular file in the package\n", part_file);
+        return -1;
+    }
+    const int length = std::snprintf(img_file_path, sizeof img_file_path, "%s/%s", unzip_path, part_file);
+    struct stat status {};
+    if (static_cast<size_t>(length) >= sizeof img_file_path && stat(img_file_path, &status) == 0 &&
+        !S_ISDIR(status.st_mode)) {
+        ota_log_error("the path of %s is too long, and its cut form is that of another file\n", part_file);
+        return -1;
+    }
+    return 0;
+}
+
+/** Extracts one image, reads its version and removes it. An image that cannot be read stays. */
+int32_t visit_image(const update_info_t* update_info, int32_t i, const char* zip_path, const char* unzip_path,
+                    package_versions* versions) {
+    const terminated part_file(update_info->partition_info[i].part_file);
     char img_file_path[ota_entry_size];
-    (void)std::snprintf(img_file_path, sizeof img_file_path, "%s/%s", unzip_path, part_file);
+    if (extract_image(part_file.text, zip_path, unzip_path, img_file_path) != 0) {
+        return -1;
+    }
     if (read_image_version(update_info, i, img_file_path, versions) != 0) {
         return -1;
     }
-    if (std::remove(img_file_path) != 0) {
+    if (unlink(img_file_path) != 0) { /* a cut path can be that of a directory, which stays */
         ota_log_error("Remove %s failed\n", img_file_path);
     }
     return 0;

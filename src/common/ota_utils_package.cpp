@@ -6,6 +6,7 @@
 #include "ota_utils.h"
 #include "velox_ota_hl.h"
 #include "vx_zip.h"
+#include "vx_zip_entry.h"
 
 #include <cinttypes>
 #include <cstring>
@@ -58,7 +59,9 @@ int32_t extract_ota_process(const char* token, char* process_path, uint32_t len)
         ota_log_error("cannot read file: %s\n", token);
         return -OTAERR_NO_EXISTS;
     }
-    if (vx_uncompress_one(token, ota_process_dir, ota_process_name) != 0) {
+    /* The caller runs it: an older program that a link entry left in place is not the package's. */
+    if (vx_uncompress_one(token, ota_process_dir, ota_process_name) != 0 ||
+        !zip_holds_regular_file(token, ota_process_name)) {
         ota_log_error("get system upgrade process [%s] failed\n", ota_process_name);
         return -OTAERR_UNZIP;
     }

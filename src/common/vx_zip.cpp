@@ -44,7 +44,6 @@ struct zip_entry {
     unz_file_info64 info;
     entry_name name;
     char* without_path; /* behind the last separator of the name */
-    uint64_t size;      /* of its data, uncompressed */
 };
 
 /* ---- entries ---- */
@@ -60,8 +59,38 @@ int32_t read_entry(unzFile uf, unz_file_info64* info, entry_name& name) {
     return err;
 }
 
+bool move_on(unzFile uf) {
+    const int32_t err = unzGoToNextFile(uf);
+    if (err != UNZ_OK) {
+        ota_log_error("error %d with zipfile in unzGoToNextFile\n", err);
+    }
+    return err == UNZ_OK;
+}
+
+bool count_entries(unzFile uf, uint64_t* count) {
+    unz_global_info64 gi;
+    const int32_t err = unzGetGlobalInfo64(uf, &gi);
+    if (err != UNZ_OK) {
+        ota_log_error("error %d with zipfile in unzGetGlobalInfo \n", err);
+        return false;
+    }
+    *count = gi.number_entry;
+    return true;
+}
+
 bool is_separator(char c) {
     return c == '/' || c == '\\';
+}
+
+/** What stands behind the last separator of a name. */
+char* last_component(char* name) {
+    char* last = name;
+    for (char* p = name; *p != '\0'; ++p) {
+        if (is_separator(*p)) {
+            last = p + 1;
+        }
+    }
+    return last;
 }
 
 /** A name decides first, then the file type of a Unix mode in the high half of the attributes. */
@@ -114,7 +143,7 @@ int32_t copy_data(zip_entry_data* data, FILE* fout) {
 
 void set_mode(const extraction& walk, const zip_entry& entry) {
     if (kind_of(entry) == zip_kind::link && zip_link_leads_out(walk.dest, entry.name)) {
-        ota_log_debug("mode of %s is not set: its target is not in the destination\n", entry.name);
+        ota_log_debug("mode of %s is not set: its target is not in the destination, or not yet\n", entry.name);
         return;
     }
     (void)chmod(entry.name, permissions(entry));
@@ -152,9 +181,15 @@ int32_t extract_file(zip_entry_data* data, zip_entry& entry, bool* opened) {
     return err;
 }
 
-/** Extracts the data of a link or a regular file, and sets its mode whatever came of it. */
+/** Extracts a link or a regular file, and sets its mode whatever came of reading its data. */
 int32_t extract_data(const extraction& walk, zip_entry& entry) {
-    zip_entry_data data = zip_entry_begin(walk.uf, entry.size, entry.info);
+    const uint64_t size = zip_entry_size(walk.uf, entry.info);
+    if (!zip_entry_is_deliverable(size, entry.info)) {
+        ota_log_error("entry %s of %llu bytes is too large to be read\n", entry.name,
+                      static_cast<unsigned long long>(size));
+        return -1;
+    }
+    zip_entry_data data = zip_entry_begin(walk.uf, size, entry.info);
     int32_t err = unzOpenCurrentFilePassword(walk.uf, nullptr);
     bool named = true; /* the name may hold something that the mode is for */
     if (err != UNZ_OK) {
@@ -178,20 +213,14 @@ int32_t extract_data(const extraction& walk, zip_entry& entry) {
     return err;
 }
 
-/** Whether an entry may be extracted at all; says why not. */
-bool is_acceptable(extraction& walk, zip_entry& entry) {
+/** Whether the name of an entry lets it be extracted at all; says why not. */
+bool is_acceptable(extraction& walk, const zip_entry& entry) {
     if (entry.info.size_filename >= sizeof entry.name) {
         ota_log_error("entry name of %u bytes is too long\n", static_cast<unsigned>(entry.info.size_filename));
         return false;
     }
     if (zip_name_leads_out(&walk.dest, entry.name, kind_of(entry))) {
         ota_log_error("entry %s leads out of the destination\n", entry.name);
-        return false;
-    }
-    entry.size = zip_entry_size(walk.uf, entry.info);
-    if (!zip_entry_is_deliverable(entry.size, entry.info)) {
-        ota_log_error("entry %s of %llu bytes is too large to be read\n", entry.name,
-                      static_cast<unsigned long long>(entry.size));
         return false;
     }
     return true;
@@ -203,12 +232,7 @@ int32_t do_extract_currentfile(extraction& walk) {
     if (err != UNZ_OK) {
         return err;
     }
-    entry.without_path = entry.name;
-    for (char* p = entry.name; *p != '\0'; ++p) {
-        if (is_separator(*p)) {
-            entry.without_path = p + 1;
-        }
-    }
+    entry.without_path = last_component(entry.name);
     if (!is_acceptable(walk, entry)) {
         return -1;
     }
@@ -220,22 +244,13 @@ int32_t do_extract_currentfile(extraction& walk) {
 }
 
 int32_t do_extract(extraction& walk) {
-    unz_global_info64 gi;
-    int32_t err = unzGetGlobalInfo64(walk.uf, &gi);
-    if (err != UNZ_OK) {
-        ota_log_error("error %d with zipfile in unzGetGlobalInfo \n", err);
+    uint64_t count = 0;
+    if (!count_entries(walk.uf, &count)) {
         return -1;
     }
-    for (ZPOS64_T i = 0; i < gi.number_entry; ++i) {
-        if (do_extract_currentfile(walk) != 0) {
+    for (uint64_t i = 0; i < count; ++i) {
+        if (do_extract_currentfile(walk) != 0 || (i + 1 < count && !move_on(walk.uf))) {
             return -1;
-        }
-        if (i + 1 < gi.number_entry) {
-            err = unzGoToNextFile(walk.uf);
-            if (err != UNZ_OK) {
-                ota_log_error("error %d with zipfile in unzGoToNextFile\n", err);
-                return -1;
-            }
         }
     }
     return 0;
@@ -286,25 +301,6 @@ bool begin_extraction(extraction& walk, unzFile uf) {
 
 /* ---- inventory ---- */
 
-bool move_on(unzFile uf) {
-    const int32_t err = unzGoToNextFile(uf);
-    if (err != UNZ_OK) {
-        ota_log_error("error %d with zipfile in unzGoToNextFile\n", err);
-    }
-    return err == UNZ_OK;
-}
-
-bool count_entries(unzFile uf, uint64_t* count) {
-    unz_global_info64 gi;
-    const int32_t err = unzGetGlobalInfo64(uf, &gi);
-    if (err != UNZ_OK) {
-        ota_log_error("error %d with zipfile in unzGetGlobalInfo \n", err);
-        return false;
-    }
-    *count = gi.number_entry;
-    return true;
-}
-
 /** A name that is too long to be judged counts as an image. */
 bool is_image(const char* name) {
     return is_xxx_file(name, "img") != 0 || is_xxx_file(name, "bin") != 0 || is_xxx_file(name, "ubifs") != 0;
@@ -354,7 +350,10 @@ const char* next_package(DIR* dir) {
     return nullptr;
 }
 
-/** The largest total of the packages in the working directory. */
+/**
+ * The largest total of the packages in the working directory, which `path` leads to as well: their names
+ * are opened from the working directory.
+ */
 int64_t max_package_size(const char* path) {
     const ota_directory dir(opendir(path));
     if (dir == nullptr) {
@@ -413,6 +412,17 @@ bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info) {
     return info.uncompressed_size != size_in_zip64 || size <= size_in_zip64;
 }
 
+bool zip_holds_regular_file(const char* src, const char* file_name) {
+    const ota_package uf(unzOpen64(src));
+    zip_entry entry;
+    if (uf == nullptr || unzLocateFile(uf.get(), file_name, 0) != UNZ_OK ||
+        read_entry(uf.get(), &entry.info, entry.name) != UNZ_OK) {
+        return false;
+    }
+    entry.without_path = last_component(entry.name);
+    return kind_of(entry) == zip_kind::file;
+}
+
 zip_entry_data zip_entry_begin(unzFile uf, uint64_t size, const unz_file_info64& info) {
     return {uf, size, info.uncompressed_size == size_in_zip64, 0};
 }
@@ -426,7 +436,7 @@ int32_t zip_entry_read(zip_entry_data* data, void* buf, uint32_t size) {
     if (length == 0 && data->left != 0) {
         return UNZ_BADZIPFILE;
     }
-    data->left -= static_cast<uint32_t>(length);
+    data->left -= std::min<uint64_t>(data->left, static_cast<uint32_t>(length));
     if (data->in_zip64) {
         data->crc = static_cast<uint32_t>(crc32(data->crc, static_cast<const Bytef*>(buf), static_cast<uInt>(length)));
     }

@@ -57,7 +57,11 @@ size_t verified_length(const zip_destination& dest, const char* name) {
 
 /** Judges each parent directory of `name`, from the first. Most entries share theirs with the one before. */
 bool parents_lead_out(zip_destination* dest, const char* name, zip_kind kind) {
-    const char* last = std::strrchr(name, '/');
+    size_t end = std::strlen(name);
+    while (kind == zip_kind::directory && end > 0 && name[end - 1] == '/') {
+        --end; /* mkdir() follows no link in the last component */
+    }
+    const auto* last = static_cast<const char*>(memrchr(name, '/', end));
     if (last == nullptr) {
         return false;
     }
@@ -70,7 +74,7 @@ bool parents_lead_out(zip_destination* dest, const char* name, zip_kind kind) {
         std::memcpy(dir, name, i);
         struct stat status {};
         if (lstat(dir, &status) != 0) {
-            return false; /* neither it nor what is below it exists */
+            return false; /* neither it nor what is below it can be reached */
         }
         if (!S_ISLNK(status.st_mode)) {
             continue;

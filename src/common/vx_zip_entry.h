@@ -1,4 +1,4 @@
-/** The true size of a package entry and its data, for every unit that reads packages. */
+/** The true size of a package entry, its kind and its data, for the units of the library. */
 #ifndef VX_ZIP_ENTRY_H
 #define VX_ZIP_ENTRY_H
 
@@ -18,6 +18,9 @@ uint64_t zip_entry_size(unzFile uf, const unz_file_info64& info);
  * larger would end there like a complete one.
  */
 bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info);
+
+/** Whether the package `src` holds a regular file named exactly `file_name`; no link and no directory. */
+bool zip_holds_regular_file(const char* src, const char* file_name);
 
 /** An opened entry that is read through, never past its true size. */
 struct zip_entry_data {

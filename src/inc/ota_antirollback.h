@@ -23,10 +23,14 @@ OTA_API int32_t set_efuse_antirollback(antirollback_ver_t* ver);
 /**
  * May this package be installed without lowering the board's versions? Extracts each image that has a
  * version into `unzip_path`, reads it and removes it again; compares the versions with the eFuse
- * counters; on a pass stores them with ota_set_anti_ver_veeprom(). Writes no eFuse.
+ * counters; on a pass stores them with ota_set_anti_ver_veeprom(). Writes no eFuse. The verdict is about
+ * the first entry of exactly the name in `part_file`, the one that vx_uncompress_file_to() installs.
  * @param update_info  a parsed description with 0 to 32 partitions
- * @return 0 on a pass; -1 on a refusal or failure: the stored record is as it was, and an image that
- *         could not be read stays in `unzip_path`; negative when the record cannot be stored
+ * @param zip_path     the package
+ * @param unzip_path   a directory of the caller's own, made when it is missing
+ * @return 0 on a pass; -1 on a refusal or failure: the stored record is as it was, an image that could
+ *         not be read stays in `unzip_path`, and after a failed extraction that is the working directory;
+ *         negative when the record cannot be stored
  */
 OTA_API int32_t verify_antirollback_version(update_info_t* update_info, const char* zip_path, const char* unzip_path);
 
