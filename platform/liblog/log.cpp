@@ -2,7 +2,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <ctime>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -22,18 +21,12 @@ int syslog_priority(int prio) {
 }
 
 /**
- * Whether a daemon can be there to listen. Without one, every line would be put together and cost a
- * socket and a failed connection. It is looked for once in a tick of the clock, a few milliseconds.
+ * Whether a daemon has been there to listen. Without one, every line would be put together and cost a
+ * socket and a failed connection.
  */
 bool has_daemon() {
-    thread_local timespec looked{-1, 0};
     thread_local bool found = false;
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    if (now.tv_sec != looked.tv_sec || now.tv_nsec != looked.tv_nsec) {
-        looked = now;
-        found = access(_PATH_LOG, F_OK) == 0;
-    }
+    found = found || access(_PATH_LOG, F_OK) == 0;
     return found;
 }
 

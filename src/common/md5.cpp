@@ -252,6 +252,9 @@ void md5_finish(md5_state_t* pms, md5_byte_t* digest) {
 }
 
 int MD5File(const char* filename, md5_byte_t* digest) {
+    if (filename == nullptr || digest == nullptr) {
+        return -1;
+    }
     const ota_stream file(std::fopen(filename, "rb"));
     if (file == nullptr) {
         return -1;
@@ -266,6 +269,9 @@ int MD5File(const char* filename, md5_byte_t* digest) {
 }
 
 int MD5Dev(const char* filename, md5_byte_t* digest, int32_t garbage) {
+    if (filename == nullptr || digest == nullptr) {
+        return -1;
+    }
     const ota_descriptor fd(open(filename, O_RDONLY));
     struct stat status {};
     if (!fd.is_open() || fstat(fd.get(), &status) != 0) {
@@ -297,6 +303,9 @@ int MD5Dev(const char* filename, md5_byte_t* digest, int32_t garbage) {
 }
 
 int MD5DevPart(const char* filename, long int offset, long int checklen, md5_byte_t* digest) {
+    if (filename == nullptr || digest == nullptr) {
+        return -1;
+    }
     const ota_descriptor fd(open(filename, O_RDONLY));
     if (!fd.is_open()) {
         return -1;

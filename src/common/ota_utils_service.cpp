@@ -47,13 +47,9 @@ int32_t ota_check_two_partition_md5(const char* partition1_path, const char* par
 }
 
 int32_t get_file_lock(char* lock_file) {
-    if (lock_file == nullptr) {
-        ota_log_error("lock_file is null\n");
-        return -1;
-    }
-    ota_descriptor lockfd(open(lock_file, O_WRONLY | O_CREAT, 0766));
+    ota_descriptor lockfd(lock_file == nullptr ? -1 : open(lock_file, O_WRONLY | O_CREAT, 0766));
     if (!lockfd.is_open()) {
-        ota_log_error("open file %s failed.\n", lock_file);
+        ota_log_error("open file %s failed.\n", printable(lock_file));
         return -1;
     }
     if (flock(lockfd.get(), LOCK_EX | LOCK_NB) != 0) {

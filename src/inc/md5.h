@@ -19,6 +19,8 @@ typedef struct md5_state_s {
 extern OTA_API unsigned char buffer_md5file[1048576];
 extern OTA_API unsigned char buffer_md5dev[1048576];
 
+/* No pointer may be null, but in the three operations on files, which then give -1. */
+
 /** Begins a message. */
 OTA_API void md5_init(md5_state_t* pms);
 
@@ -33,14 +35,17 @@ OTA_API int MD5File(const char* filename, md5_byte_t* digest);
 
 /**
  * Digest of a file or device without its last `garbage` bytes. The size of a device comes from the
- * device itself (BLKGETSIZE64, MEMGETINFO, or the volume's used bytes).
- * @return 0; -1 when it cannot be opened, when a device tells no size, or when a device ends before
- *         its size; a regular file that ends early is digested as far as it goes
+ * device itself (BLKGETSIZE64, MEMGETINFO, which counts up to 4 GiB, or the volume's used bytes). NAND
+ * is read raw, bad blocks too: one image on two devices gives two digests where their bad blocks differ.
+ * @return 0; -1 when it cannot be opened, is neither file nor device, is a device that tells no size or
+ *         ends before its size less `garbage`; a regular file that ends early is digested as far as it
+ *         goes
  */
 OTA_API int MD5Dev(const char* filename, md5_byte_t* digest, int32_t garbage);
 
 /**
- * Digest of `checklen` bytes from `offset`, or of what is there when the file ends before.
+ * Digest of `checklen` bytes from `offset`, or of what is there when the file ends before. NAND is read
+ * raw.
  * @return 0; -1 when it cannot be opened
  */
 OTA_API int MD5DevPart(const char* filename, long int offset, long int checklen, md5_byte_t* digest);
