@@ -23,7 +23,6 @@ namespace fs = std::filesystem;
 constexpr uint64_t misc_size = 2080;        /* the slot block ends there */
 constexpr uint64_t ubootenv_size = 0x30890; /* the anti-rollback record ends there */
 constexpr uint32_t flash_command_magic = 0x46434D44;
-constexpr char command_directory[] = "/usr/velox/share/ota";
 constexpr char staging_directory[] = "/userdata/ota/unzip_dir";
 
 BoardItem number_item(const char* name, int32_t value, const std::string& word, const char* mend) {
@@ -164,13 +163,14 @@ bool is_flash_command(const fs::path& path) {
 BoardItem check_flash_commands(const std::set<std::string>& names) {
     std::error_code error;
     size_t commands = 0;
-    for (fs::directory_iterator entry(command_directory, error), end; !error && entry != end; entry.increment(error)) {
+    for (fs::directory_iterator entry(flash_command_directory, error), end; !error && entry != end;
+         entry.increment(error)) {
         commands += is_flash_command(entry->path()) ? size_t{1} : 0;
     }
     const bool has_node = names.contains("flashcmd");
     return {"flash commands", has_node && commands > 0,
-            format("%zu in %s", commands, command_directory) + (has_node ? "" : ", and no partition flashcmd"),
-            format("supply command files in %s and a partition flashcmd", command_directory)};
+            format("%zu in %s", commands, flash_command_directory) + (has_node ? "" : ", and no partition flashcmd"),
+            format("supply command files in %s and a partition flashcmd", flash_command_directory)};
 }
 
 /** The library makes the directory, but not the file system that it lies on. */

@@ -73,8 +73,8 @@ bool is_counter(const X509_EXTENSION* extension) {
     return std::strcmp(oid, "1.3.6.1.4.1.4128.2100.1") == 0 || std::strcmp(oid, "1.3.6.1.4.1.4128.2100.2") == 0;
 }
 
-/** The version in the first counter extension. */
-std::optional<uint32_t> version_of(const X509* certificate) {
+/** Fills in the version of the first counter extension, or why it shows none. */
+void read_version(const X509* certificate, Certificate& result) {
     for (int i = 0; i < X509_get_ext_count(certificate); ++i) {
         X509_EXTENSION* extension = X509_get_ext(certificate, i);
         if (!is_counter(extension)) {
@@ -83,9 +83,13 @@ std::optional<uint32_t> version_of(const X509* certificate) {
         const ASN1_OCTET_STRING* octets = X509_EXTENSION_get_data(extension);
         const unsigned char* data = ASN1_STRING_get0_data(octets);
         const Asn1Integer number(d2i_ASN1_INTEGER(nullptr, &data, ASN1_STRING_length(octets)));
-        return number == nullptr ? std::nullopt : std::optional(static_cast<uint32_t>(ASN1_INTEGER_get(number.get())));
+        if (number == nullptr) {
+            result.problem = "its counter is no integer";
+        } else {
+            result.version = static_cast<uint32_t>(ASN1_INTEGER_get(number.get()));
+        }
+        return;
     }
-    return std::nullopt;
 }
 
 Certificate read_certificate(const toc_entry_t& row, Bytes der) {
@@ -95,7 +99,7 @@ Certificate read_certificate(const toc_entry_t& row, Bytes der) {
     if (certificate == nullptr) {
         result.problem = "no certificate";
     } else {
-        result.version = version_of(certificate.get());
+        read_version(certificate.get(), result);
     }
     ERR_clear_error();
     return result;

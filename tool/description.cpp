@@ -190,7 +190,9 @@ void judge_version(const Fields& fields, const std::string& version) {
 } // namespace
 
 bool Image::matches(const Digests& found) const {
-    return digests.md5 == found.md5 && (digests.sha256.empty() || digests.sha256 == found.sha256);
+    const bool has_strongest = !(digests.sha256.empty() ? found.md5 : found.sha256).empty();
+    return has_strongest && (found.md5.empty() || digests.md5 == found.md5) &&
+           (found.sha256.empty() || digests.sha256 == found.sha256);
 }
 
 Json parse_json(const std::string& text, const std::string& name) {

@@ -31,10 +31,14 @@ struct Image {
     [[nodiscard]] bool is_ab() const {
         return type == AB;
     }
-    [[nodiscard]] Digester::Kind digest_kind() const {
-        return digests.sha256.empty() ? Digester::Kind::md5 : Digester::Kind::md5_and_sha256;
+    /** SHA-256 where it is given: MD5, much slower and weaker, says nothing more beside it. */
+    [[nodiscard]] Digester::Kind strongest_digest() const {
+        return digests.sha256.empty() ? Digester::Kind::md5 : Digester::Kind::sha256;
     }
-    /** Compares every digest that the description gives. */
+    [[nodiscard]] Digester::Kind all_digests() const {
+        return digests.sha256.empty() ? Digester::Kind::md5 : Digester::Kind::both;
+    }
+    /** Compares every digest that was found; one of the kinds above has to be among them. */
     [[nodiscard]] bool matches(const Digests& found) const;
 };
 

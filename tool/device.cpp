@@ -33,6 +33,7 @@ void Device::identify() {
         kind_ = DeviceKind::mtd;
         size_ = mtd.size;
         block_size_ = mtd.erasesize;
+        demand_size();
         find_good_blocks();
         return;
     }
@@ -40,6 +41,7 @@ void Device::identify() {
     if (ioctl(fd_.get(), UBI_IOCVOLINFO, &volume) == 0) {
         kind_ = DeviceKind::ubi;
         size_ = static_cast<uint64_t>(std::max<int64_t>(0, volume.used_bytes));
+        demand_size();
         return;
     }
     struct stat status {};
@@ -52,6 +54,14 @@ void Device::identify() {
     }
     kind_ = DeviceKind::block;
     if (!S_ISBLK(status.st_mode) || ioctl(fd_.get(), BLKGETSIZE64, &size_) != 0) {
+        size_ = 0;
+    }
+    demand_size();
+}
+
+/** A device without a size would be equal to every other one, because nothing is read of it. */
+void Device::demand_size() const {
+    if (size_ == 0) {
         throw Failure(ExitCode::device, path_ + " tells no size");
     }
 }

@@ -34,7 +34,7 @@ enum class DeviceKind { file, block, mtd, ubi };
 
 class Device {
 public:
-    /** Opens the device for reading. */
+    /** Opens the device for reading. Throws Failure where a device tells no size. */
     explicit Device(const std::string& path);
 
     [[nodiscard]] DeviceKind kind() const {
@@ -68,6 +68,7 @@ public:
 
 private:
     void identify();
+    void demand_size() const;
     void find_good_blocks();
 
     std::string path_;

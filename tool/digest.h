@@ -17,7 +17,7 @@ struct Digests {
 
 class Digester {
 public:
-    enum class Kind { md5, md5_and_sha256 };
+    enum class Kind { md5, sha256, both };
 
     explicit Digester(Kind kind);
     void add(std::span<const uint8_t> bytes);
@@ -25,6 +25,7 @@ public:
     Digests finish();
 
 private:
+    Kind kind_;
     md5_state_t md5_{};
     DigestContext sha256_; /* null when not asked for */
 };

@@ -18,7 +18,7 @@ constexpr std::array kinds = {FirmwareKind::miniboot, FirmwareKind::uboot, Firmw
 constexpr std::string_view vbmeta_head("AVB0\0", 5);
 constexpr std::streamoff rollback_index_offset = 112;
 
-uint32_t read_rollback_index(const std::string& path) {
+uint64_t read_rollback_index(const std::string& path) {
     std::ifstream image(path, std::ios::binary);
     std::array<char, vbmeta_head.size()> head{};
     image.read(head.data(), head.size());
@@ -31,7 +31,7 @@ uint32_t read_rollback_index(const std::string& path) {
     if (!image) {
         throw Failure(ExitCode::refused, path + " ends before its rollback index");
     }
-    return static_cast<uint32_t>(be64toh(index));
+    return be64toh(index);
 }
 
 /** Images are unpacked one at a time, so the largest decides. */
@@ -50,36 +50,62 @@ void demand_room(const Package& package, const Description& description, const S
     }
 }
 
+/** Puts the image's own name in the place of the path that it was unpacked to, which nobody can look at. */
+std::string without_path(std::string sentence, const std::string& path, const std::string& name) {
+    if (const size_t at = sentence.find(path); at != std::string::npos) {
+        sentence.replace(at, path.size(), name);
+    }
+    return sentence;
+}
+
 ImageVersion read_one(const Package& package, const Image& image, FirmwareKind kind, const ScratchDirectory& scratch) {
     ImageVersion result{image.name, kind, std::nullopt, {}};
+    if (kind == FirmwareKind::vbmeta && image.medium != OTA_EMMC) {
+        result.problem = "the version of a verified-boot image can be checked on eMMC only";
+        return result;
+    }
     const std::string unpacked = scratch.path() + "/" + image.file;
     try {
         require(ExitCode::refused, "cannot unpack " + image.file,
                 [&] { return vx_uncompress_one(package.path().c_str(), scratch.path().c_str(), image.file.c_str()); });
         result.version = read_image_version(kind, unpacked);
     } catch (const Failure& failure) {
-        result.problem = failure.what();
-        if (const size_t at = result.problem.find(unpacked); at != std::string::npos) {
-            result.problem.replace(at, unpacked.size(), image.file);
-        }
+        result.problem = without_path(failure.what(), unpacked, image.file);
     }
     std::error_code ignored;
     std::filesystem::remove(unpacked, ignored);
     return result;
 }
 
-/** The version of the last image of a kind, as the library counts; 0 without one. */
-uint32_t last_version(const std::vector<ImageVersion>& versions, FirmwareKind kind) {
-    uint32_t last = 0;
+/** The version of the last image of a kind, in the 32 bits that the library keeps; nothing without one. */
+std::optional<uint32_t> last_version(const std::vector<ImageVersion>& versions, FirmwareKind kind) {
+    std::optional<uint32_t> last;
     for (const ImageVersion& image : versions) {
-        last = image.kind == kind ? image.version.value_or(0) : last;
+        last = image.kind == kind ? static_cast<uint32_t>(image.version.value_or(0)) : last;
     }
     return last;
 }
 
+/** Several verified-boot images have to agree; a version of 0 says nothing. */
+std::string disagreement(const std::vector<ImageVersion>& versions) {
+    uint32_t held = 0;
+    for (const ImageVersion& image : versions) {
+        if (image.kind != FirmwareKind::vbmeta) {
+            continue;
+        }
+        const uint64_t version = image.version.value_or(0);
+        if (held != 0 && held != version) {
+            return format("%s shows version %llu, and a verified-boot image before it %u", image.partition.c_str(),
+                          static_cast<unsigned long long>(version), held);
+        }
+        held = static_cast<uint32_t>(version);
+    }
+    return {};
+}
+
 /** An image that the package does not have counts as version 0. */
-std::string lower_than(const char* what, uint32_t version, const char* which, uint32_t counter) {
-    if (version == 0) {
+std::string lower_than(const char* what, bool is_there, uint32_t version, const char* which, uint32_t counter) {
+    if (!is_there) {
         return format("the package shows no %s version, and the board's %s counter is %u", what, which, counter);
     }
     return format("the package's %s version %u is below the board's %s counter %u", what, version, which, counter);
@@ -101,7 +127,7 @@ const char* firmware_name(FirmwareKind kind) {
     return names[static_cast<size_t>(kind)];
 }
 
-uint32_t read_image_version(FirmwareKind kind, const std::string& path) {
+uint64_t read_image_version(FirmwareKind kind, const std::string& path) {
     if (kind == FirmwareKind::vbmeta) {
         return read_rollback_index(path);
     }
@@ -138,17 +164,21 @@ std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const
             return image.partition + ": " + image.problem;
         }
     }
-    const uint32_t secure = last_version(versions, FirmwareKind::miniboot);
-    const uint32_t uboot = last_version(versions, FirmwareKind::uboot);
-    const uint32_t vbmeta = last_version(versions, FirmwareKind::vbmeta);
-    if (uboot != vbmeta) {
-        return format("the versions of uboot (%u) and vbmeta (%u) differ", uboot, vbmeta);
+    if (const std::string differ = disagreement(versions); !differ.empty()) {
+        return differ;
     }
-    if (secure < counters.secure) {
-        return lower_than("miniboot", secure, "secure", counters.secure);
+    const auto secure = last_version(versions, FirmwareKind::miniboot);
+    const auto uboot = last_version(versions, FirmwareKind::uboot);
+    const auto vbmeta = last_version(versions, FirmwareKind::vbmeta);
+    const uint32_t non_secure = uboot.value_or(0);
+    if (non_secure != vbmeta.value_or(0)) {
+        return format("the versions of uboot (%u) and vbmeta (%u) differ", non_secure, vbmeta.value_or(0));
     }
-    if (uboot < counters.non_secure) {
-        return lower_than("uboot and vbmeta", uboot, "non-secure", counters.non_secure);
+    if (secure.value_or(0) < counters.secure) {
+        return lower_than("miniboot", secure.has_value(), secure.value_or(0), "secure", counters.secure);
+    }
+    if (non_secure < counters.non_secure) {
+        return lower_than("uboot and vbmeta", uboot || vbmeta, non_secure, "non-secure", counters.non_secure);
     }
     return {};
 }
@@ -161,10 +191,17 @@ void judge_versions(const Package& package, const Description& description) {
 }
 
 void verify_versions(const Package& package, const Description& description) {
-    judge_versions(package, description); /* it has the better words */
     const ScratchDirectory scratch;
     update_info_t info = to_update_info(description);
-    require(ExitCode::refused, "the package does not pass the anti-rollback check",
-            [&] { return verify_antirollback_version(&info, package.path().c_str(), scratch.path().c_str()); });
-    sync_partition("ubootenv");
+    console::forget_errors();
+    if (verify_antirollback_version(&info, package.path().c_str(), scratch.path().c_str()) != 0) {
+        throw Failure(ExitCode::refused, "the package does not pass the anti-rollback check" +
+                                             without_path(console::logged_cause(), scratch.path() + "/", ""));
+    }
+    try {
+        sync_partition("ubootenv");
+    } catch (Failure& failure) {
+        failure.state = "no image was written; whether the package's versions were noted for the fuses is unknown";
+        throw;
+    }
 }

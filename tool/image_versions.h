@@ -17,13 +17,16 @@ enum class FirmwareKind { miniboot, uboot, vbmeta };
 std::optional<FirmwareKind> firmware_kind(std::string_view name);
 const char* firmware_name(FirmwareKind kind);
 
-/** The one version that an image shows. Throws with the library's reason when there is none. */
-uint32_t read_image_version(FirmwareKind kind, const std::string& path);
+/**
+ * The one version that an image shows, 64 bits wide in a verified-boot image. Throws with the library's
+ * reason when there is none.
+ */
+uint64_t read_image_version(FirmwareKind kind, const std::string& path);
 
 struct ImageVersion {
     std::string partition;
     FirmwareKind kind;
-    std::optional<uint32_t> version;
+    std::optional<uint64_t> version;
     std::string problem; /* why there is no version */
 };
 
@@ -41,12 +44,12 @@ Counters read_counters();
 /** Why images are refused by these counters, in one sentence; empty when they pass. */
 std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const Counters& counters);
 
-/** Throws Failure when the board's counters refuse the package. Touches nothing. */
+/** Throws Failure where the library would refuse the package, in better words. Touches nothing. */
 void judge_versions(const Package& package, const Description& description);
 
 /**
- * The library's verdict over a package. A pass stores the versions for a later burning of the fuses.
- * Throws Failure on a refusal.
+ * The library's own verdict over a package that was judged. A pass stores the versions for a later
+ * burning of the fuses. Throws Failure on a refusal.
  */
 void verify_versions(const Package& package, const Description& description);
 

@@ -10,10 +10,11 @@
 #include "text.h"
 
 #include <algorithm>
+#include <future>
 
 namespace {
 
-constexpr size_t read_back_size = size_t{1} << 20;
+constexpr size_t read_back_size = size_t{512} << 10;
 
 using Group = std::vector<const Target*>;
 
@@ -113,16 +114,37 @@ void write_image(const Target& target, const Package& package, Progress& progres
 
 /* ---- reading back ---- */
 
+/** A piece of a device that is being read. Its destructor waits for the reading to end. */
+struct Piece {
+    std::vector<uint8_t> bytes;
+    std::future<void> reading;
+
+    void begin(const Device& device, uint64_t offset, uint64_t end) {
+        bytes.resize(std::min<uint64_t>(read_back_size, end - offset));
+        reading = std::async(std::launch::async, [&device, offset, this] { device.read(offset, bytes); });
+    }
+};
+
+/** One piece is read while the one before it is digested: neither waits for the other. */
 Digests read_back(const Device& device, const Target& target, Progress& progress) {
-    Digester digester(target.image.digest_kind());
-    std::vector<uint8_t> buffer(std::min<uint64_t>(read_back_size, target.size));
-    for (uint64_t done = 0; done < target.size;) {
+    Digester digester(target.image.strongest_digest());
+    Piece pieces[2];
+    uint64_t begun = 0;
+    for (size_t i = 0; begun < target.size || pieces[i % 2].reading.valid(); ++i) {
         stop_if_interrupted();
-        const auto piece = std::span(buffer).first(std::min<uint64_t>(buffer.size(), target.size - done));
-        device.read(done, piece);
-        digester.add(piece);
-        done += piece.size();
-        progress.advance("verify", piece.size());
+        Piece& piece = pieces[i % 2];
+        if (!piece.reading.valid()) {
+            piece.begin(device, begun, target.size);
+            begun += piece.bytes.size();
+        }
+        piece.reading.get();
+        Piece& next = pieces[(i + 1) % 2];
+        if (begun < target.size) {
+            next.begin(device, begun, target.size);
+            begun += next.bytes.size();
+        }
+        digester.add(piece.bytes);
+        progress.advance("verify", piece.bytes.size());
     }
     return digester.finish();
 }
@@ -130,7 +152,7 @@ Digests read_back(const Device& device, const Target& target, Progress& progress
 /** Tells a bad image from a bad device: which of the two is not what the description says? */
 Failure explain_difference(const Target& target, const Package& package) {
     Progress none(ProgressMode::none);
-    if (!target.image.matches(digest_entry(package, target.image, none))) {
+    if (!target.image.matches(digest_entry(package, target.image, target.image.strongest_digest(), none))) {
         return wrong_digest(target.image);
     }
     return {ExitCode::device, target.partition() + " does not hold what was written to it",

@@ -7,6 +7,7 @@
 #include "signature.h"
 #include "slot_block.h"
 #include "text.h"
+#include "version_file.h"
 
 #include <algorithm>
 #include <cstring>
@@ -50,8 +51,11 @@ Target make_target(const Package& package, const Image& image) {
 
 /** The version of the running system; empty when there is none to be read. */
 std::string read_installed_version(const std::string& file) {
-    char version[128] = {};
-    return get_system_version(file.c_str(), version) < 0 ? "" : version;
+    try {
+        return read_version_file(file);
+    } catch (const Failure&) {
+        return "";
+    }
 }
 
 void judge_version(const Plan& plan, bool allow_downgrade) {
@@ -70,7 +74,7 @@ void judge_version(const Plan& plan, bool allow_downgrade) {
 bool holds_image(const Target& target, const Package& package, Progress& progress) {
     const Device device(target.device);
     device.sync(); /* what a killed run left in the page cache is no proof */
-    Digester digester(target.image.digest_kind());
+    Digester digester(target.image.strongest_digest());
     std::vector<uint8_t> held;
     uint64_t done = 0;
     const bool is_equal = package.read(package.at(target.image.file), [&](std::span<const uint8_t> piece) {
@@ -168,8 +172,8 @@ Failure wrong_digest(const Image& image) {
     return {ExitCode::refused, image.file + " is not what the description says: its digest is another one"};
 }
 
-Digests digest_entry(const Package& package, const Image& image, Progress& progress) {
-    Digester digester(image.digest_kind());
+Digests digest_entry(const Package& package, const Image& image, Digester::Kind kind, Progress& progress) {
+    Digester digester(kind);
     progress.begin("check", image.file);
     package.read(package.at(image.file), [&](std::span<const uint8_t> piece) {
         stop_if_interrupted();
@@ -206,7 +210,7 @@ void check_single_images(const Plan& plan, const Package& package, Progress& pro
         if (target.image.is_ab() || target.stands) {
             continue;
         }
-        if (!target.image.matches(digest_entry(package, target.image, progress))) {
+        if (!target.image.matches(digest_entry(package, target.image, target.image.strongest_digest(), progress))) {
             throw wrong_digest(target.image);
         }
     }

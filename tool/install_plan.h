@@ -6,6 +6,7 @@
 #include "failure.h"
 #include "package.h"
 #include "progress.h"
+#include "update_lock.h"
 
 #include <cstdint>
 #include <optional>
@@ -15,7 +16,7 @@
 struct InstallOptions {
     std::string package;
     std::string trust; /* PEM file of trusted certificates; empty checks integrity only */
-    std::string lock_file = "/tmp/tessera.lock";
+    std::string lock_file = default_lock_file;
     std::string version_file = "/usr/velox/version";
     bool allow_downgrade = false;
     bool dry_run = false;
@@ -72,7 +73,7 @@ void judge_slots(const Plan& plan);
 
 Failure wrong_digest(const Image& image);
 
-/** Digests of an entry, with progress of the kind "check". */
-Digests digest_entry(const Package& package, const Image& image, Progress& progress);
+/** Digests of an image in the package, with progress of the kind "check". */
+Digests digest_entry(const Package& package, const Image& image, Digester::Kind kind, Progress& progress);
 
 #endif

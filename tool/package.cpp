@@ -52,7 +52,7 @@ uint64_t zip64_size(std::span<const uint8_t> extra) {
 }
 
 EntryKind kind_of(const std::string& name, uint32_t attributes) {
-    if (name.ends_with('/') || name.ends_with('\\')) {
+    if (name.empty() || name.ends_with('/') || name.ends_with('\\')) {
         return EntryKind::directory;
     }
     return (attributes & 0xF0000000) == 0xA0000000 ? EntryKind::link : EntryKind::file;
@@ -103,9 +103,12 @@ Entry Package::current_entry() const {
     entry.name.resize(info.size_filename);
     (void)unzGetCurrentFileInfo64(zip_, &info, entry.name.data(), entry.name.size(), extra.data(), extra.size(),
                                   nullptr, 0);
+    entry.name = entry.name.c_str(); /* as the library sees it, up to a NUL */
     (void)unzGetFilePos64(zip_, &entry.position);
     entry.kind = kind_of(entry.name, static_cast<uint32_t>(info.external_fa));
     entry.size = info.uncompressed_size == size_in_zip64 ? zip64_size(extra) : info.uncompressed_size;
+    entry.in_zip64 = info.uncompressed_size == size_in_zip64;
+    entry.crc = static_cast<uint32_t>(info.crc);
     entry.packed_size = info.compressed_size;
     entry.mode = static_cast<uint32_t>(info.external_fa >> 16 & 0x1FF);
     entry.date = info.tmu_date;
@@ -135,20 +138,24 @@ bool Package::read(const Entry& entry, const std::function<bool(std::span<const 
     }
     std::vector<uint8_t> piece(std::min<uint64_t>(piece_size, std::max<uint64_t>(1, entry.size)));
     uint64_t done = 0;
-    int got = 0;
-    while ((got = unzReadCurrentFile(zip_, piece.data(), static_cast<unsigned>(piece.size()))) > 0) {
+    uLong sum = 0;
+    while (done < entry.size) {
+        const auto wanted = static_cast<unsigned>(std::min<uint64_t>(piece.size(), entry.size - done));
+        const int got = unzReadCurrentFile(zip_, piece.data(), wanted);
+        if (got <= 0) {
+            unzCloseCurrentFile(zip_);
+            throw damaged(entry.name + (got < 0 ? " cannot be unpacked" : " is cut short"));
+        }
         done += static_cast<uint64_t>(got);
+        sum = entry.in_zip64 ? crc32(sum, piece.data(), static_cast<unsigned>(got)) : sum;
         if (!take(std::span(piece).first(static_cast<size_t>(got)))) {
             unzCloseCurrentFile(zip_);
             return false;
         }
     }
-    const int end = unzCloseCurrentFile(zip_);
-    if (got < 0) {
-        throw damaged(entry.name + " cannot be unpacked");
-    }
-    if (done != entry.size || end == UNZ_CRCERROR) {
-        throw damaged(entry.name + (end == UNZ_CRCERROR ? " has a wrong checksum" : " is cut short"));
+    /* minizip does not judge the checksum of an entry whose size stands in a zip64 field. */
+    if (unzCloseCurrentFile(zip_) == UNZ_CRCERROR || (entry.in_zip64 && sum != entry.crc)) {
+        throw damaged(entry.name + " has a wrong checksum");
     }
     return true;
 }

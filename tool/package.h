@@ -21,6 +21,8 @@ struct Entry {
     std::string name;
     EntryKind kind;
     uint64_t size; /* unpacked bytes, also where only the zip64 field tells them */
+    bool in_zip64; /* so it is with this entry */
+    uint32_t crc;
     uint64_t packed_size;
     uint32_t mode; /* Unix permissions; 0 from a packer that knows none */
     tm_unz date;

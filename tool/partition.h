@@ -9,6 +9,7 @@
 #include <string>
 
 inline constexpr char partition_directory[] = "/dev/block/platform/by-name/";
+inline constexpr char flash_command_directory[] = "/usr/velox/share/ota";
 
 /** The path of a partition that exists once, or of one slot's copy when `name` has the suffix. */
 std::string partition_path(const std::string& name);

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -22,9 +23,12 @@ pid_t find_holder(const std::string& file) {
     std::ifstream locks("/proc/locks");
     for (std::string line; std::getline(locks, line);) {
         pid_t pid = 0;
+        unsigned major_number = 0;
+        unsigned minor_number = 0;
         unsigned long inode = 0;
-        if (std::sscanf(line.c_str(), "%*s FLOCK %*s %*s %d %*x:%*x:%lu", &pid, &inode) == 2 &&
-            inode == status.st_ino) {
+        if (std::sscanf(line.c_str(), "%*s FLOCK %*s %*s %d %x:%x:%lu", &pid, &major_number, &minor_number, &inode) ==
+                4 &&
+            inode == status.st_ino && makedev(major_number, minor_number) == status.st_dev) {
             return pid;
         }
     }
@@ -72,8 +76,9 @@ void write_holder(const std::string& file, const std::string& words) {
 UpdateLock::UpdateLock(std::string file, const std::string& holder) : file_(std::move(file)) {
     console::forget_errors();
     if (get_file_lock(file_.data()) != 0) {
-        if (access(file_.c_str(), W_OK) != 0) {
-            throw Failure(ExitCode::failed, "cannot use the lock file " + file_ + because(errno));
+        const int error = errno;
+        if (console::logged_cause().find("already locked") == std::string::npos) {
+            throw Failure(ExitCode::failed, "cannot use the lock file " + file_ + because(error));
         }
         throw Failure(ExitCode::failed, "another update is running: " + describe_holder(file_));
     }

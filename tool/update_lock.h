@@ -4,6 +4,8 @@
 
 #include <string>
 
+constexpr char default_lock_file[] = "/tmp/tessera.lock";
+
 class UpdateLock {
 public:
     /**

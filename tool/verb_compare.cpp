@@ -24,6 +24,9 @@ struct Side {
     uint64_t length;
 
     Side(const std::string& name, uint64_t garbage) : device(file_or_partition(name)), length(device.capacity()) {
+        if (length == 0 && device.kind() == DeviceKind::mtd) {
+            throw Failure(ExitCode::device, name + " has no good block");
+        }
         if (garbage > length) {
             throw Failure(ExitCode::failed, name + " has only " + human_bytes(length));
         }

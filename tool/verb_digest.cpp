@@ -40,7 +40,7 @@ Digests digest(const Device& device, const Options& options, uint64_t length) {
     Progress progress(default_progress_mode());
     progress.expect("digest", length);
     progress.begin("digest", options.name);
-    Digester digester(options.sha256 ? Digester::Kind::md5_and_sha256 : Digester::Kind::md5);
+    Digester digester(options.sha256 ? Digester::Kind::both : Digester::Kind::md5);
     std::vector<uint8_t> buffer(piece_size);
     for (uint64_t done = 0; done < length;) {
         stop_if_interrupted();

@@ -2,6 +2,7 @@
 #include "image_versions.h"
 #include "status_record.h"
 #include "text.h"
+#include "update_lock.h"
 #include "velox_ota_hl.h"
 #include "verb.h"
 
@@ -49,7 +50,8 @@ antirollback_ver_t versions_to_burn() {
     return stored.record;
 }
 
-void burn(const Context& context, bool confirmed) {
+void burn(const Context& context, bool confirmed, const std::string& lock_file) {
+    const UpdateLock lock(lock_file, "tessera efuse burn"); /* an update may store other versions */
     antirollback_ver_t versions = versions_to_burn();
     if (!confirmed) {
         throw Failure(ExitCode::usage, "fuses cannot be burnt back: older systems will never boot again",
@@ -75,5 +77,7 @@ void declare_efuse(CLI::App& verb, Context& context) {
                                     "wait until the new slot is confirmed");
     auto confirmed = std::make_shared<bool>(false);
     command.add_flag("--yes", *confirmed, "Yes, for ever");
-    on_command(command, context, [&context, confirmed] { burn(context, *confirmed); });
+    auto lock_file = std::make_shared<std::string>(default_lock_file);
+    command.add_option("--lock", *lock_file, "Lock that only one update holds at a time")->capture_default_str();
+    on_command(command, context, [&context, confirmed, lock_file] { burn(context, *confirmed, *lock_file); });
 }

@@ -2,22 +2,25 @@
 #include "device.h"
 #include "partition.h"
 #include "text.h"
+#include "update_lock.h"
 #include "velox_ota_hl.h"
 #include "verb.h"
 
+#include <endian.h>
 #include <fstream>
 #include <optional>
+#include <unistd.h>
 
 namespace {
 
 constexpr char node[] = "flashcmd";
-constexpr char command_directory[] = "/usr/velox/share/ota/";
 constexpr char command_with_data[] = "misc_write_cmd";
 
 struct Options {
     std::string name;
     std::string data_file;
     uint32_t offset = 0;
+    std::string lock_file = default_lock_file;
 };
 
 /** The area that takes the data is far below this; more than it is never read into memory. */
@@ -51,30 +54,45 @@ std::string read_back(const Device& device, size_t offset, size_t length) {
     return bytes;
 }
 
+/** What the library writes: the record, and behind it the data area with the data in its place. */
+std::string whole_command(const Options& options, const std::string& data) {
+    fimage_update_t record{};
+    std::ifstream(std::string(flash_command_directory) + "/" + options.name, std::ios::binary)
+        .read(reinterpret_cast<char*>(&record), sizeof record);
+    std::string command(reinterpret_cast<const char*>(&record), sizeof record);
+    if (options.name == command_with_data) {
+        command.resize(sizeof record + le32toh(record.partinfo.misc.length));
+        command.replace(sizeof record + options.offset, data.size(), data);
+    }
+    return command;
+}
+
 /**
  * The command is written as to a file, without erasing: NOR then keeps a mixture of the old bits and the
  * new ones, and says nothing. A node that is a driver's door, without a size, shows nothing to compare.
  */
 void demand_kept(const Options& options, const std::string& data) {
+    const std::string path = partition_path(node);
     std::optional<Device> device;
     try {
-        device.emplace(partition_path(node));
+        device.emplace(path);
     } catch (const Failure&) {
+        if (access(path.c_str(), R_OK) != 0) {
+            throw;
+        }
         return;
     }
     device->sync();
-    std::string record(sizeof(fimage_update_t), '\0');
-    std::ifstream(std::string(command_directory) + options.name, std::ios::binary)
-        .read(record.data(), static_cast<std::streamsize>(record.size()));
-    if (read_back(*device, 0, record.size()) != record ||
-        read_back(*device, record.size() + options.offset, data.size()) != data) {
+    const std::string command = whole_command(options, data);
+    if (device->raw_size() < command.size() || read_back(*device, 0, command.size()) != command) {
         throw Failure(ExitCode::device, "flashcmd did not keep the command " + options.name,
-                      "flash has to be erased before each command");
+                      "the partition has to be large enough, and flash erased before each command");
     }
 }
 
 void write_command(const Context& context, const Options& options) {
     judge(options);
+    const UpdateLock lock(options.lock_file, "tessera flashcmd " + options.name);
     std::string data = options.data_file.empty() ? std::string() : read_data(options.data_file);
     const auto length = static_cast<uint32_t>(data.size());
     require(ExitCode::failed, "the flash command " + options.name + " was not written",
@@ -92,5 +110,6 @@ void declare_flashcmd(CLI::App& verb, Context& context) {
     verb.add_option("NAME", options->name, "Name of the command's file on the board")->required();
     CLI::Option* data = verb.add_option("--data", options->data_file, "File with data, for misc_write_cmd");
     verb.add_option("--offset", options->offset, "Byte of the data area where the data goes")->needs(data);
+    verb.add_option("--lock", options->lock_file, "Lock that only one update holds at a time")->capture_default_str();
     on_command(verb, context, [&context, options] { write_command(context, *options); });
 }

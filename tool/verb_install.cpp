@@ -129,12 +129,11 @@ Plan judge(const Package& package, const Options& options, Progress& progress) {
     }
     judge_slots(plan);
     check_single_images(plan, package, progress);
-    if (options.dry_run) {
-        judge_versions(package, plan.description);
-    } else {
+    judge_versions(package, plan.description);
+    stop_if_interrupted();
+    if (!options.dry_run) {
         verify_versions(package, plan.description);
     }
-    stop_if_interrupted();
     return plan;
 }
 
@@ -151,7 +150,7 @@ Plan judge_or_say_untouched(const Package& package, const Options& options, Prog
     try {
         return judge(package, options, progress);
     } catch (Failure& failure) {
-        failure.state = untouched;
+        failure.state = failure.state.empty() ? untouched : failure.state;
         throw;
     }
 }

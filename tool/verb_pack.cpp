@@ -55,7 +55,7 @@ uint64_t read_pieces(const std::string& path, Take take) {
 /** Fills in what a draft leaves out, and refuses what it states wrongly. */
 void complete(Json& partition, const Options& options) {
     const auto file = partition["file"].get<std::string>();
-    Digester digester(Digester::Kind::md5_and_sha256);
+    Digester digester(Digester::Kind::both);
     const uint64_t size =
         read_pieces(options.directory + "/" + file, [&](std::span<const uint8_t> piece) { digester.add(piece); });
     if (size == 0 || size > largest_image) {

@@ -35,7 +35,8 @@ struct Totals {
 
     /** What unpacking asks of a file system. */
     [[nodiscard]] int64_t need_kib() const {
-        return (all + 1048575) / 1024 + 1024;
+        constexpr int64_t mib = 1048576;
+        return all / 1024 + (all % 1024 + mib - 1) / 1024 + 1024;
     }
 };
 
@@ -120,8 +121,16 @@ void demand_room(const std::string& directory, const Totals& totals) {
     }
 }
 
+/** A package that was cut inside its end record can look empty. */
+void demand_entries(const Package& package, const std::string& file) {
+    if (package.entries().empty()) {
+        throw Failure(ExitCode::refused, file + " holds no entries");
+    }
+}
+
 void unpack(const Context& context, const std::string& file, const std::string& directory) {
     const Package package(file);
+    demand_entries(package, file);
     const Totals totals = read_totals(package);
     demand_room(directory, totals);
     {
@@ -165,9 +174,7 @@ std::string check_entry(const Package& package, const Entry& entry, Progress& pr
 void check(const Context& context, const std::string& file) {
     watch_interrupts();
     const Package package(file);
-    if (package.entries().empty()) { /* a package that was cut inside its directory can look so */
-        throw Failure(ExitCode::refused, file + " holds no entries");
-    }
+    demand_entries(package, file);
     Progress progress(default_progress_mode());
     for (const Entry& entry : package.entries()) {
         progress.expect("check", entry.size);

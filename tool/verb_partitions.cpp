@@ -41,9 +41,10 @@ std::set<std::string> entry_names() {
     return names;
 }
 
-/** The base names of the A/B partitions. The library fills one row for each, so `entries` are enough. */
+/** The base names of the A/B partitions. The library fills one row for each, without a bound. */
 std::set<std::string> ab_names(size_t entries) {
-    std::vector<std::array<char, 128>> rows(entries + 1);
+    constexpr size_t late = 256; /* for nodes that come into being between the two listings */
+    std::vector<std::array<char, 128>> rows(entries + late);
     require(ExitCode::device, "cannot list the A/B partitions",
             [&] { return get_all_ab_partitions(reinterpret_cast<char(*)[128]>(rows.data())); });
     std::set<std::string> names;

@@ -10,6 +10,7 @@ namespace {
 struct Options {
     std::string package;
     std::string trust;
+    std::string lock_file = default_lock_file;
 };
 
 void check_images(const Package& package, const Description& description) {
@@ -18,7 +19,7 @@ void check_images(const Package& package, const Description& description) {
         progress.expect("check", package.at(image.file).size);
     }
     for (const Image& image : description.images) {
-        if (!image.matches(digest_entry(package, image, progress))) {
+        if (!image.matches(digest_entry(package, image, image.all_digests(), progress))) {
             throw wrong_digest(image);
         }
     }
@@ -53,6 +54,8 @@ std::string origin(const std::string& signer) {
 
 void verify(const Context& context, const Options& options) {
     watch_interrupts();
+    /* A pass is stored, in the flash block of the status of an update that may be running. */
+    const UpdateLock lock(options.lock_file, "tessera verify " + options.package);
     const Package package(options.package);
     std::string signer;
     const Description description = read_description(package, options.trust, signer);
@@ -66,12 +69,17 @@ void verify(const Context& context, const Options& options) {
                   {"signer", signer.empty() ? Json() : Json(signer)},
                   {"images", versions_json(versions)},
                   {"counters", {{"secure", counters.secure}, {"non_secure", counters.non_secure}}}};
-    if (const std::string refusal = refusal_by_versions(versions, counters); !refusal.empty()) {
+    try {
+        if (const std::string refusal = refusal_by_versions(versions, counters); !refusal.empty()) {
+            throw Failure(ExitCode::refused, refusal);
+        }
+        stop_if_interrupted();
+        verify_versions(package, description);
+    } catch (const Failure&) {
         value["passes"] = false;
         context.show(value, table);
-        throw Failure(ExitCode::refused, refusal);
+        throw;
     }
-    verify_versions(package, description);
     context.show(value, table + "the package " + description.version +
                             " passes: every image is whole, no version goes down (" + origin(signer) + ")");
 }
@@ -83,5 +91,6 @@ void declare_verify(CLI::App& verb, Context& context) {
     verb.add_option("PACKAGE", options->package, "The package, a zip file")->required();
     verb.add_option("--trust", options->trust, "PEM file of the certificates whose signatures are accepted")
         ->envname("TESSERA_TRUST");
+    verb.add_option("--lock", options->lock_file, "Lock that only one update holds at a time")->capture_default_str();
     on_command(verb, context, [&context, options] { verify(context, *options); });
 }

@@ -2,6 +2,7 @@
 #include "text.h"
 #include "velox_ota_hl.h"
 #include "verb.h"
+#include "version_file.h"
 
 #include <algorithm>
 #include <array>
@@ -13,7 +14,8 @@ namespace {
 std::string comparable(const std::string& word) {
     std::array<char, 128> version{};
     std::string line = word;
-    if (line.find("_V") != std::string::npos) {
+    const bool is_version = line.size() > 1 && line[0] == 'V' && std::isdigit(static_cast<unsigned char>(line[1])) != 0;
+    if (!is_version && line.find("_V") != std::string::npos) {
         require(ExitCode::failed, word + " is no version",
                 [&] { return parse_version_info(line.data(), version.data()); });
         line = version.data();
@@ -44,10 +46,8 @@ void compare(const Context& context, const std::string& word1, const std::string
 }
 
 void show_version(const Context& context, const std::string& file) {
-    std::array<char, 128> version{};
-    require(ExitCode::failed, "cannot take a version from " + file,
-            [&] { return get_system_version(file.c_str(), version.data()); });
-    context.show({{"file", file}, {"version", version.data()}}, version.data());
+    const std::string version = read_version_file(file);
+    context.show({{"file", file}, {"version", version}}, version);
 }
 
 } // namespace

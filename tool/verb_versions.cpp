@@ -33,7 +33,7 @@ ImageVersion judge_whole(FirmwareKind kind, const std::string& file) {
     }
 }
 
-std::string or_unknown(const std::optional<uint32_t>& version) {
+std::string or_unknown(const std::optional<uint64_t>& version) {
     return version ? std::to_string(*version) : "unknown";
 }
 
