@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr size_t read_back_size = size_t{512} << 10;
+constexpr size_t read_back_size = size_t{256} << 10;
 
 using Group = std::vector<const Target*>;
 

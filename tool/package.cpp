@@ -103,9 +103,8 @@ Entry Package::current_entry() const {
     entry.name.resize(info.size_filename);
     (void)unzGetCurrentFileInfo64(zip_, &info, entry.name.data(), entry.name.size(), extra.data(), extra.size(),
                                   nullptr, 0);
-    entry.name = entry.name.c_str(); /* as the library sees it, up to a NUL */
     (void)unzGetFilePos64(zip_, &entry.position);
-    entry.kind = kind_of(entry.name, static_cast<uint32_t>(info.external_fa));
+    entry.kind = kind_of(entry.name.c_str(), static_cast<uint32_t>(info.external_fa)); /* up to a NUL, as the library */
     entry.size = info.uncompressed_size == size_in_zip64 ? zip64_size(extra) : info.uncompressed_size;
     entry.in_zip64 = info.uncompressed_size == size_in_zip64;
     entry.crc = static_cast<uint32_t>(info.crc);
