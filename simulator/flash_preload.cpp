@@ -98,6 +98,9 @@ public:
         if (verdict.refused) {
             return -EIO;
         }
+        if (verdict.signal != 0) {
+            (void)std::raise(verdict.signal);
+        }
         named.device->set_tearing(verdict.tears);
         long result = verdict.result ? *verdict.result : work(std::min(operation.length, verdict.limit));
         named.device->set_tearing(false);

@@ -53,6 +53,9 @@ void flash_script::parse_rule(const std::string& text) {
     } else if (verb == "short") {
         fault.what = effect::shorten;
         fault.value = required<long>(words, "a number of bytes");
+    } else if (verb == "raise") {
+        fault.what = effect::raise;
+        fault.value = required<long>(words, "a signal");
     } else if (verb != "fail") {
         throw std::runtime_error("'" + verb + "' is no rule");
     } else if (long error = 0; words >> error) {
@@ -97,6 +100,8 @@ flash_verdict flash_script::judge(const flash_operation& operation) {
 void flash_script::apply(const rule& fault, flash_verdict& verdict) {
     if (fault.what == effect::shorten) {
         verdict.limit = static_cast<uint64_t>(fault.value);
+    } else if (fault.what == effect::raise) {
+        verdict.signal = static_cast<int>(fault.value);
     } else {
         verdict.result = fault.value;
     }

@@ -14,6 +14,7 @@ struct flash_verdict {
     bool refused = false;        /* the power is off: it does not reach the device */
     std::optional<long> result;  /* it has no effect and gives this, a negative errno for a failure */
     uint64_t limit = UINT64_MAX; /* bytes that it moves at most */
+    int signal = 0;              /* comes to the process in front of it */
     bool tears = false;          /* the power fails half-way */
     bool is_last = false;        /* the power fails behind it */
 };
@@ -41,7 +42,7 @@ public:
     }
 
 private:
-    enum class effect { fail, give, shorten };
+    enum class effect { fail, give, shorten, raise };
     struct rule {
         effect what;
         std::string kind;

@@ -30,6 +30,7 @@
  *   fail <kind> <n> [<errno>]     the nth operation of the kind has no effect and fails, with EIO (5)
  *   give <kind> <n> <result>      the nth operation of the kind has no effect and gives this result
  *   short <kind> <n> <bytes>      the nth transfer moves no more than so many bytes
+ *   raise <kind> <n> <signal>     in front of the nth operation of the kind the signal of this number comes
  *   cut <n> [tear] [kill] [seed=<s>]
  *                                 the power fails behind the nth operation of all: later ones have no
  *                                 effect and fail with EIO. tear: the nth itself is carried out half and
