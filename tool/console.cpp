@@ -2,6 +2,7 @@
 
 #include "text.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -22,12 +23,19 @@ std::FILE* results = stdout;
 std::FILE* sentences = stderr;
 int log_fd = -1; /* a file in memory that collects what the library prints */
 bool verbose = false;
+bool json_lines = false;
 std::string first_error;
+std::string first_warning;
 
 std::FILE* take_over(int fd) {
     const int kept = fcntl(fd, F_DUPFD_CLOEXEC, 3);
     std::FILE* stream = kept >= 0 ? fdopen(kept, "w") : nullptr;
     return stream != nullptr ? stream : std::fopen("/dev/null", "we");
+}
+
+/** A line for stderr: as it is, or as the one member of an object. */
+std::string line_of(const char* member, const std::string& prefix, const std::string& text) {
+    return json_lines ? to_text(Json{{member, text}}) : prefix + text;
 }
 
 /** The message of a log line, which reads "[OTA_ERROR][file:line] message". */
@@ -42,10 +50,13 @@ void take_line(std::string_view line) {
         line.remove_prefix(clear_line.size());
     }
     if (verbose && !line.empty()) {
-        std::fprintf(sentences, "%.*s\n", static_cast<int>(line.size()), line.data());
+        std::fprintf(sentences, "%s\n", line_of("log", "", std::string(line)).c_str());
     }
-    if (first_error.empty() && (line.starts_with(error_mark) || line.starts_with(warning_mark))) {
+    if (first_error.empty() && line.starts_with(error_mark)) {
         first_error = message_of(line);
+    }
+    if (first_warning.empty() && line.starts_with(warning_mark)) {
+        first_warning = message_of(line);
     }
 }
 
@@ -79,6 +90,14 @@ void be_verbose() {
     verbose = true;
 }
 
+void speak_json() {
+    json_lines = true;
+}
+
+bool speaks_json() {
+    return json_lines;
+}
+
 bool close() {
     pass_log_on();
     (void)dup2(fileno(results), STDOUT_FILENO);
@@ -96,14 +115,16 @@ void print(const std::string& text) {
 
 void note(const std::string& sentence) {
     pass_log_on();
-    std::fprintf(sentences, "tessera: %s\n", printable(sentence).c_str());
+    std::string line = printable(sentence);
+    std::replace(line.begin(), line.end(), '\n', '?'); /* in a name from outside */
+    std::fprintf(sentences, "%s\n", line_of("note", "tessera: ", line).c_str());
     std::fflush(sentences);
 }
 
-void report(const Failure& failure, bool as_json) {
+void report(const Failure& failure) {
     pass_log_on();
     std::fflush(results);
-    if (as_json) {
+    if (json_lines) {
         std::fprintf(sentences, "%s\n", to_text(to_json(failure)).c_str());
         return;
     }
@@ -143,11 +164,13 @@ void pass_log_on() {
 void forget_errors() {
     pass_log_on();
     first_error.clear();
+    first_warning.clear();
 }
 
 std::string logged_cause() {
     pass_log_on();
-    return first_error.empty() ? "" : ": " + first_error;
+    const std::string& cause = first_error.empty() ? first_warning : first_error;
+    return cause.empty() ? "" : ": " + cause;
 }
 
 } // namespace console

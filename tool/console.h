@@ -20,6 +20,10 @@ void open();
 /** Lets the library's log lines through to stderr, from now on. */
 void be_verbose();
 
+/** From now on every line on stderr is one JSON object. */
+void speak_json();
+bool speaks_json();
+
 /** Gives the standard streams back. @return false when results could not be written */
 bool close();
 
@@ -29,8 +33,8 @@ void print(const std::string& text);
 /** Prints a remark to stderr, behind the command's name. */
 void note(const std::string& sentence);
 
-/** Prints why the command ends: as sentences, or as one JSON object. */
-void report(const Failure& failure, bool as_json);
+/** Prints why the command ends. */
+void report(const Failure& failure);
 
 /** The stream for progress. */
 std::FILE* progress_stream();
@@ -41,7 +45,7 @@ void pass_log_on();
 /** The same, and forgets the library's errors so far. */
 void forget_errors();
 
-/** The text of the first error that the library logged since forget_errors(), behind ": "; else empty. */
+/** The first error that the library logged since forget_errors(), else its first warning, behind ": "; or nothing. */
 std::string logged_cause();
 
 } // namespace console

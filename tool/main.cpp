@@ -2,7 +2,7 @@
 #include "verb.h"
 
 #include <csignal>
-#include <cstring>
+#include <span>
 
 namespace {
 
@@ -51,15 +51,21 @@ std::string in_our_manner(std::string sentence) {
     while (!sentence.empty() && (sentence.back() == '.' || sentence.back() == '\n')) {
         sentence.pop_back();
     }
-    const bool is_word = sentence.size() > 1 && std::isupper(static_cast<unsigned char>(sentence[1])) == 0;
+    const auto second = static_cast<unsigned char>(sentence.size() > 1 ? sentence[1] : 'A');
+    const bool is_word = std::isupper(second) == 0 && std::isdigit(second) == 0;
     if (is_word) {
         sentence[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(sentence[0])));
     }
     return sentence;
 }
 
-bool asks_for_json(int argc, char** argv) {
-    return std::any_of(argv + 1, argv + argc, [](const char* word) { return std::strcmp(word, "--json") == 0; });
+/** For a command line that makes no sense: its error is to be read by whoever would have read the rest. */
+bool asks_for_json(std::span<char*> words) {
+    std::string_view before;
+    return std::any_of(words.begin(), words.end(), [&](std::string_view word) {
+        const bool asks_for_progress = std::exchange(before, word) == "--progress" && word == "json";
+        return asks_for_progress || word == "--json" || word == "--progress=json";
+    });
 }
 
 std::string usage_hint(const CLI::App& app) {
@@ -72,8 +78,8 @@ std::string sentence_for(const CLI::App& app, const CLI::ParseError& error) {
     const auto chosen = app.get_subcommands();
     const auto unknown = chosen.empty() ? app.remaining() : chosen.front()->remaining();
     const bool is_missing = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
-    if (is_missing && !unknown.empty() && !unknown.front().starts_with('-')) {
-        return "there is no command " + unknown.front();
+    if (is_missing && !unknown.empty()) {
+        return (unknown.front().starts_with('-') ? "there is no option " : "there is no command ") + unknown.front();
     }
     return in_our_manner(error.what());
 }
@@ -88,8 +94,13 @@ void run(CLI::App& app, Context& context, int argc, char** argv) {
         console::print(text.str());
         return;
     } catch (const CLI::ParseError& error) {
-        context.json = asks_for_json(argc, argv);
+        if (asks_for_json({argv, static_cast<size_t>(argc)})) {
+            console::speak_json();
+        }
         throw Failure(ExitCode::usage, sentence_for(app, error), usage_hint(app));
+    }
+    if (context.json) {
+        console::speak_json();
     }
     if (context.verbose) {
         console::be_verbose();
@@ -105,12 +116,12 @@ ExitCode guarded_run(int argc, char** argv) {
         run(app, context, argc, argv);
         return ExitCode::ok;
     } catch (const Failure& failure) {
-        console::report(failure, context.json);
+        console::report(failure);
         return failure.code;
     } catch (const std::bad_alloc&) {
-        console::report(Failure(ExitCode::failed, "out of memory"), context.json);
+        console::report(Failure(ExitCode::failed, "out of memory"));
     } catch (const std::exception& error) {
-        console::report(Failure(ExitCode::failed, in_our_manner(error.what())), context.json);
+        console::report(Failure(ExitCode::failed, in_our_manner(error.what())));
     }
     return ExitCode::failed;
 }
@@ -123,8 +134,8 @@ int main(int argc, char** argv) {
     console::open();
     ExitCode code = guarded_run(argc, argv);
     if (!console::close() && code == ExitCode::ok) {
-        console::note("cannot write the results");
         code = ExitCode::failed;
+        console::report(Failure(code, "cannot write the results"));
     }
     return static_cast<int>(code);
 }

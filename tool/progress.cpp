@@ -31,7 +31,8 @@ std::string human_rate(double bytes_per_second) {
 } // namespace
 
 ProgressMode default_progress_mode() {
-    return isatty(fileno(console::progress_stream())) == 1 ? ProgressMode::bar : ProgressMode::plain;
+    const bool has_room_for_bar = !console::speaks_json() && isatty(fileno(console::progress_stream())) == 1;
+    return has_room_for_bar ? ProgressMode::bar : ProgressMode::plain;
 }
 
 std::optional<double> Progress::Work::rate() const {
@@ -160,7 +161,7 @@ void Progress::show() {
         show_bar();
         break;
     case ProgressMode::plain:
-        show_line();
+        console::speaks_json() ? show_json() : show_line();
         break;
     case ProgressMode::json:
         show_json();

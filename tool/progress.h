@@ -15,7 +15,7 @@
 
 enum class ProgressMode { none, bar, plain, json };
 
-/** A bar on a terminal, lines elsewhere. */
+/** A bar on a terminal, lines elsewhere and where JSON is spoken. */
 ProgressMode default_progress_mode();
 
 class Progress {
