@@ -193,15 +193,15 @@ void judge_versions(const Package& package, const Description& description) {
 void verify_versions(const Package& package, const Description& description) {
     const ScratchDirectory scratch;
     update_info_t info = to_update_info(description);
-    console::forget_errors();
-    if (verify_antirollback_version(&info, package.path().c_str(), scratch.path().c_str()) != 0) {
-        throw Failure(ExitCode::refused, "the package does not pass the anti-rollback check" +
-                                             without_path(console::logged_cause(), scratch.path() + "/", ""));
-    }
     try {
+        console::forget_errors();
+        if (verify_antirollback_version(&info, package.path().c_str(), scratch.path().c_str()) != 0) {
+            throw Failure(ExitCode::device, "cannot store the package's anti-rollback versions" +
+                                                without_path(console::logged_cause(), scratch.path() + "/", ""));
+        }
         sync_partition("ubootenv");
     } catch (Failure& failure) {
-        failure.state = "no image was written; whether the package's versions were noted for the fuses is unknown";
+        failure.state = "no image was written, and what ubootenv holds is unknown";
         throw;
     }
 }

@@ -48,8 +48,8 @@ std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const
 void judge_versions(const Package& package, const Description& description);
 
 /**
- * The library's own verdict over a package that was judged. A pass stores the versions for a later
- * burning of the fuses. Throws Failure on a refusal.
+ * Has the library judge a package that passed above, and store its versions for a later burning of the
+ * fuses. Throws Failure, of the device: what can still fail is the storing.
  */
 void verify_versions(const Package& package, const Description& description);
 

@@ -200,6 +200,7 @@ void switch_slot(int32_t slot) {
 void run_plan(const Plan& plan, const Package& package, Progress& progress) {
     const Group slot_group = group_of(plan, true);
     const Group single_group = group_of(plan, false);
+    stop_if_interrupted();
     record_start(plan);
     if (!slot_group.empty()) {
         make_unbootable(*plan.slot);

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <set>
 
 namespace {
 
@@ -49,6 +50,23 @@ Target make_target(const Package& package, const Image& image) {
     return target;
 }
 
+/**
+ * The library looks entries up by the C string of their name: behind a null character a second entry could
+ * hide, and the one that is written would not be the one that was judged.
+ */
+void judge_names(const Package& package) {
+    std::set<std::string_view> names;
+    for (const Entry& entry : package.entries()) {
+        if (entry.name.find('\0') != std::string::npos) {
+            throw Failure(ExitCode::refused, std::string("the name of the entry ") + entry.name.c_str() +
+                                                 " goes on behind a null character");
+        }
+        if (!names.insert(entry.name).second) {
+            throw Failure(ExitCode::refused, "the package has more than one entry " + entry.name);
+        }
+    }
+}
+
 /** The version of the running system; empty when there is none to be read. */
 std::string read_installed_version(const std::string& file) {
     try {
@@ -70,13 +88,12 @@ void judge_version(const Plan& plan, bool allow_downgrade) {
     }
 }
 
-/** Whether the device holds the image. Stops at the first difference. */
-bool holds_image(const Target& target, const Package& package, Progress& progress) {
+/** Whether the device holds the image. Stops at the first difference. `done` counts the bytes compared. */
+bool holds_image(const Target& target, const Package& package, uint64_t& done, Progress& progress) {
     const Device device(target.device);
     device.sync(); /* what a killed run left in the page cache is no proof */
     Digester digester(target.image.strongest_digest());
     std::vector<uint8_t> held;
-    uint64_t done = 0;
     const bool is_equal = package.read(package.at(target.image.file), [&](std::span<const uint8_t> piece) {
         stop_if_interrupted();
         held.resize(piece.size());
@@ -86,7 +103,6 @@ bool holds_image(const Target& target, const Package& package, Progress& progres
         digester.add(held);
         return std::memcmp(held.data(), piece.data(), piece.size()) == 0;
     });
-    progress.spare("compare", target.size - done);
     if (is_equal && !target.image.matches(digester.finish())) {
         throw wrong_digest(target.image);
     }
@@ -94,16 +110,18 @@ bool holds_image(const Target& target, const Package& package, Progress& progres
 }
 
 bool stands_already(const Target& target, const Package& package, Progress& progress) {
+    uint64_t compared = 0;
+    bool is_equal = false;
     try {
-        return holds_image(target, package, progress);
+        is_equal = holds_image(target, package, compared, progress);
     } catch (const Failure& failure) {
         /* A flash that cannot be read where it was never written has still to be written. */
         if (failure.code != ExitCode::device) {
             throw;
         }
-        progress.spare("compare", target.size);
-        return false;
     }
+    progress.spare("compare", target.size - compared);
+    return is_equal;
 }
 
 } // namespace
@@ -129,6 +147,7 @@ Description read_description(const Package& package, const std::string& trust, s
 }
 
 void judge_images(const Package& package, const Description& description, bool is_signed) {
+    judge_names(package);
     for (const Image& image : description.images) {
         const Entry& entry = package.at(image.file);
         if (entry.kind != EntryKind::file || entry.size == 0) {
@@ -150,12 +169,16 @@ void judge_images(const Package& package, const Description& description, bool i
     }
 }
 
-Plan make_plan(const Package& package, const InstallOptions& options) {
+Plan begin_plan(const Package& package, const InstallOptions& options) {
     Plan plan;
     plan.description = read_description(package, options.trust, plan.signer);
     judge_images(package, plan.description, !options.trust.empty());
     plan.installed_version = read_installed_version(options.version_file);
     judge_version(plan, options.allow_downgrade);
+    return plan;
+}
+
+void add_targets(Plan& plan, const Package& package) {
     for (const Image& image : plan.description.images) {
         plan.targets.push_back(make_target(package, image));
     }
@@ -165,7 +188,6 @@ Plan make_plan(const Package& package, const InstallOptions& options) {
         plan.running = running_slot();
         plan.slot = require(ExitCode::device, "cannot tell the update slot", [] { return ota_get_update_slot(); });
     }
-    return plan;
 }
 
 Failure wrong_digest(const Image& image) {
@@ -184,12 +206,13 @@ Digests digest_entry(const Package& package, const Image& image, Digester::Kind 
     return digester.finish();
 }
 
-void announce(const Plan& plan, bool with_survey, Progress& progress) {
+void announce(const Plan& plan, const InstallOptions& options, Progress& progress) {
     for (const Target& target : plan.targets) {
-        progress.expect("compare", with_survey ? target.size : 0);
+        const uint64_t written = options.dry_run ? 0 : target.size;
+        progress.expect("compare", options.force ? 0 : target.size);
         progress.expect("check", target.image.is_ab() ? 0 : target.size);
-        progress.expect("write", target.size);
-        progress.expect("verify", target.size);
+        progress.expect("write", written);
+        progress.expect("verify", written);
     }
 }
 
@@ -227,7 +250,12 @@ void judge_slots(const Plan& plan) {
                           " is the one to write, and it is running on trial while the other slot is the only good one",
                       "tessera confirm keeps this system, tessera rollback goes back; then install");
     }
-    if (!read_slot_block().boots_without(*plan.slot)) {
+    const SlotBlock block = read_slot_block();
+    if (!block.checksum_is_right) {
+        throw Failure(ExitCode::failed, "the checksum of the slot block is wrong, so what the board boots is unknown",
+                      "tessera slots shows what it holds, tessera confirm seals it with the running slot as good");
+    }
+    if (!block.boots_without(*plan.slot)) {
         throw Failure(ExitCode::failed, "while " + slot + " is written there would be nothing to boot",
                       "tessera confirm marks the running slot good");
     }

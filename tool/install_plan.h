@@ -53,14 +53,17 @@ struct Plan {
 /** The description, believed only after its signature where trust is asked for. */
 Description read_description(const Package& package, const std::string& trust, std::string& signer);
 
-/** Refuses an entry whose size is not the described one, and a signed image without SHA-256. */
+/** Refuses names that mean two things, sizes that are not the described ones, signed images without SHA-256. */
 void judge_images(const Package& package, const Description& description, bool is_signed);
 
-/** Judges everything that can be judged without reading images whole. Throws Failure. */
-Plan make_plan(const Package& package, const InstallOptions& options);
+/** Judges the package by itself and its version, without reading images whole. Throws Failure. */
+Plan begin_plan(const Package& package, const InstallOptions& options);
+
+/** Finds where each image goes, and refuses what does not fit there. */
+void add_targets(Plan& plan, const Package& package);
 
 /** Announces all work that the plan may take, so that the share done never falls. */
-void announce(const Plan& plan, bool with_survey, Progress& progress);
+void announce(const Plan& plan, const InstallOptions& options, Progress& progress);
 
 /** Finds out which images their devices hold already. */
 void survey(Plan& plan, const Package& package, Progress& progress);

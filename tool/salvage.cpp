@@ -27,7 +27,10 @@ struct Volume {
 };
 
 [[noreturn]] void fail(const Volume& volume, int32_t lnum, const char* what) {
-    throw Failure(ExitCode::device, format("cannot %s LEB %d of %s", what, lnum, volume.path.c_str()) + because(errno));
+    Failure failure(ExitCode::device,
+                    format("cannot %s LEB %d of %s", what, lnum, volume.path.c_str()) + because(errno));
+    failure.state = "what stands in " + volume.path + " is unknown";
+    throw failure;
 }
 
 bool is_readable(const Volume& volume, int32_t lnum, std::vector<uint8_t>& leb) {

@@ -1,6 +1,7 @@
 #include "status_record.h"
 
 #include "console.h"
+#include "device.h"
 #include "partition.h"
 
 #include <span>
@@ -23,6 +24,10 @@ bool read_sealed(uint64_t offset, Record& record) {
 
 const char* StoredStatus::fault() const {
     return record.magic != status_magic ? "wrong magic number" : "wrong checksum";
+}
+
+bool can_keep_status() {
+    return Device(partition_path(status_partition)).is_straight(status_offset + sizeof(ota_status_t));
 }
 
 StoredStatus read_status() {

@@ -22,6 +22,9 @@ struct StoredVersions {
     bool is_valid;
 };
 
+/** Whether what is written can be read again: not where a bad block lies in front of it. */
+bool can_keep_status();
+
 StoredStatus read_status();
 StoredVersions read_stored_versions();
 

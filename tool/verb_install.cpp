@@ -6,6 +6,7 @@
 #include "partition.h"
 #include "salvage.h"
 #include "slot_block.h"
+#include "status_record.h"
 #include "text.h"
 #include "update_lock.h"
 #include "verb.h"
@@ -16,7 +17,7 @@
 namespace {
 
 struct Options : InstallOptions {
-    ProgressMode progress = default_progress_mode();
+    std::optional<ProgressMode> progress;
     bool quiet = false;
 };
 
@@ -49,6 +50,10 @@ void remark_on(const Plan& plan, const Options& options) {
     }
     if (plan.installed_version.empty()) {
         remark(options, "the installed version is unknown, so it cannot be compared");
+    }
+    if (!can_keep_status()) {
+        remark(options, "a bad block in ubootenv keeps the update status from being read, so tessera status cannot "
+                        "tell where this installation stands");
     }
 }
 
@@ -119,24 +124,6 @@ std::string plan_text(const Outcome& outcome) {
     return text + (outcome.needed ? "nothing was touched" : "nothing would have to be done");
 }
 
-/** Judges everything, in the order in which it can be believed. */
-Plan judge(const Package& package, const Options& options, Progress& progress) {
-    Plan plan = make_plan(package, options);
-    remark_on(plan, options);
-    announce(plan, !options.force, progress);
-    if (!options.force) {
-        survey(plan, package, progress);
-    }
-    judge_slots(plan);
-    check_single_images(plan, package, progress);
-    judge_versions(package, plan.description);
-    stop_if_interrupted();
-    if (!options.dry_run) {
-        verify_versions(package, plan.description);
-    }
-    return plan;
-}
-
 /** A run that lost its power may have left records that nobody can write any more. */
 void mend_records(const Options& options) {
     for (const char* name : {"misc", "ubootenv"}) {
@@ -146,26 +133,38 @@ void mend_records(const Options& options) {
     }
 }
 
-Plan judge_or_say_untouched(const Package& package, const Options& options, Progress& progress) {
-    try {
-        return judge(package, options, progress);
-    } catch (Failure& failure) {
-        failure.state = failure.state.empty() ? untouched : failure.state;
-        throw;
+/** Judges everything, in the order in which it can be believed. */
+Plan judge(const Package& package, const Options& options, Progress& progress) {
+    Plan plan = begin_plan(package, options);
+    remark_on(plan, options);
+    if (!options.dry_run) {
+        mend_records(options);
     }
+    add_targets(plan, package);
+    announce(plan, options, progress);
+    if (!options.force) {
+        survey(plan, package, progress);
+    }
+    judge_slots(plan);
+    check_single_images(plan, package, progress);
+    stop_if_interrupted();
+    progress.begin("check", "versions");
+    judge_versions(package, plan.description);
+    if (!options.dry_run) {
+        verify_versions(package, plan.description);
+    }
+    return plan;
 }
 
 void install(const Context& context, const Options& options) {
-    watch_interrupts();
     const auto start = std::chrono::steady_clock::now();
     std::optional<UpdateLock> lock;
     if (!options.dry_run) {
         lock.emplace(options.lock_file, "tessera install " + options.package);
-        mend_records(options);
     }
     const Package package(options.package);
-    Progress progress(options.quiet ? ProgressMode::none : options.progress);
-    const Plan plan = judge_or_say_untouched(package, options, progress);
+    Progress progress(options.quiet ? ProgressMode::none : options.progress.value_or(default_progress_mode()));
+    const Plan plan = judge(package, options, progress);
     const bool needed = !is_done(plan);
     if (needed && !options.dry_run) {
         carry_out(plan, package, progress);
@@ -176,8 +175,27 @@ void install(const Context& context, const Options& options) {
     context.show(to_json(outcome, options.dry_run), options.dry_run ? plan_text(outcome) : summary(outcome));
 }
 
+void install_or_say_untouched(const Context& context, const Options& options) {
+    watch_interrupts();
+    try {
+        install(context, options);
+    } catch (Failure& failure) {
+        if (failure.state.empty()) { /* whatever writes says itself what it leaves */
+            failure.state = untouched;
+        }
+        throw;
+    }
+}
+
 const std::map<std::string, ProgressMode> progress_modes = {
     {"bar", ProgressMode::bar}, {"plain", ProgressMode::plain}, {"json", ProgressMode::json}};
+
+void choose_progress(Options& options, const std::string& mode) {
+    options.progress = progress_modes.at(mode);
+    if (options.progress == ProgressMode::json) {
+        console::speak_json();
+    }
+}
 
 } // namespace
 
@@ -190,12 +208,12 @@ void declare_install(CLI::App& verb, Context& context) {
     verb.add_flag("--dry-run", options->dry_run, "Judge everything, say what would happen, touch nothing");
     verb.add_flag("--force", options->force, "Write images that stand on the board already too");
     verb.add_flag("-q,--quiet", options->quiet, "No progress and no remarks");
-    const auto choose = [options](const std::string& mode) { options->progress = progress_modes.at(mode); };
+    const auto choose = [options](const std::string& mode) { choose_progress(*options, mode); };
     verb.add_option_function<std::string>("--progress", choose, "How to show progress: bar, plain or json, on stderr")
         ->check(CLI::IsMember({"bar", "plain", "json"}).description(""))
         ->type_name("MODE");
     verb.add_option("--version-file", options->version_file, "Where the installed version stands")
         ->capture_default_str();
     verb.add_option("--lock", options->lock_file, "Lock that only one update holds at a time")->capture_default_str();
-    on_command(verb, context, [&context, options] { install(context, *options); });
+    on_command(verb, context, [&context, options] { install_or_say_untouched(context, *options); });
 }
