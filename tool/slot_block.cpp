@@ -36,16 +36,6 @@ Slot read_slot(int32_t number) {
 
 } // namespace
 
-const char* Slot::state() const {
-    if (corrupted) {
-        return "corrupted";
-    }
-    if (tries == 0) {
-        return "unbootable";
-    }
-    return marked_good ? "confirmed" : "trial";
-}
-
 std::string Slot::name() const {
     return "slot " + slot_letter(number);
 }
@@ -54,6 +44,19 @@ const Slot* SlotBlock::find(int32_t number) const {
     const auto found =
         std::find_if(slots.begin(), slots.end(), [&](const Slot& slot) { return slot.number == number; });
     return found == slots.end() ? nullptr : &*found;
+}
+
+const char* SlotBlock::state_of(const Slot& slot) const {
+    if (!checksum_is_right) {
+        return "unknown";
+    }
+    if (slot.corrupted) {
+        return "corrupted";
+    }
+    if (slot.tries == 0) {
+        return "unbootable";
+    }
+    return slot.marked_good ? "confirmed" : "trial";
 }
 
 bool SlotBlock::boots_without(int32_t number) const {

@@ -20,8 +20,6 @@ struct Slot {
     [[nodiscard]] bool is_confirmed() const {
         return is_bootable() && marked_good;
     }
-    /** trial, confirmed, unbootable or corrupted */
-    [[nodiscard]] const char* state() const;
     /** "slot a" */
     [[nodiscard]] std::string name() const;
 };
@@ -32,6 +30,8 @@ struct SlotBlock {
     bool checksum_is_right;
 
     [[nodiscard]] const Slot* find(int32_t number) const;
+    /** trial, confirmed, unbootable or corrupted; of a block with a wrong checksum nothing is known */
+    [[nodiscard]] const char* state_of(const Slot& slot) const;
     /** Whether a bootloader finds something to boot other than `number`. */
     [[nodiscard]] bool boots_without(int32_t number) const;
 };

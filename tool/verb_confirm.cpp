@@ -5,9 +5,22 @@
 
 namespace {
 
+/**
+ * Where the checksum is wrong nothing in the block is known, and marking a slot good that is marked already
+ * would write nothing. Making the running slot the next one seals the block, with that slot in front.
+ */
+SlotBlock sealed_block(int32_t running) {
+    SlotBlock block = read_slot_block();
+    if (!block.checksum_is_right) {
+        set_next_slot(running);
+        block = read_slot_block();
+    }
+    return block;
+}
+
 void confirm(const Context& context) {
     const int32_t running = running_slot();
-    const SlotBlock block = read_slot_block();
+    const SlotBlock block = sealed_block(running);
     const Slot* slot = block.find(running);
     if (slot == nullptr) {
         throw Failure(ExitCode::failed, "slot " + slot_letter(running) + " runs, and the slot block does not have it");

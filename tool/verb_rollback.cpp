@@ -6,14 +6,17 @@
 namespace {
 
 /** Why a slot is nothing to go back to. */
-std::string reason_against(const Slot& slot) {
+std::string reason_against(const SlotBlock& block, const Slot& slot) {
+    if (!block.checksum_is_right) {
+        return "the checksum of the slot block is wrong, so whether it is good is unknown";
+    }
     if (slot.corrupted) {
         return "it is corrupted";
     }
     if (slot.tries == 0) {
         return "it is unbootable";
     }
-    return "it has never been marked good";
+    return "it is on trial, and nobody has marked it good";
 }
 
 void roll_back(const Context& context) {
@@ -23,8 +26,8 @@ void roll_back(const Context& context) {
     if (slot == nullptr) {
         throw Failure(ExitCode::failed, "there is no slot " + slot_letter(other) + " to go back to");
     }
-    if (!slot->is_confirmed()) {
-        throw Failure(ExitCode::failed, "cannot go back to " + slot->name() + ": " + reason_against(*slot),
+    if (!block.checksum_is_right || !slot->is_confirmed()) {
+        throw Failure(ExitCode::failed, "cannot go back to " + slot->name() + ": " + reason_against(block, *slot),
                       "tessera slots set-next " + slot_letter(other) + " tries it all the same");
     }
     const bool was_next = next_slot() == other;

@@ -7,11 +7,15 @@
 
 namespace {
 
-Json to_json(const Slot& slot, int32_t running, std::optional<int32_t> next) {
-    return {{"slot", slot.number},         {"letter", slot_letter(slot.number)},
-            {"state", slot.state()},       {"priority", slot.priority},
-            {"tries", slot.tries},         {"marked_good", slot.marked_good},
-            {"corrupted", slot.corrupted}, {"running", running < 0 ? Json() : Json(slot.number == running)},
+Json to_json(const Slot& slot, const char* state, int32_t running, std::optional<int32_t> next) {
+    return {{"slot", slot.number},
+            {"letter", slot_letter(slot.number)},
+            {"state", state},
+            {"priority", slot.priority},
+            {"tries", slot.tries},
+            {"marked_good", slot.marked_good},
+            {"corrupted", slot.corrupted},
+            {"running", running < 0 ? Json() : Json(slot.number == running)},
             {"next", slot.number == next}};
 }
 
@@ -21,8 +25,8 @@ std::string remark(const Slot& slot, int32_t running, std::optional<int32_t> nex
     return runs && is_next ? "running, boots next" : runs ? "running" : is_next ? "boots next" : "";
 }
 
-std::vector<std::string> to_row(const Slot& slot, const std::string& remarks) {
-    return {std::to_string(slot.number), slot_letter(slot.number),        slot.state(), std::to_string(slot.priority),
+std::vector<std::string> to_row(const Slot& slot, const char* state, const std::string& remarks) {
+    return {std::to_string(slot.number), slot_letter(slot.number),        state,  std::to_string(slot.priority),
             std::to_string(slot.tries),  slot.marked_good ? "yes" : "no", remarks};
 }
 
@@ -30,7 +34,7 @@ std::vector<std::string> to_row(const Slot& slot, const std::string& remarks) {
 std::string complaints(const SlotBlock& block, int32_t running, std::optional<int32_t> next) {
     std::string text;
     if (!block.checksum_is_right) {
-        text += "the checksum of the slot block is wrong\n";
+        text += "the checksum of the slot block is wrong, so which slots are good is unknown\n";
     }
     if (block.stored_count > block.slots.size()) {
         text += format("the slot block speaks of %u slots, of which only %zu can be used\n", block.stored_count,
@@ -52,8 +56,9 @@ void show_slots(const Context& context) {
     Json slots = Json::array();
     std::vector<std::vector<std::string>> rows;
     for (const Slot& slot : block.slots) {
-        slots.push_back(to_json(slot, running, next));
-        rows.push_back(to_row(slot, remark(slot, running, next)));
+        const char* state = block.state_of(slot);
+        slots.push_back(to_json(slot, state, running, next));
+        rows.push_back(to_row(slot, state, remark(slot, running, next)));
     }
     const Json value = {{"running", running < 0 ? Json() : Json(running)},
                         {"next", next ? Json(*next) : Json()},
