@@ -23,6 +23,12 @@ Value required(std::istringstream& words, const char* what) {
     return value;
 }
 
+/** What an operation gives that was carried out in full. */
+long full_result(const flash_operation& operation) {
+    const std::string_view kind = operation.kind;
+    return kind == "pread" || kind == "pwrite" ? static_cast<long>(operation.length) : 0;
+}
+
 } // namespace
 
 flash_script::flash_script(std::string_view text) {
@@ -56,6 +62,8 @@ void flash_script::parse_rule(const std::string& text) {
     } else if (verb == "raise") {
         fault.what = effect::raise;
         fault.value = required<long>(words, "a signal");
+    } else if (verb == "lose") {
+        fault.what = effect::lose;
     } else if (verb != "fail") {
         throw std::runtime_error("'" + verb + "' is no rule");
     } else if (long error = 0; words >> error) {
@@ -89,7 +97,7 @@ flash_verdict flash_script::judge(const flash_operation& operation) {
     const uint64_t number = ++counts_[operation.kind];
     for (const rule& fault : rules_) {
         if (fault.kind == operation.kind && fault.number == number) {
-            apply(fault, verdict);
+            apply(fault, operation, verdict);
         }
     }
     verdict.is_last = total_ == cut_.after;
@@ -97,13 +105,13 @@ flash_verdict flash_script::judge(const flash_operation& operation) {
     return verdict;
 }
 
-void flash_script::apply(const rule& fault, flash_verdict& verdict) {
+void flash_script::apply(const rule& fault, const flash_operation& operation, flash_verdict& verdict) {
     if (fault.what == effect::shorten) {
         verdict.limit = static_cast<uint64_t>(fault.value);
     } else if (fault.what == effect::raise) {
         verdict.signal = static_cast<int>(fault.value);
     } else {
-        verdict.result = fault.value;
+        verdict.result = fault.what == effect::lose ? full_result(operation) : fault.value;
     }
 }
 

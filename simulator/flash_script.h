@@ -42,7 +42,7 @@ public:
     }
 
 private:
-    enum class effect { fail, give, shorten, raise };
+    enum class effect { fail, give, lose, shorten, raise };
     struct rule {
         effect what;
         std::string kind;
@@ -58,7 +58,7 @@ private:
 
     void parse_rule(const std::string& text);
     void parse_cut(std::istringstream& words);
-    static void apply(const rule& fault, flash_verdict& verdict);
+    static void apply(const rule& fault, const flash_operation& operation, flash_verdict& verdict);
 
     std::vector<rule> rules_;
     power_cut cut_;

@@ -29,6 +29,8 @@
  *
  *   fail <kind> <n> [<errno>]     the nth operation of the kind has no effect and fails, with EIO (5)
  *   give <kind> <n> <result>      the nth operation of the kind has no effect and gives this result
+ *   lose <kind> <n>               the nth operation of the kind has no effect and is acknowledged in full,
+ *                                 as a worn-out device does that lies
  *   short <kind> <n> <bytes>      the nth transfer moves no more than so many bytes
  *   raise <kind> <n> <signal>     in front of the nth operation of the kind the signal of this number comes
  *   cut <n> [tear] [kill] [seed=<s>]

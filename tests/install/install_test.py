@@ -213,8 +213,10 @@ class InstallTest(BoardCase):
 
     def test_a_device_that_fails(self):
         good = images(1)
-        for medium, rule in (("emmc", "fail pwrite 4"), ("nand", "fail MEMERASE64 4"), ("ubi", "fail pwrite 4")):
-            with self.subTest(medium=medium):
+        rules = (("emmc", "fail pwrite 4"), ("nand", "fail MEMERASE64 4"), ("ubi", "fail pwrite 4"),
+                 ("emmc", "lose pwrite 4"), ("nor", "lose pwrite 4"), ("nand", "lose MEMERASE64 4"))
+        for medium, rule in rules:
+            with self.subTest(medium=medium, rule=rule):
                 self.setUp()
                 self.new(medium)
                 write_package(self.packages / "p.zip", describe(good, medium), good)
