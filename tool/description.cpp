@@ -212,6 +212,8 @@ Json parse_json(const std::string& text, const std::string& name) {
     } catch (const Json::parse_error& error) {
         throw Failure(ExitCode::refused,
                       format("%s is no JSON text: it breaks off at byte %zu", name.c_str(), error.byte));
+    } catch (const Json::out_of_range&) { /* a number past all that a double can hold */
+        throw Failure(ExitCode::refused, name + " holds a number that is too large");
     }
 }
 

@@ -58,6 +58,7 @@ class InstallTest(BoardCase):
         cases = [  # description, contents, further entries, words in the error
             (None, good, [], "update.json"),
             ("{", good, [], "update.json"),
+            ('{"version": 1e999}', good, [], "update.json holds a number that is too large"),
             ("[]", good, [], "object"),
             (changed("version", None, None), good, [], "version"),
             (changed("partitions", [], None), good, [], "partitions"),
