@@ -32,17 +32,18 @@ protected:
         remove_device();
     }
 
-    /** Makes "/dev/mtd0", "/dev/ubi0" or "/dev/block0" with random content and opens it. */
+    /** Makes "/dev/mtd0", "/dev/ubi0" or "/dev/block0" with random content, at its head, and opens it. */
     void make_device(const std::string& kind, const std::set<size_t>& bad = {}, size_t page = 512,
                      size_t size = blocks * block, size_t block_size = block) {
         remove_device();
         path_ = "/dev/" + kind + "0";
-        before_ = random_bytes(size, 1);
+        before_ = random_bytes(std::min(size, size_t{1} << 20), 1);
         std::ostringstream line;
         line << path_ << " " << kind << " erasesize=" << block_size << " writesize=" << page << " bad=";
         std::ranges::copy(bad, std::ostream_iterator<size_t>(line, ","));
         fd_ = open(path_.c_str(), O_RDWR | O_CREAT, 0600);
-        ASSERT_EQ(write(fd_, before_.data(), size), ssize(before_));
+        ASSERT_EQ(ftruncate(fd_, static_cast<off_t>(size)), 0);
+        ASSERT_EQ(write(fd_, before_.data(), before_.size()), ssize(before_));
         ASSERT_EQ(flash_sim_register(line.str().c_str()), 0);
         /* A mapping shows what lies on the medium without being an operation. */
         void* const map = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd_, 0);
@@ -263,6 +264,28 @@ TEST_F(Flash, ranges_at_the_end) {
         EXPECT_EQ((is_ubi() ? vx_ubi_read : vx_mtd_read)(fd_, buffer.data(), length, offset), read);
         if (read > 0) {
             EXPECT_EQ(std::memcmp(buffer.data(), &before_[offset], static_cast<size_t>(read)), 0);
+        }
+    }
+}
+
+/* The size of an MTD device is told in 32 bits, so it ends below 4 GiB; a volume may be larger. */
+TEST_F(Flash, places_on_both_sides_of_2_and_4_GiB) {
+    constexpr size_t mib = 1 << 20, gib_2 = size_t{1} << 31, gib_4 = size_t{1} << 32, most = gib_4 - mib;
+    const std::tuple<const char*, size_t, size_t, int32_t> rows[] = {
+        {"mtd", most, gib_2 - 3, 6},        {"mtd", most, most - 6, 6},
+        {"mtd", most, most - 5, -1},        {"mtd", most, gib_4, -1},
+        {"ubi", gib_4 + mib, gib_2 - 3, 6}, {"ubi", gib_4 + mib, gib_4 - 3, 6},
+        {"ubi", gib_4 + mib, gib_4, 6},     {"ubi", gib_4 + mib, gib_4 + mib, -1},
+    };
+    for (const auto& [kind, size, offset, result] : rows) {
+        SCOPED_TRACE(std::string(kind) + " " + std::to_string(offset));
+        make_device(kind, {}, mib, size, mib);
+        ota_file_info_t file = file_info(path_, offset, OTA_NAND);
+        EXPECT_EQ(ota_buf_to_file(&file, "far on", 6), result);
+        char text[16] = {};
+        if (result > 0) {
+            EXPECT_EQ(ota_file_to_buf(&file, text, 6), 6);
+            EXPECT_STREQ(text, "far on");
         }
     }
 }

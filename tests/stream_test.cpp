@@ -1,9 +1,13 @@
 #include "board.h"
+#include "md5.h"
 
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <malloc.h>
 #include <numeric>
+#include <sys/mman.h>
 
 namespace {
 
@@ -71,6 +75,40 @@ TEST_F(Stream, a_failed_chunk_ends_the_copy_behind_the_last_whole_one) {
     EXPECT_EQ(ota_file_to_file(nullptr, &dest, nullptr), -1);
     EXPECT_EQ(ota_file_to_file(&source, nullptr, nullptr), -1);
     EXPECT_EQ(log(), Lines(2, "error file info is null"));
+}
+
+/* On a file that is a hole up to there. */
+TEST_F(Stream, places_on_both_sides_of_2_and_4_GiB) {
+    const std::string far = add_partition("far", ""), near = add_partition("near", "");
+    const std::string text = "far away";
+    for (const uint64_t edge : {uint64_t{1} << 31, uint64_t{1} << 32}) {
+        for (const uint64_t start : {edge - 8, edge - 3, edge, edge + 1}) {
+            SCOPED_TRACE(start);
+            std::filesystem::resize_file(far, 0);
+            std::filesystem::resize_file(near, 0);
+            ota_file_info_t place = file_info(far, start), copy = file_info(near);
+            place.size = edge; // more than there is
+            EXPECT_EQ(ota_buf_to_file(&place, text.data(), text.size()), 8);
+            EXPECT_EQ(get_file_size(far.c_str()), static_cast<long>(start + 8));
+            EXPECT_EQ(ota_file_to_file(&place, &copy, nullptr), 0);
+            EXPECT_EQ(read_partition("near"), text);
+            EXPECT_EQ(place.offset, start + 8);
+            md5_byte_t there[16], here[16];
+            EXPECT_EQ(MD5DevPart(far.c_str(), static_cast<long>(start), 8, there) + MD5File(near.c_str(), here), 0);
+            EXPECT_EQ(std::memcmp(there, here, sizeof here), 0);
+        }
+    }
+    std::filesystem::resize_file(far, (uint64_t{1} << 31) + 7);
+    md5_byte_t there[16], here[16];
+    add_partition("near", 8);
+    EXPECT_EQ(MD5Dev(far.c_str(), there, INT32_MAX) + MD5File(near.c_str(), here), 0);
+    EXPECT_EQ(std::memcmp(there, here, sizeof here), 0);
+    // One transfer is limited by the kernel to less than 2 GiB, so its count is never taken for a failure.
+    constexpr size_t most = 0x7ffff000, asked = size_t{1} << 32;
+    void* const zeros = mmap(nullptr, asked, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ota_file_info_t null = file_info("/dev/null");
+    EXPECT_EQ(ota_buf_to_file(&null, static_cast<const char*>(zeros), asked), static_cast<int32_t>(most));
+    munmap(zeros, asked);
 }
 
 TEST_F(Stream, an_entry_is_inflated_to_its_place) {

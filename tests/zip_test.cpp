@@ -80,6 +80,36 @@ std::string package_of(const std::string& words) {
     return all + central + end + le(all.size(), 4) + le(0, 2);
 }
 
+/**
+ * Writes a package of two stored entries: "hole", zeros that take no room on the disk, and "far" behind it.
+ * Sizes and places go to zip64 fields where 32 bits do not hold them.
+ */
+std::string put_hole(const std::string& path, uint64_t size) {
+    std::string central;
+    std::ofstream file(path, std::ios::binary);
+    const auto in_32 = [](uint64_t value) { return le(std::min<uint64_t>(value, UINT32_MAX), 4); };
+    for (const std::string name : {"hole", "far"}) {
+        const bool is_hole = name == "hole";
+        const uint64_t length = is_hole ? size : 4, at = is_hole ? 0 : size + 34;
+        std::string extra;
+        for (const uint64_t value : {length, length, at}) {
+            extra += value >= UINT32_MAX ? le(value, 8) : "";
+        }
+        extra = extra.empty() ? "" : le(1, 2) + le(extra.size(), 2) + extra;
+        const std::string head = le(8, 4) + le(0x58B169C8, 4), tail = le(name.size(), 2);
+        const uint64_t crc = crc32(0, reinterpret_cast<const Bytef*>("data"), 4);
+        file.seekp(static_cast<std::streamoff>(at));
+        file << "PK\3\4" + le(45, 2) + head + le(0, 12) + tail + le(0, 2) + name + (is_hole ? "" : "data");
+        central += "PK\1\2" + le(0x2D032D, 4) + head + le(crc, 4) + in_32(length) + in_32(length) + tail;
+        central += le(extra.size(), 2) + le(0, 6) + le(0100644U << 16, 4) + in_32(at) + name + extra;
+    }
+    const auto at = static_cast<uint64_t>(file.tellp()), end = at + central.size();
+    file << central << "PK\6\6" + le(44, 8) + le(0x2D002D, 4) + le(0, 8) + le(2, 8) + le(2, 8) + le(central.size(), 8);
+    file << le(at, 8) << "PK\6\7" + le(0, 4) + le(end, 8) + le(1, 4);
+    file << "PK\5\6" + le(0, 4) + le(2 << 16 | 2, 4) + le(central.size(), 4) + in_32(at) + le(0, 2);
+    return path;
+}
+
 /** What stands below a directory, in order: "d755 a ;f644 a/b text;f644 a/c *20000;l777 a/d target;". */
 std::string tree(const std::string& root) {
     std::set<std::string> lines;
@@ -279,6 +309,34 @@ TEST_F(Zip, packages_are_searched_and_sized) {
     EXPECT_EQ(fs::current_path(), box);
     EXPECT_EQ(vx_get_zip_size("b.zip", &images), -1);
     EXPECT_EQ(log(), strings{"error sizes in b.zip overflow"});
+}
+
+TEST_F(Zip, entries_on_both_sides_of_2_and_4_GiB) {
+    constexpr uint64_t gib_2 = uint64_t{1} << 31, gib_4 = uint64_t{1} << 32;
+    /* The size of the hole, and whether the entry behind it can be reached. Odd ones are streamed, which takes seconds.
+     */
+    const std::pair<uint64_t, bool> rows[] = {
+        {gib_2 - 40, true}, {gib_2 + 2, true}, {gib_4 - 37, true}, {gib_4 - 34, false}, {gib_4 + 1, false}};
+    for (const auto& [size, reached] : rows) {
+        SCOPED_TRACE(size);
+        const std::string package = put_hole(box + "/hole.zip", size);
+        uint64_t images = 0;
+        EXPECT_EQ(vx_get_zip_size(package.c_str(), &images), static_cast<int64_t>(size + 4));
+        char name[] = "far";
+        EXPECT_EQ(vx_zip_has_file(package.c_str(), name), 1);
+        fs::current_path("/"); /* a failure stays in the destination */
+        fs::remove_all(dest);
+        EXPECT_EQ(vx_uncompress_one(package.c_str(), dest.c_str(), name), reached ? 0 : -1);
+        EXPECT_EQ(read_file(dest + "/far"), reached ? "data" : "");
+        log();
+        if (size % 2 == 0) {
+            continue;
+        }
+        ota_file_info_t node = file_info("/dev/null");
+        EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "hole", &node, nullptr), size < gib_4 ? 0 : -1);
+        EXPECT_EQ(node.offset, size < gib_4 ? size : 0);
+    }
+    EXPECT_EQ(log().back(), "error entry hole of 4294967297 bytes is too large to be read");
 }
 
 TEST_F(Zip, extensions_are_compared_exactly) {
