@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -280,7 +281,10 @@ TEST_F(Services, partitions_of_both_slots_are_listed_once) {
     Lines names(rows, rows + 6);
     std::sort(names.begin(), names.end());
     EXPECT_EQ(names, Lines({"", "boot", fits, "linked", "os", "system"}));
-    EXPECT_EQ(log(), Lines({"warning partition name " + too_long + " is too long, passed over"}));
+    std::filesystem::remove_all(by_name);
+    EXPECT_EQ(get_all_ab_partitions(rows), -1);
+    EXPECT_EQ(log(),
+              Lines({"warning partition name " + too_long + " is too long, passed over", "error Open dir error..."}));
 }
 
 TEST_F(Services, partition_table_of_sgdisk) {

@@ -1,4 +1,5 @@
 #include "board.h"
+#include "vx_zip.h"
 
 #include <filesystem>
 #include <regex>
@@ -78,6 +79,7 @@ TEST_F(Utils, one_transfer_at_any_place) {
         {file_info(none), "error open file: " + none + " failed"},
         {file_info(by_name), "error file " + by_name + " read failed"},
         {file_info(path, ~0ULL), "error file " + path + " lseek failed, offset=-1"},
+        {file_info(link_partition("lost", "/none/mtd1"), 0, OTA_NAND), "error open file: " + by_name + "lost failed"},
         {file_info(path, 0, ota_medium_e(-1)), "error " + path + " is neither an MTD device nor a UBI volume"}};
     for (auto [place, line] : bad_reads) {
         EXPECT_EQ(ota_file_to_buf(&place, buffer, 1), -1);
@@ -95,6 +97,64 @@ TEST_F(Utils, one_transfer_at_any_place) {
     EXPECT_EQ(ota_file_to_buf(nullptr, buffer, 1), -1);
     EXPECT_EQ(ota_buf_to_file(&file, nullptr, 1), -1);
     EXPECT_EQ(log(), Lines(2, "error file info is null"));
+}
+
+TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
+    char out[128] = "", gone[] = "/gone", name[] = "name";
+    const char* const no = nullptr;
+    uint64_t size = 0;
+    const std::tuple<std::function<int64_t()>, int64_t, std::string> rows[] = {
+        {[] { return get_all_ab_partitions(nullptr); }, -1, "error abparts is null"},
+        {[] { return emmc_gpt_entry_read(nullptr); }, -1, "error gpt_entries is null"},
+        {[&] { return convert_partname(nullptr, out), out[0]; }, 0, ""},
+        {[&] { return is_xxx_file(no, "zip"); }, -1, "error file name is invalid"},
+        {[&] { return is_xxx_file("zip", no); }, -1, "error cmp_name is null"},
+        {[&] { return ota_check_file(no, "zip"); }, -1, ""},
+        {[&] { return ota_check_file(gone, "zip"); }, -1, "error ota upgrde file:/gone not exist!"},
+        {[&] { return unzip_ota_file(gone, no, &size); }, -1, "error unzip_dir is null"},
+        {[&] { return unzip_ota_file(gone, "/tmp/x", nullptr); }, -1, "error img_size is null"},
+        {[&] { return unzip_ota_file(gone, "", &size); }, -1, "error make ota unzip file dir error!"},
+        {[&] { return get_ota_process(no, out, 1); }, -6, "error zip_path is null"},
+        {[&] { return get_ota_process(gone, nullptr, 1); }, -6, "error process_path is null"},
+        {[&] { return get_ota_process(";;", out, 1); }, -6, ""},
+        {[] { return static_cast<int64_t>(get_free_space(nullptr)); }, -1, "error path is NULL!"},
+        {[&] { return static_cast<int64_t>(get_free_space(gone)); }, -1, "error Stat from /gone failed!"},
+        {[&] { return get_file_size(no); }, -1, "error file ptr is empty"},
+        {[&] { return get_file_size(gone); }, -1, ""},
+        {[] { return ota_get_file_name(nullptr) == nullptr; }, 1, "error file_path is null"},
+        {[&] { return ota_get_file_name(gone) == gone + 1; }, 1, ""},
+        {[&] { return ota_get_file_name(name) == nullptr; }, 1, ""},
+        {[] { return get_file_lock(nullptr); }, -1, "error lock_file is null"},
+        {[&] { return parse_version_info(no, out); }, -1, "error in_version is null"},
+        {[&] { return parse_version_info(gone, nullptr); }, -1, "error out_version is null"},
+        {[&] { return compare_sys_versions(no, "V1"); }, 0, "error v1 is null"},
+        {[&] { return compare_sys_versions("V1", no); }, 0, "error v2 is null"},
+        {[] { return ota_set_part_array(nullptr); }, -1, "error ota status value is NULL"},
+        {[] { return ota_get_anti_ver_veeprom(nullptr); }, -1, "error get antirollback version from veeprom failed"},
+        {[&] { return vx_uncompress(no, "/tmp"); }, -1, "error destnation or source file is null"},
+        {[] { return makedir(nullptr); }, -1, "error newdir is null"},
+        {[&] { return vx_zip_has_file(no, out); }, -1, "error error:no zip file"},
+        {[&] { return vx_zip_has_file(gone, nullptr); }, -1, "error file_name is null"},
+        {[&] { return vx_zip_has_file(gone, out); }, -1, "error open /gone failed"},
+        {[&] { return vx_get_zip_size(no, &size); }, -1, "error no zip file"},
+        {[&] { return vx_get_zip_size(gone, nullptr); }, -1, "error img_size is null"},
+        {[&] { return vx_get_zip_size(gone, &size); }, -1, "error open /gone failed"},
+        {[&] { return vx_all_image_size(no); }, -1, "error no zip file"},
+        {[&] { return vx_all_image_size(gone); }, -1, "error Open dir error..."},
+        {[&] { return vx_get_max_zip_size(no); }, -1, "error no zip file"},
+        {[&] { return vx_get_max_zip_size(gone); }, -1, "error change dir:/gone failed "},
+    };
+    for (const auto& [call, result, line] : rows) {
+        EXPECT_EQ(call(), result) << &call - &std::get<0>(rows[0]);
+        const Lines lines = log();
+        EXPECT_EQ(lines.empty() ? "" : lines.back(), line);
+    }
+    std::filesystem::create_directory("/tmp/left");
+    std::filesystem::current_path("/tmp/left");
+    std::filesystem::remove("/tmp/left");
+    EXPECT_EQ(vx_uncompress(gone, "/tmp") + vx_uncompress_one(gone, "/tmp", name) + vx_get_max_zip_size("/tmp"), -3);
+    EXPECT_EQ(log(), Lines(3, "error get current directory absolute path error!"));
+    std::filesystem::current_path("/");
 }
 
 TEST_F(Utils, a_log_line_goes_to_its_stream_and_to_the_system_log) {

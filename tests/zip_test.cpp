@@ -66,7 +66,8 @@ std::string package_of(const std::string& words) {
             compress(packed, &length, bytes, data.size());
             data.assign(packed + 2, packed + length - 4); /* the bare deflate stream */
         }
-        const std::string extra = has('6') ? le(1, 2) + le(8, 2) + le(size, 8) : "";
+        const std::string foreign = le(0x5455, 2) + le(5, 2) + "dates"; /* stands in front of it */
+        const std::string extra = has('6') ? foreign + le(1, 2) + le(8, 2) + le(size, 8) : "";
         const std::string sums = le(crc, 4) + le(data.size(), 4) + le(has('6') ? UINT32_MAX : size, 4);
         const uint64_t method = has('m') ? 99 : has('z') ? 8 : 0;
         const std::string head = le(has('s') ? 8 : 0, 2) + le(method, 2) + le(0x58B169C8, 4); /* 2024-05-17 13:14:16 */
@@ -245,6 +246,7 @@ TEST_F(Zip, a_broken_entry_is_never_a_success) {
     check("less64~z6@604*10000+-9000", bad_sum, "1000", "0 1000");
     check("more~z@604*10000+1", bad_read, "10000", "-103 10000");
     check("more64~6@604*10000+1", bad_read, "10000", "-103 10000");
+    check("full~@604*10000+4294957295", bad_read, "10000", "-103 10000"); /* all ones, and no zip64 field */
     check("method~m", "error -103 with zipfile in unzOpenCurrentFilePassword", "", "-103 0");
     check("huge~z6+5368709120", "entry huge of 5368709121 bytes is too large to be read", "", "-1 0");
     check("cut~z+1>target", "error reading link target of cut", "", "-103 6");
@@ -279,6 +281,8 @@ TEST_F(Zip, one_entry_is_taken_and_a_failure_stays_in_the_destination) {
     EXPECT_EQ(take("dest", "broken", dest, "error extract file failed"), -1);
     EXPECT_EQ(take("/proc/none", "a/b", box, "error change dir failed "), -1);
     EXPECT_EQ(take(nullptr, "a/b", box, "error dest is null"), -1);
+    EXPECT_EQ(vx_uncompress("p.zip", "/proc/none"), -1);
+    EXPECT_EQ(log().back(), "error change dir failed ");
     EXPECT_EQ(unpack("p"), -1);
     EXPECT_EQ(log(), strings{"error Cannot open p or p.zip"});
 }
@@ -309,6 +313,15 @@ TEST_F(Zip, packages_are_searched_and_sized) {
     EXPECT_EQ(fs::current_path(), box);
     EXPECT_EQ(vx_get_zip_size("b.zip", &images), -1);
     EXPECT_EQ(log(), strings{"error sizes in b.zip overflow"});
+    put("a.img~6+9223372036854775800", "b.zip"); /* too much only together with the other package */
+    EXPECT_EQ(vx_all_image_size(box.c_str()), -1);
+    EXPECT_EQ(log().back(), "error sizes in " + box + " overflow");
+    std::string more = package_of("a=1 b=22");
+    more[more.size() - 14] = more[more.size() - 12] = 3; /* entries that it claims to have */
+    write_file(box + "/b.zip", more);
+    EXPECT_EQ(std::pair(vx_get_zip_size("b.zip", &images), vx_zip_has_file("b.zip", names[4])), std::pair(3L, 0));
+    EXPECT_EQ(unpack(box + "/b.zip"), -1);
+    EXPECT_EQ(log().back(), "error error -103 with zipfile in unzGoToNextFile");
 }
 
 TEST_F(Zip, entries_on_both_sides_of_2_and_4_GiB) {
