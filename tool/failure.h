@@ -14,8 +14,8 @@
  */
 class Failure : public std::runtime_error {
 public:
-    Failure(ExitCode failure_code, const std::string& sentence, std::string what_to_do = {})
-        : std::runtime_error(sentence), code(failure_code), hint(std::move(what_to_do)) {
+    Failure(ExitCode failure_code, const std::string& sentence, std::string what_to_do = {}, std::string state_now = {})
+        : std::runtime_error(sentence), code(failure_code), hint(std::move(what_to_do)), state(std::move(state_now)) {
     }
 
     ExitCode code;

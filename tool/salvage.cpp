@@ -27,10 +27,8 @@ struct Volume {
 };
 
 [[noreturn]] void fail(const Volume& volume, int32_t lnum, const char* what) {
-    Failure failure(ExitCode::device,
-                    format("cannot %s LEB %d of %s", what, lnum, volume.path.c_str()) + because(errno));
-    failure.state = "what stands in " + volume.path + " is unknown";
-    throw failure;
+    throw Failure(ExitCode::device, format("cannot %s LEB %d of %s", what, lnum, volume.path.c_str()) + because(errno),
+                  "", "what stands in " + volume.path + " is unknown");
 }
 
 bool is_readable(const Volume& volume, int32_t lnum, std::vector<uint8_t>& leb) {

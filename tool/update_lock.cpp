@@ -80,9 +80,8 @@ UpdateLock::UpdateLock(std::string file, const std::string& holder) : file_(std:
         if (console::logged_cause().find("already locked") == std::string::npos) {
             throw Failure(ExitCode::failed, "cannot use the lock file " + file_ + because(error));
         }
-        Failure busy(ExitCode::failed, "another update is running: " + describe_holder(file_));
-        busy.state = "this update has not begun";
-        throw busy;
+        throw Failure(ExitCode::failed, "another update is running: " + describe_holder(file_), "",
+                      "this update has not begun");
     }
     write_holder(file_, format("process %d (%s)\n", getpid(), holder.c_str()));
 }
