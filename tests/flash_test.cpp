@@ -268,6 +268,21 @@ TEST_F(Flash, ranges_at_the_end) {
     }
 }
 
+TEST_F(Flash, an_image_goes_to_flash_in_chunks_of_its_own) {
+    static std::vector<int32_t> chunks;
+    constexpr size_t large = 131072;
+    make_device("mtd", {3}, 2048, 32 * large, large);
+    const bytes image = random_bytes(size_t{3} << 20, 4);
+    write_file("/dev/image", {reinterpret_cast<const char*>(image.data()), image.size()});
+    ota_file_info_t from = file_info("/dev/image"), to = file_info(path_, 0, OTA_NAND);
+    from.size = image.size();
+    EXPECT_EQ(ota_file_to_file(&from, &to, [](int32_t count) { chunks.push_back(count); }), 0);
+    EXPECT_EQ(chunks, (std::vector<int32_t>{2099200, 1046528}));
+    before_.resize(medium_.size());
+    put_logical(before_, image, 0, {3}, large);
+    EXPECT_TRUE(holds(before_));
+}
+
 /* The size of an MTD device is told in 32 bits, so it ends below 4 GiB; a volume may be larger. */
 TEST_F(Flash, places_on_both_sides_of_2_and_4_GiB) {
     constexpr size_t mib = 1 << 20, gib_2 = size_t{1} << 31, gib_4 = size_t{1} << 32, most = gib_4 - mib;

@@ -103,6 +103,7 @@ TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
     char out[128] = "", gone[] = "/gone", name[] = "name";
     const char* const no = nullptr;
     uint64_t size = 0;
+    std::filesystem::current_path("/");
     const std::tuple<std::function<int64_t()>, int64_t, std::string> rows[] = {
         {[] { return get_all_ab_partitions(nullptr); }, -1, "error abparts is null"},
         {[] { return emmc_gpt_entry_read(nullptr); }, -1, "error gpt_entries is null"},
@@ -132,6 +133,7 @@ TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
         {[] { return ota_set_part_array(nullptr); }, -1, "error ota status value is NULL"},
         {[] { return ota_get_anti_ver_veeprom(nullptr); }, -1, "error get antirollback version from veeprom failed"},
         {[&] { return vx_uncompress(no, "/tmp"); }, -1, "error destnation or source file is null"},
+        {[&] { return vx_uncompress_one(gone, "/tmp", name); }, -1, "error Cannot open /gone or /gone.zip"},
         {[] { return makedir(nullptr); }, -1, "error newdir is null"},
         {[&] { return vx_zip_has_file(no, out); }, -1, "error error:no zip file"},
         {[&] { return vx_zip_has_file(gone, nullptr); }, -1, "error file_name is null"},
@@ -143,6 +145,9 @@ TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
         {[&] { return vx_all_image_size(gone); }, -1, "error Open dir error..."},
         {[&] { return vx_get_max_zip_size(no); }, -1, "error no zip file"},
         {[&] { return vx_get_max_zip_size(gone); }, -1, "error change dir:/gone failed "},
+        {[] { return vx_get_max_zip_size("proc"); }, -1, "error Open dir error..."}, /* from there it is none */
+        {[] { return ota_get_update_slot(); }, -1, "error error:slot conf not in cmdline."},
+        {[] { return ota_get_slot_num(); }, -1, "error get boot ctrl info failed!"},
     };
     for (const auto& [call, result, line] : rows) {
         EXPECT_EQ(call(), result) << &call - &std::get<0>(rows[0]);

@@ -377,6 +377,8 @@ TEST_F(Zip, staging_needs_more_room_than_the_need) {
         EXPECT_EQ(log().front(), "info ota file dir free space:" + size + ", unzip need space:2048!");
         EXPECT_EQ(tree(dest), size == "2048" ? "" : "f644 a.img *1024;");
         EXPECT_EQ(images, 2049);
+        EXPECT_EQ(unzip_ota_file(put("a~6+9223372036854775806", "b.zip").c_str(), dest.c_str(), &images), -1);
+        EXPECT_TRUE(log().back().ends_with("is not enough for file unzip need space:9223372036854775807!"));
         umount("/userdata");
     }
     mount("tmpfs", "/userdata", "tmpfs", 0, "size=8k"); /* full before the tail of the file */
