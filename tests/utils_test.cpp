@@ -125,7 +125,7 @@ TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
         {[] { return ota_get_file_name(nullptr) == nullptr; }, 1, "error file_path is null"},
         {[&] { return ota_get_file_name(gone) == gone + 1; }, 1, ""},
         {[&] { return ota_get_file_name(name) == nullptr; }, 1, ""},
-        {[] { return get_file_lock(nullptr); }, -1, "error lock_file is null"},
+        {[] { return get_file_lock(nullptr); }, -1, "error open file (null) failed."},
         {[&] { return parse_version_info(no, out); }, -1, "error in_version is null"},
         {[&] { return parse_version_info(gone, nullptr); }, -1, "error out_version is null"},
         {[&] { return compare_sys_versions(no, "V1"); }, 0, "error v1 is null"},
