@@ -16,13 +16,14 @@ SANITIZE = [f"-fsanitize={names}" for names in [os.environ.get("SANITIZE")] if n
 BOARD = TOP / "simulator" / "board"
 PAPERS = [TOP / "README.md", TOP / "CONTRIBUTING.md", *sorted((TOP / "docs").glob("*.md"))]
 PAGES = sorted((TOP / "docs" / "man").glob("*.scd"))
-INLINE = r"`((?:(?:tessera|simulator/board|openssl|ldd|df|cmake) |script/\w)[^`]*)`"
+INLINE = r"`((?:(?:tessera|simulator/board|openssl|ldd|df|cmake|cpack) |script/\w)[^`]*)`"
 
 NOT_RUN = {
     "script/test": "runs this test",
     "script/fuzz": "a stage of script/test",
     "script/cross": "builds everything once more, for another processor",
     "script/picture": "runs the demo; the picture is compared with it below",
+    "cpack --config build/release/CPackConfig.cmake": "the test packages",
     "script/demo": "the test demo_emmc",
     "script/demo --medium nand": "the test demo_nand",
 }
