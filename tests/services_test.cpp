@@ -132,6 +132,7 @@ TEST_F(Services, stretches_around_the_chunks) {
     EXPECT_EQ(of_file(file.c_str()), stretch(0, size));
     EXPECT_EQ(of_file("/no/such") + of_part("/no/such", 0, 1) + of_device("/no/such", 0), "-1-1-1");
     EXPECT_EQ(of_device("/dev", -5) + of_device("/dev/zero", -5), "-1-1") << "neither tells a size";
+    EXPECT_EQ(MD5File(file.c_str(), nullptr) + MD5DevPart(nullptr, 0, 1, nullptr) + MD5Dev(nullptr, nullptr, 0), -3);
     EXPECT_EQ(log(true), Lines());
 }
 

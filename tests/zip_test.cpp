@@ -39,7 +39,8 @@ std::string le(uint64_t value, size_t bytes) {
 /**
  * A package in words, one an entry: a name, then what it is, in any order: "=data" ("x" is the default),
  * "*bytes" of x, ">target" for a link, "@mode", "+bytes" that are claimed and not there, and "~traits" with
- * z: deflated, s: sizes behind the data, 6: size in a zip64 field, c: wrong checksum, m: unknown method.
+ * z: deflated, s: sizes behind the data, 6: size in a zip64 field, c: wrong checksum, m: unknown method,
+ * b: a field that ends behind the extra fields.
  */
 std::string package_of(const std::string& words) {
     std::string all, central;
@@ -67,7 +68,9 @@ std::string package_of(const std::string& words) {
             data.assign(packed + 2, packed + length - 4); /* the bare deflate stream */
         }
         const std::string foreign = le(0x5455, 2) + le(5, 2) + "dates"; /* stands in front of it */
-        const std::string extra = has('6') ? foreign + le(1, 2) + le(8, 2) + le(size, 8) : "";
+        const std::string extra = has('6')   ? foreign + le(1, 2) + le(8, 2) + le(size, 8)
+                                  : has('b') ? le(0x5455, 2) + le(99, 2)
+                                             : "";
         const std::string sums = le(crc, 4) + le(data.size(), 4) + le(has('6') ? UINT32_MAX : size, 4);
         const uint64_t method = has('m') ? 99 : has('z') ? 8 : 0;
         const std::string head = le(has('s') ? 8 : 0, 2) + le(method, 2) + le(0x58B169C8, 4); /* 2024-05-17 13:14:16 */
@@ -247,6 +250,7 @@ TEST_F(Zip, a_broken_entry_is_never_a_success) {
     check("more~z@604*10000+1", bad_read, "10000", "-103 10000");
     check("more64~6@604*10000+1", bad_read, "10000", "-103 10000");
     check("full~@604*10000+4294957295", bad_read, "10000", "-103 10000"); /* all ones, and no zip64 field */
+    check("bent~b@604*10000+4294957295", bad_read, "10000", "-103 10000");
     check("method~m", "error -103 with zipfile in unzOpenCurrentFilePassword", "", "-103 0");
     check("huge~z6+5368709120", "entry huge of 5368709121 bytes is too large to be read", "", "-1 0");
     check("cut~z+1>target", "error reading link target of cut", "", "-103 6");
