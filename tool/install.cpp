@@ -138,8 +138,8 @@ Digests read_back(const Device& device, const Target& target, Progress& progress
             begun += piece.bytes.size();
         }
         piece.reading.get();
-        Piece& next = pieces[(i + 1) % 2];
         if (begun < target.size) {
+            Piece& next = pieces[(i + 1) % 2];
             next.begin(device, begun, target.size);
             begun += next.bytes.size();
         }
