@@ -10,6 +10,7 @@ import os
 import pathlib
 import re
 import shlex
+import signal
 import struct
 import subprocess
 import time
@@ -228,7 +229,7 @@ def rauc_service(directory, certificate, under=()):
         '<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN" '
         '"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd"><busconfig><type>system</type>'
         f'<listen>unix:path={directory}/bus</listen><policy context="default"><allow send_destination="*"/>'
-        '<allow own="*"/></policy></busconfig>\n')
+        '<allow receive_sender="*"/><allow own="*"/></policy></busconfig>\n')
     address = f"DBUS_SYSTEM_BUS_ADDRESS=unix:path={directory}/bus"
     quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
     bus = subprocess.Popen(["dbus-daemon", f"--config-file={directory}/bus.conf", "--nofork"], **quiet)
@@ -241,9 +242,15 @@ def rauc_service(directory, certificate, under=()):
         yield client, service
     finally:
         for process in (service, bus):
-            process.terminate()
+            os.kill(last_child(process.pid) if under and process is service else process.pid, signal.SIGTERM)
             process.wait()
         (directory / "bus").unlink(missing_ok=True)
+
+
+def last_child(pid):
+    """What a tracer traces: the tracer itself puts SIGTERM off until that has ended."""
+    children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
+    return last_child(int(children[-1])) if children else pid
 
 
 def wait_for(condition):
