@@ -75,15 +75,11 @@ Package::Package(const std::string& path)
     list_entries();
 }
 
-Package::~Package() {
-    unzClose(zip_);
-}
-
 void Package::list_entries() {
     unz_global_info64 info;
-    bool is_sound = unzGetGlobalInfo64(zip_, &info) == UNZ_OK;
+    bool is_sound = unzGetGlobalInfo64(zip_.get(), &info) == UNZ_OK;
     for (ZPOS64_T i = 0; is_sound && i < info.number_entry; ++i) {
-        is_sound = (i == 0 ? unzGoToFirstFile(zip_) : unzGoToNextFile(zip_)) == UNZ_OK;
+        is_sound = (i == 0 ? unzGoToFirstFile(zip_.get()) : unzGoToNextFile(zip_.get())) == UNZ_OK;
         if (is_sound) {
             entries_.push_back(current_entry());
         }
@@ -96,14 +92,14 @@ void Package::list_entries() {
 Entry Package::current_entry() const {
     unz_file_info64 info;
     Entry entry{};
-    if (unzGetCurrentFileInfo64(zip_, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK) {
+    if (unzGetCurrentFileInfo64(zip_.get(), &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK) {
         throw Failure(ExitCode::refused, "the directory of the package is damaged");
     }
     std::vector<uint8_t> extra(info.size_file_extra);
     entry.name.resize(info.size_filename);
-    (void)unzGetCurrentFileInfo64(zip_, &info, entry.name.data(), entry.name.size(), extra.data(), extra.size(),
+    (void)unzGetCurrentFileInfo64(zip_.get(), &info, entry.name.data(), entry.name.size(), extra.data(), extra.size(),
                                   nullptr, 0);
-    (void)unzGetFilePos64(zip_, &entry.position);
+    (void)unzGetFilePos64(zip_.get(), &entry.position);
     entry.kind = kind_of(entry.name.c_str(), static_cast<uint32_t>(info.external_fa)); /* up to a NUL, as the library */
     entry.size = info.uncompressed_size == size_in_zip64 ? zip64_size(extra) : info.uncompressed_size;
     entry.in_zip64 = info.uncompressed_size == size_in_zip64;
@@ -132,7 +128,7 @@ const Entry& Package::at(std::string_view name) const {
 
 bool Package::read(const Entry& entry, const std::function<bool(std::span<const uint8_t>)>& take) const {
     unz64_file_pos position = entry.position;
-    if (unzGoToFilePos64(zip_, &position) != UNZ_OK || unzOpenCurrentFile(zip_) != UNZ_OK) {
+    if (unzGoToFilePos64(zip_.get(), &position) != UNZ_OK || unzOpenCurrentFile(zip_.get()) != UNZ_OK) {
         throw damaged(entry.name + " cannot be unpacked");
     }
     std::vector<uint8_t> piece(std::min<uint64_t>(piece_size, std::max<uint64_t>(1, entry.size)));
@@ -140,20 +136,20 @@ bool Package::read(const Entry& entry, const std::function<bool(std::span<const 
     uLong sum = 0;
     while (done < entry.size) {
         const auto wanted = static_cast<unsigned>(std::min<uint64_t>(piece.size(), entry.size - done));
-        const int got = unzReadCurrentFile(zip_, piece.data(), wanted);
+        const int got = unzReadCurrentFile(zip_.get(), piece.data(), wanted);
         if (got <= 0) {
-            unzCloseCurrentFile(zip_);
+            unzCloseCurrentFile(zip_.get());
             throw damaged(entry.name + (got < 0 ? " cannot be unpacked" : " is cut short"));
         }
         done += static_cast<uint64_t>(got);
         sum = entry.in_zip64 ? crc32(sum, piece.data(), static_cast<unsigned>(got)) : sum;
         if (!take(std::span(piece).first(static_cast<size_t>(got)))) {
-            unzCloseCurrentFile(zip_);
+            unzCloseCurrentFile(zip_.get());
             return false;
         }
     }
     /* minizip does not judge the checksum of an entry whose size stands in a zip64 field. */
-    if (unzCloseCurrentFile(zip_) == UNZ_CRCERROR || (entry.in_zip64 && sum != entry.crc)) {
+    if (unzCloseCurrentFile(zip_.get()) == UNZ_CRCERROR || (entry.in_zip64 && sum != entry.crc)) {
         throw damaged(entry.name + " has a wrong checksum");
     }
     return true;

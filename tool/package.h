@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <minizip/unzip.h>
 #include <span>
 #include <string>
@@ -36,7 +37,6 @@ public:
     explicit Package(const std::string& path);
     Package(const Package&) = delete;
     Package& operator=(const Package&) = delete;
-    ~Package();
 
     /** The path that leads to the open file, for the library. */
     [[nodiscard]] const std::string& path() const {
@@ -55,12 +55,17 @@ public:
     [[nodiscard]] std::string text(std::string_view name, size_t limit) const;
 
 private:
+    struct Closer {
+        void operator()(unzFile zip) const {
+            unzClose(zip);
+        }
+    };
     void list_entries();
     [[nodiscard]] Entry current_entry() const;
 
     Descriptor fd_;
     std::string path_;
-    unzFile zip_ = nullptr;
+    std::unique_ptr<void, Closer> zip_;
     std::vector<Entry> entries_;
 };
 
