@@ -92,13 +92,16 @@ void Package::list_entries() {
 Entry Package::current_entry() const {
     unz_file_info64 info;
     Entry entry{};
-    if (unzGetCurrentFileInfo64(zip_.get(), &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK) {
+    int result = unzGetCurrentFileInfo64(zip_.get(), &info, nullptr, 0, nullptr, 0, nullptr, 0);
+    std::vector<uint8_t> extra(result == UNZ_OK ? info.size_file_extra : 0);
+    if (result == UNZ_OK) { /* asked for more, it looks at more, and may find that damaged */
+        entry.name.resize(info.size_filename);
+        result = unzGetCurrentFileInfo64(zip_.get(), &info, entry.name.data(), entry.name.size(), extra.data(),
+                                         extra.size(), nullptr, 0);
+    }
+    if (result != UNZ_OK) {
         throw Failure(ExitCode::refused, "the directory of the package is damaged");
     }
-    std::vector<uint8_t> extra(info.size_file_extra);
-    entry.name.resize(info.size_filename);
-    (void)unzGetCurrentFileInfo64(zip_.get(), &info, entry.name.data(), entry.name.size(), extra.data(), extra.size(),
-                                  nullptr, 0);
     (void)unzGetFilePos64(zip_.get(), &entry.position);
     entry.kind = kind_of(entry.name.c_str(), static_cast<uint32_t>(info.external_fa)); /* up to a NUL, as the library */
     entry.size = info.uncompressed_size == size_in_zip64 ? zip64_size(extra) : info.uncompressed_size;
