@@ -43,10 +43,13 @@ uint64_t little_endian(std::span<const uint8_t> bytes) {
 uint64_t zip64_size(std::span<const uint8_t> extra) {
     while (extra.size() >= 4) {
         const size_t length = little_endian(extra.subspan(2, 2));
-        if (little_endian(extra.first(2)) == zip64_field && length >= 8 && extra.size() >= 12) {
+        if (length > extra.size() - 4) {
+            break; /* a field that ends behind all of them counts for nothing, as in the library */
+        }
+        if (little_endian(extra.first(2)) == zip64_field && length >= 8) {
             return little_endian(extra.subspan(4, 8));
         }
-        extra = extra.subspan(std::min(extra.size(), 4 + length));
+        extra = extra.subspan(4 + length);
     }
     return size_in_zip64;
 }
