@@ -20,7 +20,7 @@ void open();
 /** Lets the library's log lines through to stderr, from now on. */
 void be_verbose();
 
-/** From now on every line on stderr is one JSON object. */
+/** From now on every line on stderr is one JSON object, but for a progress bar that was asked for. */
 void speak_json();
 bool speaks_json();
 

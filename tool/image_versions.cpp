@@ -58,6 +58,17 @@ std::string without_path(std::string sentence, const std::string& path, const st
     return sentence;
 }
 
+std::string unpack(const Package& package, const Image& image, const ScratchDirectory& scratch) {
+    require(ExitCode::refused, "cannot unpack " + image.file,
+            [&] { return vx_uncompress_one(package.path().c_str(), scratch.path().c_str(), image.file.c_str()); });
+    return scratch.path() + "/" + image.file;
+}
+
+void remove_unpacked(const std::string& path) {
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored);
+}
+
 ImageVersion read_one(const Package& package, const Image& image, FirmwareKind kind, const ScratchDirectory& scratch) {
     ImageVersion result{image.name, kind, std::nullopt, {}};
     if (kind == FirmwareKind::vbmeta && image.medium != OTA_EMMC) {
@@ -66,14 +77,11 @@ ImageVersion read_one(const Package& package, const Image& image, FirmwareKind k
     }
     const std::string unpacked = scratch.path() + "/" + image.file;
     try {
-        require(ExitCode::refused, "cannot unpack " + image.file,
-                [&] { return vx_uncompress_one(package.path().c_str(), scratch.path().c_str(), image.file.c_str()); });
-        result.version = read_image_version(kind, unpacked);
+        result.version = read_image_version(kind, unpack(package, image, scratch));
     } catch (const Failure& failure) {
         result.problem = without_path(failure.what(), unpacked, image.file);
     }
-    std::error_code ignored;
-    std::filesystem::remove(unpacked, ignored);
+    remove_unpacked(unpacked);
     return result;
 }
 
@@ -143,9 +151,13 @@ std::vector<ImageVersion> read_image_versions(const Package& package, const Desc
     demand_room(package, description, scratch);
     std::vector<ImageVersion> versions;
     for (const Image& image : description.images) {
-        const auto kind = firmware_kind(image.name);
-        if (image.has_version && kind) {
+        if (!image.has_version) {
+            continue;
+        }
+        if (const auto kind = firmware_kind(image.name)) {
             versions.push_back(read_one(package, image, *kind, scratch));
+        } else { /* adds no version, but the library unpacks it too */
+            remove_unpacked(unpack(package, image, scratch));
         }
     }
     return versions;

@@ -114,14 +114,18 @@ void write_image(const Target& target, const Package& package, Progress& progres
 
 /* ---- reading back ---- */
 
-/** A piece of a device that is being read. Its destructor waits for the reading to end. */
+/**
+ * A piece of a device that is being read, in a thread of its own where the system lets it have one. Its
+ * destructor waits for the reading to end.
+ */
 struct Piece {
     std::vector<uint8_t> bytes;
     std::future<void> reading;
 
     void begin(const Device& device, uint64_t offset, uint64_t end) {
         bytes.resize(std::min<uint64_t>(read_back_size, end - offset));
-        reading = std::async(std::launch::async, [&device, offset, this] { device.read(offset, bytes); });
+        reading = std::async(std::launch::async | std::launch::deferred,
+                             [&device, offset, this] { device.read(offset, bytes); });
     }
 };
 
@@ -256,5 +260,7 @@ void carry_out(const Plan& plan, const Package& package, Progress& progress) {
     } catch (Failure& failure) {
         failure.state = state_of_board(plan);
         throw;
+    } catch (const std::exception& error) {
+        throw Failure(ExitCode::failed, error.what(), "", state_of_board(plan));
     }
 }

@@ -76,12 +76,12 @@ void write_holder(const std::string& file, const std::string& words) {
 UpdateLock::UpdateLock(std::string file, const std::string& holder) : file_(std::move(file)) {
     console::forget_errors();
     if (get_file_lock(file_.data()) != 0) {
-        const int error = errno;
         if (console::logged_cause().find("already locked") == std::string::npos) {
-            throw Failure(ExitCode::failed, "cannot use the lock file " + file_ + because(error));
+            const Descriptor again(open(file_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0766)); /* for its reason */
+            throw Failure(ExitCode::failed, "cannot use the lock file " + file_ + because(errno));
         }
         throw Failure(ExitCode::failed, "another update is running: " + describe_holder(file_), "",
-                      "this update has not begun");
+                      "this command has not begun");
     }
     write_holder(file_, format("process %d (%s)\n", getpid(), holder.c_str()));
 }

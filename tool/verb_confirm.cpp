@@ -9,18 +9,18 @@ namespace {
  * Where the checksum is wrong nothing in the block is known, and marking a slot good that is marked already
  * would write nothing. Making the running slot the next one seals the block, with that slot in front.
  */
-SlotBlock sealed_block(int32_t running) {
-    SlotBlock block = read_slot_block();
-    if (!block.checksum_is_right) {
+bool seal_block(int32_t running) {
+    const bool was_sealed = read_slot_block().checksum_is_right;
+    if (!was_sealed) {
         set_next_slot(running);
-        block = read_slot_block();
     }
-    return block;
+    return !was_sealed;
 }
 
 void confirm(const Context& context) {
     const int32_t running = running_slot();
-    const SlotBlock block = sealed_block(running);
+    const bool changed = seal_block(running);
+    const SlotBlock block = read_slot_block();
     const Slot* slot = block.find(running);
     if (slot == nullptr) {
         throw Failure(ExitCode::failed, "slot " + slot_letter(running) + " runs, and the slot block does not have it");
@@ -29,10 +29,11 @@ void confirm(const Context& context) {
         throw Failure(ExitCode::failed, slot->name() + " runs, and the slot block says that it is corrupted",
                       "tessera slots set-next " + slot_letter(running) + " takes that back");
     }
-    const bool was_confirmed = slot->is_confirmed();
-    if (!was_confirmed) {
+    const bool was_marked = slot->is_confirmed();
+    if (!was_marked) {
         mark_slot_good(running);
     }
+    const bool was_confirmed = was_marked && !changed;
     context.show({{"slot", running}, {"changed", !was_confirmed}},
                  slot->name() + (was_confirmed ? " was confirmed already" : " is confirmed"));
 }

@@ -124,22 +124,19 @@ std::string plan_text(const Outcome& outcome) {
     return text + (outcome.needed ? "nothing was touched" : "nothing would have to be done");
 }
 
-/** A run that lost its power may have left records that nobody can write any more. */
-void mend_records(const Options& options) {
+/** A run that lost its power may have left records that nobody can write any more. @return whether it did */
+bool mend_records(const Options& options) {
+    bool mended = false;
     for (const char* name : {"misc", "ubootenv"}) {
         if (salvage(partition_path(name))) {
+            mended = true;
             remark(options, std::string(name) + " could not be read after a power cut; what was left of it was kept");
         }
     }
+    return mended;
 }
 
-/** Judges everything, in the order in which it can be believed. */
-Plan judge(const Package& package, const Options& options, Progress& progress) {
-    Plan plan = begin_plan(package, options);
-    remark_on(plan, options);
-    if (!options.dry_run) {
-        mend_records(options);
-    }
+void judge_board(Plan& plan, const Package& package, const Options& options, Progress& progress) {
     add_targets(plan, package);
     announce(plan, options, progress);
     if (!options.force) {
@@ -152,6 +149,21 @@ Plan judge(const Package& package, const Options& options, Progress& progress) {
     judge_versions(package, plan.description);
     if (!options.dry_run) {
         verify_versions(package, plan.description);
+    }
+}
+
+/** Judges everything, in the order in which it can be believed. */
+Plan judge(const Package& package, const Options& options, Progress& progress) {
+    Plan plan = begin_plan(package, options);
+    remark_on(plan, options);
+    const bool mended = !options.dry_run && mend_records(options);
+    try {
+        judge_board(plan, package, options, progress);
+    } catch (Failure& failure) {
+        if (mended && failure.state.empty()) {
+            failure.state = "no image was written; records that could not be read were mended";
+        }
+        throw;
     }
     return plan;
 }

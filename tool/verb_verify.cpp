@@ -75,9 +75,11 @@ void verify(const Context& context, const Options& options) {
         }
         stop_if_interrupted();
         verify_versions(package, description);
-    } catch (const Failure&) {
-        value["passes"] = false;
-        context.show(value, table);
+    } catch (const Failure& failure) {
+        if (failure.code == ExitCode::refused) {
+            value["passes"] = false;
+            context.show(value, table);
+        }
         throw;
     }
     context.show(value, table + "the package " + description.version +

@@ -165,7 +165,7 @@ int32_t bootctrl_get_info(bootloader_control* boot_ctrl) {
 
 /** How each public operation but the reset begins. */
 bool fetch_block(bootloader_control* boot_ctrl) {
-    *boot_ctrl = {};
+    std::memset(boot_ctrl, 0, sizeof *boot_ctrl); /* bits of no field too */
     if (bootctrl_get_info(boot_ctrl) != 0) {
         ota_log_error("get boot ctrl info failed!\n");
         return false;
@@ -259,7 +259,8 @@ int32_t ab_control_default(bootloader_control* abc) {
 }
 
 int32_t bootctrl_set_default() {
-    bootloader_control bt{};
+    bootloader_control bt;
+    std::memset(&bt, 0, sizeof bt);
     if (ab_control_default(&bt) != 0) {
         ota_log_error("bootloader control set default failed\n");
         return -1;

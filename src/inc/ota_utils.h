@@ -87,7 +87,7 @@ typedef struct update_info_s {
 
 /**
  * Anti-rollback versions with their update flags; 16 bytes, stored as they stand, little-endian. The two
- * bytes behind the flags are no field; they are stored as 0, inside the CRC.
+ * bytes behind the flags are no field; ota_set_anti_ver_veeprom() stores them as 0, inside the CRC.
  */
 typedef struct antirollback_ver_s {
     uint8_t sec_up_flag;   /**< 1: the secure counter is to be raised to sec_ver */
