@@ -8,14 +8,13 @@ import os
 import pathlib
 import re
 import socket
-import subprocess
 import sys
 import tempfile
 import unittest
 import zipfile
 
-TOP = pathlib.Path(__file__).resolve().parents[2]
-BUILD = pathlib.Path(os.environ["TESSERA_BUILD"])
+from library_test import BUILD, CMAKE_PROJECT, EXAMPLE, TOP, run
+
 MACHINE = BUILD / "packages-root"
 sys.path.insert(0, str(TOP / "simulator"))
 
@@ -26,12 +25,6 @@ MEANT = (  # what lintian would rather not see
     "package-name-doesnt-match-sonames", "shared-library-lacks-version",  # the board's libraries have these names
     "maintscript-calls-ldconfig",  # cpack's own scripts do, beside the trigger
 )
-CMAKE_PROJECT = """cmake_minimum_required(VERSION 3.25)
-project(example LANGUAGES C)
-find_package(tessera 1.0 REQUIRED)
-add_executable(example example.c)
-target_link_libraries(example PRIVATE tessera::tessera)
-"""
 BUILD_BOTH = """set -e
 gcc -std=gnu11 -Wall -Wextra -Werror example.c $(pkg-config --cflags --libs tessera) -o by-pkg-config
 CC=gcc cmake -G 'Unix Makefiles' -S . -B build >/dev/null
@@ -44,13 +37,6 @@ COMP_WORDS=(tessera sl) COMP_CWORD=1
 _tessera
 echo "${COMPREPLY[*]}"
 """
-
-
-def run(*command, **options):
-    result = subprocess.run(command, capture_output=True, text=True, check=False, **options)
-    if result.returncode != 0:
-        raise AssertionError(f"{command[0]} ... {command[-1]}: {result.stdout}{result.stderr}")
-    return result.stdout
 
 
 def dpkg(*words):
@@ -94,10 +80,9 @@ class PackagesTest(unittest.TestCase):
         run(TOP / "script" / "sysroot", MACHINE, self.field("tessera", "Architecture"), *files, *others)
         dpkg("--install", *files)
         self.addCleanup(dpkg, "--purge", *NAMES)
-        example = re.search(r"```c\n(.*?)```", (TOP / "README.md").read_text(), re.DOTALL)[1]
         work = self.place / "work"
         work.mkdir()
-        (work / "example.c").write_text(example)
+        (work / "example.c").write_text(EXAMPLE)
         (work / "CMakeLists.txt").write_text(CMAKE_PROJECT)
         image = os.urandom(300_000)
         with zipfile.ZipFile(work / "update.zip", "w", zipfile.ZIP_DEFLATED) as package:
