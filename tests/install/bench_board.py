@@ -60,6 +60,23 @@ class BoardCase(unittest.TestCase):
         bad = ["--bad", "2,4"] if medium == "nand" else []  # behind the records, which are read at a fixed place
         self.simulate("new", "--medium", medium, "--size-system", system_size, *bad)
 
+    def pack(self, name, contents, medium, *version):
+        """@return the path of a package of images, as a word of a command line"""
+        return str(write_package(self.packages / name, describe(contents, medium, *version), contents))
+
+    def expect(self, words, status, told=""):
+        """Runs the command, a line or a list of words. @return what it gave"""
+        result = self.tessera(*(words.split() if isinstance(words, str) else words))
+        self.assertEqual(result.returncode, status, (words, result.stdout, result.stderr))
+        self.assertIn(told, result.stdout + result.stderr)
+        return result
+
+    def changes_nothing(self, *words):
+        """Runs the command, and fails when it changes a device. @return what it gave"""
+        result, operations = self.journal(*words)
+        self.assertEqual([op for op in operations if op[1] in MUTATIONS], [])
+        return result
+
     def simulate(self, verb, *words, env=None):
         result = subprocess.run([SIMULATOR / "board", verb, self.dir, *words], capture_output=True, text=True,
                                 check=False, env={**os.environ, **(env or {})}, timeout=120)

@@ -1,44 +1,38 @@
 """`tessera install` and what surrounds it, end to end on the simulated board."""
 
 import json
+import struct
 import subprocess
 import zipfile
 
 import bench_board
-from bench_board import MUTATIONS, BoardCase, describe, images, slots, write_package
+from bench_board import BoardCase, describe, images, slots, write_package
 
 
 class InstallTest(BoardCase):
-    def install(self, package, *words):
-        return self.journal("install", f"{self.packages}/{package}", *words)
-
     def test_a_good_update_and_its_way_back(self):
         for medium in bench_board.MEDIA:
             with self.subTest(medium=medium):
                 self.setUp()
                 self.new(medium)
                 first, second = images(1), images(2)
-                write_package(self.packages / "1.zip", describe(first, medium), first)
-                write_package(self.packages / "2.zip", describe(second, medium, "V3.0.0"), second)
-                result, _ = self.install("1.zip")
-                self.assertEqual(result.returncode, 0, result.stderr)
+                one, two = self.pack("1.zip", first, medium), self.pack("2.zip", second, medium, "V3.0.0")
+                self.expect(["install", one], 0)
                 self.assertTrue(self.holds(first, 1))
-                again, operations = self.install("1.zip")
+                again, operations = self.journal("install", one)
                 self.assertEqual(again.returncode, 0, again.stderr)
                 images_written = [op for op in operations if op[1] in ("pwrite", "MEMERASE64", "UBI_IOCEBER")
                                   and not op[0].endswith(("0p1", "0p2", "mtd0", "mtd1", "ubi0_0", "ubi0_1"))]
                 self.assertEqual(images_written, [])
-                self.assertEqual(self.tessera("rollback").returncode, 1)  # slot b is only on trial
-                self.assertEqual(self.install("1.zip")[0].returncode, 0)
+                self.expect("rollback", 1)  # slot b is only on trial
+                self.expect(["install", one], 0)
                 self.simulate("reboot")
                 self.assertEqual(self.board().running_slot(), 1)
-                for _ in range(2):
-                    self.assertEqual(self.tessera("confirm").returncode, 0)
-                self.assertEqual(self.tessera("rollback").returncode, 0)
+                for line in ("confirm", "confirm", "rollback"):
+                    self.expect(line, 0)
                 self.assertEqual(self.board().slot_block().best(), 0)
-                self.assertEqual(self.tessera("slots", "set-next", "b").returncode, 0)
-                result, _ = self.install("2.zip")
-                self.assertEqual(result.returncode, 0, result.stderr)
+                for line in ("slots set-next b", f"install {two}"):
+                    self.expect(line, 0)
                 self.assertTrue(self.holds(first, 1) and self.holds(second, 0))
                 self.simulate("reboot", "--fail")  # slot a spends its one try: back to the confirmed one
                 self.assertEqual(self.board().running_slot(), 1)
@@ -87,39 +81,37 @@ class InstallTest(BoardCase):
         for number, (description, contents, extra, words) in enumerate(cases):
             with self.subTest(number=number, words=words):
                 write_package(self.packages / "p.zip", description, contents, extra)
-                result, operations = self.install("p.zip", "--json")
+                result = self.changes_nothing("install", f"{self.packages}/p.zip", "--json")
                 self.assertIn(result.returncode, (1, 3), result.stderr)
                 error = json.loads(result.stderr.splitlines()[-1])["error"]
                 self.assertIn(words, error["message"])
                 self.assertIn("nothing was written", error["state"])
-                self.assertEqual([op for op in operations if op[1] in MUTATIONS], [])
-        write_package(self.packages / "old.zip", describe(good, "emmc", "V0.9"), good)
-        result, operations = self.install("old.zip", "--allow-downgrade", "--dry-run")
+        words = ["install", self.pack("old.zip", good, "emmc", "V0.9"), "--allow-downgrade"]
+        result, operations = self.journal(*words, "--dry-run")
         self.assertEqual((result.returncode, [op for op in operations if op[1] == "pwrite"]), (0, []))
-        self.assertEqual(self.install("old.zip", "--allow-downgrade")[0].returncode, 0)
+        self.expect(words, 0)
 
     def test_a_damaged_package_is_never_installed_as_good(self):
         self.new("emmc")
         good = images(3, boot=3000, system=9000)
-        path = write_package(self.packages / "good.zip", describe(good, "emmc"), good)
-        whole = path.read_bytes()
+        self.pack("good.zip", good, "emmc")
+        whole = (self.packages / "good.zip").read_bytes()
         for at in range(0, len(whole), len(whole) // 24):
             with self.subTest(at=at):
                 damaged = bytearray(whole)
                 damaged[at] ^= 0x41
                 (self.packages / "bad.zip").write_bytes(damaged)
-                result, _ = self.install("bad.zip", "--force")
+                result = self.tessera("install", f"{self.packages}/bad.zip", "--force")
                 if self.board().slot_block().best() == 1:
                     self.assertTrue(result.returncode == 0 and self.holds(good, 1), result.stderr)
-                    self.assertEqual(self.tessera("slots", "set-next", "a").returncode, 0)
+                    self.expect("slots set-next a", 0)
                 else:
                     self.assertNotEqual(result.returncode, 0)
 
     def test_two_installs_at_once(self):
         self.new("emmc")
         good = images(1)
-        write_package(self.packages / "p.zip", describe(good, "emmc"), good)
-        install = f"tessera install -q {self.packages}/p.zip"
+        install = f"tessera install -q {self.pack('p.zip', good, 'emmc')}"
         result = self.run_on_board("sh", "-c", f"""TESSERA_FLASH_FAULT='raise pwrite 5 19' {install} & first=$!
             until grep -q '^State:.T' /proc/$first/status; do sleep 0.02; done
             {install}; echo second $?
@@ -134,15 +126,15 @@ class InstallTest(BoardCase):
         for medium in ("emmc", "nand"):
             self.setUp()
             self.new(medium, "24M")
-            write_package(self.packages / "p.zip", describe(good, medium), good)
+            package = self.pack("p.zip", good, medium)
             self.keep_copy()
-            _, operations = self.install("p.zip")
+            _, operations = self.journal("install", package)
             writes = [op for op in operations if op[1] == "pwrite"]
             images_begin = next(at for at, op in enumerate(writes, 1) if op[0].endswith(("10", "11")))
             for number in (images_begin, images_begin + 1, len(writes) // 2, len(writes) - 4):
                 with self.subTest(medium=medium, number=number):
                     self.back_to_copy()
-                    result, operations = self.journal("install", f"{self.packages}/p.zip", "--json",
+                    result, operations = self.journal("install", package, "--json",
                                                       env={"TESSERA_FLASH_FAULT": f"raise pwrite {number} 2"})
                     self.assertEqual(result.returncode, 130, result.stderr)
                     error = json.loads(result.stderr.splitlines()[-1])["error"]
@@ -151,15 +143,14 @@ class InstallTest(BoardCase):
                         sum(int(op[2].split("+")[1]) for op in writes[:number])
                     self.assertLessEqual(further, 10 << 20)  # no more than what was in hand
                     self.assertEqual(self.board().slot_block().best(), 0)
-                    self.assertIn("has not ended", self.tessera("status").stdout)
-                    self.assertEqual(self.install("p.zip")[0].returncode, 0)
+                    self.expect("status", 0, "has not ended")
+                    self.expect(["install", package], 0)
                     self.assertTrue(self.holds(good, 1) and self.board().slot_block().best() == 1)
 
     def test_every_line_is_json_and_the_share_tells_the_truth(self):
         self.new("nand")
         good, words = images(1), ["--progress", "json", "-v"]
-        write_package(self.packages / "p.zip", describe(good, "nand"), good)
-        write_package(self.packages / "wrong.zip", describe(good, "nand", ""), good)
+        self.pack("p.zip", good, "nand"), self.pack("wrong.zip", good, "nand", "")
         cases = [  # package, further words, fault, status
             ("p.zip", [], "", 0), ("p.zip", ["--force"], "", 0), ("p.zip", ["--force"], "fail MEMERASE64 7", 4),
             ("p.zip", ["--force"], "give pread 20 0", 4), ("p.zip", ["--dry-run"], "", 0), ("wrong.zip", [], "", 3),
@@ -203,14 +194,11 @@ class InstallTest(BoardCase):
         (here / "draft.json").write_text(json.dumps(draft))
         for signer in ("good", "wrong", "expired", None):
             words = ["--sign", f"{here}/{signer}.key", "--cert", f"{here}/{signer}.crt"] if signer else []
-            self.run_on_board("mkdir", "-p", "/userdata/out")
-            result = self.tessera("pack", f"{here}/draft.json", str(here), "-o", "/userdata/out/p.zip", *words)
-            self.assertEqual(result.returncode, 0, result.stderr)
-            result, operations = self.journal("install", "/userdata/out/p.zip", "--trust", f"{here}/ours.pem")
+            self.expect(["pack", f"{here}/draft.json", str(here), "-o", "/userdata/p.zip", *words], 0)
             with self.subTest(signer=signer):
+                run = self.tessera if signer == "good" else self.changes_nothing
+                result = run("install", "/userdata/p.zip", "--trust", f"{here}/ours.pem")
                 self.assertEqual(result.returncode, 0 if signer == "good" else 3, result.stderr)
-                if signer != "good":
-                    self.assertEqual([op for op in operations if op[1] in MUTATIONS], [])
 
     def test_a_device_that_fails(self):
         good = images(1)
@@ -220,15 +208,17 @@ class InstallTest(BoardCase):
             with self.subTest(medium=medium, rule=rule):
                 self.setUp()
                 self.new(medium)
-                write_package(self.packages / "p.zip", describe(good, medium), good)
-                result = self.tessera("install", f"{self.packages}/p.zip", env={"TESSERA_FLASH_FAULT": rule})
+                package = self.pack("p.zip", good, medium)
+                result = self.tessera("install", package, env={"TESSERA_FLASH_FAULT": rule})
                 self.assertEqual(result.returncode, 4, result.stderr)
                 self.assertEqual(self.board().slot_block().best(), 0)
                 self.assertIn("slot a", result.stderr)
-                self.assertEqual(self.tessera("install", f"{self.packages}/p.zip").returncode, 0)
+                self.expect(["install", package], 0)
 
     def test_bad_input_of_every_verb(self):
         self.new("emmc")
+        long = self.packages / "long"
+        long.write_text("x" * 120 + "_V1.2.34\n")
         cases = [  # command line, status, word in the message
             ("nonsense", 2, "nonsense"), ("--colour", 2, "colour"), ("", 2, "subcommand"),
             ("install", 2, "PACKAGE"), ("install /no.zip", 3, "/no.zip"), ("install /etc/passwd", 3, "zip"),
@@ -250,15 +240,15 @@ class InstallTest(BoardCase):
             ("versions /etc/passwd --kind toast", 2, "toast"), ("efuse burn --yes", 1, "record"),
             ("flashcmd ../misc_write_cmd", 1, ".."), ("flashcmd no_such", 1, "no_such"),
             ("flashcmd misc_write_cmd --data /no", 1, "/no"), ("flashcmd a --offset 1", 2, "data"),
+            ("compare /dev/null /dev/zero", 4, "tells no size"), (f"version show {long}", 1, "long"),
+            ("verify /none.zip --lock /userdata", 1, "cannot use the lock file"),
         ]
         for line, status, word in cases:
             with self.subTest(line=line):
-                result, operations = self.journal(*line.split(), "--json")
-                self.assertEqual(result.returncode, status, result.stderr)
+                result = self.changes_nothing(*line.split(), "--json")
                 error = json.loads(result.stderr)["error"]
-                self.assertEqual(error["code"], status)
+                self.assertEqual((result.returncode, error["code"]), (status, status), result.stderr)
                 self.assertIn(word, error["message"])
-                self.assertEqual([op for op in operations if op[1] in MUTATIONS], [])
         for line in ("install", "install /no.zip", "slots set-next 9"):
             self.assertRegex(self.tessera(*line.split()).stderr, "^tessera: [^\n]+\n")
 
@@ -272,8 +262,7 @@ class InstallTest(BoardCase):
             (trial, good, True, ["trial", "confirmed"], ""),
         ]
         self.new("emmc")
-        contents = images(1)
-        write_package(self.packages / "p.zip", describe(contents, "emmc"), contents)
+        package = self.pack("p.zip", images(1), "emmc")
         for running, other, sealed, states, reason in cases:
             with self.subTest(states=states):
                 block = self.board().slot_block()
@@ -284,19 +273,15 @@ class InstallTest(BoardCase):
                     with open(self.dir / "partitions" / "misc", "r+b") as misc:
                         misc.seek(slots.OFFSET + slots.SIZE - 1)
                         misc.write(b"!")
-                    self.assertIn("checksum", self.install("p.zip")[0].stderr)
+                    self.assertIn("checksum", self.tessera("install", package).stderr)
                 shown = json.loads(self.tessera("slots", "--json").stdout)["slots"]
                 self.assertEqual([slot["state"] for slot in shown[:2]], states)
-                result, operations = self.journal("rollback")
+                result = (self.changes_nothing if reason else self.tessera)("rollback")
                 self.assertEqual(result.returncode, 1 if reason else 0, result.stderr)
                 self.assertIn(reason, result.stderr)
-                if reason:
-                    self.assertEqual([op for op in operations if op[1] in MUTATIONS], [])
-                self.assertEqual(self.tessera("confirm").returncode, 0)
+                self.expect("confirm", 0)
                 self.assertTrue(self.board().slot_block().slots[0].marked)
-                again, operations = self.journal("confirm")
-                self.assertIn("already", again.stdout)
-                self.assertEqual([op for op in operations if op[1] in MUTATIONS], [])
+                self.assertIn("already", self.changes_nothing("confirm").stdout)
 
     def test_a_full_file_system(self):
         self.new("emmc")
@@ -321,6 +306,61 @@ class InstallTest(BoardCase):
                 result = self.run_on_board(*small, "sh", "-c", f"{line}; echo $?; find /run -type f -o -name 'tess*'")
                 self.assertEqual(result.stdout.split(), [str(status)], result.stderr)
                 self.assertRegex(result.stderr, "^tessera: .*(/run|[Nn]o space)")
+
+    def test_packages(self):
+        self.new("emmc")
+        here = self.packages
+        (here / "text").write_bytes(b"x" * 400)
+        subprocess.run(["zip", "-q", "-0", "-fz", "wide.zip", "text"], check=True, cwd=here)
+        whole = (here / "wide.zip").read_bytes()
+        (here / "flipped.zip").write_bytes(whole.replace(b"xxxx", b"xxyx", 1))
+        with zipfile.ZipFile(here / "two.zip", "w") as package:
+            for name in "ab":
+                package.writestr(name, name)
+        (here / "cut.zip").write_bytes((here / "two.zip").read_bytes()[:-16])
+        with zipfile.ZipFile(here / "huge.zip", "w") as package:
+            package.writestr("a", "")
+        huge = (here / "huge.zip").read_bytes()
+        at = huge.index(b"PK\1\2")  # the size of its one entry moves into a zip64 field
+        entry = bytearray(huge[at:at + 47])
+        entry[24:28], entry[30:32] = b"\xff" * 4, struct.pack("<H", 12)
+        entry += struct.pack("<HHQ", 1, 8, 2**63 - 10)
+        end = struct.pack("<4s4H2LH", b"PK\5\6", 0, 0, 1, 1, len(entry), at, 0)
+        (here / "huge.zip").write_bytes(huge[:at] + entry + end)
+        for words, status, told in (
+            (["check", "wide.zip"], 0, "all 1 entries are whole"), (["check", "flipped.zip"], 1, "wrong checksum"),
+            (["unpack", "flipped.zip", "/tmp/u"], 3, "error -105"), (["unpack", "cut.zip", "/tmp/u"], 3, "no entries"),
+            (["list", "huge.zip"], 0, "needs 9007199254743039 KiB"), (["unpack", "huge.zip", "/tmp/u"], 1, "has"),
+        ):
+            self.expect(["package", words[0], f"{here}/{words[1]}", *words[2:]], status, told)
+
+    def test_a_version_file_without_its_line_end(self):
+        self.new("emmc")
+        (self.packages / "cr").write_text("b_V1.2.3\r\n")
+        self.expect(f"version show {self.packages}/cr --json", 0, '"version": "V1.2.3"')
+        self.expect("version compare V1.2_V3 V1.4_V1", 0, "V1.2_V3 is older than V1.4_V1")
+        package = self.pack("p.zip", images(1), "emmc", "V1.2.2")
+        self.expect(f"install {package} --version-file {self.packages}/cr", 3, "older")
+
+    def test_the_dry_run_and_verify_judge_as_the_installation_does(self):
+        self.new("nand")
+        contents = dict.fromkeys(("vbmeta", "uboot"), b"AVB0".ljust(112, b"\0") + struct.pack(">Q", 5))
+        description = describe(contents, "nand")
+        for part in description["partitions"]:
+            part["anti_rollback"] = True
+        path = write_package(self.packages / "p.zip", description, contents)
+        for line in (f"install {path} --dry-run", f"install {path}", f"verify {path}"):
+            told = self.expect(line, 3, "on eMMC only")
+        self.assertIn("unknown", told.stdout)  # the versions, beside the refusal
+
+    def test_a_flash_command_is_kept(self):
+        self.new("emmc")
+        record = struct.pack("<3LL", 0x46434D44, 0, 0, 4096).ljust(2272, b"\1")
+        (self.dir / "velox" / "share" / "ota" / "misc_write_cmd").write_bytes(record)
+        self.expect("flashcmd misc_write_cmd", 0, "is written")
+        with open(self.board().backing(self.board().device("flashcmd")), "r+b") as node:
+            node.truncate(3072)
+        self.expect("flashcmd misc_write_cmd", 4, "did not keep the command")
 
 
 bench_board.main()

@@ -12,7 +12,7 @@ import signal
 import sys
 
 import bench_board
-from bench_board import MUTATIONS, BoardCase, describe, images, write_package
+from bench_board import MUTATIONS, BoardCase, images
 
 MEDIUM, *ASKED = sys.argv[1:]
 sys.argv[1:] = []
@@ -25,12 +25,11 @@ class PowerCutTest(BoardCase):
     def setUp(self):
         super().setUp()
         self.old, self.new_images = images(1, vbmeta=70_000, uboot=150_000), images(2, vbmeta=70_000, uboot=300_000)
-        self.package = str(write_package(self.packages / "p.zip", describe(self.new_images, MEDIUM), self.new_images))
+        self.package = self.pack("p.zip", self.new_images, MEDIUM)
         self.new(MEDIUM)
-        first = write_package(self.packages / "first.zip", describe(self.old, MEDIUM, "V1.5.0"), self.old)
-        self.assertEqual(self.tessera("install", str(first)).returncode, 0)
+        self.expect(["install", self.pack("first.zip", self.old, MEDIUM, "V1.5.0")], 0)
         self.simulate("reboot")
-        self.assertEqual(self.tessera("slots", "mark-good", "b").returncode, 0)
+        self.expect("slots mark-good b", 0)
         self.keep_copy()
 
     def scripts(self):
@@ -70,11 +69,10 @@ class PowerCutTest(BoardCase):
         seen["status tells"] += "has not ended" in status or "was switching" in status
         if "no update is under way" in status:
             self.assertTrue(self.slot_is_whole(0) and self.slot_is_whole(1))
-        again = self.tessera("install", self.package)
-        self.assertEqual(again.returncode, 0, again.stderr)
+        again = self.expect(["install", self.package], 0)
         seen["records mended"] += "could not be read after a power cut" in again.stderr
         if is_new:
-            self.assertEqual(self.tessera("confirm").returncode, 0)
+            self.expect("confirm", 0)
         self.simulate("reboot")
         self.assertTrue(self.holds(self.new_images, self.board().running_slot()))
         seen["installed again"] += 1
