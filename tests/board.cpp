@@ -229,6 +229,15 @@ std::vector<LogLine> Board::raw_log() {
     return std::exchange(log_lines, {});
 }
 
+void Board::told(int64_t result, int64_t wanted, const Lines& lines, int at) {
+    EXPECT_EQ(std::pair(result, log()), std::pair(wanted, lines)) << "line " << at;
+}
+
+void Board::ended(int64_t result, int64_t wanted, const std::string& line, int at) {
+    const Lines lines = log();
+    EXPECT_EQ(std::pair(result, lines.empty() ? "" : lines.back()), std::pair(wanted, line)) << "line " << at;
+}
+
 size_t Board::open_descriptors() {
     const fs::directory_iterator all("/proc/self/fd");
     return static_cast<size_t>(std::distance(begin(all), end(all))) - 1; // less the iterator's own

@@ -59,6 +59,10 @@ protected:
     static Lines log(bool with_debug = false);
     static std::vector<LogLine> raw_log(); /**< takes the same lines as the system log got them */
 
+    /** Fails unless a call gave `wanted` and has logged these lines, or as the last one that line. */
+    static void told(int64_t result, int64_t wanted, const Lines& lines, int at = __builtin_LINE());
+    static void ended(int64_t result, int64_t wanted, const std::string& line, int at = __builtin_LINE());
+
     static size_t open_descriptors();
     static Efuses& efuses();
 

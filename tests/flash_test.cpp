@@ -107,30 +107,6 @@ void fill(bytes& data, size_t offset, size_t count, uint8_t byte) {
     std::ranges::fill(std::span(data).subspan(offset, count), byte);
 }
 
-TEST_F(Flash, a_write_asks_reads_erases_and_writes_in_order) {
-    const std::tuple<std::string, const char*> rows[] = {
-        {"mtd", "MEMGETINFO = 0, MEMGETBADBLOCK 0 = 0, MEMGETBADBLOCK 4096 = 1, MEMGETBADBLOCK 8192 = 0, "
-                "MEMGETBADBLOCK 12288 = 0, MEMGETINFO = 0, pread 12288+4096 = 4096, MEMERASE64 12288+4096 = 0, "
-                "MEMGETBADBLOCK 16384 = 1, "
-                "MEMGETBADBLOCK 20480 = 0, MEMGETINFO = 0, pread 20480+4096 = 4096, MEMERASE64 20480+4096 = 0, "
-                "MEMGETBADBLOCK 12288 = 0, pwrite 12288+4096 = 4096, MEMGETBADBLOCK 16384 = 1, "
-                "MEMGETBADBLOCK 20480 = 0, pwrite 20480+4096 = 4096, "},
-        {"ubi", "UBI_IOCVOLINFO = 0, UBI_IOCVOLINFO = 0, pread 8192+4096 = 4096, UBI_IOCEBER 2 = 0, "
-                "UBI_IOCVOLINFO = 0, pread 12288+4096 = 4096, UBI_IOCEBER 3 = 0, UBI_IOCSETVOLPROP = 0, "
-                "pwrite 8192+4096 = 4096, pwrite 12288+4096 = 4096, "},
-    };
-    for (const auto& [kind, expected] : rows) {
-        make_device(kind, kind == "mtd" ? std::set<size_t>{1, 4} : std::set<size_t>{});
-        ASSERT_EQ(write_device(bytes(6000, 7), 2 * block + 100), 6000);
-        std::string steps;
-        std::istringstream journal(flash_sim_journal());
-        for (std::string line; std::getline(journal, line);) {
-            steps += line.substr(line.find(' ') + 1) + ", ";
-        }
-        EXPECT_EQ(steps, expected);
-    }
-}
-
 /** Every operation of a write over three blocks fails in turn, or gives what is no success. */
 TEST_F(Flash, a_fault_at_every_position_leaves_what_is_promised) {
     for (const std::string kind : {"mtd", "ubi"}) {
@@ -167,14 +143,6 @@ TEST_F(Flash, a_fault_at_every_position_leaves_what_is_promised) {
             }
         }
     }
-}
-
-TEST_F(Flash, a_failed_erase_ends_with_the_write_back_of_the_blocks_before) {
-    make_device("mtd");
-    ASSERT_EQ(flash_sim_fault("fail MEMERASE64 3"), 0);
-    EXPECT_EQ(write_device(bytes(4 * block), 0), -1);
-    EXPECT_EQ(operations().back().kind, "pwrite");
-    EXPECT_EQ(operations().back().position, block);
 }
 
 TEST_F(Flash, a_failed_write_back_keeps_the_first_result) {

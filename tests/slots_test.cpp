@@ -107,14 +107,13 @@ TEST_F(Slots, an_update_goes_to_the_slot_that_can_be_spared) {
     char untouched[128] = "";
     log();
     set_cmdline("veloxboot.medium=MMC veloxboot.slot_suffix=_c");
-    EXPECT_EQ(get_part_device_name("system", untouched, untouched, AB), -1);
-    EXPECT_EQ(log(), (Lines{"error Invalid boot slot 2", "error get slot:2 boot success state error!",
-                            "error Invalid boot slot 3", "error get slot:3 boot success state error!",
-                            "error get update slot error"}));
+    told(get_part_device_name("system", untouched, untouched, AB), -1,
+         {"error Invalid boot slot 2", "error get slot:2 boot success state error!", "error Invalid boot slot 3",
+          "error get slot:3 boot success state error!", "error get update slot error"});
     write_partition("misc", 2048 + 9, "\4");
-    EXPECT_EQ(get_part_device_name("system", untouched, untouched, AB), -1);
-    EXPECT_EQ(log(), (Lines{"info get slot:2 boot success state is:0", "info get slot:3 boot success state is:0",
-                            "info this update slot is:3!", "error get update slot error"}));
+    told(get_part_device_name("system", untouched, untouched, AB), -1,
+         {"info get slot:2 boot success state is:0", "info get slot:3 boot success state is:0",
+          "info this update slot is:3!", "error get update slot error"});
     EXPECT_STREQ(untouched, "");
 }
 
@@ -136,16 +135,15 @@ TEST_F(Slots, each_failure_is_told_from_the_bottom_up_and_changes_nothing) {
         unlink(misc_.c_str());
         EXPECT_EQ(call(1), -1);
         add_partition("misc", 4096);
-        EXPECT_EQ(call(1), -1);
-        EXPECT_EQ(log(), (Lines{"error open file: " + misc_ + " failed", "error misc data read failed, ret -1",
-                                "error get boot ctrl info failed!", "error check bootctrl valid failed! ret 32",
-                                "error get boot ctrl info failed!"}));
+        told(call(1), -1,
+             {"error open file: " + misc_ + " failed", "error misc data read failed, ret -1",
+              "error get boot ctrl info failed!", "error check bootctrl valid failed! ret 32",
+              "error get boot ctrl info failed!"});
         reset(0);
         if (failed.starts_with("set")) {
             chmod(misc_.c_str(), 0444);
-            EXPECT_EQ(call(1), -1);
-            EXPECT_EQ(log(), (Lines{unwritten, "error misc data write failed, ret -1", "error Boot ctrl save failed",
-                                    "error " + failed}));
+            told(call(1), -1,
+                 {unwritten, "error misc data write failed, ret -1", "error Boot ctrl save failed", "error " + failed});
             chmod(misc_.c_str(), 0644);
         }
         EXPECT_GE(call(1), 0);
@@ -162,13 +160,12 @@ TEST_F(Slots, each_failure_is_told_from_the_bottom_up_and_changes_nothing) {
     for (const auto& [slots, line] :
          {std::pair("\0"s, "info curslot read from misc is: -1"), {"\5"s, "error Invalid nb_slot 5, max 4"}}) {
         write_partition("misc", 2048 + 9, slots);
-        EXPECT_EQ(ota_get_next_expected_slot(), -1);
-        EXPECT_EQ(log(), (Lines{line, "error get next expected slot error!"}));
+        told(ota_get_next_expected_slot(), -1, {line, "error get next expected slot error!"});
     }
     chmod(misc_.c_str(), 0444);
-    EXPECT_EQ(reset(0), -1);
-    EXPECT_EQ(log(), (Lines{unwritten, "error misc data write failed, ret -1", "error bootctrl_write failed",
-                            "error set default slot info failed, ret -1"}));
+    told(reset(0), -1,
+         {unwritten, "error misc data write failed, ret -1", "error bootctrl_write failed",
+          "error set default slot info failed, ret -1"});
 }
 
 } // namespace

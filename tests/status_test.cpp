@@ -89,8 +89,7 @@ TEST_F(Status, an_erased_region_and_the_defaults) {
         EXPECT_EQ(slot, suffix == 'a' ? 0U : 1U);
         EXPECT_EQ(read_partition("ubootenv").substr(status_at + 1320, 32), std::string(32, fill));
         log();
-        EXPECT_EQ(ota_set_veeprom_flag_default(), 0);
-        EXPECT_EQ(log(), Lines{"info veeprom flag set default"});
+        told(ota_set_veeprom_flag_default(), 0, {"info veeprom flag set default"});
         EXPECT_EQ(read_partition("ubootenv").substr(status_at + 1320, 36), std::string(32, '\0') + crc);
         EXPECT_EQ(read_partition("ubootenv").substr(anti_at, 16), std::string(12, '\0') + "\x6f\xc6\xd5\x7b");
         EXPECT_EQ(ota_get_anti_ver_veeprom(&ver), 0);
@@ -149,44 +148,41 @@ TEST_F(Status, each_failure_is_told_from_the_bottom_up) {
     uint32_t word = 5;
 
     unlink(path_.c_str());
-    EXPECT_EQ(ota_get_anti_ver_veeprom(&ver), -1);
-    EXPECT_EQ(log(),
-              (Lines{"error open file: " + path_ + " failed", "error veeprom flag  read failed, ret -1",
-                     "error veeprom flag read failed, ret -1", "error get antirollback version from veeprom failed"}));
+    told(ota_get_anti_ver_veeprom(&ver), -1,
+         {"error open file: " + path_ + " failed", "error veeprom flag  read failed, ret -1",
+          "error veeprom flag read failed, ret -1", "error get antirollback version from veeprom failed"});
     link_partition("ubootenv", "/dev/full"); // reads as zeros
-    EXPECT_EQ(ota_get_owner(&owner), -1);
-    EXPECT_EQ(log(), (Lines{invalid[0], invalid[1], "error file " + path_ + " write failed", unwritten, no_status,
-                            "error get ota status failed"}));
+    told(ota_get_owner(&owner), -1,
+         {invalid[0], invalid[1], "error file " + path_ + " write failed", unwritten, no_status,
+          "error get ota status failed"});
     add_partition("ubootenv", env_);
     set_cmdline("veloxboot.medium=MMC");
-    EXPECT_EQ(ota_get_owner(&owner), -1);
-    EXPECT_EQ(log(), (Lines{invalid[0], invalid[1], "error error:slot conf not in cmdline.",
-                            "error Get current slot failed", "error get ota status failed"}));
+    told(ota_get_owner(&owner), -1,
+         {invalid[0], invalid[1], "error error:slot conf not in cmdline.", "error Get current slot failed",
+          "error get ota status failed"});
     EXPECT_TRUE(read_partition("ubootenv") == env_);
 
     set_cmdline("veloxboot.medium=MMC veloxboot.slot_suffix=_b");
     limit_file_size(anti_at); // the second record cannot be written, the first one is
-    EXPECT_EQ(ota_set_veeprom_flag_default(), -1);
-    EXPECT_EQ(log(), (Lines{"error file " + path_ + " write failed", unwritten, unwritten, no_anti,
-                            "error set antirollback version default failed"}));
+    told(ota_set_veeprom_flag_default(), -1,
+         {"error file " + path_ + " write failed", unwritten, unwritten, no_anti,
+          "error set antirollback version default failed"});
     chmod(path_.c_str(), 0444);
-    EXPECT_EQ(ota_set_veeprom_flag_default(), -1);
-    EXPECT_EQ(log(), (Lines{no_open, unwritten, no_status, "error set ota status default failed"}));
-    EXPECT_EQ(ota_set_owner(OTA_SERVICE), -1);
-    EXPECT_EQ(log(), (Lines{"info veeprom crc, oricrc[3c97d3d3], newcrc[3c97d3d3], offset[1352]",
-                            "info veeprom: flag [6], value [2]", no_open, unwritten, no_status}));
+    told(ota_set_veeprom_flag_default(), -1, {no_open, unwritten, no_status, "error set ota status default failed"});
+    told(ota_set_owner(OTA_SERVICE), -1,
+         {"info veeprom crc, oricrc[3c97d3d3], newcrc[3c97d3d3], offset[1352]", "info veeprom: flag [6], value [2]",
+          no_open, unwritten, no_status});
     EXPECT_EQ(g_ota_owner, OTA_SERVICE); // told before the write that failed
 
     for (const int selector : {9, 10, 12, -1}) {
         EXPECT_EQ(ota_set_veeprom_flag(ota_veeprom_type_e(selector), &word), -1);
-        EXPECT_EQ(ota_get_veeprom_flag(ota_veeprom_type_e(selector), &word), -1);
-        EXPECT_EQ(log(), (Lines{"error invalid veeprom flag", unwritten, "error invalid veeprom flag",
-                                "error veeprom flag read failed, ret -1"}));
+        told(ota_get_veeprom_flag(ota_veeprom_type_e(selector), &word), -1,
+             {"error invalid veeprom flag", unwritten, "error invalid veeprom flag",
+              "error veeprom flag read failed, ret -1"});
     }
     EXPECT_EQ(ota_set_veeprom_flag(OTA_VEEPROM_SPLIT, nullptr), -1);
     EXPECT_EQ(ota_get_part_array(nullptr), -1);
-    EXPECT_EQ(ota_set_anti_ver_veeprom(nullptr), -1);
-    EXPECT_EQ(log(), (Lines{"error veeprom flag value is NULL", "error ota status value is NULL"}));
+    told(ota_set_anti_ver_veeprom(nullptr), -1, {"error veeprom flag value is NULL", "error ota status value is NULL"});
     EXPECT_TRUE(read_partition("ubootenv") == env_.replace(status_at, sizeof(ota_status_t), bytes_of(new_record())));
     EXPECT_EQ(owner, OTA_N_OWNER);
     EXPECT_EQ(word, 5U);

@@ -58,23 +58,21 @@ TEST_F(Stream, a_failed_chunk_ends_the_copy_behind_the_last_whole_one) {
     const std::string none = by_name + "none", to = add_partition("to", 1);
     ota_file_info_t source = file_info(none), dest = file_info(none);
     source.size = 11 * mib;
-    EXPECT_EQ(ota_file_to_file(&source, &dest, nullptr), -1);
-    EXPECT_EQ(log(), (Lines{"error open file: " + none + " failed", "error read " + none + " image error"}));
+    told(ota_file_to_file(&source, &dest, nullptr), -1,
+         {"error open file: " + none + " failed", "error read " + none + " image error"});
     add_partition("none", 11 * mib, 'n');
     dest = file_info("/dev/full", 5);
-    EXPECT_EQ(ota_file_to_file(&source, &dest, nullptr), -1);
-    EXPECT_EQ(log(), (Lines{"error file /dev/full write failed", "error write /dev/full image, len 10485760 error"}));
+    told(ota_file_to_file(&source, &dest, nullptr), -1,
+         {"error file /dev/full write failed", "error write /dev/full image, len 10485760 error"});
     EXPECT_EQ(source.offset, 0U);
     EXPECT_EQ(dest.offset, 5U);
     dest = file_info(to);
     limit_file_size(10 * mib + 5); // the second write is short
-    EXPECT_EQ(ota_file_to_file(&source, &dest, nullptr), -1);
-    EXPECT_EQ(log(), Lines{"error write " + to + " image, len 1048576 error"});
+    told(ota_file_to_file(&source, &dest, nullptr), -1, {"error write " + to + " image, len 1048576 error"});
     EXPECT_EQ(source.offset, 10 * mib);
     EXPECT_EQ(dest.offset, 10 * mib);
     EXPECT_EQ(ota_file_to_file(nullptr, &dest, nullptr), -1);
-    EXPECT_EQ(ota_file_to_file(&source, nullptr, nullptr), -1);
-    EXPECT_EQ(log(), Lines(2, "error file info is null"));
+    told(ota_file_to_file(&source, nullptr, nullptr), -1, Lines(2, "error file info is null"));
 }
 
 /* On a file that is a hole up to there. */
@@ -151,19 +149,18 @@ TEST_F(Stream, an_entry_that_cannot_be_had_is_named) {
     ota_file_info_t dest = file_info(to);
     for (const auto& row : rows) {
         write_file(package, row.package);
-        EXPECT_EQ(vx_uncompress_file_to(package.c_str(), row.entry.c_str(), &dest, nullptr), row.result);
-        EXPECT_EQ(log(), Lines{row.line});
+        told(vx_uncompress_file_to(package.c_str(), row.entry.c_str(), &dest, nullptr), row.result, {row.line});
     }
     EXPECT_EQ(dest.offset, 0U);
     dest = file_info("/dev/full", 5);
     write_file(package, sound);
-    EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "image", &dest, nullptr), -1);
-    EXPECT_EQ(log(), (Lines{"error file /dev/full write failed", "error error in writing extracted file 1048576"}));
+    told(vx_uncompress_file_to(package.c_str(), "image", &dest, nullptr), -1,
+         {"error file /dev/full write failed", "error error in writing extracted file 1048576"});
     EXPECT_EQ(dest.offset, 5U);
     EXPECT_EQ(vx_uncompress_file_to(nullptr, "image", &dest, nullptr), -1);
     EXPECT_EQ(vx_uncompress_file_to(package.c_str(), nullptr, &dest, nullptr), -1);
-    EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "image", nullptr, nullptr), -1);
-    EXPECT_EQ(log(), Lines(3, "error package, entry or destination is null"));
+    told(vx_uncompress_file_to(package.c_str(), "image", nullptr, nullptr), -1,
+         Lines(3, "error package, entry or destination is null"));
     EXPECT_EQ(read_partition("to"), "tttt");
 }
 

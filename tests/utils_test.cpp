@@ -46,8 +46,7 @@ TEST_F(Utils, command_line_keys) {
         EXPECT_EQ(log(), row.lines);
     }
     chmod("/proc/cmdline", 0);
-    EXPECT_EQ(get_boot_medium() + get_boot_mode() + ota_get_cur_slot(), -3);
-    EXPECT_EQ(log(), Lines(3, "error open /proc/cmdline error."));
+    told(get_boot_medium() + get_boot_mode() + ota_get_cur_slot(), -3, Lines(3, "error open /proc/cmdline error."));
 }
 
 TEST_F(Utils, device_names_are_cut_and_the_same_for_all_but_ab) {
@@ -58,8 +57,7 @@ TEST_F(Utils, device_names_are_cut_and_the_same_for_all_but_ab) {
     EXPECT_STREQ(opp, cur);
     EXPECT_EQ(get_part_device_name(nullptr, cur, opp, PERMANENT), -1);
     EXPECT_EQ(get_part_device_name("misc", nullptr, opp, PERMANENT), -1);
-    EXPECT_EQ(get_part_device_name("misc", cur, nullptr, AB), -1);
-    EXPECT_EQ(log(), Lines(3, "error dev path or part name is empty"));
+    told(get_part_device_name("misc", cur, nullptr, AB), -1, Lines(3, "error dev path or part name is empty"));
 }
 
 TEST_F(Utils, one_transfer_at_any_place) {
@@ -82,21 +80,18 @@ TEST_F(Utils, one_transfer_at_any_place) {
         {file_info(link_partition("lost", "/none/mtd1"), 0, OTA_NAND), "error open file: " + by_name + "lost failed"},
         {file_info(path, 0, ota_medium_e(-1)), "error " + path + " is neither an MTD device nor a UBI volume"}};
     for (auto [place, line] : bad_reads) {
-        EXPECT_EQ(ota_file_to_buf(&place, buffer, 1), -1);
-        EXPECT_EQ(log(), Lines{line});
+        told(ota_file_to_buf(&place, buffer, 1), -1, {line});
     }
     const std::pair<ota_file_info_t, std::string> bad_writes[] = {
         {file_info(none), "error open file:" + none + " failed"},
         {file_info("/dev/full"), "error file /dev/full write failed"},
         {file_info(path, ~0ULL), "error file " + path + " lseek failed, offset=-1"}};
     for (auto [place, line] : bad_writes) {
-        EXPECT_EQ(ota_buf_to_file(&place, buffer, 1), -1);
-        EXPECT_EQ(log(), Lines{line});
+        told(ota_buf_to_file(&place, buffer, 1), -1, {line});
     }
     EXPECT_FALSE(std::filesystem::exists(none));
     EXPECT_EQ(ota_file_to_buf(nullptr, buffer, 1), -1);
-    EXPECT_EQ(ota_buf_to_file(&file, nullptr, 1), -1);
-    EXPECT_EQ(log(), Lines(2, "error file info is null"));
+    told(ota_buf_to_file(&file, nullptr, 1), -1, Lines(2, "error file info is null"));
 }
 
 TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
@@ -157,8 +152,8 @@ TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
     std::filesystem::create_directory("/tmp/left");
     std::filesystem::current_path("/tmp/left");
     std::filesystem::remove("/tmp/left");
-    EXPECT_EQ(vx_uncompress(gone, "/tmp") + vx_uncompress_one(gone, "/tmp", name) + vx_get_max_zip_size("/tmp"), -3);
-    EXPECT_EQ(log(), Lines(3, "error get current directory absolute path error!"));
+    told(vx_uncompress(gone, "/tmp") + vx_uncompress_one(gone, "/tmp", name) + vx_get_max_zip_size("/tmp"), -3,
+         Lines(3, "error get current directory absolute path error!"));
     std::filesystem::current_path("/");
 }
 

@@ -285,10 +285,8 @@ TEST_F(Zip, one_entry_is_taken_and_a_failure_stays_in_the_destination) {
     EXPECT_EQ(take("dest", "broken", dest, "error extract file failed"), -1);
     EXPECT_EQ(take("/proc/none", "a/b", box, "error change dir failed "), -1);
     EXPECT_EQ(take(nullptr, "a/b", box, "error dest is null"), -1);
-    EXPECT_EQ(vx_uncompress("p.zip", "/proc/none"), -1);
-    EXPECT_EQ(log().back(), "error change dir failed ");
-    EXPECT_EQ(unpack("p"), -1);
-    EXPECT_EQ(log(), strings{"error Cannot open p or p.zip"});
+    ended(vx_uncompress("p.zip", "/proc/none"), -1, "error change dir failed ");
+    told(unpack("p"), -1, {"error Cannot open p or p.zip"});
 }
 
 TEST_F(Zip, packages_are_searched_and_sized) {
@@ -312,20 +310,16 @@ TEST_F(Zip, packages_are_searched_and_sized) {
     EXPECT_EQ(vx_all_image_size(box.c_str()), big + 9);
     fs::current_path("/");
     put("a~6+9223372036854775806 b", "b.zip");
-    EXPECT_EQ(vx_get_max_zip_size(box.c_str()), -1);
-    EXPECT_EQ(log().back(), "error get zip size error");
+    ended(vx_get_max_zip_size(box.c_str()), -1, "error get zip size error");
     EXPECT_EQ(fs::current_path(), box);
-    EXPECT_EQ(vx_get_zip_size("b.zip", &images), -1);
-    EXPECT_EQ(log(), strings{"error sizes in b.zip overflow"});
+    told(vx_get_zip_size("b.zip", &images), -1, {"error sizes in b.zip overflow"});
     put("a.img~6+9223372036854775800", "b.zip"); /* too much only together with the other package */
-    EXPECT_EQ(vx_all_image_size(box.c_str()), -1);
-    EXPECT_EQ(log().back(), "error sizes in " + box + " overflow");
+    ended(vx_all_image_size(box.c_str()), -1, "error sizes in " + box + " overflow");
     std::string more = package_of("a=1 b=22");
     more[more.size() - 14] = more[more.size() - 12] = 3; /* entries that it claims to have */
     write_file(box + "/b.zip", more);
     EXPECT_EQ(std::pair(vx_get_zip_size("b.zip", &images), vx_zip_has_file("b.zip", names[4])), std::pair(3L, 0));
-    EXPECT_EQ(unpack(box + "/b.zip"), -1);
-    EXPECT_EQ(log().back(), "error error -103 with zipfile in unzGoToNextFile");
+    ended(unpack(box + "/b.zip"), -1, "error error -103 with zipfile in unzGoToNextFile");
 }
 
 TEST_F(Zip, entries_on_both_sides_of_2_and_4_GiB) {
@@ -374,8 +368,7 @@ TEST_F(Zip, staging_needs_more_room_than_the_need) {
     for (const std::string size : {"2048", "2052"}) {
         mount("tmpfs", "/userdata", "tmpfs", 0, ("size=" + size + "k").c_str());
         uint64_t images = 1;
-        EXPECT_EQ(unzip_ota_file(package.c_str(), dest.c_str(), &images), -1);
-        EXPECT_EQ(log().back(), "error get ota file dir free space error!");
+        ended(unzip_ota_file(package.c_str(), dest.c_str(), &images), -1, "error get ota file dir free space error!");
         fs::create_directories("/userdata/ota/unzip_dir");
         EXPECT_EQ(unzip_ota_file(package.c_str(), dest.c_str(), &images), size == "2048" ? -1 : 0);
         EXPECT_EQ(log().front(), "info ota file dir free space:" + size + ", unzip need space:2048!");
@@ -386,12 +379,11 @@ TEST_F(Zip, staging_needs_more_room_than_the_need) {
         umount("/userdata");
     }
     mount("tmpfs", "/userdata", "tmpfs", 0, "size=8k"); /* full before the tail of the file */
-    EXPECT_EQ(vx_uncompress(put("f*8200").c_str(), "/userdata"), -1);
-    EXPECT_EQ(log().back(), "error error in writing extracted file");
+    ended(vx_uncompress(put("f*8200").c_str(), "/userdata"), -1, "error error in writing extracted file");
     umount("/userdata");
     EXPECT_EQ(unzip_ota_file(package.c_str(), "/tmp/ota/unzip_dir2", nullptr), 0);
-    EXPECT_EQ(unzip_ota_file("/none.zip", "/tmp/ota/unzip_dir/x", nullptr), -1);
-    EXPECT_EQ(log().back(), "error uncompress /none.zip to /tmp/ota/unzip_dir/x failed!");
+    ended(unzip_ota_file("/none.zip", "/tmp/ota/unzip_dir/x", nullptr), -1,
+          "error uncompress /none.zip to /tmp/ota/unzip_dir/x failed!");
 }
 
 TEST_F(Zip, the_first_package_of_a_list_gives_the_process) {
