@@ -176,7 +176,7 @@ std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const
             return image.partition + ": " + image.problem;
         }
     }
-    if (const std::string differ = disagreement(versions); !differ.empty()) {
+    if (std::string differ = disagreement(versions); !differ.empty()) {
         return differ;
     }
     const auto secure = last_version(versions, FirmwareKind::miniboot);
