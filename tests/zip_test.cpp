@@ -103,7 +103,7 @@ std::string put_hole(const std::string& path, uint64_t size) {
         const std::string head = le(8, 4) + le(0x58B169C8, 4), tail = le(name.size(), 2);
         const uint64_t crc = crc32(0, reinterpret_cast<const Bytef*>("data"), 4);
         file.seekp(static_cast<std::streamoff>(at));
-        file << "PK\3\4" + le(45, 2) + head + le(0, 12) + tail + le(0, 2) + name + (is_hole ? "" : "data");
+        file << "PK\3\4" + le(45, 2) + head + le(0, 8) + le(0, 4) + tail + le(0, 2) + name + (is_hole ? "" : "data");
         central += "PK\1\2" + le(0x2D032D, 4) + head + le(crc, 4) + in_32(length) + in_32(length) + tail;
         central += le(extra.size(), 2) + le(0, 6) + le(0100644U << 16, 4) + in_32(at) + name + extra;
     }
