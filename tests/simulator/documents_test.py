@@ -19,6 +19,10 @@ INLINE = r"`((?:(?:tessera|simulator/board|openssl|ldd|df|cmake|cpack) |script/\
 NOT_RUN = {
     "script/test": "runs this test",
     "script/fuzz": "a stage of script/test",
+    "script/fuzz keep": "changes the tree",
+    "script/analyse": "a stage of script/test",
+    "script/coverage": "builds everything once more, and takes minutes",
+    "script/mutate": "takes an hour",
     "script/cross": "builds everything once more, for another processor",
     "script/picture": "runs the demo; the picture is compared with it below",
     "cpack --config build/release/CPackConfig.cmake": "the test packages",
