@@ -140,6 +140,8 @@ TEST_F(Flash, a_fault_at_every_position_leaves_what_is_promised) {
                 ASSERT_EQ(flash_sim_fault(rule.c_str()), 0);
                 EXPECT_EQ(write_device(data, 4 * block + 1000), -1) << rule;
                 EXPECT_TRUE(holds(expected)) << rule;
+                /* The write-back ends in front of the block whose erase failed. */
+                EXPECT_TRUE(fault.kind != "MEMERASE64" || fault.number < 3 || operations().back().kind == "pwrite");
             }
         }
     }
