@@ -23,6 +23,7 @@ NOT_RUN = {
     "script/analyse": "a stage of script/test",
     "script/coverage": "builds everything once more, and takes minutes",
     "script/mutate": "takes an hour",
+    "script/bench": "measures for a quarter of an hour, on a machine with nothing else to do",
     "script/cross": "builds everything once more, for another processor",
     "script/picture": "runs the demo; the picture is compared with it below",
     "cpack --config build/release/CPackConfig.cmake": "the test packages",
