@@ -19,6 +19,8 @@ INLINE = r"`((?:(?:tessera|simulator/board|openssl|ldd|df|cmake|cpack) |script/\
 NOT_RUN = {
     "script/test": "runs this test",
     "script/fuzz": "a stage of script/test",
+    "script/fuzz check": "a stage of script/test",
+    "script/fuzz SECONDS": "takes the time it is given",
     "script/fuzz keep": "changes the tree",
     "script/analyse": "a stage of script/test",
     "script/coverage": "builds everything once more, and takes minutes",
