@@ -9,6 +9,21 @@
 namespace {
 
 enum class place { inside, outside, nowhere };
+enum class node { link, other, unreachable, unknown };
+
+/**
+ * What has the name `path`, a link not followed. Only a failure that comes again each time says that
+ * nothing can be reached by it. Others come and go: a walk that a mount elsewhere disturbs is started
+ * again by the kernel with the links already counted, and may fail with ELOOP for that alone.
+ */
+node node_at(const char* path) {
+    struct stat status {};
+    if (lstat(path, &status) == 0) {
+        return S_ISLNK(status.st_mode) ? node::link : node::other;
+    }
+    const bool lasts = errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG || errno == EACCES;
+    return lasts ? node::unreachable : node::unknown;
+}
 
 /** Where the directory `path` lies, links followed: the way up from it meets the destination or not. */
 place place_of(const zip_destination& dest, const char* path) {
@@ -72,11 +87,11 @@ bool parents_lead_out(zip_destination* dest, const char* name, zip_kind kind) {
             continue;
         }
         std::memcpy(dir, name, i);
-        struct stat status {};
-        if (lstat(dir, &status) != 0) {
-            return false; /* neither it nor what is below it can be reached */
+        const node parent = node_at(dir);
+        if (parent == node::unreachable || parent == node::unknown) {
+            return parent == node::unknown;
         }
-        if (!S_ISLNK(status.st_mode)) {
+        if (parent == node::other) {
             continue;
         }
         const place target = place_of(*dest, dir);
@@ -87,11 +102,6 @@ bool parents_lead_out(zip_destination* dest, const char* name, zip_kind kind) {
     std::memcpy(dest->verified_dir, name, length);
     dest->verified_dir[length] = '\0';
     return false;
-}
-
-bool is_link(const char* path) {
-    struct stat status {};
-    return lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 /** The path that the link `path` leads to, one step. */
@@ -143,10 +153,12 @@ bool zip_link_leads_out(const zip_destination& dest, const char* name) {
     constexpr int max_links = 40; /* the kernel's own limit */
     char path[PATH_MAX];
     (void)std::snprintf(path, sizeof path, "%s", name);
-    for (int links = 0; is_link(path); ++links) {
+    node last = node_at(path);
+    for (int links = 0; last == node::link; ++links) {
         if (links == max_links || !follow_link(path) || !lies_in(dest, path)) {
             return true;
         }
+        last = node_at(path);
     }
-    return false;
+    return last == node::unknown;
 }
