@@ -119,12 +119,12 @@ int32_t read_image_version(const update_info_t* update_info, int32_t i, const ch
  */
 int32_t extract_image(const char* part_file, const char* zip_path, const char* unzip_path,
                       char (&img_file_path)[ota_entry_size]) {
-    if (vx_uncompress_one(zip_path, unzip_path, part_file) != 0) {
-        ota_log_error("Uncompress %s failed\n", part_file);
+    if (zip_entry_is_no_file(zip_path, part_file)) {
+        ota_log_error("%s is no regular file in the package\n", part_file);
         return -1;
     }
-    if (!zip_holds_regular_file(zip_path, part_file)) {
-        ota_log_error("%s is no regular file in the package\n", part_file);
+    if (vx_uncompress_one(zip_path, unzip_path, part_file) != 0) {
+        ota_log_error("Uncompress %s failed\n", part_file);
         return -1;
     }
     const int length = std::snprintf(img_file_path, sizeof img_file_path, "%s/%s", unzip_path, part_file);

@@ -412,7 +412,7 @@ bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info) {
     return info.uncompressed_size != size_in_zip64 || size <= size_in_zip64;
 }
 
-bool zip_holds_regular_file(const char* src, const char* file_name) {
+bool zip_entry_is_no_file(const char* src, const char* file_name) {
     const ota_package uf(unzOpen64(src));
     zip_entry entry;
     if (uf == nullptr || unzLocateFile(uf.get(), file_name, 0) != UNZ_OK ||
@@ -420,7 +420,7 @@ bool zip_holds_regular_file(const char* src, const char* file_name) {
         return false;
     }
     entry.without_path = last_component(entry.name);
-    return kind_of(entry) == zip_kind::file;
+    return kind_of(entry) != zip_kind::file;
 }
 
 zip_entry_data zip_entry_begin(unzFile uf, uint64_t size, const unz_file_info64& info) {

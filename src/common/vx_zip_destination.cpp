@@ -12,17 +12,21 @@ enum class place { inside, outside, nowhere };
 enum class node { link, other, unreachable, unknown };
 
 /**
- * What has the name `path`, a link not followed. Only a failure that comes again each time says that
- * nothing can be reached by it. Others come and go: a walk that a mount elsewhere disturbs is started
- * again by the kernel with the links already counted, and may fail with ELOOP for that alone.
+ * Whether a path walk that failed says that nothing can be reached by the path. Other failures come and
+ * go: a walk that a mount elsewhere disturbs is started again by the kernel with the links already
+ * counted, and may fail with ELOOP for that alone.
  */
+bool is_unreachable(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ENAMETOOLONG;
+}
+
+/** What has the name `path`, a link not followed. */
 node node_at(const char* path) {
     struct stat status {};
     if (lstat(path, &status) == 0) {
         return S_ISLNK(status.st_mode) ? node::link : node::other;
     }
-    const bool lasts = errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG || errno == EACCES;
-    return lasts ? node::unreachable : node::unknown;
+    return is_unreachable(errno) ? node::unreachable : node::unknown;
 }
 
 /** Where the directory `path` lies, links followed: the way up from it meets the destination or not. */
@@ -30,7 +34,7 @@ place place_of(const zip_destination& dest, const char* path) {
     constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
     ota_descriptor dir(open(path, flags));
     if (!dir.is_open()) {
-        return errno == ENOENT || errno == ENOTDIR ? place::nowhere : place::outside;
+        return is_unreachable(errno) ? place::nowhere : place::outside;
     }
     struct stat here {};
     for (struct stat below{}; dir.is_open() && fstat(dir.get(), &here) == 0; below = here) {

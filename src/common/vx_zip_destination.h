@@ -7,7 +7,8 @@
  * 2. While a package is extracted nothing is removed or renamed, so what resolves stays where it is.
  * 3. What does not resolve yet may resolve once directories are made. A regular file below a link that
  *    leads nowhere is therefore refused, since directories are made for it.
- * 4. Nobody else changes the destination meanwhile. Nothing here protects against that.
+ * 4. Nobody else changes the destination meanwhile, nor what lies on a road out of it and back. Nothing here
+ *    protects against that.
  */
 #ifndef VX_ZIP_DESTINATION_H
 #define VX_ZIP_DESTINATION_H

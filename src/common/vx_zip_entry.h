@@ -19,8 +19,11 @@ uint64_t zip_entry_size(unzFile uf, const unz_file_info64& info);
  */
 bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info);
 
-/** Whether the package `src` holds a regular file named exactly `file_name`; no link and no directory. */
-bool zip_holds_regular_file(const char* src, const char* file_name);
+/**
+ * Whether the entry `file_name` of the package `src` is a link or a directory. Extracted, it would stay in
+ * the way of later packages; and what its name leads to would not be out of this one.
+ */
+bool zip_entry_is_no_file(const char* src, const char* file_name);
 
 /** An opened entry that is read through, never past its true size. */
 struct zip_entry_data {

@@ -1,7 +1,8 @@
 /**
  * A/B slots. One 32-byte block at byte 2048 of the partition "misc" tells the bootloader which slot
  * to boot and how often to try. It is read, changed and written whole, without a lock or a journal,
- * and nothing of it is cached.
+ * and nothing of it is cached. Only a negative result of the device fails a call: where a device stores
+ * less than the block and says so, the call succeeds.
  *
  * A slot is in one of four states:
  *

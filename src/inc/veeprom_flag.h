@@ -4,7 +4,8 @@
  * little-endian; enumerations are stored as 32-bit numbers.
  *
  * Every call goes to the partition. A status record with a wrong magic or CRC is made anew on the way,
- * on reading too. The anti-rollback record has no repair: a bad CRC is reported.
+ * on reading too. The anti-rollback record has no repair: a bad CRC is reported. Only a negative result of
+ * the device fails a call: where a device stores less than a record and says so, the call succeeds.
  */
 #ifndef VEEPROM_FLAG_H
 #define VEEPROM_FLAG_H
