@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -43,9 +44,11 @@ int last_error() {
     return errno > 0 ? -errno : -EIO;
 }
 
+constexpr char default_directory[] = "/var/lib/tessera";
+
 std::string counter_file() {
     const char* path = std::getenv("TESSERA_EFUSE_FILE");
-    return path != nullptr && *path != '\0' ? path : "/var/lib/tessera/efuse";
+    return path != nullptr && *path != '\0' ? path : std::string(default_directory) + "/efuse";
 }
 
 std::string to_text(const Counters& counters) {
@@ -149,6 +152,9 @@ int read_counter(Counter counter, uint32_t* version) {
 
 int raise_counter(Counter counter, uint32_t version) {
     const std::string path = counter_file();
+    if (path.starts_with(default_directory)) {
+        (void)mkdir(default_directory, 0755); // where it is missing and stays so, the open says why
+    }
     // The counter file is replaced at each write, so the lock needs a file of its own.
     const Fd lock(open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     if (lock.get() < 0 || flock(lock.get(), LOCK_EX) != 0) {

@@ -81,7 +81,10 @@ class Board:
         return self.dir / "partitions" / device.name
 
     def device(self, name):
-        return next(device for device in self.devices if device.name == name)
+        for device in self.devices:
+            if device.name == name:
+                return device
+        raise BoardError(f"the board has no partition {name}")
 
     def cmdline(self):
         return (self.dir / "cmdline").read_text().strip()
