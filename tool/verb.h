@@ -42,6 +42,18 @@ inline CLI::App& add_command(CLI::App& verb, const char* name, const char* summa
     return *verb.add_subcommand(name, summary)->fallthrough();
 }
 
+/** The lock that everything takes which changes what an update relies on. */
+inline void add_lock(CLI::App& command, std::string& file) {
+    command.add_option("--lock", file, "Lock that only one update holds at a time")->capture_default_str();
+}
+
+/** An empty name is that of an unset variable in a script, and must not switch the check off. */
+inline void add_trust(CLI::App& command, std::string& file) {
+    command.add_option("--trust", file, "PEM file of the certificates whose signatures are accepted")
+        ->envname("TESSERA_TRUST")
+        ->check([](const std::string& name) { return name.empty() ? "it names no file" : ""; });
+}
+
 void declare_board(CLI::App& verb, Context& context);
 void declare_compare(CLI::App& verb, Context& context);
 void declare_confirm(CLI::App& verb, Context& context);

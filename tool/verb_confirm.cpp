@@ -1,45 +1,60 @@
 /** tessera confirm: for the script that finds the system well after a boot. */
 #include "names.h"
 #include "slot_block.h"
+#include "update_lock.h"
 #include "verb.h"
 
 namespace {
 
 /**
- * Where the checksum is wrong nothing in the block is known, and marking a slot good that is marked already
- * would write nothing. Making the running slot the next one seals the block, with that slot in front.
+ * Where the checksum is wrong nothing in the block is known. A new one has the running slot in front and
+ * the other on trial: neither good nor bad, and whatever the old one said of it is forgotten.
  */
-bool seal_block(int32_t running) {
-    const bool was_sealed = read_slot_block().checksum_is_right;
-    if (!was_sealed) {
-        set_next_slot(running);
-    }
-    return !was_sealed;
+void renew_block(int32_t running) {
+    reset_slot_block();
+    set_next_slot(running);
 }
 
-void confirm(const Context& context) {
-    const int32_t running = running_slot();
-    const bool changed = seal_block(running);
-    const SlotBlock block = read_slot_block();
+const Slot& find_running(const SlotBlock& block, int32_t running) {
     const Slot* slot = block.find(running);
     if (slot == nullptr) {
         throw Failure(ExitCode::failed, "slot " + slot_letter(running) + " runs, and the slot block does not have it");
     }
-    if (slot->corrupted) {
-        throw Failure(ExitCode::failed, slot->name() + " runs, and the slot block says that it is corrupted",
+    return *slot;
+}
+
+bool is_confirmed(int32_t running) {
+    const SlotBlock block = read_slot_block();
+    return find_running(block, running).is_confirmed() && block.checksum_is_right;
+}
+
+void make_confirmed(int32_t running) {
+    const SlotBlock block = read_slot_block();
+    const Slot& slot = find_running(block, running);
+    if (!block.checksum_is_right) {
+        renew_block(running);
+    } else if (slot.corrupted) {
+        throw Failure(ExitCode::failed, slot.name() + " runs, and the slot block says that it is corrupted",
                       "tessera slots set-next " + slot_letter(running) + " takes that back");
     }
-    const bool was_marked = slot->is_confirmed();
-    if (!was_marked) {
-        mark_slot_good(running);
+    mark_slot_good(running);
+}
+
+void confirm(const Context& context, const std::string& lock_file) {
+    const int32_t running = running_slot();
+    const bool was_confirmed = is_confirmed(running);
+    if (!was_confirmed) {
+        const UpdateLock lock(lock_file, "tessera confirm");
+        make_confirmed(running);
     }
-    const bool was_confirmed = was_marked && !changed;
     context.show({{"slot", running}, {"changed", !was_confirmed}},
-                 slot->name() + (was_confirmed ? " was confirmed already" : " is confirmed"));
+                 "slot " + slot_letter(running) + (was_confirmed ? " was confirmed already" : " is confirmed"));
 }
 
 } // namespace
 
 void declare_confirm(CLI::App& verb, Context& context) {
-    on_command(verb, context, [&context] { confirm(context); });
+    auto lock_file = std::make_shared<std::string>(default_lock_file);
+    add_lock(verb, *lock_file);
+    on_command(verb, context, [&context, lock_file] { confirm(context, *lock_file); });
 }

@@ -78,6 +78,6 @@ void declare_efuse(CLI::App& verb, Context& context) {
     auto confirmed = std::make_shared<bool>(false);
     command.add_flag("--yes", *confirmed, "Yes, for ever");
     auto lock_file = std::make_shared<std::string>(default_lock_file);
-    command.add_option("--lock", *lock_file, "Lock that only one update holds at a time")->capture_default_str();
+    add_lock(command, *lock_file);
     on_command(command, context, [&context, confirmed, lock_file] { burn(context, *confirmed, *lock_file); });
 }

@@ -109,7 +109,9 @@ void declare_flashcmd(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
     verb.add_option("NAME", options->name, "Name of the command's file on the board")->required();
     CLI::Option* data = verb.add_option("--data", options->data_file, "File with data, for misc_write_cmd");
-    verb.add_option("--offset", options->offset, "Byte of the data area where the data goes")->needs(data);
-    verb.add_option("--lock", options->lock_file, "Lock that only one update holds at a time")->capture_default_str();
+    verb.add_option("--offset", options->offset, "Byte of the data area where the data goes")
+        ->needs(data)
+        ->check(CLI::NonNegativeNumber);
+    add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options] { write_command(context, *options); });
 }

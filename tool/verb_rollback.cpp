@@ -1,6 +1,7 @@
 /** tessera rollback: back to the other slot, if that one is known to boot. */
 #include "names.h"
 #include "slot_block.h"
+#include "update_lock.h"
 #include "verb.h"
 
 namespace {
@@ -19,7 +20,8 @@ std::string reason_against(const SlotBlock& block, const Slot& slot) {
     return "it is on trial, and nobody has marked it good";
 }
 
-void roll_back(const Context& context) {
+void roll_back(const Context& context, const std::string& lock_file) {
+    const UpdateLock lock(lock_file, "tessera rollback");
     const int32_t other = running_slot() ^ 1;
     const SlotBlock block = read_slot_block();
     const Slot* slot = block.find(other);
@@ -28,7 +30,9 @@ void roll_back(const Context& context) {
     }
     if (!block.checksum_is_right || !slot->is_confirmed()) {
         throw Failure(ExitCode::failed, "cannot go back to " + slot->name() + ": " + reason_against(block, *slot),
-                      "tessera slots set-next " + slot_letter(other) + " tries it all the same");
+                      block.checksum_is_right
+                          ? "tessera slots set-next " + slot_letter(other) + " tries it all the same"
+                          : "tessera confirm makes the block anew with the running slot as good");
     }
     const bool was_next = next_slot() == other;
     if (!was_next) {
@@ -41,5 +45,7 @@ void roll_back(const Context& context) {
 } // namespace
 
 void declare_rollback(CLI::App& verb, Context& context) {
-    on_command(verb, context, [&context] { roll_back(context); });
+    auto lock_file = std::make_shared<std::string>(default_lock_file);
+    add_lock(verb, *lock_file);
+    on_command(verb, context, [&context, lock_file] { roll_back(context, *lock_file); });
 }

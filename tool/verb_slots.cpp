@@ -2,6 +2,7 @@
 #include "names.h"
 #include "slot_block.h"
 #include "text.h"
+#include "update_lock.h"
 #include "velox_ota_hl.h"
 #include "verb.h"
 
@@ -68,9 +69,16 @@ void show_slots(const Context& context) {
                             complaints(block, running, next));
 }
 
-/** Refuses slots that the block does not have, before anything is written. */
+/**
+ * Refuses slots that the block does not have, before anything is written; and any where the checksum is
+ * wrong: a change would seal what nobody knows.
+ */
 int32_t existing_slot(const std::string& word) {
     const SlotBlock block = read_slot_block();
+    if (!block.checksum_is_right) {
+        throw Failure(ExitCode::failed, "the checksum of the slot block is wrong, so which slots are good is unknown",
+                      "tessera confirm makes it anew with the running slot as good, tessera slots reset with none");
+    }
     const auto number = slot_from_word(word);
     if (!number || block.find(*number) == nullptr) {
         throw Failure(ExitCode::failed, "there is no slot " + word, "tessera slots");
@@ -81,8 +89,11 @@ int32_t existing_slot(const std::string& word) {
 void declare_change(CLI::App& verb, Context& context, const char* name, const char* summary, void (*change)(int32_t)) {
     CLI::App& command = add_command(verb, name, summary);
     auto word = std::make_shared<std::string>();
+    auto lock_file = std::make_shared<std::string>(default_lock_file);
     command.add_option("SLOT", *word, "Number or letter of the slot")->required();
-    on_command(command, context, [&context, word, change] {
+    add_lock(command, *lock_file);
+    on_command(command, context, [&context, word, lock_file, change] {
+        const UpdateLock lock(*lock_file, "tessera slots");
         change(existing_slot(*word));
         show_slots(context);
     });
@@ -97,7 +108,10 @@ void declare_slots(CLI::App& verb, Context& context) {
     declare_change(verb, context, "mark-good", "Mark this slot as booted successfully", mark_slot_good);
     declare_change(verb, context, "mark-bad", "Make this slot unbootable", mark_slot_unbootable);
     CLI::App& reset = add_command(verb, "reset", "Write a new block: two slots on trial, with 7 tries each");
-    on_command(reset, context, [&context] {
+    auto lock_file = std::make_shared<std::string>(default_lock_file);
+    add_lock(reset, *lock_file);
+    on_command(reset, context, [&context, lock_file] {
+        const UpdateLock lock(*lock_file, "tessera slots reset");
         reset_slot_block();
         show_slots(context);
     });

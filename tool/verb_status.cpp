@@ -4,6 +4,7 @@
 #include "names.h"
 #include "partition.h"
 #include "text.h"
+#include "update_lock.h"
 #include "verb.h"
 
 #include <algorithm>
@@ -94,20 +95,34 @@ Json versions_json(const StoredVersions& versions) {
             {"raise_non_secure", versions.record.nosec_up_flag == 1}};
 }
 
+/** What an update is about: its slot or, where it goes to none, its partitions. */
+std::string subject(const ota_status_t& record) {
+    const update_part_t& list = record.update_part;
+    std::string names;
+    for (size_t i = 0; i < listed_partitions(record); ++i) {
+        if (list.type[i] == AB) {
+            names.clear();
+            break;
+        }
+        names += (names.empty() ? "" : ", ") + partition_name(list, i);
+    }
+    return names.empty() ? "slot " + slot_letter(static_cast<int32_t>(record.next_slot)) : names;
+}
+
 /** What the general flag and the owner say together. */
 std::string headline(const ota_status_t& record) {
     const std::string update =
         record.owner == NORMAL_BOOT ? "an update" : "an update by the " + owner_names.word(record.owner);
-    const std::string slot = "slot " + slot_letter(static_cast<int32_t>(record.next_slot));
+    const std::string what = subject(record);
     switch (record.up) {
     case OTA_FLAG_NORMAL:
         return "no update is under way";
     case OTA_FLAG_BURN:
-        return update + " was writing to " + slot + " and has not ended";
+        return update + " was writing to " + what + " and has not ended";
     case OTA_FLAG_VERIFY:
-        return update + " was reading " + slot + " back and has not ended";
+        return update + " was reading " + what + " back and has not ended";
     case OTA_FLAG_VERIFIED:
-        return update + " had read " + slot + " back and was switching to it";
+        return update + " had read " + what + " back and was about to end";
     default:
         return "where the update stands is unknown";
     }
@@ -221,15 +236,22 @@ struct SetOptions {
     std::string field;
     std::string value;
     bool raw = false;
+    std::string lock_file = default_lock_file;
 };
 
 void declare_set(CLI::App& verb, Context& context) {
-    CLI::App& command = add_command(verb, "set", "Store one field: update, system, ..., owner, next-slot");
+    CLI::App& command = add_command(verb, "set", "Store one field of the status");
     auto options = std::make_shared<SetOptions>();
-    command.add_option("FIELD", options->field, "Name of the field")->required();
-    command.add_option("VALUE", options->value, "Its value, by name or number")->required();
+    command.add_option("FIELD", options->field, "update, system, backup, middleware, app, param, owner or next-slot")
+        ->required();
+    command
+        .add_option("VALUE", options->value,
+                    "normal, burn, verify or verified; of owner nobody, tool or service; of next-slot a letter")
+        ->required();
     command.add_flag("--raw", options->raw, "Store any number, also one without a name");
+    add_lock(command, options->lock_file);
     on_command(command, context, [&context, options] {
+        const UpdateLock lock(options->lock_file, "tessera status set");
         set_field(options->field, options->value, options->raw);
         show_status(context);
     });
@@ -242,7 +264,10 @@ void declare_status(CLI::App& verb, Context& context) {
     on_command(verb, context, [&context] { show_status(context); });
     declare_set(verb, context);
     CLI::App& reset = add_command(verb, "reset", "Make both records anew");
-    on_command(reset, context, [&context] {
+    auto lock_file = std::make_shared<std::string>(default_lock_file);
+    add_lock(reset, *lock_file);
+    on_command(reset, context, [&context, lock_file] {
+        const UpdateLock lock(*lock_file, "tessera status reset");
         reset_records();
         show_status(context);
     });
