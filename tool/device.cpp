@@ -129,14 +129,15 @@ void Device::sync() const {
     (void)posix_fadvise(fd_.get(), 0, 0, POSIX_FADV_DONTNEED);
 }
 
-void Device::push(uint64_t begin, uint64_t end) const {
+bool Device::push(uint64_t begin, uint64_t end) const {
     const auto from = static_cast<off64_t>(begin);
     const auto length = static_cast<off64_t>(end - begin);
     constexpr unsigned wait = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
-    (void)sync_file_range(fd_.get(), from, length, SYNC_FILE_RANGE_WRITE);
-    if (begin > 0) {
-        (void)sync_file_range(fd_.get(), 0, from, wait);
+    const bool is_begun = sync_file_range(fd_.get(), from, length, SYNC_FILE_RANGE_WRITE) == 0;
+    if (begin > 0 && sync_file_range(fd_.get(), 0, from, wait) != 0) {
+        return errno == ESPIPE || errno == EINVAL; /* the device takes no such request */
     }
+    return is_begun || errno == ESPIPE || errno == EINVAL;
 }
 
 std::optional<uint32_t> Device::uncorrectable_reads() const {
@@ -145,4 +146,9 @@ std::optional<uint32_t> Device::uncorrectable_reads() const {
         return std::nullopt;
     }
     return stats.failed;
+}
+
+bool Device::lost_reads_since(std::optional<uint32_t> before) const {
+    const auto now = uncorrectable_reads();
+    return before && now && *now > *before;
 }

@@ -60,11 +60,16 @@ public:
 
     /** Waits until the medium holds everything, and drops what the page cache has of it. */
     void sync() const;
-    /** Has the kernel begin to store the bytes up to `end`, and waits for those before `begin`. */
-    void push(uint64_t begin, uint64_t end) const;
+    /**
+     * Has the kernel begin to store the bytes up to `end`, and waits for those before `begin`.
+     * @return false for an error of the device, which sync() will not tell once more
+     */
+    [[nodiscard]] bool push(uint64_t begin, uint64_t end) const;
 
     /** Count of reads that the ECC could not mend so far; nothing where the device does not count. */
     [[nodiscard]] std::optional<uint32_t> uncorrectable_reads() const;
+    /** Whether it counted such reads since it told `before`. */
+    [[nodiscard]] bool lost_reads_since(std::optional<uint32_t> before) const;
 
 private:
     void identify();

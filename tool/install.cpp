@@ -50,7 +50,7 @@ void record_start(const Plan& plan) {
 void make_unbootable(int32_t slot) {
     const SlotBlock block = read_slot_block();
     const Slot* entry = block.find(slot);
-    if (entry != nullptr && entry->is_bootable()) {
+    if (entry != nullptr && !entry->is_given_up()) {
         mark_slot_unbootable(slot);
     } else {
         sync_partition("misc"); /* a run that was killed may have left it in the page cache only */
@@ -65,6 +65,7 @@ struct Stream {
     const Device* device = nullptr;
     Progress* progress = nullptr;
     uint64_t written = 0;
+    bool is_kept = true; /* the device reported no error while it stored the image */
 };
 
 Stream* stream = nullptr;
@@ -73,11 +74,12 @@ void on_chunk(int32_t bytes) {
     const uint64_t begin = stream->written;
     stream->written += static_cast<uint64_t>(bytes);
     if (!stream->device->is_flash()) {
-        stream->device->push(begin, stream->written); /* else the page cache would swallow the image */
+        /* Else the page cache would swallow the image. */
+        stream->is_kept = stream->is_kept && stream->device->push(begin, stream->written);
     }
     stream->progress->advance("write", static_cast<uint64_t>(bytes));
     console::pass_log_on();
-    if (is_interrupted()) {
+    if (is_interrupted() || !stream->is_kept) {
         stream->place.path[0] = '\0'; /* the next chunk finds no device, and the call ends between two */
     }
 }
@@ -98,6 +100,9 @@ void write_image(const Target& target, const Package& package, Progress& progres
         vx_uncompress_file_to(package.path().c_str(), target.image.file.c_str(), &current.place, on_chunk);
     stream = nullptr;
     stop_if_interrupted();
+    if (!current.is_kept) {
+        throw Failure(ExitCode::device, target.partition() + " did not take what was written to it");
+    }
     if (result != 0) {
         throw Failure(ExitCode::device,
                       "cannot write " + target.image.file + " to " + target.partition() + console::logged_cause());
@@ -167,23 +172,24 @@ void verify_image(const Target& target, const Package& package, Progress& progre
     progress.begin("verify", target.partition());
     const Device device(target.device);
     device.sync();
-    const auto before = device.uncorrectable_reads();
+    const auto lost = device.uncorrectable_reads();
     const Digests found = read_back(device, target, progress);
-    const auto after = device.uncorrectable_reads();
     if (!target.image.matches(found)) {
         throw explain_difference(target, package);
     }
-    if (before && after && *after > *before) {
+    if (device.lost_reads_since(lost)) {
         throw Failure(ExitCode::device, target.partition() + " has pages that its ECC can no longer mend",
                       "the device may be worn out");
     }
 }
 
-void write_group(const Group& group, const Package& package, Progress& progress) {
+/** @param begun  out: gets each target before its first byte changes */
+void write_group(const Group& group, const Package& package, Progress& progress, Group& begun) {
     if (group.empty()) {
         return;
     }
     for (const Target* target : group) {
+        begun.push_back(target);
         write_image(*target, package, progress);
     }
     set_status_flag(OTA_FLAG_VERIFY);
@@ -201,7 +207,7 @@ void switch_slot(int32_t slot) {
     }
 }
 
-void run_plan(const Plan& plan, const Package& package, Progress& progress) {
+void run_plan(const Plan& plan, const Package& package, Progress& progress, Group& begun) {
     const Group slot_group = group_of(plan, true);
     const Group single_group = group_of(plan, false);
     stop_if_interrupted();
@@ -209,11 +215,11 @@ void run_plan(const Plan& plan, const Package& package, Progress& progress) {
     if (!slot_group.empty()) {
         make_unbootable(*plan.slot);
     }
-    write_group(slot_group, package, progress);
+    write_group(slot_group, package, progress, begun);
     if (!slot_group.empty() && !single_group.empty()) {
         set_status_flag(OTA_FLAG_BURN);
     }
-    write_group(single_group, package, progress);
+    write_group(single_group, package, progress, begun);
     stop_if_interrupted();
     set_status_flag(OTA_FLAG_VERIFIED);
     if (plan.switches()) {
@@ -223,19 +229,32 @@ void run_plan(const Plan& plan, const Package& package, Progress& progress) {
     clear_status_flag();
 }
 
+/** What an earlier run did may still be in the page cache only, and not be told. */
+void settle(const Plan& plan) {
+    if (plan.slot) {
+        sync_partition("misc");
+    }
+    const StoredStatus stored = read_status();
+    if (stored.is_valid && stored.record.up != OTA_FLAG_NORMAL && stored.record.owner == OTA_TOOL) {
+        clear_status_flag();
+    }
+}
+
 /* ---- when it fails ---- */
 
-/** Partitions that exist once and whose write may have begun. */
-std::string exposed_partitions(const Plan& plan) {
+/** Partitions that exist once and whose write has begun. */
+std::string exposed_partitions(const Group& begun) {
     std::string names;
-    for (const Target* target : group_of(plan, false)) {
-        names += (names.empty() ? "" : ", ") + target->partition();
+    for (const Target* target : begun) {
+        if (!target->image.is_ab()) {
+            names += (names.empty() ? "" : ", ") + target->partition();
+        }
     }
     return names;
 }
 
 /** Asks the slot block, which knows better than any memory of what was done. */
-std::string state_of_board(const Plan& plan) {
+std::string state_of_board(const Plan& plan, const Group& begun) {
     std::string state;
     try {
         const SlotBlock block = read_slot_block();
@@ -248,19 +267,20 @@ std::string state_of_board(const Plan& plan) {
     } catch (const Failure&) {
         state = "what the board boots next is unknown";
     }
-    const std::string exposed = exposed_partitions(plan);
+    const std::string exposed = exposed_partitions(begun);
     return exposed.empty() ? state : state + "; what stands in " + exposed + " is unknown";
 }
 
 } // namespace
 
-void carry_out(const Plan& plan, const Package& package, Progress& progress) {
+void carry_out(const Plan& plan, bool needed, const Package& package, Progress& progress) {
+    Group begun;
     try {
-        run_plan(plan, package, progress);
+        needed ? run_plan(plan, package, progress, begun) : settle(plan);
     } catch (Failure& failure) {
-        failure.state = state_of_board(plan);
+        failure.state = state_of_board(plan, begun);
         throw;
     } catch (const std::exception& error) {
-        throw Failure(ExitCode::failed, error.what(), "", state_of_board(plan));
+        throw Failure(ExitCode::failed, error.what(), "", state_of_board(plan, begun));
     }
 }

@@ -14,7 +14,11 @@
 
 #include "install_plan.h"
 
-/** Throws Failure, whose state says what the board boots now. */
-void carry_out(const Plan& plan, const Package& package, Progress& progress);
+/**
+ * Throws Failure, whose state says what the board boots now.
+ * @param needed  false when the board already is where the plan leads: then only what an earlier run left
+ *                unfinished behind its last image is ended, the syncing of the switch and the status
+ */
+void carry_out(const Plan& plan, bool needed, const Package& package, Progress& progress);
 
 #endif

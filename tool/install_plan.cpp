@@ -10,6 +10,7 @@
 #include "version_file.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <set>
@@ -44,8 +45,9 @@ void judge_device(const Target& target) {
     }
 }
 
-Target make_target(const Package& package, const Image& image) {
-    Target target{image, package.at(image.file).size, device_path(image)};
+Target make_target(const Package& package, const Image& image, const InstallOptions& options) {
+    const bool read_first = options.dry_run || image.has_version || !image.is_ab();
+    Target target{image, package.at(image.file).size, device_path(image), read_first};
     judge_device(target);
     return target;
 }
@@ -67,12 +69,20 @@ void judge_names(const Package& package) {
     }
 }
 
-/** The version of the running system; empty when there is none to be read. */
-std::string read_installed_version(const std::string& file) {
-    try {
-        return read_version_file(file);
-    } catch (const Failure&) {
+/** The version of the running system; empty when the board has no file that tells. */
+std::string read_installed_version(const InstallOptions& options) {
+    std::error_code ignored;
+    if (!options.version_file_named && !std::filesystem::exists(options.version_file, ignored)) {
         return "";
+    }
+    try {
+        return read_version_file(options.version_file);
+    } catch (const Failure& failure) {
+        if (options.allow_downgrade) {
+            return "";
+        }
+        throw Failure(ExitCode::failed, std::string("cannot tell the installed version: ") + failure.what(),
+                      "--allow-downgrade installs without comparing");
     }
 }
 
@@ -92,6 +102,7 @@ void judge_version(const Plan& plan, bool allow_downgrade) {
 bool holds_image(const Target& target, const Package& package, uint64_t& done, Progress& progress) {
     const Device device(target.device);
     device.sync(); /* what a killed run left in the page cache is no proof */
+    const auto lost = device.uncorrectable_reads();
     Digester digester(target.image.strongest_digest());
     std::vector<uint8_t> held;
     const bool is_equal = package.read(package.at(target.image.file), [&](std::span<const uint8_t> piece) {
@@ -106,7 +117,7 @@ bool holds_image(const Target& target, const Package& package, uint64_t& done, P
     if (is_equal && !target.image.matches(digester.finish())) {
         throw wrong_digest(target.image);
     }
-    return is_equal;
+    return is_equal && !device.lost_reads_since(lost);
 }
 
 bool stands_already(const Target& target, const Package& package, Progress& progress) {
@@ -136,6 +147,9 @@ bool Plan::writes(bool ab) const {
 }
 
 Description read_description(const Package& package, const std::string& trust, std::string& signer) {
+    if (trust.empty() && std::getenv("TESSERA_TRUST") != nullptr) {
+        throw Failure(ExitCode::usage, "TESSERA_TRUST names no file", "unset it, or have it name the trusted ones");
+    }
     const std::string text = package.text(description_entry, description_limit);
     if (!trust.empty()) {
         if (!package.has(signature_entry)) {
@@ -173,19 +187,20 @@ Plan begin_plan(const Package& package, const InstallOptions& options) {
     Plan plan;
     plan.description = read_description(package, options.trust, plan.signer);
     judge_images(package, plan.description, !options.trust.empty());
-    plan.installed_version = read_installed_version(options.version_file);
+    plan.installed_version = read_installed_version(options);
     judge_version(plan, options.allow_downgrade);
     return plan;
 }
 
-void add_targets(Plan& plan, const Package& package) {
+void add_targets(Plan& plan, const Package& package, const InstallOptions& options) {
     for (const Image& image : plan.description.images) {
-        plan.targets.push_back(make_target(package, image));
+        plan.targets.push_back(make_target(package, image, options));
     }
     std::stable_partition(plan.targets.begin(), plan.targets.end(),
                           [](const Target& target) { return target.image.is_ab(); });
     if (plan.targets.front().image.is_ab()) {
-        plan.running = running_slot();
+        const int32_t running = running_slot();
+        plan.running = get_boot_mode() == RECOVERY_MODE ? std::nullopt : std::optional(running);
         plan.slot = require(ExitCode::device, "cannot tell the update slot", [] { return ota_get_update_slot(); });
     }
 }
@@ -210,7 +225,7 @@ void announce(const Plan& plan, const InstallOptions& options, Progress& progres
     for (const Target& target : plan.targets) {
         const uint64_t written = options.dry_run ? 0 : target.size;
         progress.expect("compare", options.force ? 0 : target.size);
-        progress.expect("check", target.image.is_ab() ? 0 : target.size);
+        progress.expect("check", target.read_first ? target.size : 0);
         progress.expect("write", written);
         progress.expect("verify", written);
     }
@@ -221,16 +236,16 @@ void survey(Plan& plan, const Package& package, Progress& progress) {
         progress.begin("compare", target.partition());
         target.stands = stands_already(target, package, progress);
         if (target.stands) {
-            progress.spare("check", target.image.is_ab() ? 0 : target.size);
+            progress.spare("check", target.read_first ? target.size : 0);
             progress.spare("write", target.size);
             progress.spare("verify", target.size);
         }
     }
 }
 
-void check_single_images(const Plan& plan, const Package& package, Progress& progress) {
+void check_images(const Plan& plan, const Package& package, Progress& progress) {
     for (const Target& target : plan.targets) {
-        if (target.image.is_ab() || target.stands) {
+        if (!target.read_first || target.stands) {
             continue;
         }
         if (!target.image.matches(digest_entry(package, target.image, target.image.strongest_digest(), progress))) {
@@ -240,20 +255,23 @@ void check_single_images(const Plan& plan, const Package& package, Progress& pro
 }
 
 void judge_slots(const Plan& plan) {
-    if (!plan.writes(true)) {
+    if (!plan.slot) {
         return;
-    }
-    const std::string slot = "slot " + slot_letter(*plan.slot);
-    if (plan.slot == plan.running && get_boot_mode() != RECOVERY_MODE) {
-        throw Failure(ExitCode::failed,
-                      slot +
-                          " is the one to write, and it is running on trial while the other slot is the only good one",
-                      "tessera confirm keeps this system, tessera rollback goes back; then install");
     }
     const SlotBlock block = read_slot_block();
     if (!block.checksum_is_right) {
         throw Failure(ExitCode::failed, "the checksum of the slot block is wrong, so what the board boots is unknown",
-                      "tessera slots shows what it holds, tessera confirm seals it with the running slot as good");
+                      "tessera slots shows what it holds, tessera confirm makes it anew with the running slot as good");
+    }
+    if (!plan.writes(true)) {
+        return;
+    }
+    const std::string slot = "slot " + slot_letter(*plan.slot);
+    if (plan.slot == plan.running) {
+        throw Failure(ExitCode::failed,
+                      slot +
+                          " is the one to write, and it is running on trial while the other slot is the only good one",
+                      "tessera confirm keeps this system, tessera rollback goes back; then install");
     }
     if (!block.boots_without(*plan.slot)) {
         throw Failure(ExitCode::failed, "while " + slot + " is written there would be nothing to boot",

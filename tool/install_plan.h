@@ -18,6 +18,7 @@ struct InstallOptions {
     std::string trust; /* PEM file of trusted certificates; empty checks integrity only */
     std::string lock_file = default_lock_file;
     std::string version_file = "/usr/velox/version";
+    bool version_file_named = false; /* by the user, who expects it to be there */
     bool allow_downgrade = false;
     bool dry_run = false;
     bool force = false;
@@ -28,6 +29,7 @@ struct Target {
     Image image;
     uint64_t size;       /* bytes of the image */
     std::string device;  /* path */
+    bool read_first;     /* its digest is compared before anything is done with it */
     bool stands = false; /* the device holds the image already */
 
     /** "system_b", or the plain name of a partition that exists once */
@@ -40,7 +42,7 @@ struct Plan {
     std::string installed_version;  /* empty when the board does not tell */
     std::vector<Target> targets;    /* those of the slot first: what has no second copy is written last */
     std::optional<int32_t> slot;    /* the update slot, when an image goes to a slot */
-    std::optional<int32_t> running; /* known whenever `slot` is */
+    std::optional<int32_t> running; /* known whenever `slot` is, but in recovery mode no slot's system runs */
 
     /** Whether an image of this kind has to be written. */
     [[nodiscard]] bool writes(bool ab) const;
@@ -60,7 +62,7 @@ void judge_images(const Package& package, const Description& description, bool i
 Plan begin_plan(const Package& package, const InstallOptions& options);
 
 /** Finds where each image goes, and refuses what does not fit there. */
-void add_targets(Plan& plan, const Package& package);
+void add_targets(Plan& plan, const Package& package, const InstallOptions& options);
 
 /** Announces all work that the plan may take, so that the share done never falls. */
 void announce(const Plan& plan, const InstallOptions& options, Progress& progress);
@@ -68,10 +70,13 @@ void announce(const Plan& plan, const InstallOptions& options, Progress& progres
 /** Finds out which images their devices hold already. */
 void survey(Plan& plan, const Package& package, Progress& progress);
 
-/** Reads the images for partitions that exist once: a damaged one must not cost the only copy. */
-void check_single_images(const Plan& plan, const Package& package, Progress& progress);
+/**
+ * Reads the images that must not be believed before: for partitions that exist once, where a damaged one
+ * would cost the only copy, and those whose versions are stored. Where nothing will be written, all.
+ */
+void check_images(const Plan& plan, const Package& package, Progress& progress);
 
-/** Refuses what could leave the board with nothing to boot. */
+/** Refuses what could leave the board with nothing to boot, and a slot block of which nothing is known. */
 void judge_slots(const Plan& plan);
 
 Failure wrong_digest(const Image& image);

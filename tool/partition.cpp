@@ -19,7 +19,7 @@ std::string file_or_partition(const std::string& name) {
     }
     std::string path = partition_path(name);
     if (!std::filesystem::exists(path)) {
-        throw Failure(ExitCode::failed, "there is no file and no partition " + name, "tessera partitions");
+        throw Failure(ExitCode::device, "there is no file and no partition " + name, "tessera partitions");
     }
     return path;
 }

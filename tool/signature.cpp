@@ -44,6 +44,8 @@ X509Store load_trust(const std::string& path) {
     if (store == nullptr || X509_STORE_load_file(store.get(), path.c_str()) != 1) {
         throw Failure(ExitCode::failed, "cannot read the trusted certificates in " + path + openssl_cause());
     }
+    /* The authority decides who signs updates; mail, which OpenSSL asks about otherwise, is not the matter. */
+    X509_STORE_set_purpose(store.get(), X509_PURPOSE_ANY);
     return store;
 }
 

@@ -105,7 +105,7 @@ void mark_slot_good(int32_t slot) {
 void mark_slot_unbootable(int32_t slot) {
     change_block(
         "cannot make slot " + slot_letter(slot) + " unbootable", [&] { return ota_set_slot_unbootable(slot); },
-        [&] { return read_slot(slot).tries == 0; });
+        [&] { return read_slot(slot).is_given_up(); });
 }
 
 void reset_slot_block() {

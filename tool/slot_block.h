@@ -17,6 +17,10 @@ struct Slot {
     [[nodiscard]] bool is_bootable() const {
         return tries > 0 && !corrupted;
     }
+    /** No attempt is made to boot it, and the mark of an earlier system does not come back with a try. */
+    [[nodiscard]] bool is_given_up() const {
+        return tries == 0 && !marked_good;
+    }
     [[nodiscard]] bool is_confirmed() const {
         return is_bootable() && marked_good;
     }

@@ -137,13 +137,13 @@ bool mend_records(const Options& options) {
 }
 
 void judge_board(Plan& plan, const Package& package, const Options& options, Progress& progress) {
-    add_targets(plan, package);
+    add_targets(plan, package, options);
     announce(plan, options, progress);
     if (!options.force) {
         survey(plan, package, progress);
     }
     judge_slots(plan);
-    check_single_images(plan, package, progress);
+    check_images(plan, package, progress);
     stop_if_interrupted();
     progress.begin("check", "versions");
     judge_versions(package, plan.description);
@@ -178,8 +178,8 @@ void install(const Context& context, const Options& options) {
     Progress progress(options.quiet ? ProgressMode::none : options.progress.value_or(default_progress_mode()));
     const Plan plan = judge(package, options, progress);
     const bool needed = !is_done(plan);
-    if (needed && !options.dry_run) {
-        carry_out(plan, package, progress);
+    if (!options.dry_run) {
+        carry_out(plan, needed, package, progress);
     }
     progress.finish();
     const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
@@ -214,8 +214,7 @@ void choose_progress(Options& options, const std::string& mode) {
 void declare_install(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
     verb.add_option("PACKAGE", options->package, "The package, a zip file")->required();
-    verb.add_option("--trust", options->trust, "PEM file of the certificates whose signatures are accepted")
-        ->envname("TESSERA_TRUST");
+    add_trust(verb, options->trust);
     verb.add_flag("--allow-downgrade", options->allow_downgrade, "Install a version older than the installed one");
     verb.add_flag("--dry-run", options->dry_run, "Judge everything, say what would happen, touch nothing");
     verb.add_flag("--force", options->force, "Write images that stand on the board already too");
@@ -224,8 +223,12 @@ void declare_install(CLI::App& verb, Context& context) {
     verb.add_option_function<std::string>("--progress", choose, "How to show progress: bar, plain or json, on stderr")
         ->check(CLI::IsMember({"bar", "plain", "json"}).description(""))
         ->type_name("MODE");
-    verb.add_option("--version-file", options->version_file, "Where the installed version stands")
-        ->capture_default_str();
-    verb.add_option("--lock", options->lock_file, "Lock that only one update holds at a time")->capture_default_str();
-    on_command(verb, context, [&context, options] { install_or_say_untouched(context, *options); });
+    const CLI::Option* version =
+        verb.add_option("--version-file", options->version_file, "Where the installed version stands")
+            ->capture_default_str();
+    add_lock(verb, options->lock_file);
+    on_command(verb, context, [&context, options, version] {
+        options->version_file_named = version->count() > 0;
+        install_or_say_untouched(context, *options);
+    });
 }

@@ -7,6 +7,7 @@
 #include "text.h"
 #include "verb.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <iterator>
@@ -52,6 +53,16 @@ uint64_t read_pieces(const std::string& path, Take take) {
     return size;
 }
 
+/** A digest may be stated in capitals. */
+Json in_lower_case(const Json& value) {
+    if (!value.is_string()) {
+        return value;
+    }
+    auto text = value.get<std::string>();
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+    return text;
+}
+
 /** Fills in what a draft leaves out, and refuses what it states wrongly. */
 void complete(Json& partition, const Options& options) {
     const auto file = partition["file"].get<std::string>();
@@ -64,7 +75,7 @@ void complete(Json& partition, const Options& options) {
     const Digests digests = digester.finish();
     const Json found = {{"md5", digests.md5}, {"sha256", digests.sha256}, {"size", size}};
     for (const auto& item : found.items()) {
-        if (partition.contains(item.key()) && partition[item.key()] != item.value()) {
+        if (partition.contains(item.key()) && in_lower_case(partition[item.key()]) != item.value()) {
             throw Failure(ExitCode::failed, "the description states another " + item.key() + " of " + file,
                           "leave it out, and it is filled in");
         }

@@ -193,8 +193,8 @@ void check(const Context& context, const std::string& file) {
     text += problems.empty() ? format("all %zu entries are whole", package.entries().size()) : "";
     context.show({{"entries", package.entries().size()}, {"problems", problems}}, text);
     if (!problems.empty()) {
-        throw Failure(ExitCode::failed, format("%zu of %zu entries of ", problems.size(), package.entries().size()) +
-                                            file + " are damaged");
+        throw Failure(ExitCode::refused, format("%zu of %zu entries of ", problems.size(), package.entries().size()) +
+                                             file + " are damaged");
     }
 }
 

@@ -91,8 +91,7 @@ void verify(const Context& context, const Options& options) {
 void declare_verify(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
     verb.add_option("PACKAGE", options->package, "The package, a zip file")->required();
-    verb.add_option("--trust", options->trust, "PEM file of the certificates whose signatures are accepted")
-        ->envname("TESSERA_TRUST");
-    verb.add_option("--lock", options->lock_file, "Lock that only one update holds at a time")->capture_default_str();
+    add_trust(verb, options->trust);
+    add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options] { verify(context, *options); });
 }
