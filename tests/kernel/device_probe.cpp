@@ -1,6 +1,8 @@
 /**
  * Asks a device one thing after the other and prints each answer. What the kernel's devices and the
  * simulated ones answer has to be the same text.
+ *
+ * usage: device_probe mtd|ubi DEVICE
  */
 #include "flash_model.h"
 #include "ubi_volume_info.h"
@@ -16,25 +18,24 @@
 namespace {
 
 constexpr size_t page_size = 2048;
+const bytes page = random_bytes(page_size, 1), other_page = random_bytes(page_size, 3), erased(page_size, 0xff);
 int fd, read_only; /* the device, opened twice */
 
 void tell(const char* question, long answer) {
     std::printf("probe %s: %ld %s\n", question, answer, answer < 0 ? strerrorname_np(errno) : "");
 }
 
-bytes read_page(off_t at) {
-    bytes data(page_size);
-    const ssize_t count = pread(fd, data.data(), data.size(), at);
-    data.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
-    return data;
-}
-
-long put(int by, off_t at, size_t count = page_size) {
-    return pwrite(by, random_bytes(page_size, 1).data(), count, at);
+long put(off_t at, const bytes& data, int by = fd) {
+    return pwrite(by, data.data(), data.size(), at);
 }
 
 long get(off_t at, size_t count) {
     return pread(fd, bytes(count).data(), count, at);
+}
+
+bool holds(off_t at, const bytes& data) {
+    bytes found(data.size());
+    return pread(fd, found.data(), found.size(), at) == ssize(data) && found == data;
 }
 
 template <class Argument>
@@ -44,21 +45,21 @@ int ask(unsigned long request, Argument argument, int by = fd) {
 
 /** Block 0 is good and erased. */
 void probe_transfers(off_t size) {
-    tell("read what is erased", read_page(0) == bytes(page_size, 0xff));
-    tell("write 100 bytes", put(fd, 0, 100));
-    tell("write at 100", put(fd, 100));
-    tell("write read-only", put(read_only, 0));
-    tell("write", put(fd, 0));
-    tell("read what was written", read_page(0) == random_bytes(page_size, 1));
-    tell("write the same", put(fd, 0));
-    tell("read what was written twice", read_page(0) == random_bytes(page_size, 1));
-    tell("write something else", pwrite(fd, random_bytes(page_size, 3).data(), page_size, 0));
+    tell("read what is erased", holds(0, erased));
+    tell("write 100 bytes", put(0, bytes(100)));
+    tell("write at 100", put(100, page));
+    tell("write read-only", put(0, page, read_only));
+    tell("write", put(0, page));
+    tell("read what was written", holds(0, page));
+    tell("write the same", put(0, page));
+    tell("read what was written twice", holds(0, page));
+    tell("write something else", put(0, other_page));
     tell("read that", get(0, page_size));
     tell("read behind that", get(page_size, page_size));
     tell("read across the end", get(size - 100, page_size));
     tell("read at the end", get(size, 100));
-    tell("write across the end", put(fd, size - 100));
-    tell("write at the end", put(fd, size));
+    tell("write across the end", put(size - 100, page));
+    tell("write at the end", put(size, page));
     tell("sync", fsync(fd));
 }
 
@@ -84,13 +85,10 @@ void probe_mtd() {
     mtd_ecc_stats stats{};
     tell("ECCGETSTATS", ioctl(fd, ECCGETSTATS, &stats));
     tell("the ECC failed", stats.failed > 0);
-    const auto put_all = [block](uint8_t byte) {
-        return pwrite(fd, bytes(page_size, byte).data(), page_size, block / 2);
-    };
-    tell("write ones and zeros", put_all(0xf1));
-    tell("write others over them", put_all(0x3f));
-    tell("read both", read_page(block / 2) == bytes(page_size, 0x31));
-    tell("write to a bad block", put(fd, block));
+    tell("write ones and zeros", put(block / 2, bytes(page_size, 0xf1)));
+    tell("write others over them", put(block / 2, bytes(page_size, 0x3f)));
+    tell("read both", holds(block / 2, bytes(page_size, 0x31)));
+    tell("write to a bad block", put(block, page));
     tell("read a bad block", get(block, page_size));
     tell("read behind the end", get(info.size + block, 100));
     tell("mark a block bad", ask(MEMSETBADBLOCK, 2 * block));
@@ -102,10 +100,9 @@ void probe_ubi() {
     ubi_info_user info{};
     tell("UBI_IOCVOLINFO", ioctl(fd, UBI_IOCVOLINFO, &info));
     const auto lebs = static_cast<int32_t>(info.used_bytes / info.usable_leb_size);
-    ubi_set_vol_prop_req request{.property = UBI_VOL_PROP_DIRECT_WRITE, .padding = {}, .value = 1};
-    tell("write before it is allowed", put(fd, 0));
+    tell("write before it is allowed", put(0, page));
     tell("set an unknown property", ask(UBI_IOCSETVOLPROP, ubi_set_vol_prop_req{77, {}, 1}));
-    tell("allow direct writes", ioctl(fd, UBI_IOCSETVOLPROP, &request));
+    tell("allow direct writes", ask(UBI_IOCSETVOLPROP, ubi_set_vol_prop_req{UBI_VOL_PROP_DIRECT_WRITE, {}, 1}));
     tell("erase LEB -1", ask(UBI_IOCEBER, int32_t{-1}));
     tell("erase behind the end", ask(UBI_IOCEBER, lebs));
     tell("erase read-only", ask(UBI_IOCEBER, int32_t{0}, read_only));
@@ -115,16 +112,12 @@ void probe_ubi() {
     tell("ask for a written LEB", ask(UBI_IOCEBISMAP, int32_t{0}));
     tell("read the whole LEB", get(0, static_cast<size_t>(info.usable_leb_size)));
     tell("unmap", ask(UBI_IOCEBUNMAP, int32_t{0}));
-    tell("read what is unmapped", read_page(0) == bytes(page_size, 0xff));
+    tell("read what is unmapped", holds(0, erased));
 }
 
 } // namespace
 
-int main(int count, char** words) {
-    if (count != 3) {
-        std::fprintf(stderr, "usage: device_probe mtd|ubi DEVICE\n");
-        return 2;
-    }
+int main(int /*count*/, char** words) {
     fd = open(words[2], O_RDWR);
     read_only = open(words[2], O_RDONLY);
     if (fd < 0 || read_only < 0) {
