@@ -5,14 +5,11 @@
  * usage: library_test READER     the program that shows a partition, its bad blocks left out
  */
 #include "flash_model.h"
-#include "ota_boot_control.h"
-#include "ota_partition.h"
-#include "veeprom_flag.h"
+#include "velox_ota_hl.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 namespace {
@@ -27,38 +24,32 @@ void expect(bool condition, int line = __builtin_LINE()) {
 }
 
 /** A partition, and what its good blocks should hold. */
-class partition {
-public:
-    explicit partition(const std::string& name) : path_("/dev/block/platform/by-name/" + name), expected_(read()) {
+struct partition {
+    explicit partition(const std::string& name) : path("/dev/block/platform/by-name/" + name), expected(read()) {
     }
 
     void put(const bytes& data, size_t offset) {
-        std::ranges::copy(data, &expected_[offset]);
+        std::ranges::copy(data, &expected[offset]);
     }
 
     [[nodiscard]] bool holds() const {
-        return read() == expected_;
-    }
-
-    [[nodiscard]] size_t room() const {
-        return expected_.size();
+        return read() == expected;
     }
 
     [[nodiscard]] ota_file_info_t at(uint64_t offset) const {
         ota_file_info_t file{.offset = offset, .size = 0, .medium = OTA_NAND, .path = {}};
-        path_.copy(file.path, sizeof file.path - 1);
+        path.copy(file.path, sizeof file.path - 1);
         return file;
     }
 
-private:
     [[nodiscard]] bytes read() const {
-        expect(std::system((reader + " " + path_ + " >/tmp/dump").c_str()) == 0);
+        expect(std::system((reader + " " + path + " >/tmp/dump").c_str()) == 0);
         std::ifstream file("/tmp/dump", std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    std::string path_;
-    bytes expected_;
+    std::string path;
+    bytes expected;
 };
 
 /** A record of `size` bytes that ends in its CRC. */
@@ -103,14 +94,14 @@ void test_images() {
     expect(system.holds());
     std::mt19937 random(6);
     for (uint32_t round = 0; round < 8; ++round) {
-        const size_t offset = random() % (system.room() - 400000);
+        const size_t offset = random() % (system.expected.size() - 400000);
         const bytes data = random_bytes(1 + random() % 400000, round);
         target = system.at(offset);
         expect(ota_buf_to_file(&target, reinterpret_cast<const char*>(data.data()), data.size()) == ssize(data));
         system.put(data, offset);
         expect(system.holds());
     }
-    target = system.at(system.room() - 5);
+    target = system.at(system.expected.size() - 5);
     expect(ota_buf_to_file(&target, "past the end", 12) == -1);
     expect(system.holds());
 }
