@@ -19,17 +19,14 @@ inline bytes random_bytes(size_t size, uint32_t seed) {
 
 /** Lays `data` at a logical offset: the bad blocks do not count. */
 inline void put_logical(bytes& device, const bytes& data, size_t offset, const std::set<size_t>& bad, size_t block) {
-    size_t logical = 0;
+    std::vector<size_t> good;
     for (size_t at = 0; at < device.size(); at += block) {
-        if (bad.contains(at / block)) {
-            continue;
+        if (!bad.contains(at / block)) {
+            good.push_back(at);
         }
-        const size_t first = std::max(offset, logical);
-        const size_t end = std::min(offset + data.size(), logical + block);
-        if (first < end) {
-            std::copy_n(&data[first - offset], end - first, &device[at + first - logical]);
-        }
-        logical += block;
+    }
+    for (size_t i = 0; i < data.size(); ++i) {
+        device[good[(offset + i) / block] + (offset + i) % block] = data[i];
     }
 }
 
