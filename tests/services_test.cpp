@@ -1,12 +1,9 @@
 /** Digests, the lock and commands, versions, the inventory and flash commands. */
 #include "board.h"
 #include "flash_sim.h"
-#include "md5.h"
-#include "ota_partition.h"
 
 #include <algorithm>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <linux/loop.h>
@@ -81,17 +78,12 @@ TEST_F(Services, digests_of_memory_equal_those_of_md5sum) {
         expected += md5(bytes.substr(0, length)) + "  " + write_file(file, bytes.substr(0, length)) + "\n";
     }
     EXPECT_EQ(output_of("md5sum /userdata/ota/[1-4]*"), expected);
-    for (const size_t length : {64U, 65U, 119U, 120U, 200U}) {
-        for (size_t first = 0; first <= length; ++first) {
-            for (size_t second = first; second <= length; ++second) {
-                const std::string text = bytes.substr(0, length);
-                ASSERT_EQ(md5(text, {first, second}), md5(text)) << length << ": " << first << ", " << second;
-            }
+    const std::string text = bytes.substr(0, 184); // in its last block there is no room for the length
+    for (size_t first = 0; first <= text.size(); ++first) {
+        for (size_t second = first; second <= text.size(); ++second) {
+            ASSERT_EQ(md5(text, {first, second}), md5(text)) << first << ", " << second;
         }
     }
-    // RFC 1321, A.5
-    EXPECT_EQ(md5(""), "d41d8cd98f00b204e9800998ecf8427e");
-    EXPECT_EQ(md5("message digest"), "f96b697d7cb7938d525a2f31aaf161d0");
     // A length whose bits need more than 32: the pages of the mapping are all the one zero page.
     const size_t size = (size_t{1} << 29) + 67;
     void* const zeros = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -111,7 +103,7 @@ TEST_F(Services, stretches_around_the_chunks) {
         return digest_of([&](md5_byte_t* digest) { return MD5DevPart(path.c_str(), offset, length, digest); });
     };
     const auto of_file = [](const char* path) {
-        return digest_of([&](md5_byte_t* digest) { return MD5File(path, digest); });
+        return digest_of([&](md5_byte_t* out) { return MD5File(path, out); });
     };
     for (const long place : {0L, 1L, chunk - 1, chunk, chunk + 1, 3 * chunk, size, size + 1}) {
         for (const long length : {-1L, 0L, chunk - 1, chunk, 2 * chunk, 2 * chunk + 1, size}) {
@@ -175,40 +167,28 @@ TEST_F(Services, one_process_holds_the_lock) {
                                                                 "error ota doesn't support multiple processes."});
     };
     const auto crash = [&] { return get_file_lock(lock) == 0 && raise(SIGKILL) == 0; };
-    EXPECT_EQ(put_file_lock(lock), -1);
-    EXPECT_EQ(get_file_lock(nowhere), -1);
+    told(get_file_lock(nowhere), -1, {"error open file /no/such/lock failed."});
     const mode_t mask = umask(022);
     EXPECT_EQ(get_file_lock(lock), 0);
     umask(mask);
-    struct stat status {};
-    EXPECT_TRUE(stat(lock, &status) == 0 && status.st_mode == (S_IFREG | 0744));
-    EXPECT_EQ(log(true),
-              Lines({"error open file /no/such/lock failed.", "debug lock file /userdata/ota/lock successfully."}));
+    EXPECT_EQ(std::filesystem::status(lock).permissions(), std::filesystem::perms(0744));
+    EXPECT_EQ(log(true), Lines({"debug lock file /userdata/ota/lock successfully."}));
     EXPECT_TRUE(is_refused()) << "in the same process too";
     EXPECT_TRUE(elsewhere(is_refused)) << "and the one that stands was not disturbed";
-    EXPECT_EQ(put_file_lock(other), 0);
-    EXPECT_EQ(put_file_lock(lock), -1);
-    EXPECT_EQ(log(true), Lines({"info unlock file /userdata/ota/other successfully"}));
+    told(put_file_lock(other), 0, {"info unlock file /userdata/ota/other successfully"});
+    told(put_file_lock(lock), -1, {});
     EXPECT_TRUE(elsewhere(crash) && elsewhere(crash)) << "a lock ends with its process";
     char command[] = "sleep 1000 >/dev/null & echo $! >/userdata/ota/pid";
     EXPECT_TRUE(elsewhere([&] { return get_file_lock(lock) == 0 && ota_system_exe(command) == 0 && raise(SIGKILL); }));
     EXPECT_TRUE(is_refused()) << "a program that the process started still runs";
     kill(std::stoi(read_file("/userdata/ota/pid")), SIGKILL);
-    int tries = 1000;
-    while (get_file_lock(lock) != 0 && --tries > 0) {
-        usleep(1000);
-    }
-    EXPECT_EQ(put_file_lock(lock), 0);
 }
 
-TEST_F(Services, commands_succeed_or_fail) {
+TEST_F(Services, commands_that_fail) {
     for (std::string command : {"exit 3", "kill -9 $$", "no_such_command 2>/dev/null"}) {
-        EXPECT_EQ(ota_system_exe(command.data()), -1);
-        EXPECT_EQ(log(true), Lines({"error execute cmd:" + command + " failed!"}));
+        told(ota_system_exe(command.data()), -1, {"error execute cmd:" + command + " failed!"});
     }
-    char good[] = "true";
-    EXPECT_TRUE(ota_system_exe(good) == 0 && ota_system_exe(nullptr) == -1);
-    EXPECT_EQ(log(true), Lines({"debug execute cmd:true success!", "error system cmd is NULL!"}));
+    told(ota_system_exe(nullptr), -1, {"error system cmd is NULL!"});
 }
 
 TEST_F(Services, versions_are_compared_by_segment) {
@@ -221,8 +201,9 @@ TEST_F(Services, versions_are_compared_by_segment) {
         {"2147483648", "0", 1, ""},  {"4294967297", "1", 0, " "}, {"\xC8", "152", 0, " "},
     };
     for (const auto& [v1, v2, older, remains] : rows) {
-        EXPECT_EQ(compare_sys_versions(v1, v2), older) << v1 << " " << v2;
-        EXPECT_EQ(log(), remains.empty() ? Lines() : Lines({"error Compare " + remains + " is same version"}));
+        SCOPED_TRACE(std::string(v1) + " " + v2);
+        told(compare_sys_versions(v1, v2), older,
+             Lines(remains.empty() ? 0 : 1, "error Compare " + remains + " is same version"));
     }
 }
 
@@ -240,9 +221,8 @@ TEST_F(Services, versions_are_read_out_of_files) {
     };
     for (const auto& [text, version, result, lines] : rows) {
         char out[128] = "";
-        EXPECT_EQ(get_system_version(write_file(path, text).c_str(), out), result) << text;
-        EXPECT_EQ(out, version);
-        EXPECT_EQ(log(), lines) << text;
+        told(get_system_version(write_file(path, text).c_str(), out), result, lines);
+        EXPECT_EQ(out, version) << text;
     }
     char out[128] = "";
     std::string line = "a_V" + x + x + " _V2";
@@ -294,34 +274,33 @@ TEST_F(Services, partition_table_of_sgdisk) {
 
 TEST_F(Services, a_flash_command_is_judged_before_the_node_is_touched) {
     const std::string magic = bytes_of(0x46434D44), rest = noise(2256), range = "error Misc data out of range";
-    const std::string node = by_name + "flashcmd", bad_magic = "error Invalid flash cmd magic: 444d4346";
-    std::string data = "data";
+    const std::string node = by_name + "flashcmd";
+    char data[] = "data";
     const struct {
         std::string cmd, stored; // less the size of the area at its bytes 12 to 15
-        uint32_t area, length, offset;
-        int32_t result;
+        uint32_t area, offset;
         size_t written;
         Lines lines;
     } rows[] = {
-        {"misc_write_cmd", magic, 4096, 4, 200, 0, 6368, {}},
-        {"misc_write_cmd", magic, 204, 4, 200, 0, 2476, {}},
-        {"misc_write_cmd", magic, 203, 4, 200, -1, 0, {range}},
-        {"misc_write_cmd", magic, 100, 4, UINT32_MAX, -1, 0, {range}}, // the sum does not wrap
-        {"other", magic, 4, 4, 0, 0, 2272, {}},                        // judged, but no data is written
-        {"other", magic, 3, 4, 0, -1, 0, {range}},
-        {"other", "FCMD", 4, 4, 0, -1, 0, {bad_magic}},
+        {"misc_write_cmd", magic, 4096, 200, 6368, {}},
+        {"misc_write_cmd", magic, 204, 200, 2476, {}},
+        {"misc_write_cmd", magic, 203, 200, 0, {range}},
+        {"misc_write_cmd", magic, 100, UINT32_MAX, 0, {range}}, // the sum does not wrap
+        {"other", magic, 4, 0, 2272, {}},                       // judged, but no data is written
+        {"other", magic, 3, 0, 0, {range}},
+        {"other", "FCMD", 4, 0, 0, {"error Invalid flash cmd magic: 444d4346"}},
     };
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.area);
         const std::string record = row.stored + rest.substr(0, 8) + bytes_of(row.area) + rest;
         write_file(flashcmds + row.cmd, record + "surplus");
         add_partition("flashcmd", "");
-        EXPECT_EQ(ota_write_flashcmd(row.cmd.c_str(), data.data(), row.length, row.offset), row.result);
+        told(ota_write_flashcmd(row.cmd.c_str(), data, 4, row.offset), row.written > 0 ? 0 : -1, row.lines);
         std::string expected = record + std::string(row.area, '\0');
         if (row.written > 2272) {
             expected.replace(2272 + row.offset, 4, data);
         }
-        EXPECT_EQ(read_partition("flashcmd"), expected.substr(0, row.written)) << row.area;
-        EXPECT_EQ(log(), row.lines) << row.area;
+        EXPECT_EQ(read_partition("flashcmd"), expected.substr(0, row.written));
     }
     EXPECT_EQ(ota_write_flashcmd(nullptr, nullptr, 0, 0), -6);
     EXPECT_EQ(ota_write_flashcmd("misc_write_cmd", nullptr, 1, 0), -6);

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -14,6 +15,7 @@ namespace {
 class Efuse : public testing::Test {
 protected:
     Efuse() {
+        std::filesystem::create_directory(dir_);
         setenv("TESSERA_EFUSE_FILE", file_.c_str(), 1);
     }
     ~Efuse() override {
@@ -24,11 +26,8 @@ protected:
         return {std::istreambuf_iterator<char>(in), {}};
     }
 
-    std::filesystem::path dir_ = [] {
-        std::string name = testing::TempDir() + "efuse.XXXXXX";
-        return std::filesystem::path(mkdtemp(name.data()));
-    }();
-    std::filesystem::path file_ = dir_ / "counters";
+    const std::filesystem::path dir_ = testing::TempDir() + "efuse." + std::to_string(getpid());
+    const std::filesystem::path file_ = dir_ / "counters";
 };
 
 TEST_F(Efuse, counters_start_at_0_and_only_rise) {
