@@ -99,12 +99,11 @@ void probe_mtd() {
 void probe_ubi() {
     ubi_info_user info{};
     tell("UBI_IOCVOLINFO", ioctl(fd, UBI_IOCVOLINFO, &info));
-    const auto lebs = static_cast<int32_t>(info.used_bytes / info.usable_leb_size);
     tell("write before it is allowed", put(0, page));
     tell("set an unknown property", ask(UBI_IOCSETVOLPROP, ubi_set_vol_prop_req{77, {}, 1}));
     tell("allow direct writes", ask(UBI_IOCSETVOLPROP, ubi_set_vol_prop_req{UBI_VOL_PROP_DIRECT_WRITE, {}, 1}));
     tell("erase LEB -1", ask(UBI_IOCEBER, int32_t{-1}));
-    tell("erase behind the end", ask(UBI_IOCEBER, lebs));
+    tell("erase behind the end", ask(UBI_IOCEBER, static_cast<int32_t>(info.used_bytes / info.usable_leb_size)));
     tell("erase read-only", ask(UBI_IOCEBER, int32_t{0}, read_only));
     tell("erase", ask(UBI_IOCEBER, int32_t{0}));
     tell("ask for an erased LEB", ask(UBI_IOCEBISMAP, int32_t{0}));
