@@ -54,10 +54,9 @@ protected:
 
     /* What openssl makes of extensions such as secure + "ASN1:INTEGER:3". */
     static string certificate(const string& extensions) {
-        run("openssl req -x509 -config /tmp/config -newkey ed25519 -noenc -keyout /dev/null -subj /CN=x -outform DER "
-            "-out /tmp/certificate" +
-            extensions);
-        return read_file("/tmp/certificate");
+        const string request = "openssl req -x509 -config config -newkey ed25519 -noenc -keyout key -subj /CN=x";
+        run("cd /tmp && " + request + " -outform DER -out der" + extensions);
+        return read_file("/tmp/der");
     }
     static string version(int number) {
         return certificate((number % 2 == 0 ? secure : non_secure) + "ASN1:INTEGER:" + std::to_string(number));
@@ -241,15 +240,13 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
     run("cd /tmp/update && zip -q1y /tmp/update.zip *");
     const string sound = "miniboot=m3 uboot_a=u3 vbmeta_a=v3", low = "refused; antirollback version check failed!";
     const string failed = "; antirollback version get failed!";
-    const string differ = "refused; uboot and vbmeta versions are inconsistent" + failed;
     const string twice = " is inconsistent" + failed, index = "refused; image /tmp/scratch/";
     const std::tuple<uint32_t, uint32_t, string, string> cases[] = {
         {3, 3, sound, "pass"},
         {3, 4, sound, low},
         {0, UINT32_MAX, sound, low},
-        {0, 0, "", "pass"},
         {1, 0, "vbmeta=v3 uboot=u3", low},
-        {9, 9, "uboot=u3", differ},
+        {9, 9, "uboot=u3", "refused; uboot and vbmeta versions are inconsistent" + failed},
         {0, 0, "unversioned_uboot=none kernel=u3", "pass"},
         {3, 0, "vbmeta_of_miniboot=m3", "pass"},
         {0, 3, "uboot=u255 uboot=u3 vbmeta=v3", "pass"},
@@ -282,7 +279,6 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
     EXPECT_EQ(read_partition("ubootenv").substr(0x30880, 12), record);
     const string deep = "/tmp/" + string(251, 's'), cut = deep.substr(0, 255); /* what is left of an image's path */
     EXPECT_EQ(verdict("kernel=v0", deep), "pass; Remove " + cut + " failed [v0]");
-    EXPECT_EQ(verdict("uboot=u3", deep), "refused; fopen " + cut + " failed" + failed + " [u3]");
     EXPECT_EQ(verdict("vbmeta=v3", deep), "refused; open file " + cut + " failed!" + failed + " [v3]");
     /* What is judged comes out of the package, and nothing else is removed. */
     const string lost = "refused; nowhere symlink error; lost is no regular file in the package";

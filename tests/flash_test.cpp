@@ -3,7 +3,6 @@
 #include "flash_model.h"
 #include "flash_sim.h"
 
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <span>
@@ -74,9 +73,8 @@ protected:
         std::vector<Operation> all;
         std::istringstream journal(flash_sim_journal());
         for (std::string line; std::getline(journal, line);) {
-            std::string device;
             Operation next{"", 1, 0};
-            std::istringstream(line) >> device >> next.kind >> next.position;
+            std::istringstream(line.substr(line.find(' '))) >> next.kind >> next.position;
             next.number += static_cast<size_t>(std::ranges::count(all, next.kind, &Operation::kind));
             all.push_back(next);
         }
@@ -222,7 +220,7 @@ TEST_F(Flash, ranges_at_the_end) {
         fill(before_, std::min(offset, size), written > 0 ? length : 0, 7);
         EXPECT_TRUE(holds(before_));
         EXPECT_EQ(read_device(fd_, buffer.data(), length, offset), read);
-        EXPECT_TRUE(read <= 0 || std::memcmp(buffer.data(), &before_[offset], static_cast<size_t>(read)) == 0);
+        EXPECT_TRUE(read <= 0 || std::equal(buffer.data(), buffer.data() + read, before_.data() + offset));
         EXPECT_EQ(write_device(fd_, nullptr, 1, 0), -1);
     }
 }
@@ -274,7 +272,6 @@ TEST_F(Flash, the_kind_follows_the_text_of_the_link) {
         {"both", "/dev/ubi/../mtd0", "MEMGETINFO"},
         {"ubi_and_mtd", "/dev/plain", ""},
         {"/dev/plain", "", ""},
-        {"/dev/missing_mtd", "", ""},
     };
     std::filesystem::create_directories("/dev/ubi");
     for (const auto& [name, target, request] : rows) {
