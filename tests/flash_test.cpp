@@ -202,6 +202,7 @@ TEST_F(Flash, ranges_at_the_end) {
         {"mtd", 5, SIZE_MAX - 2, size - 5, -1},
         {"mtd", SIZE_MAX - 5, 10, -1, -1},
         {"mtd", 0, 0, -1, -1},
+        {"mtd", size + 1, 1, -1, -1},
         {"ubi", size - 10, 10, 10, 10},
         {"ubi", size - 5000, 5001, 5000, -1},
         {"ubi", SIZE_MAX - 5, 10, -1, -1},
