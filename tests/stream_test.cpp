@@ -11,8 +11,6 @@
 
 namespace {
 
-using namespace std::string_literals;
-
 constexpr size_t mib = 1048576;
 std::vector<int32_t> chunks;
 
@@ -77,8 +75,8 @@ TEST_F(Stream, a_failed_chunk_ends_the_copy_behind_the_last_whole_one) {
 
 /* On a file that is a hole up to there. */
 TEST_F(Stream, places_on_both_sides_of_2_and_4_GiB) {
-    const std::string far = add_partition("far", ""), near = add_partition("near", "");
-    const std::string text = "far away";
+    const std::string far = add_partition("far", ""), near = add_partition("near", ""), text = "far away";
+    md5_byte_t there[16], here[16];
     for (const uint64_t edge : {uint64_t{1} << 31, uint64_t{1} << 32}) {
         for (const uint64_t start : {edge - 8, edge - 3, edge, edge + 1}) {
             SCOPED_TRACE(start);
@@ -91,13 +89,11 @@ TEST_F(Stream, places_on_both_sides_of_2_and_4_GiB) {
             EXPECT_EQ(ota_file_to_file(&place, &copy, nullptr), 0);
             EXPECT_EQ(read_partition("near"), text);
             EXPECT_EQ(place.offset, start + 8);
-            md5_byte_t there[16], here[16];
             EXPECT_EQ(MD5DevPart(far.c_str(), static_cast<long>(start), 8, there) + MD5File(near.c_str(), here), 0);
             EXPECT_EQ(std::memcmp(there, here, sizeof here), 0);
         }
     }
     std::filesystem::resize_file(far, (uint64_t{1} << 31) + 7);
-    md5_byte_t there[16], here[16];
     add_partition("near", 8);
     EXPECT_EQ(MD5Dev(far.c_str(), there, INT32_MAX) + MD5File(near.c_str(), here), 0);
     EXPECT_EQ(std::memcmp(there, here, sizeof here), 0);
@@ -116,52 +112,28 @@ TEST_F(Stream, an_entry_is_inflated_to_its_place) {
     ota_file_info_t dest = file_info(add_partition("to", 12 * mib, 't'), 5, OTA_EMMC);
     chunks.clear();
     EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "image", &dest, note_chunk), 0);
-    EXPECT_EQ(chunks, (std::vector<int32_t>{10485760, 1048576, 0}));
     EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "empty", &dest, note_chunk), 0);
-    EXPECT_EQ(chunks.size(), 4U);
-    EXPECT_EQ(chunks.back(), 0);
+    EXPECT_EQ(chunks, (std::vector<int32_t>{10485760, 1048576, 0, 0}));
     EXPECT_EQ(dest.offset, 5 + image.size());
     EXPECT_TRUE(read_partition("to") == std::string(5, 't') + image + std::string(mib - 5, 't'));
 }
 
 TEST_F(Stream, an_entry_that_cannot_be_had_is_named) {
     write_file("/tmp/image", std::string(mib, 'i'));
-    const std::string package = run_in_tmp("zip -q p.zip image"), none = "/tmp/none";
-    const std::string sound = read_file(package), to = add_partition("to", 4, 't');
-    std::string no_header = sound, torn = sound;
-    no_header[0] = 'X';
-    torn[70] = '\xff';
-    // 4 GiB and 1 byte, told in the zip64 field of a central directory that is all there is.
-    const std::string huge = "PK\1\2"s + "\x2d\0\x2d\0"s + std::string(12, '\0') + std::string(8, '\xff') +
-                             "\1\0\x14\0"s + std::string(14, '\0') + "x\1\0\x10\0\1\0\0\0\1\0\0\0\1\0\0\0\1\0\0\0"s +
-                             "PK\5\6"s + std::string(4, '\0') + "\1\0\1\0\x43\0\0\0"s + std::string(6, '\0');
-    const struct {
-        std::string package, entry;
-        int32_t result;
-        std::string line;
-    } rows[] = {
-        {"", "image", -1, "error Cannot open /tmp/p.zip or /tmp/p.zip.zip"},
-        {sound, "imag", -100, "error Cannot find file in zip: imag"},
-        {no_header, "image", -103, "error error -103 with zipfile in unzipOpenCurrentFile"},
-        {torn, "image", -3, "error error -3 with zipfile in unzReadCurrentFile"},
-        {huge, "x", -1, "error entry x of 4294967297 bytes is too large to be read"},
+    const std::string package = run_in_tmp("zip -q p.zip image");
+    ota_file_info_t dest = file_info("/dev/full", 5);
+    const auto stream = [&dest](const char* src, const char* entry) {
+        return vx_uncompress_file_to(src, entry, &dest, nullptr);
     };
-    ota_file_info_t dest = file_info(to);
-    for (const auto& row : rows) {
-        write_file(package, row.package);
-        told(vx_uncompress_file_to(package.c_str(), row.entry.c_str(), &dest, nullptr), row.result, {row.line});
-    }
-    EXPECT_EQ(dest.offset, 0U);
-    dest = file_info("/dev/full", 5);
-    write_file(package, sound);
-    told(vx_uncompress_file_to(package.c_str(), "image", &dest, nullptr), -1,
+    told(stream("/tmp/none", "image"), -1, {"error Cannot open /tmp/none or /tmp/none.zip"});
+    told(stream(package.c_str(), "imag"), -100, {"error Cannot find file in zip: imag"});
+    told(stream(package.c_str(), "image"), -1,
          {"error file /dev/full write failed", "error error in writing extracted file 1048576"});
     EXPECT_EQ(dest.offset, 5U);
-    EXPECT_EQ(vx_uncompress_file_to(nullptr, "image", &dest, nullptr), -1);
-    EXPECT_EQ(vx_uncompress_file_to(package.c_str(), nullptr, &dest, nullptr), -1);
+    EXPECT_EQ(stream(nullptr, "image"), -1);
+    EXPECT_EQ(stream(package.c_str(), nullptr), -1);
     told(vx_uncompress_file_to(package.c_str(), "image", nullptr, nullptr), -1,
          Lines(3, "error package, entry or destination is null"));
-    EXPECT_EQ(read_partition("to"), "tttt");
 }
 
 TEST_F(Stream, memory_does_not_grow_with_the_image) {
