@@ -4,26 +4,9 @@
 
 #include <cctype>
 #include <cstring>
-#include <sched.h>
-#include <sys/mount.h>
 
+/* script/fuzz makes it in a "/dev" of the target's own, and binds "/proc/cmdline". */
 static const fs::path by_name = "/dev/block/platform/by-name";
-
-/* The board's paths lie in a mount namespace of this process. */
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-    const std::string uid_map = "0 " + std::to_string(getuid()) + " 1",
-                      gid_map = "0 " + std::to_string(getgid()) + " 1";
-    must(unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0);
-    std::ofstream("/proc/self/setgroups") << "deny";
-    std::ofstream("/proc/self/uid_map") << uid_map;
-    std::ofstream("/proc/self/gid_map") << gid_map;
-    must(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         mount("none", "/dev", "tmpfs", 0, nullptr) == 0);
-    fs::create_directories(by_name);
-    std::ofstream("/dev/cmdline").flush();
-    must(mount("/dev/cmdline", "/proc/cmdline", nullptr, MS_BIND, nullptr) == 0);
-    return 0;
-}
 
 static void put(const fs::path& path, size_t offset, std::string bytes, size_t size) {
     bytes.insert(0, offset, '\0');
@@ -83,7 +66,7 @@ static void read_version(const std::string& bytes) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string bytes(reinterpret_cast<const char*>(data), size);
     const bool has_cmdline = size % 4 == 0; /* else the records are looked for where they are */
-    put("/dev/cmdline", 0, has_cmdline ? bytes : "veloxboot.medium=MMC veloxboot.slot_suffix=_a", 0);
+    put("/proc/cmdline", 0, has_cmdline ? bytes : "veloxboot.medium=MMC veloxboot.slot_suffix=_a", 0);
     must(get_boot_medium() <= OTA_NAND && get_boot_mode() <= RECOVERY_MODE && ota_get_cur_slot() <= 2);
     const bool is_readable = get_boot_medium() == OTA_EMMC;
     put(by_name / "misc", 2048, bytes, 4096);

@@ -12,12 +12,14 @@ extern "C" const char* __asan_default_options() {
     return "allocator_may_return_null=1:max_allocation_size_mb=64";
 }
 
+/* The image that was read last. */
+inline const int image_file = memfd_create("image", 0);
+inline const std::string image_path = "/proc/self/fd/" + std::to_string(image_file);
+
 /** Reads `bytes` with zeros behind them up to `size`. */
 inline std::optional<uint32_t> version_of(const std::string& bytes, size_t size, uint32_t kind) {
-    static const int file = memfd_create("image", 0);
-    static const std::string path = "/proc/self/fd/" + std::to_string(file);
-    must(ftruncate(file, 0) == 0 && pwrite(file, bytes.data(), bytes.size(), 0) >= 0);
-    must(ftruncate(file, static_cast<off_t>(size)) == 0);
+    must(ftruncate(image_file, 0) == 0 && pwrite(image_file, bytes.data(), bytes.size(), 0) >= 0);
+    must(ftruncate(image_file, static_cast<off_t>(size)) == 0);
     uint32_t version = 0;
-    return vx_fip_img_anti_read(path.c_str(), kind, &version) == 0 ? std::optional(version) : std::nullopt;
+    return vx_fip_img_anti_read(image_path.c_str(), kind, &version) == 0 ? std::optional(version) : std::nullopt;
 }
