@@ -13,7 +13,6 @@
 #include <regex>
 #include <sched.h>
 #include <sstream>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -93,7 +92,6 @@ void move_in() {
     for (const std::string device : {"null", "zero", "full", "random", "urandom", "tty"}) {
         show("/dev/" + device, root + "/dev/" + device);
     }
-    fs::create_directory_symlink("/proc/self/fd", root + "/dev/fd");
     fs::create_directories(root + "/tmp");
     put(root + "/board/cmdline", "");
     must(chdir(root.c_str()) == 0 && syscall(SYS_pivot_root, ".", ".") == 0, "pivot_root");
@@ -103,15 +101,10 @@ void move_in() {
     drop_pass_to_any_file();
 }
 
-int32_t read_efuse(const std::string& name, int32_t result, uint32_t counter, uint32_t* version) {
-    efuse_state.calls.push_back("read " + name);
-    *version = result == 0 ? counter : *version;
-    return result;
-}
-
-int32_t write_efuse(const std::string& name, int32_t result, uint32_t& counter, uint32_t version) {
-    efuse_state.calls.push_back("write " + name + " " + std::to_string(version));
-    counter = result == 0 ? version : counter;
+/* An operation on a counter. */
+int32_t move_efuse(const std::string& call, int32_t result, uint32_t from, uint32_t* to) {
+    efuse_state.calls.push_back(call);
+    *to = result == 0 ? from : *to;
     return result;
 }
 
@@ -131,25 +124,26 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
 }
 
 int32_t kastor_efuse_sec_anti_read(uint32_t* version) {
-    return read_efuse("sec", efuse_state.sec_read_result, efuse_state.sec, version);
+    return move_efuse("read sec", efuse_state.sec_read_result, efuse_state.sec, version);
 }
 
 int32_t kastor_efuse_nosec_anti_read(uint32_t* version) {
-    return read_efuse("nosec", efuse_state.nosec_read_result, efuse_state.nosec, version);
+    return move_efuse("read nosec", efuse_state.nosec_read_result, efuse_state.nosec, version);
 }
 
 int32_t kastor_efuse_sec_anti_write(uint32_t version) {
-    return write_efuse("sec", efuse_state.sec_write_result, efuse_state.sec, version);
+    const std::string call = "write sec " + std::to_string(version);
+    return move_efuse(call, efuse_state.sec_write_result, version, &efuse_state.sec);
 }
 
 int32_t kastor_efuse_nosec_anti_write(uint32_t version) {
-    return write_efuse("nosec", efuse_state.nosec_write_result, efuse_state.nosec, version);
+    const std::string call = "write nosec " + std::to_string(version);
+    return move_efuse(call, efuse_state.nosec_write_result, version, &efuse_state.nosec);
 }
 
 Board::Board() {
-    for (const std::string& dir :
-         {by_name, userdata, flashcmds, std::string("/tmp/ota"), std::string("/tmp/process")}) {
-        fs::remove_all(dir.substr(0, dir.find_last_not_of('/') + 1));
+    for (const char* dir : {"/dev/block", "/userdata/ota", "/usr/velox", "/tmp/ota", "/tmp/process"}) {
+        fs::remove_all(dir);
     }
     for (const std::string& dir : {by_name, userdata, flashcmds}) {
         fs::create_directories(dir);
@@ -248,17 +242,9 @@ Efuses& Board::efuses() {
 }
 
 std::string captured(int stream, const std::function<void()>& call) {
-    const int saved = dup(stream), file = memfd_create("captured", MFD_CLOEXEC);
-    std::fflush(nullptr);
-    dup2(file, stream);
+    stream == 1 ? testing::internal::CaptureStdout() : testing::internal::CaptureStderr();
     call();
-    std::fflush(nullptr);
-    dup2(saved, stream);
-    close(saved);
-    std::string text(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
-    EXPECT_EQ(pread(file, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
-    close(file);
-    return text;
+    return stream == 1 ? testing::internal::GetCapturedStdout() : testing::internal::GetCapturedStderr();
 }
 
 std::string noise(size_t size) {

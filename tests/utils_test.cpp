@@ -73,22 +73,18 @@ TEST_F(Utils, one_transfer_at_any_place) {
     EXPECT_EQ(ota_buf_to_file(&file, "abc", 3), 3);
     EXPECT_EQ(ota_buf_to_file(&file, "z", 0), 0);
     EXPECT_EQ(read_partition("p"), "01234567abc");
-    const std::pair<ota_file_info_t, std::string> bad_reads[] = {
-        {file_info(none), "error open file: " + none + " failed"},
-        {file_info(by_name), "error file " + by_name + " read failed"},
-        {file_info(path, ~0ULL), "error file " + path + " lseek failed, offset=-1"},
-        {file_info(link_partition("lost", "/none/mtd1"), 0, OTA_NAND), "error open file: " + by_name + "lost failed"},
-        {file_info(path, 0, ota_medium_e(-1)), "error " + path + " is neither an MTD device nor a UBI volume"}};
-    for (auto [place, line] : bad_reads) {
-        told(ota_file_to_buf(&place, buffer, 1), -1, {line});
-    }
-    const std::pair<ota_file_info_t, std::string> bad_writes[] = {
-        {file_info(none), "error open file:" + none + " failed"},
-        {file_info("/dev/full"), "error file /dev/full write failed"},
-        {file_info(path, ~0ULL), "error file " + path + " lseek failed, offset=-1"}};
-    for (auto [place, line] : bad_writes) {
-        told(ota_buf_to_file(&place, buffer, 1), -1, {line});
-    }
+    const auto read = [&](ota_file_info_t place) { return ota_file_to_buf(&place, buffer, 1); };
+    const auto write = [&](ota_file_info_t place) { return ota_buf_to_file(&place, buffer, 1); };
+    const ota_file_info_t lost = file_info(link_partition("lost", "/none/mtd1"), 0, OTA_NAND);
+    told(read(file_info(none)), -1, {"error open file: " + none + " failed"});
+    told(read(file_info(by_name)), -1, {"error file " + by_name + " read failed"});
+    told(read(file_info(path, ~0ULL)), -1, {"error file " + path + " lseek failed, offset=-1"});
+    told(read(lost), -1, {"error open file: " + by_name + "lost failed"});
+    told(read(file_info(path, 0, ota_medium_e(-1))), -1,
+         {"error " + path + " is neither an MTD device nor a UBI volume"});
+    told(write(file_info(none)), -1, {"error open file:" + none + " failed"});
+    told(write(file_info("/dev/full")), -1, {"error file /dev/full write failed"});
+    told(write(file_info(path, ~0ULL)), -1, {"error file " + path + " lseek failed, offset=-1"});
     EXPECT_FALSE(std::filesystem::exists(none));
     EXPECT_EQ(ota_file_to_buf(nullptr, buffer, 1), -1);
     told(ota_buf_to_file(&file, nullptr, 1), -1, Lines(2, "error file info is null"));
@@ -145,9 +141,8 @@ TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
         {[] { return ota_get_slot_num(); }, -1, "error get boot ctrl info failed!"},
     };
     for (const auto& [call, result, line] : rows) {
-        EXPECT_EQ(call(), result) << &call - &std::get<0>(rows[0]);
-        const Lines lines = log();
-        EXPECT_EQ(lines.empty() ? "" : lines.back(), line);
+        SCOPED_TRACE(&call - &std::get<0>(rows[0]));
+        ended(call(), result, line);
     }
     std::filesystem::create_directory("/tmp/left");
     std::filesystem::current_path("/tmp/left");
