@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::vector<LogLine> log_lines;
+Lines log_lines;
 Efuses efuse_state;
 
 void must(bool done, const std::string& what) {
@@ -118,8 +118,10 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     va_start(args, fmt);
     (void)std::vsnprintf(text, sizeof text, fmt, args);
     va_end(args);
+    const std::string_view line = text;
+    EXPECT_EQ(prio, line.starts_with("[OTA_DEBUG]") ? 3 : line.starts_with("[OTA_INFO]") ? 4 : 6) << line;
     EXPECT_EQ(tag, nullptr);
-    log_lines.push_back({prio, text});
+    log_lines.push_back(text);
     return 1;
 }
 
@@ -206,11 +208,10 @@ void Board::limit_file_size(uint64_t size) {
 Lines Board::log(bool with_debug) {
     static const std::regex form(R"(\[OTA_(ERROR|WARNING|INFO|DEBUG)\]\[[a-z0-9_]+\.cpp:[0-9]+\] ([^]*?)\n?)");
     Lines lines;
-    for (const LogLine& line : raw_log()) {
+    for (const std::string& line : raw_log()) {
         std::smatch part;
-        EXPECT_TRUE(std::regex_match(line.text, part, form)) << line.text;
+        EXPECT_TRUE(std::regex_match(line, part, form)) << line;
         std::string level = part[1];
-        EXPECT_EQ(line.priority, level == "DEBUG" ? 3 : level == "INFO" ? 4 : 6) << line.text;
         std::transform(level.begin(), level.end(), level.begin(), tolower);
         if (level != "debug" || with_debug) {
             lines.push_back(level + " " + part.str(2));
@@ -219,7 +220,7 @@ Lines Board::log(bool with_debug) {
     return lines;
 }
 
-std::vector<LogLine> Board::raw_log() {
+Lines Board::raw_log() {
     return std::exchange(log_lines, {});
 }
 

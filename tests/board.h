@@ -16,12 +16,6 @@
 
 using Lines = std::vector<std::string>;
 
-/** What __android_log_print was given. */
-struct LogLine {
-    int priority;
-    std::string text;
-};
-
 /** The two counters. A result other than 0 makes an operation fail and touch nothing. */
 struct Efuses {
     uint32_t sec = 0, nosec = 0;
@@ -54,10 +48,10 @@ protected:
 
     /**
      * Takes the lines logged since the last call, each as its level in a word and its message, as in
-     * "error open file: /x failed", without line end. A line of a wrong form or priority fails the test.
+     * "error open file: /x failed", without line end. A line of a wrong form fails the test.
      */
     static Lines log(bool with_debug = false);
-    static std::vector<LogLine> raw_log(); /**< takes the same lines as the system log got them */
+    static Lines raw_log(); /**< takes the same lines as the system log got them */
 
     /** Fails unless a call gave `wanted` and has logged these lines, or as the last one that line. */
     static void told(int64_t result, int64_t wanted, const Lines& lines, int at = __builtin_LINE());

@@ -23,52 +23,37 @@ protected:
 TEST_F(Slots, a_random_walk_leaves_every_byte_as_the_rules_say) {
     std::mt19937 random(1);
     std::string misc = noise(4096);
-    const auto byte = [&](int at) -> uint8_t& {
-        return reinterpret_cast<uint8_t&>(misc[2048 + static_cast<size_t>(at)]);
-    };
+    auto* const block = reinterpret_cast<uint8_t*>(&misc[2048]);
     // The priority in bits 0 to 3, the tries in 4 to 6, the mark in 7.
-    const auto state = [&](int slot) -> uint8_t& { return byte(12 + 2 * slot); };
+    const auto state = [&](int slot) -> uint8_t& { return block[12 + 2 * slot]; };
     const auto rank = [&](int slot) {
         return (state(slot) & 15) << 4 | state(slot) >> 7 << 3 | (state(slot) >> 4 & 7);
     };
+    const Call calls[] = {ota_set_next_expected_slot, ota_mark_slot_boot_successful, ota_set_slot_unbootable};
     for (int step = 0; step < 3000; ++step) {
         SCOPED_TRACE(step);
         for (int at = step % 3 == 0 ? 8 : 32; at < 32; ++at) {
-            byte(at) = static_cast<uint8_t>(random());
+            block[at] = static_cast<uint8_t>(random());
         }
         add_partition("misc", misc.replace(2052, 4, "BCAB"));
-        const int stored = byte(9) & 7, usable = std::min(stored, 4), slot = static_cast<int>(random() % 6) - 1;
+        const int stored = block[9] & 7, usable = std::min(stored, 4), slot = static_cast<int>(random() % 6) - 1;
         const bool known = slot >= 0 && slot < usable;
-        bool saved = known;
-        switch (random() % 3) {
-        case 0:
-            EXPECT_EQ(ota_set_next_expected_slot(slot), known ? 0 : -1);
-            for (int i = 0; known && i < usable; ++i) {
-                state(i) =
-                    static_cast<uint8_t>(i == slot ? (state(i) & 0x80) | 0x1F : state(i) - ((state(i) & 15) == 15));
-                byte(13 + 2 * i) &= i == slot ? 0xFE : 0xFF;
+        const Call call = calls[random() % 3];
+        const bool is_next = call == ota_set_next_expected_slot, is_mark = call == ota_mark_slot_boot_successful;
+        EXPECT_EQ(call(slot), known ? 0 : -1);
+        if (known && !(is_mark && state(slot) >= 0x90)) {
+            const int kept = state(slot);
+            for (int i = 0; is_next && i < usable; ++i) {
+                state(i) = static_cast<uint8_t>(state(i) - ((state(i) & 15) == 15));
             }
-            break;
-        case 1:
-            EXPECT_EQ(ota_mark_slot_boot_successful(slot), known ? 0 : -1);
-            saved = known && state(slot) < 0x90;
-            if (saved) {
-                state(slot) = static_cast<uint8_t>((state(slot) & 15) | 0x90);
-            }
-            break;
-        default:
-            EXPECT_EQ(ota_set_slot_unbootable(slot), known ? 0 : -1);
-            if (known) {
-                state(slot) &= 15;
-            }
-        }
-        if (saved) {
-            misc.replace(2076, 4, bytes_of(CRC32(&byte(0), 28)));
+            block[13 + 2 * slot] &= is_next ? 0xFE : 0xFF;
+            state(slot) = static_cast<uint8_t>(is_next ? (kept & 0x80) | 0x1F : (kept & 15) | (is_mark ? 0x90 : 0));
+            misc.replace(2076, 4, bytes_of(CRC32(block, 28)));
         }
         ASSERT_EQ(read_partition("misc"), misc);
         int best = -1;
         for (int i = 0; i < stored && stored <= 4; ++i) {
-            const bool candidate = (rank(i) & 7) != 0 && (byte(13 + 2 * i) & 1) == 0;
+            const bool candidate = (rank(i) & 7) != 0 && (block[13 + 2 * i] & 1) == 0;
             best = candidate && (best < 0 || rank(i) > rank(best)) ? i : best;
         }
         EXPECT_EQ(ota_get_next_expected_slot(), best);

@@ -2,7 +2,6 @@
 #include "md5.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <malloc.h>
@@ -18,13 +17,13 @@ void note_chunk(int32_t len) {
     chunks.push_back(len);
 }
 
-class Stream : public Board {
-protected:
-    static std::string run_in_tmp(const std::string& commands) {
-        EXPECT_EQ(std::system(("cd /tmp && rm -f p.zip && " + commands).c_str()), 0);
-        return "/tmp/p.zip";
-    }
-};
+/** The package that commands make in "/tmp". */
+std::string package_by(const std::string& commands) {
+    EXPECT_EQ(std::system(("cd /tmp && rm -f p.zip && " + commands).c_str()), 0);
+    return "/tmp/p.zip";
+}
+
+using Stream = Board;
 
 TEST_F(Stream, a_file_moves_in_chunks_as_far_as_it_goes) {
     const std::string image = noise(25 * mib);
@@ -90,13 +89,13 @@ TEST_F(Stream, places_on_both_sides_of_2_and_4_GiB) {
             EXPECT_EQ(read_partition("near"), text);
             EXPECT_EQ(place.offset, start + 8);
             EXPECT_EQ(MD5DevPart(far.c_str(), static_cast<long>(start), 8, there) + MD5File(near.c_str(), here), 0);
-            EXPECT_EQ(std::memcmp(there, here, sizeof here), 0);
+            EXPECT_EQ(bytes_of(there), bytes_of(here));
         }
     }
     std::filesystem::resize_file(far, (uint64_t{1} << 31) + 7);
     add_partition("near", 8);
     EXPECT_EQ(MD5Dev(far.c_str(), there, INT32_MAX) + MD5File(near.c_str(), here), 0);
-    EXPECT_EQ(std::memcmp(there, here, sizeof here), 0);
+    EXPECT_EQ(bytes_of(there), bytes_of(here));
     // One transfer is limited by the kernel to less than 2 GiB, so its count is never taken for a failure.
     constexpr size_t most = 0x7ffff000, asked = size_t{1} << 32;
     void* const zeros = mmap(nullptr, asked, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -108,7 +107,7 @@ TEST_F(Stream, places_on_both_sides_of_2_and_4_GiB) {
 TEST_F(Stream, an_entry_is_inflated_to_its_place) {
     const std::string image = noise(11 * mib);
     write_file("/tmp/image", image);
-    const std::string package = run_in_tmp("touch empty && zip -q p.zip image empty");
+    const std::string package = package_by("touch empty && zip -q p.zip image empty");
     ota_file_info_t dest = file_info(add_partition("to", 12 * mib, 't'), 5, OTA_EMMC);
     chunks.clear();
     EXPECT_EQ(vx_uncompress_file_to(package.c_str(), "image", &dest, note_chunk), 0);
@@ -120,7 +119,7 @@ TEST_F(Stream, an_entry_is_inflated_to_its_place) {
 
 TEST_F(Stream, an_entry_that_cannot_be_had_is_named) {
     write_file("/tmp/image", std::string(mib, 'i'));
-    const std::string package = run_in_tmp("zip -q p.zip image");
+    const std::string package = package_by("zip -q p.zip image");
     ota_file_info_t dest = file_info("/dev/full", 5);
     const auto stream = [&dest](const char* src, const char* entry) {
         return vx_uncompress_file_to(src, entry, &dest, nullptr);
@@ -140,7 +139,7 @@ TEST_F(Stream, memory_does_not_grow_with_the_image) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer's own memory is counted too";
 #endif
-    const std::string package = run_in_tmp("truncate -s 256M sparse && zip -q -1 p.zip sparse");
+    const std::string package = package_by("truncate -s 256M sparse && zip -q -1 p.zip sparse");
     ota_file_info_t dest = file_info("/dev/null");
     malloc_trim(0);
     std::ofstream("/proc/self/clear_refs") << 5; // the peak starts anew

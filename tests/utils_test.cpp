@@ -159,12 +159,12 @@ TEST_F(Utils, a_log_line_goes_to_its_stream_and_to_the_system_log) {
         set_cmdline("veloxboot.mode=normal");
         get_boot_mode();
     });
-    const std::vector<LogLine> lines = raw_log();
+    const Lines lines = raw_log();
     ASSERT_EQ(lines.size(), 2U);
-    EXPECT_EQ(err, lines[0].text);
-    EXPECT_EQ(out, "\r\x1b[K" + lines[1].text);
+    EXPECT_EQ(err, lines[0]);
+    EXPECT_EQ(out, "\r\x1b[K" + lines[1]);
     const std::regex form(R"(\[OTA_INFO\]\[ota_utils\w*\.cpp:\d+\] normal mode\n)");
-    EXPECT_TRUE(std::regex_match(lines[1].text, form)) << lines[1].text;
+    EXPECT_TRUE(std::regex_match(lines[1], form)) << lines[1];
 }
 
 TEST_F(Utils, only_a_positive_debug_level_shows_debug_lines) {
