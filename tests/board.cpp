@@ -255,9 +255,7 @@ std::string noise(size_t size) {
 }
 
 ota_file_info_t file_info(const std::string& path, uint64_t offset, ota_medium_e medium) {
-    ota_file_info_t info{};
-    info.offset = offset;
-    info.medium = medium;
+    ota_file_info_t info = {offset, 0, medium, ""};
     path.copy(info.path, sizeof info.path - 1);
     return info;
 }

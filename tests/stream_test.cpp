@@ -1,5 +1,4 @@
 #include "board.h"
-#include "md5.h"
 
 #include <cstdlib>
 #include <filesystem>

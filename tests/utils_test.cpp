@@ -1,5 +1,4 @@
 #include "board.h"
-#include "vx_zip.h"
 
 #include <filesystem>
 #include <regex>

@@ -1,8 +1,5 @@
 /** Packages, sound and hostile: what lands on disk, what does not, and what is said about it. */
 #include "board.h"
-#include "ota_partition.h"
-#include "ota_utils.h"
-#include "vx_zip.h"
 
 #include <algorithm>
 #include <atomic>
@@ -16,7 +13,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
 #include <zlib.h>
 
 namespace fs = std::filesystem;
