@@ -8,11 +8,12 @@ Without `every` only some of the cuts are made; PART, from 1 on, makes those of 
 """
 
 import collections
+import shutil
 import signal
 import sys
+import unittest
 
-import bench_board
-from bench_board import MUTATIONS, BoardCase, images
+from bench_board import MUTATIONS, BoardCase, describe, images
 
 MEDIUM, *ASKED = sys.argv[1:]
 sys.argv[1:] = []
@@ -25,19 +26,20 @@ class PowerCutTest(BoardCase):
     def setUp(self):
         super().setUp()
         self.old, self.new_images = images(1, vbmeta=70_000, uboot=150_000), images(2, vbmeta=70_000, uboot=300_000)
-        self.package = self.pack("p.zip", self.new_images, MEDIUM)
         self.new(MEDIUM)
-        self.expect(["install", self.pack("first.zip", self.old, MEDIUM, "V1.5.0")], 0)
+        self.pack("old.zip", self.old, describe(self.old, MEDIUM, "V1.5.0"))
+        self.pack("new.zip", self.new_images, describe(self.new_images, MEDIUM))
+        self.expect("install /userdata/old.zip", 0)
         self.simulate("reboot")
         self.expect("slots mark-good b", 0)
-        self.keep_copy()
+        self.kept = self.place / "kept"
+        shutil.copytree(self.dir, self.kept)
 
     def scripts(self):
         """The cuts: behind each operation and, where it changes something, in its middle."""
-        result, operations = self.journal("install", self.package)
-        self.assertEqual(result.returncode, 0, result.stderr)
+        self.expect("install /userdata/new.zip", 0)
         changing, reading = [], []
-        for number, operation in enumerate(operations, 1):
+        for number, operation in enumerate(self.operations(), 1):
             if operation[1] in MUTATIONS:
                 ways = ["", "tear"] + (["seed=1", "tear seed=2"] if MEDIUM == "emmc" else [])
                 changing += [f"cut {number} {way} kill" for way in ways]
@@ -46,17 +48,16 @@ class PowerCutTest(BoardCase):
         return (changing + reading)[PART - 1 :: PARTS] if EVERY else changing[:: max(1, len(changing) // CUTS_WANTED)]
 
     def slot_is_whole(self, slot):
-        return self.holds(self.new_images, slot) or self.is_as_before(slot)
-
-    def is_as_before(self, slot):
+        """Whether a slot holds the new images, or still what it held before."""
         names = [f"partitions/{name}_{'ab'[slot]}" for name in self.old]
-        return all((self.dir / name).read_bytes() == (self.place / "kept" / name).read_bytes() for name in names)
+        return self.holds(self.new_images, slot) or all(
+            (self.dir / name).read_bytes() == (self.kept / name).read_bytes() for name in names)
 
     def cut(self, script, seen):
         """Makes one cut and goes on from there. `seen` counts what was seen."""
-        self.back_to_copy()
-        cut = self.tessera("install", self.package, env={"TESSERA_FLASH_FAULT": script})
-        self.assertEqual(cut.returncode, 128 + signal.SIGKILL, cut.stderr)
+        shutil.rmtree(self.dir)
+        shutil.copytree(self.kept, self.dir)
+        self.expect("install /userdata/new.zip", 128 + signal.SIGKILL, fault=script)
         boot = self.simulate("reboot")
         self.assertEqual(boot.returncode, 0, boot.stdout)
         running = self.board().running_slot()
@@ -64,12 +65,12 @@ class PowerCutTest(BoardCase):
         is_new = self.holds(self.new_images, running)
         seen["new" if is_new else "old"] += 1
         seen["slot block lost"] += "both slots are on trial" in boot.stdout
-        status = self.tessera("status").stdout
+        status = self.simulate("run", "--", "tessera", "status").stdout
         seen["status unknown"] += "is unknown; the next" in status or not status
         seen["status tells"] += "has not ended" in status or "was switching" in status
         if "no update is under way" in status:
             self.assertTrue(self.slot_is_whole(0) and self.slot_is_whole(1))
-        again = self.expect(["install", self.package], 0)
+        again = self.expect("install /userdata/new.zip", 0)
         seen["records mended"] += "could not be read after a power cut" in again.stderr
         if is_new:
             self.expect("confirm", 0)
@@ -86,4 +87,4 @@ class PowerCutTest(BoardCase):
         print(f"{MEDIUM}: {dict(seen)}")
 
 
-bench_board.main()
+unittest.main()
