@@ -4,12 +4,15 @@ import json
 import os
 import pathlib
 import re
-import shlex
 import subprocess
-import tempfile
+import sys
 import unittest
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(TOP / "tests" / "install"))
+
+from bench_board import BoardCase  # noqa: E402
+
 BUILD = pathlib.Path(os.environ["TESSERA_BUILD"])
 BOARD = TOP / "simulator" / "board"
 PAPERS = [TOP / "README.md", TOP / "CONTRIBUTING.md", *sorted((TOP / "docs").glob("*.md"))]
@@ -17,20 +20,13 @@ PAGES = sorted((TOP / "docs" / "man").glob("*.scd"))
 INLINE = r"`((?:(?:tessera|simulator/board|openssl|ldd|df|cmake|cpack) |script/\w)[^`]*)`"
 
 NOT_RUN = {
-    "script/test": "runs this test",
-    "script/fuzz": "a stage of script/test",
-    "script/fuzz check": "a stage of script/test",
-    "script/fuzz SECONDS": "takes the time it is given",
-    "script/fuzz keep": "changes the tree",
-    "script/analyse": "a stage of script/test",
-    "script/coverage": "builds everything once more, and takes minutes",
-    "script/mutate": "takes an hour",
-    "script/bench": "measures for a quarter of an hour, on a machine with nothing else to do",
-    "script/cross": "builds everything once more, for another processor",
-    "script/picture": "runs the demo; the picture is compared with it below",
-    "cpack --config build/release/CPackConfig.cmake": "the test packages",
-    "script/demo": "the test demo_emmc",
-    "script/demo --medium nand": "the test demo_nand",
+    "script/test", "script/fuzz", "script/fuzz check", "script/analyse",  # runs this test, and stages of it
+    "script/fuzz SECONDS", "script/fuzz keep",  # takes the time it is given, and changes the tree
+    "script/coverage", "script/cross", "script/mutate",  # build everything once more or take an hour
+    "script/bench",  # measures for a quarter of an hour, on a machine with nothing else to do
+    "script/picture",  # runs the demo; the picture is compared with it below
+    "script/demo", "script/demo --medium nand",  # the tests demo_emmc and demo_nand
+    "cpack --config build/release/CPackConfig.cmake",  # the test packages
 }
 # Names and places that a document leaves to its reader, and verbs that it names without their arguments.
 MEANT = {
@@ -38,7 +34,7 @@ MEANT = {
     "flashcmd NAME": "flashcmd misc_write_cmd",
     "simulator/board --help": f"{BOARD} --help",
     "simulator/board reboot": f"{BOARD} reboot board",
-    "--preset release": "--preset release -B configured -DTESSERA_TESTS=OFF",
+    "--preset release": f"--preset release -S {TOP} -B configured -DTESSERA_TESTS=OFF",
     "/path/liblog.so": str(BUILD / "platform" / "liblog" / "liblog.so"),
     "/path/libkastor_efuse.so": str(BUILD / "platform" / "efuse" / "libkastor_efuse.so"),
     "LOG_INCLUDE_DIR=/path/include": f"LOG_INCLUDE_DIR={TOP}/platform/liblog",
@@ -50,8 +46,7 @@ VERBS_ALONE = {"tessera install", "tessera pack", "tessera flashcmd"}
 def commands_of_paper(path):
     text = re.sub(r"```(?!sh)\w*\n.*?```", "", path.read_text(), flags=re.DOTALL)
     blocks = re.findall(r"```sh\n(.*?)```", text, re.DOTALL) + re.findall(r"^ {4}(\S.*)$", text, re.M)
-    inline = re.findall(INLINE, text)
-    return [line for block in blocks for line in block.replace("\\\n", " ").splitlines()] + inline
+    return [line for block in blocks for line in block.replace("\\\n", " ").splitlines()] + re.findall(INLINE, text)
 
 
 def commands_of_page(path):
@@ -59,36 +54,22 @@ def commands_of_page(path):
     return [line for block in re.findall(r"```\n(.*?)```", examples, re.DOTALL) for line in block.splitlines()]
 
 
-def run(command, cwd=None):
-    return subprocess.run(["bash", "-c", command], cwd=cwd, capture_output=True, text=True, check=False)
-
-
-class DocumentsTest(unittest.TestCase):
-    def setUp(self):
-        scratch = tempfile.TemporaryDirectory()
-        self.addCleanup(scratch.cleanup)
-        self.place = pathlib.Path(scratch.name)
-        self.home = self.place / "board" / "userdata"
-
-    def must(self, command, cwd=None):
-        result = run(command, cwd)
+class DocumentsTest(BoardCase):
+    def must(self, command):
+        result = subprocess.run(["bash", "-c", command], cwd=self.place, capture_output=True, text=True, check=False)
         self.assertEqual(result.returncode, 0, f"{command}\n{result.stdout}{result.stderr}")
         return result.stdout
 
-    def on_board(self, command):
-        return self.must(f"{BOARD} run board -- sh -c {shlex.quote('cd /userdata && ' + command)}", self.place)
-
     def new_board(self):
         """A board, and on it what the documents speak of: an image, a key, the draft of a package."""
-        self.must("rm -rf board && " f"{BOARD} new board --size-system 2M", self.place)
+        self.new()
         (self.home / "images").mkdir()
         (self.home / "boot.img").write_bytes(os.urandom(5000))
         (self.home / "images" / "system.img").write_bytes(os.urandom(50000))
         part = {"name": "system", "file": "system.img", "medium": "emmc", "type": "ab", "method": "image"}
         (self.home / "draft.json").write_text(json.dumps({"version": "V2.0", "partitions": [part]}))
-        self.must("""openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -subj /CN=ca
-                     openssl req -newkey rsa:2048 -nodes -keyout key.pem -out request -subj /CN=signer
-                     openssl x509 -req -in request -CA ca.pem -CAkey ca.key -CAcreateserial -out cert.pem""", self.home)
+        self.must("cd board/userdata && openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=signer "
+                  "-keyout key.pem -out cert.pem && cp cert.pem ca.pem")
 
     def test_commands(self):
         seen = set()
@@ -100,7 +81,7 @@ class DocumentsTest(unittest.TestCase):
                 seen.add(command)
                 with self.subTest(document=path.name, command=command):
                     self.follow(command)
-        self.assertLessEqual(set(NOT_RUN), seen, "no longer in any document")
+        self.assertLessEqual(NOT_RUN, seen, "no longer in any document")
 
     def follow(self, command):
         if command in NOT_RUN:
@@ -109,12 +90,11 @@ class DocumentsTest(unittest.TestCase):
         command += " --help" if command in VERBS_ALONE else ""
         for word, meaning in MEANT.items():
             command = command.replace(word, meaning)
-        if command.startswith("cmake"):
-            self.must(f"cd {TOP} && {command.replace('-B configured', f'-B {self.place}/configured')}")
-        elif str(BOARD) in command:
-            self.must(command, self.place)
+        if command.startswith("cmake") or str(BOARD) in command:
+            self.must(command)
         else:
-            self.on_board(command)
+            result = self.simulate("run", "--", "sh", "-c", f"cd /userdata && {command}")
+            self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
 
     def test_examples_of_the_simulator(self):
         examples = re.findall(r"^  (board \w.*)$", self.must(f"{BOARD} --help"), re.M)
@@ -122,25 +102,22 @@ class DocumentsTest(unittest.TestCase):
         self.assertEqual((len(examples), len(ending)), (3, 3))
         for command in examples + ending:
             with self.subTest(command):
-                self.must(f"{BOARD.parent}/{command}".replace("/tmp/b", "b").replace("$board", "b"), self.place)
+                self.must(f"{BOARD.parent}/{command}".replace("/tmp/b", "b").replace("$board", "b"))
 
     def test_the_picture_shows_the_demo(self):
-        picture = re.sub(r"<[^>]+>", "", re.sub(r"(<tspan class=.heading.>)", "\x01", (TOP / "docs" / "demo.svg").read_text()))
-        shown = re.findall(r"^\x01(.*)$", picture, re.M)
+        shown = re.findall(r"<tspan class=.heading.>(.*)</tspan>", (TOP / "docs" / "demo.svg").read_text())
         chapters = re.findall(r'^chapter "(.*)"$', (TOP / "script" / "demo").read_text(), re.M)
         self.assertGreater(len(chapters), 5)
         patterns = [re.sub(r"\\\$\w+", r"\\w+", re.escape(chapter)) for chapter in chapters]
         self.assertRegex("\n".join(shown), "^" + "\n".join(patterns) + "$")
 
     def test_porting_lists_what_the_check_looks_at(self):
-        listed = set(re.findall(r"^\| ([^|`]*?) +\|", (TOP / "docs" / "porting.md").read_text(), re.M)) - {"item", "---"}
-        checked = set()
+        listed = re.findall(r"^\| ([^|`]*?) +\|", (TOP / "docs" / "porting.md").read_text(), re.M)
+        checked = {"item", "---"}
         for medium in ("emmc", "nand"):
-            self.must(f"{BOARD} new {medium} --size-system 2M --medium {medium}", self.place)
-            said = self.must(f"{BOARD} run {medium} -- tessera board --check --json", self.place)
-            checked |= {item["item"] for item in json.loads(said)["items"]}
-        self.assertEqual(listed, checked)
+            self.new(medium)
+            checked |= {item["item"] for item in json.loads(self.expect("board --check --json", 0).stdout)["items"]}
+        self.assertEqual(set(listed), checked)
 
 
-if __name__ == "__main__":
-    unittest.main()
+unittest.main()
