@@ -42,9 +42,7 @@ def error_of(result):
 
 class BoardCase(unittest.TestCase):
     def setUp(self):
-        scratch = tempfile.TemporaryDirectory()
-        self.addCleanup(scratch.cleanup)
-        self.place = pathlib.Path(scratch.name)
+        self.place = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.dir = self.place / "board"
         self.home = self.dir / "userdata"  # what programs on the board see as /userdata
 
