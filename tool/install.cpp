@@ -235,7 +235,8 @@ void settle(const Plan& plan) {
         sync_partition("misc");
     }
     const StoredStatus stored = read_status();
-    if (stored.is_valid && stored.record.up != OTA_FLAG_NORMAL && stored.record.owner == OTA_TOOL) {
+    const bool is_ours = stored.record.up != OTA_FLAG_NORMAL && stored.record.owner == OTA_TOOL;
+    if (stored.is_valid ? is_ours : can_keep_status()) {
         clear_status_flag();
     }
 }
