@@ -22,6 +22,8 @@ class InstallTest(BoardCase):
                 self.expect("install /userdata/1.zip", 0, "stands already")
                 written = {op[0] for op in self.operations() if op[1] in ("pwrite", "MEMERASE64", "UBI_IOCEBER")}
                 self.assertLessEqual(written, {"mmcblk0p2", "mtd1", "ubi0_1"})  # the update status
+                synced = {op[0] for op in self.operations() if op[1] == "fsync"}
+                self.assertTrue(synced & {"mmcblk0p1", "mtd0", "ubi0_0"})  # the slot block
                 self.expect("rollback", 1)  # slot b is only on trial
                 self.simulate("reboot")
                 self.assertEqual(self.board().running_slot(), 1)
@@ -48,6 +50,7 @@ class InstallTest(BoardCase):
             (None, good, [], "update.json"), ("{", good, [], "update.json"), ("[]", good, [], "object"),
             ('{"version": 1e999}', good, [], "update.json holds a number that is too large"),
             (describe(big, "emmc"), big, [], "room"),
+            (describe(images(2), "emmc", anti_rollback=True), good, [], "digest"),  # its versions are not believed
         ]
         for field, value, words in fields:
             description = describe(good, "emmc")
@@ -94,9 +97,12 @@ class InstallTest(BoardCase):
             TESSERA_FLASH_FAULT='raise pwrite 5 19' $install & first=$!
             until grep -q '^State:.T' /proc/$first/status; do sleep 0.02; done
             $install; echo second $?
+            for verb in confirm rollback 'slots mark-good b' 'slots reset' 'status set owner tool' 'status reset'
+            do tessera $verb > /dev/null; echo $?; done
             kill -CONT $first; wait $first; echo first $?""")
         said = result.stdout.split()
-        self.assertEqual(said[:2] + said[-2:], ["second", "1", "first", "0"])
+        refused = ["0"] + ["1"] * 5  # the running slot is confirmed already
+        self.assertEqual(said[:8] + said[-2:], ["second", "1", *refused, "first", "0"])
         self.assertRegex(result.stderr, "another update is running: process [0-9]+ .*install")
         self.assertTrue(self.holds(good, 1))
 
@@ -160,6 +166,10 @@ class InstallTest(BoardCase):
 
         for ca in ("ours", "theirs"):
             openssl(f"req -x509 -newkey rsa:2048 -nodes -keyout {ca}.key -out {ca}.pem -subj /CN={ca}")
+        self.pack("p.zip", good, describe(good, "emmc"))
+        for command, trust in (["tessera"], ["--trust", ""]), (["env", "TESSERA_TRUST=", "tessera"], []):
+            told = self.simulate("run", "--", *command, "install", "/userdata/p.zip", *trust)
+            self.assertEqual((told.returncode, "names no file" in told.stderr), (2, True))
         for ca, days, status in (("ours", 30, 0), ("theirs", 30, 3), ("ours", -1, 3), (None, 0, 3)):
             with self.subTest(ca=ca, days=days):
                 sign = ""
@@ -196,7 +206,8 @@ class InstallTest(BoardCase):
             ("rollback b", 2, "b"), ("slots set-next 9", 1, "9"), ("slots mark-good x", 1, "x"),
             ("status set colour 1", 2, "colour"), ("status set update red", 2, "update"),
             ("status set update 77", 2, "update"), ("status set next-slot q", 2, "next-slot"),
-            ("digest nowhere", 1, "nowhere"), ("digest misc --offset 99999999", 1, "misc"),
+            ("digest misc --garbage -1", 2, "garbage"),
+            ("digest nowhere", 4, "nowhere"), ("digest misc --offset 99999999", 1, "misc"),
             ("digest misc --length x", 2, "length"), ("compare misc ubootenv", 1, "differ"),
             ("compare /dev/null /dev/zero", 4, "tells no size"), ("version compare abc V1", 1, "abc"),
             ("version show /no", 1, "/no"), ("version show /userdata/long", 1, "long"), ("versions /no", 2, "/no"),
@@ -228,14 +239,46 @@ class InstallTest(BoardCase):
                 self.board().save_slot_block(slots.SlotBlock.of(running, other))
                 if reason == "unknown":
                     self.damage_slot_block()
-                    self.expect("install /userdata/p.zip", 1, "checksum")
+                    for line in ("install /userdata/p.zip", "slots mark-good b"):
+                        self.expect_no_change(line, 1, "checksum")
                 shown = json.loads(self.expect("slots --json", 0).stdout)["slots"]
                 self.assertEqual([slot["state"] for slot in shown], states)
                 run = self.expect_no_change if reason else self.expect
                 run("rollback", 1 if reason else 0, reason)
                 self.expect("confirm", 0)
                 self.assertTrue(self.board().slot_block().slots[0].marked)
+                self.assertFalse(reason == "unknown" and self.board().slot_block().slots[1].marked)
                 self.expect_no_change("confirm", 0, "already")
+
+    def test_the_slot_that_is_written_is_given_up_when_it_does_not_come_up(self):
+        good, contents = slots.Slot(15, 1, True), images(1)
+        cases = [  # the running slot, the other, the boot mode, the slot that is written
+            (good, slots.Slot(14, 1, True, corrupted=True), "normal", 1),
+            (good, slots.Slot(14, 0, True), "normal", 1),
+            (slots.Slot(15, 3, False), slots.Slot(14, 1, True), "recovery", 0),
+        ]
+        for running, other, mode, written in cases:
+            with self.subTest(other=other, mode=mode):
+                self.new()
+                self.pack("p.zip", contents, describe(contents, "emmc"))
+                self.board().save_slot_block(slots.SlotBlock.of(running, other))
+                cmdline = self.dir / "cmdline"
+                cmdline.write_text(cmdline.read_text().replace("mode=normal", f"mode={mode}"))
+                self.expect("install /userdata/p.zip", 0, f"slot {'ab'[written]} boots next")
+                self.assertTrue(self.holds(contents, written))
+                self.assertEqual(self.board().slot_block().best(), written)
+                self.simulate("reboot", "--fail")
+                self.assertEqual(self.board().running_slot(), 1 - written)
+
+    def test_an_image_with_pages_that_are_lost_is_written_again(self):
+        self.new("nand")
+        self.pack("p.zip", images(1), describe(images(1), "nand"))
+        self.expect("install /userdata/p.zip", 0)
+        with open(self.dir / "state" / "system_b", "r+b") as state_of_system:
+            blocks = state_of_system.seek(0, 2) // 65  # a byte for each, and one for each of its 64 pages
+            state_of_system.seek(blocks + 1)
+            state_of_system.write(b"\1")
+        self.expect("install /userdata/p.zip", 0, "293.0 KiB written, 68.4 KiB stood already")
 
     def test_a_full_file_system(self):
         self.new()
@@ -266,7 +309,7 @@ class InstallTest(BoardCase):
         (self.home / "cut.zip").write_bytes((self.home / "huge.zip").read_bytes()[:-16])
         for line, status, told in (
             ("check /userdata/wide.zip", 0, "all 1 entries are whole"),
-            ("check /userdata/flipped.zip", 1, "wrong checksum"),
+            ("check /userdata/flipped.zip", 3, "wrong checksum"),
             ("unpack /userdata/flipped.zip /tmp/u", 3, "error -105"),
             ("unpack /userdata/cut.zip /tmp/u", 3, "no entries"),
             ("list /userdata/huge.zip", 0, "needs 9007199254743039 KiB"),
@@ -281,6 +324,9 @@ class InstallTest(BoardCase):
         self.expect("version compare V1.2_V3 V1.4_V1", 0, "V1.2_V3 is older than V1.4_V1")
         self.pack("p.zip", images(1), describe(images(1), "emmc", "V1.2.2"))
         self.expect("install /userdata/p.zip --version-file /userdata/cr", 3, "older")
+        self.expect_no_change("install /userdata/p.zip --version-file /userdata/absent", 1, "installed version")
+        self.pack("p.zip", images(1), describe(images(2), "emmc"))
+        self.expect("install /userdata/p.zip --dry-run", 3, "digest")
 
     def test_the_dry_run_and_verify_judge_as_the_installation_does(self):
         self.new("nand")
