@@ -133,11 +133,9 @@ bool Device::push(uint64_t begin, uint64_t end) const {
     const auto from = static_cast<off64_t>(begin);
     const auto length = static_cast<off64_t>(end - begin);
     constexpr unsigned wait = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
-    const bool is_begun = sync_file_range(fd_.get(), from, length, SYNC_FILE_RANGE_WRITE) == 0;
-    if (begin > 0 && sync_file_range(fd_.get(), 0, from, wait) != 0) {
-        return errno == ESPIPE || errno == EINVAL; /* the device takes no such request */
-    }
-    return is_begun || errno == ESPIPE || errno == EINVAL;
+    const bool is_taken = sync_file_range(fd_.get(), from, length, SYNC_FILE_RANGE_WRITE) == 0 &&
+                          (begin == 0 || sync_file_range(fd_.get(), 0, from, wait) == 0);
+    return is_taken || errno == ESPIPE || errno == EINVAL || errno == ENOSYS; /* these refuse the request itself */
 }
 
 std::optional<uint32_t> Device::uncorrectable_reads() const {
