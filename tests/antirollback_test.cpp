@@ -280,6 +280,7 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
     const string deep = "/tmp/" + string(251, 's'), cut = deep.substr(0, 255); /* what is left of an image's path */
     EXPECT_EQ(verdict("kernel=v0", deep), "pass; Remove " + cut + " failed [v0]");
     EXPECT_EQ(verdict("vbmeta=v3", deep), "refused; open file " + cut + " failed!" + failed + " [v3]");
+    EXPECT_EQ(verdict("uboot=u3", deep), "refused; fopen " + cut + " failed" + failed + " [u3]");
     /* What is judged comes out of the package, and nothing else is removed. */
     write_file("/tmp/scratch/lost", files[1]);
     EXPECT_EQ(verdict("uboot=lost"), "refused; lost is no regular file in the package" + failed + " [lost]");
