@@ -5,10 +5,12 @@
 #include "names.h"
 #include "partition.h"
 #include "text.h"
+#include "update_lock.h"
 #include "velox_ota_hl.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <dlfcn.h>
 #include <endian.h>
 #include <filesystem>
@@ -183,6 +185,13 @@ BoardItem check_staging() {
             format("mount a file system and make %s on it", staging_directory)};
 }
 
+BoardItem check_lock() {
+    const std::string place = fs::path(default_lock_file).parent_path();
+    const bool is_there = access(place.c_str(), W_OK) == 0;
+    return {"lock", is_there, is_there ? place + " can be written to" : place + because(errno),
+            format("have %s mounted before the boot script runs tessera confirm", place.c_str())};
+}
+
 } // namespace
 
 std::vector<BoardItem> check_board() {
@@ -200,5 +209,6 @@ std::vector<BoardItem> check_board() {
     items.push_back(check_fuses());
     items.push_back(check_flash_commands(names));
     items.push_back(check_staging());
+    items.push_back(check_lock());
     return items;
 }

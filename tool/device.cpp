@@ -129,13 +129,14 @@ void Device::sync() const {
     (void)posix_fadvise(fd_.get(), 0, 0, POSIX_FADV_DONTNEED);
 }
 
-bool Device::push(uint64_t begin, uint64_t end) const {
+int Device::push(uint64_t begin, uint64_t end) const {
     const auto from = static_cast<off64_t>(begin);
     const auto length = static_cast<off64_t>(end - begin);
     constexpr unsigned wait = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
     const bool is_taken = sync_file_range(fd_.get(), from, length, SYNC_FILE_RANGE_WRITE) == 0 &&
                           (begin == 0 || sync_file_range(fd_.get(), 0, from, wait) == 0);
-    return is_taken || errno == ESPIPE || errno == EINVAL || errno == ENOSYS; /* these refuse the request itself */
+    const bool is_refused = errno == ESPIPE || errno == EINVAL || errno == ENOSYS; /* the request itself */
+    return is_taken || is_refused ? 0 : errno;
 }
 
 std::optional<uint32_t> Device::uncorrectable_reads() const {

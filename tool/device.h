@@ -62,9 +62,9 @@ public:
     void sync() const;
     /**
      * Has the kernel begin to store the bytes up to `end`, and waits for those before `begin`.
-     * @return false for an error of the device, which sync() will not tell once more
+     * @return 0, or the errno value of a device's error, which sync() will not tell once more
      */
-    [[nodiscard]] bool push(uint64_t begin, uint64_t end) const;
+    [[nodiscard]] int push(uint64_t begin, uint64_t end) const;
 
     /** Count of reads that the ECC could not mend so far; nothing where the device does not count. */
     [[nodiscard]] std::optional<uint32_t> uncorrectable_reads() const;

@@ -4,7 +4,7 @@
 
 enum class ExitCode : int {
     ok = 0,
-    failed = 1,        /* refused or failed for a reason of its own; another update holds the lock */
+    failed = 1,        /* refused or failed for a reason of its own; another command holds the lock */
     usage = 2,         /* the command line makes no sense */
     refused = 3,       /* the package is not to be trusted, not whole, or not for this board */
     device = 4,        /* a device of the board could not be read or written, or did not keep the bytes */

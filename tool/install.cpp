@@ -10,6 +10,7 @@
 #include "text.h"
 
 #include <algorithm>
+#include <cstring>
 #include <future>
 
 namespace {
@@ -31,11 +32,7 @@ Group group_of(const Plan& plan, bool ab) {
 
 /* ---- before ---- */
 
-/** What an interrupted run leaves for `tessera status` to show. */
-void record_start(const Plan& plan) {
-    StoredStatus stored = read_status();
-    ota_status_t record = stored.is_valid ? stored.record : ota_status_t{};
-    record.up = OTA_FLAG_BURN;
+void describe_plan(const Plan& plan, ota_status_t& record) {
     record.next_slot = static_cast<uint32_t>(plan.slot.value_or(std::max(0, ota_get_cur_slot())));
     record.update_part = {};
     for (const Target& target : plan.targets) {
@@ -44,6 +41,14 @@ void record_start(const Plan& plan) {
         record.update_part.medium[i] = target.image.medium;
         record.update_part.type[i] = target.image.type;
     }
+}
+
+/** What an interrupted run leaves for `tessera status` to show. */
+void record_start(const Plan& plan) {
+    StoredStatus stored = read_status();
+    ota_status_t record = stored.is_valid ? stored.record : ota_status_t{};
+    record.up = OTA_FLAG_BURN;
+    describe_plan(plan, record);
     write_status(record);
 }
 
@@ -65,7 +70,7 @@ struct Stream {
     const Device* device = nullptr;
     Progress* progress = nullptr;
     uint64_t written = 0;
-    bool is_kept = true; /* the device reported no error while it stored the image */
+    int error = 0; /* what the device reported while it stored the image */
 };
 
 Stream* stream = nullptr;
@@ -73,13 +78,12 @@ Stream* stream = nullptr;
 void on_chunk(int32_t bytes) {
     const uint64_t begin = stream->written;
     stream->written += static_cast<uint64_t>(bytes);
-    if (!stream->device->is_flash()) {
-        /* Else the page cache would swallow the image. */
-        stream->is_kept = stream->is_kept && stream->device->push(begin, stream->written);
+    if (!stream->device->is_flash() && stream->error == 0) {
+        stream->error = stream->device->push(begin, stream->written); /* else the page cache would swallow the image */
     }
     stream->progress->advance("write", static_cast<uint64_t>(bytes));
     console::pass_log_on();
-    if (is_interrupted() || !stream->is_kept) {
+    if (is_interrupted() || stream->error != 0) {
         stream->place.path[0] = '\0'; /* the next chunk finds no device, and the call ends between two */
     }
 }
@@ -99,10 +103,11 @@ void write_image(const Target& target, const Package& package, Progress& progres
     const int32_t result =
         vx_uncompress_file_to(package.path().c_str(), target.image.file.c_str(), &current.place, on_chunk);
     stream = nullptr;
-    stop_if_interrupted();
-    if (!current.is_kept) {
-        throw Failure(ExitCode::device, target.partition() + " did not take what was written to it");
+    if (current.error != 0) {
+        throw Failure(ExitCode::device,
+                      target.partition() + " did not take what was written to it" + because(current.error));
     }
+    stop_if_interrupted();
     if (result != 0) {
         throw Failure(ExitCode::device,
                       "cannot write " + target.image.file + " to " + target.partition() + console::logged_cause());
@@ -229,14 +234,20 @@ void run_plan(const Plan& plan, const Package& package, Progress& progress, Grou
     clear_status_flag();
 }
 
+/** Whether the record is one that an earlier run of the same plan left. */
+bool is_left_by(const Plan& plan, const ota_status_t& record) {
+    ota_status_t same = record;
+    describe_plan(plan, same);
+    return record.owner == OTA_TOOL && std::memcmp(&same, &record, sizeof record) == 0;
+}
+
 /** What an earlier run did may still be in the page cache only, and not be told. */
 void settle(const Plan& plan) {
     if (plan.slot) {
         sync_partition("misc");
     }
     const StoredStatus stored = read_status();
-    const bool is_ours = stored.record.up != OTA_FLAG_NORMAL && stored.record.owner == OTA_TOOL;
-    if (stored.is_valid ? is_ours : can_keep_status()) {
+    if (stored.is_valid ? is_left_by(plan, stored.record) : can_keep_status()) {
         clear_status_flag();
     }
 }

@@ -71,8 +71,9 @@ void judge_names(const Package& package) {
 
 /** The version of the running system; empty when the board has no file that tells. */
 std::string read_installed_version(const InstallOptions& options) {
-    std::error_code ignored;
-    if (!options.version_file_named && !std::filesystem::exists(options.version_file, ignored)) {
+    std::error_code ignored; /* a file that cannot be looked up is no file that is not there */
+    const auto type = std::filesystem::status(options.version_file, ignored).type();
+    if (!options.version_file_named && type == std::filesystem::file_type::not_found) {
         return "";
     }
     try {
@@ -259,10 +260,7 @@ void judge_slots(const Plan& plan) {
         return;
     }
     const SlotBlock block = read_slot_block();
-    if (!block.checksum_is_right) {
-        throw Failure(ExitCode::failed, "the checksum of the slot block is wrong, so what the board boots is unknown",
-                      "tessera slots shows what it holds, tessera confirm makes it anew with the running slot as good");
-    }
+    block.demand_checksum();
     if (!plan.writes(true)) {
         return;
     }

@@ -1,6 +1,7 @@
 /** tessera: dispatches to the verbs and turns whatever goes wrong into one plain sentence. */
 #include "verb.h"
 
+#include <cctype>
 #include <csignal>
 #include <span>
 
@@ -25,7 +26,7 @@ constexpr Verb verbs[] = {
     {"flashcmd", "Write a prepared flash command", declare_flashcmd},
 };
 
-constexpr char exit_table[] = "Exit status: 0 done; 1 refused or failed, or another update is running; 2 usage;\n"
+constexpr char exit_table[] = "Exit status: 0 done; 1 refused or failed, or another command is at work; 2 usage;\n"
                               "3 the package is refused; 4 a device failed; 130 interrupted";
 
 void add_common_options(CLI::App& app, Context& context) {

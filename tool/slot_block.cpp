@@ -40,6 +40,17 @@ std::string Slot::name() const {
     return "slot " + slot_letter(number);
 }
 
+void SlotBlock::demand_checksum() const {
+    if (checksum_is_right) {
+        return;
+    }
+    const bool may_confirm = get_boot_mode() != RECOVERY_MODE;
+    throw Failure(ExitCode::failed, "the checksum of the slot block is wrong, so which slots are good is unknown",
+                  may_confirm ? "tessera confirm makes it anew with the running slot as good, tessera slots reset with "
+                                "both on trial"
+                              : "tessera slots reset makes it anew, with both slots on trial");
+}
+
 const Slot* SlotBlock::find(int32_t number) const {
     const auto found =
         std::find_if(slots.begin(), slots.end(), [&](const Slot& slot) { return slot.number == number; });

@@ -33,6 +33,8 @@ struct SlotBlock {
     uint32_t stored_count; /* may be above the number of slots in a damaged block */
     bool checksum_is_right;
 
+    /** Throws where nothing in the block can be believed. */
+    void demand_checksum() const;
     [[nodiscard]] const Slot* find(int32_t number) const;
     /** trial, confirmed, unbootable or corrupted; of a block with a wrong checksum nothing is known */
     [[nodiscard]] const char* state_of(const Slot& slot) const;

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -71,17 +72,30 @@ void write_holder(const std::string& file, const std::string& words) {
     }
 }
 
+/** @return false while somebody else holds the lock */
+bool take(std::string& file) {
+    console::forget_errors();
+    if (get_file_lock(file.data()) == 0) {
+        return true;
+    }
+    if (console::logged_cause().find("already locked") == std::string::npos) {
+        const Descriptor again(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0766)); /* for its reason */
+        throw Failure(ExitCode::failed, "cannot use the lock file " + file + because(errno));
+    }
+    return false;
+}
+
 } // namespace
 
-UpdateLock::UpdateLock(std::string file, const std::string& holder) : file_(std::move(file)) {
-    console::forget_errors();
-    if (get_file_lock(file_.data()) != 0) {
-        if (console::logged_cause().find("already locked") == std::string::npos) {
-            const Descriptor again(open(file_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0766)); /* for its reason */
-            throw Failure(ExitCode::failed, "cannot use the lock file " + file_ + because(errno));
+UpdateLock::UpdateLock(std::string file, const std::string& holder, std::chrono::seconds patience)
+    : file_(std::move(file)) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!take(file_)) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            throw Failure(ExitCode::failed, "another command is at work: " + describe_holder(file_), "",
+                          "this command has not begun");
         }
-        throw Failure(ExitCode::failed, "another update is running: " + describe_holder(file_), "",
-                      "this command has not begun");
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     write_holder(file_, format("process %d (%s)\n", getpid(), holder.c_str()));
 }

@@ -44,7 +44,7 @@ inline CLI::App& add_command(CLI::App& verb, const char* name, const char* summa
 
 /** The lock that everything takes which changes what an update relies on. */
 inline void add_lock(CLI::App& command, std::string& file) {
-    command.add_option("--lock", file, "Lock that only one update holds at a time")->capture_default_str();
+    command.add_option("--lock", file, "Lock that only one command at a time holds")->capture_default_str();
 }
 
 /** An empty name is that of an unset variable in a script, and must not switch the check off. */
@@ -53,6 +53,11 @@ inline void add_trust(CLI::App& command, std::string& file) {
         ->envname("TESSERA_TRUST")
         ->check([](const std::string& name) { return name.empty() ? "it names no file" : ""; });
 }
+
+/** Of a number that cannot be below 0. The parser's own check would tell the largest double with all its digits. */
+inline const CLI::Validator
+    not_negative([](const std::string& number) { return number.starts_with('-') ? "it must not be negative" : ""; },
+                 "");
 
 void declare_board(CLI::App& verb, Context& context);
 void declare_compare(CLI::App& verb, Context& context);

@@ -86,7 +86,6 @@ void declare_compare(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
     verb.add_option("PART_A", options->first, "A partition by its name, or a file")->required();
     verb.add_option("PART_B", options->second, "Another one")->required();
-    verb.add_option("--garbage", options->garbage, "Leave out so many bytes at the end of both")
-        ->check(CLI::NonNegativeNumber);
+    verb.add_option("--garbage", options->garbage, "Leave out so many bytes at the end of both")->check(not_negative);
     on_command(verb, context, [&context, options] { compare(context, *options); });
 }

@@ -2,15 +2,25 @@
 #include "names.h"
 #include "slot_block.h"
 #include "update_lock.h"
+#include "velox_ota_hl.h"
 #include "verb.h"
 
 namespace {
+
+/** A boot script has nobody to ask again: time enough for whatever does not write images. */
+constexpr std::chrono::seconds patience{30};
+constexpr int32_t slots_of_new_block = 2;
 
 /**
  * Where the checksum is wrong nothing in the block is known. A new one has the running slot in front and
  * the other on trial: neither good nor bad, and whatever the old one said of it is forgotten.
  */
 void renew_block(int32_t running) {
+    if (running >= slots_of_new_block) {
+        throw Failure(ExitCode::failed, "slot " + slot_letter(running) +
+                                            " runs, and the slot block, whose checksum is wrong, cannot be made anew "
+                                            "with more than the slots a and b");
+    }
     reset_slot_block();
     set_next_slot(running);
 }
@@ -25,15 +35,14 @@ const Slot& find_running(const SlotBlock& block, int32_t running) {
 
 bool is_confirmed(int32_t running) {
     const SlotBlock block = read_slot_block();
-    return find_running(block, running).is_confirmed() && block.checksum_is_right;
+    return block.checksum_is_right && find_running(block, running).is_confirmed();
 }
 
 void make_confirmed(int32_t running) {
     const SlotBlock block = read_slot_block();
-    const Slot& slot = find_running(block, running);
     if (!block.checksum_is_right) {
         renew_block(running);
-    } else if (slot.corrupted) {
+    } else if (const Slot& slot = find_running(block, running); slot.corrupted) {
         throw Failure(ExitCode::failed, slot.name() + " runs, and the slot block says that it is corrupted",
                       "tessera slots set-next " + slot_letter(running) + " takes that back");
     }
@@ -41,10 +50,13 @@ void make_confirmed(int32_t running) {
 }
 
 void confirm(const Context& context, const std::string& lock_file) {
+    if (get_boot_mode() == RECOVERY_MODE) {
+        throw Failure(ExitCode::failed, "this is the recovery system: no slot's system runs that could be good");
+    }
     const int32_t running = running_slot();
     const bool was_confirmed = is_confirmed(running);
     if (!was_confirmed) {
-        const UpdateLock lock(lock_file, "tessera confirm");
+        const UpdateLock lock(lock_file, "tessera confirm", patience);
         make_confirmed(running);
     }
     context.show({{"slot", running}, {"changed", !was_confirmed}},

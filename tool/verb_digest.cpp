@@ -71,12 +71,11 @@ void show_digest(const Context& context, const Options& options) {
 void declare_digest(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
     verb.add_option("NAME", options->name, "A file, or a partition by its name")->required();
-    verb.add_option("--offset", options->offset, "Begin at this byte")->check(CLI::NonNegativeNumber);
-    CLI::Option* length =
-        verb.add_option("--length", options->length, "Digest so many bytes")->check(CLI::NonNegativeNumber);
+    verb.add_option("--offset", options->offset, "Begin at this byte")->check(not_negative);
+    CLI::Option* length = verb.add_option("--length", options->length, "Digest so many bytes")->check(not_negative);
     verb.add_option("--garbage", options->garbage, "Leave out so many bytes at the end")
         ->excludes(length)
-        ->check(CLI::NonNegativeNumber);
+        ->check(not_negative);
     verb.add_flag("--sha256", options->sha256, "SHA-256 instead of MD5");
     on_command(verb, context, [&context, options] { show_digest(context, *options); });
 }

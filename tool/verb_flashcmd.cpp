@@ -111,7 +111,7 @@ void declare_flashcmd(CLI::App& verb, Context& context) {
     CLI::Option* data = verb.add_option("--data", options->data_file, "File with data, for misc_write_cmd");
     verb.add_option("--offset", options->offset, "Byte of the data area where the data goes")
         ->needs(data)
-        ->check(CLI::NonNegativeNumber);
+        ->check(not_negative);
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options] { write_command(context, *options); });
 }

@@ -8,6 +8,7 @@
 #include "verb.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <fstream>
 #include <iterator>

@@ -7,10 +7,7 @@
 namespace {
 
 /** Why a slot is nothing to go back to. */
-std::string reason_against(const SlotBlock& block, const Slot& slot) {
-    if (!block.checksum_is_right) {
-        return "the checksum of the slot block is wrong, so whether it is good is unknown";
-    }
+std::string reason_against(const Slot& slot) {
     if (slot.corrupted) {
         return "it is corrupted";
     }
@@ -24,15 +21,14 @@ void roll_back(const Context& context, const std::string& lock_file) {
     const UpdateLock lock(lock_file, "tessera rollback");
     const int32_t other = running_slot() ^ 1;
     const SlotBlock block = read_slot_block();
+    block.demand_checksum();
     const Slot* slot = block.find(other);
     if (slot == nullptr) {
         throw Failure(ExitCode::failed, "there is no slot " + slot_letter(other) + " to go back to");
     }
-    if (!block.checksum_is_right || !slot->is_confirmed()) {
-        throw Failure(ExitCode::failed, "cannot go back to " + slot->name() + ": " + reason_against(block, *slot),
-                      block.checksum_is_right
-                          ? "tessera slots set-next " + slot_letter(other) + " tries it all the same"
-                          : "tessera confirm makes the block anew with the running slot as good");
+    if (!slot->is_confirmed()) {
+        throw Failure(ExitCode::failed, "cannot go back to " + slot->name() + ": " + reason_against(*slot),
+                      "tessera slots set-next " + slot_letter(other) + " tries it all the same");
     }
     const bool was_next = next_slot() == other;
     if (!was_next) {

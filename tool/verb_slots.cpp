@@ -75,10 +75,7 @@ void show_slots(const Context& context) {
  */
 int32_t existing_slot(const std::string& word) {
     const SlotBlock block = read_slot_block();
-    if (!block.checksum_is_right) {
-        throw Failure(ExitCode::failed, "the checksum of the slot block is wrong, so which slots are good is unknown",
-                      "tessera confirm makes it anew with the running slot as good, tessera slots reset with none");
-    }
+    block.demand_checksum();
     const auto number = slot_from_word(word);
     if (!number || block.find(*number) == nullptr) {
         throw Failure(ExitCode::failed, "there is no slot " + word, "tessera slots");

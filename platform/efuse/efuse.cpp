@@ -152,7 +152,7 @@ int read_counter(Counter counter, uint32_t* version) {
 
 int raise_counter(Counter counter, uint32_t version) {
     const std::string path = counter_file();
-    if (path.starts_with(default_directory)) {
+    if (path.starts_with(std::string(default_directory) + "/")) {
         (void)mkdir(default_directory, 0755); // where it is missing and stays so, the open says why
     }
     // The counter file is replaced at each write, so the lock needs a file of its own.

@@ -103,7 +103,7 @@ class InstallTest(BoardCase):
         said = result.stdout.split()
         refused = ["0"] + ["1"] * 5  # the running slot is confirmed already
         self.assertEqual(said[:8] + said[-2:], ["second", "1", *refused, "first", "0"])
-        self.assertRegex(result.stderr, "another update is running: process [0-9]+ .*install")
+        self.assertRegex(result.stderr, "another command is at work: process [0-9]+ .*install")
         self.assertTrue(self.holds(good, 1))
 
     def test_an_interrupt_ends_between_two_chunks(self):
@@ -206,7 +206,7 @@ class InstallTest(BoardCase):
             ("rollback b", 2, "b"), ("slots set-next 9", 1, "9"), ("slots mark-good x", 1, "x"),
             ("status set colour 1", 2, "colour"), ("status set update red", 2, "update"),
             ("status set update 77", 2, "update"), ("status set next-slot q", 2, "next-slot"),
-            ("digest misc --garbage -1", 2, "garbage"),
+            ("digest misc --garbage -1", 2, "--garbage: it must not be negative"),
             ("digest nowhere", 4, "nowhere"), ("digest misc --offset 99999999", 1, "misc"),
             ("digest misc --length x", 2, "length"), ("compare misc ubootenv", 1, "differ"),
             ("compare /dev/null /dev/zero", 4, "tells no size"), ("version compare abc V1", 1, "abc"),
@@ -249,6 +249,52 @@ class InstallTest(BoardCase):
                 self.assertTrue(self.board().slot_block().slots[0].marked)
                 self.assertFalse(reason == "unknown" and self.board().slot_block().slots[1].marked)
                 self.expect_no_change("confirm", 0, "already")
+
+    def test_confirm_where_the_block_or_the_running_slot_is_not_what_it_should_be(self):
+        count_at = slots.OFFSET + 9
+        cases = [  # in place of slot a and of normal mode, byte of the number of slots, status, word of the message
+            ("_a", "normal", 0, 0, ""), ("_b", "normal", 1, 0, ""),
+            ("_c", "normal", 3, 1, "slot c"),
+            ("_a", "recovery", 2, 1, "recovery"), ("_a", "recovery", 3, 1, "recovery"),
+        ]
+        for suffix, mode, count, status, word in cases:
+            with self.subTest(suffix=suffix, mode=mode, count=count):
+                self.new()
+                with open(self.board().backing(self.board().device("misc")), "r+b") as misc:
+                    misc.seek(count_at)
+                    misc.write(bytes([count]))
+                cmdline = self.dir / "cmdline"
+                told = cmdline.read_text().replace("mode=normal", f"mode={mode}")
+                cmdline.write_text(told.replace("slot_suffix=_a", f"slot_suffix={suffix}"))
+                (self.expect_no_change if status else self.expect)("confirm", status, word)
+                if status == 0:
+                    running = "ab".index(suffix[1])
+                    block = self.board().slot_block()
+                    self.assertEqual((block.slots[running].marked, block.best()), (True, running))
+                    self.assertFalse(block.slots[1 - running].marked)
+
+    def test_confirm_waits_for_another_command(self):
+        self.new()
+        self.board().save_slot_block(slots.SlotBlock.of(slots.Slot(15, 1, False), slots.Slot(14, 1, True)))
+        self.simulate("run", "--", "sh", "-c", """flock /tmp/tessera.lock -c 'touch /tmp/held; sleep 1' &
+            until test -e /tmp/held; do sleep 0.02; done
+            tessera confirm; wait""")
+        self.assertTrue(self.board().slot_block().slots[0].marked)
+
+    def test_only_the_run_that_completes_a_package_ends_its_status(self):
+        self.new()
+        first, second = images(1), {"boot": images(2)["boot"]}
+        self.pack("1.zip", first, describe(first, "emmc"))
+        self.pack("2.zip", second, describe(second, "emmc"))
+        self.expect("install /userdata/1.zip", 0)
+        self.expect("status set owner tool", 0)  # as a cut between the last two writes of a record leaves it
+        self.expect("install /userdata/1.zip", 0, "stands already")
+        self.assertEqual(json.loads(self.expect("status --json", 0).stdout)["status"]["owner"], "nobody")
+        self.expect("install /userdata/2.zip", 137, fault="raise pwrite 3 9")  # in front of the slot block
+        self.expect("install /userdata/1.zip", 0, "stands already")
+        self.expect("status", 0, "has not ended")
+        self.expect("install /userdata/2.zip", 0)
+        self.expect("status", 0, "no update is under way")
 
     def test_the_slot_that_is_written_is_given_up_when_it_does_not_come_up(self):
         good, contents = slots.Slot(15, 1, True), images(1)
@@ -327,6 +373,9 @@ class InstallTest(BoardCase):
         self.expect_no_change("install /userdata/p.zip --version-file /userdata/absent", 1, "installed version")
         self.pack("p.zip", images(1), describe(images(2), "emmc"))
         self.expect("install /userdata/p.zip --dry-run", 3, "digest")
+        (self.dir / "velox" / "version").unlink()
+        (self.dir / "velox" / "version").symlink_to("version")  # cannot be looked up
+        self.expect_no_change("install /userdata/p.zip", 1, "installed version")
 
     def test_the_dry_run_and_verify_judge_as_the_installation_does(self):
         self.new("nand")
