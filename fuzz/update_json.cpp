@@ -2,6 +2,7 @@
 #include "box.h"
 #include "description.h"
 #include "failure.h"
+#include "json.h"
 #include "names.h"
 
 #include <algorithm>

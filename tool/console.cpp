@@ -1,5 +1,6 @@
 #include "console.h"
 
+#include "json.h"
 #include "text.h"
 
 #include <algorithm>

@@ -7,7 +7,6 @@
 #define TOOL_CONSOLE_H
 
 #include "failure.h"
-#include "json.h"
 
 #include <cstdio>
 #include <string>

@@ -1,6 +1,7 @@
 #include "description.h"
 
 #include "failure.h"
+#include "json.h"
 #include "names.h"
 #include "text.h"
 

@@ -10,7 +10,6 @@
 #include "text.h"
 
 #include <algorithm>
-#include <cstring>
 #include <future>
 
 namespace {
@@ -32,7 +31,11 @@ Group group_of(const Plan& plan, bool ab) {
 
 /* ---- before ---- */
 
-void describe_plan(const Plan& plan, ota_status_t& record) {
+/** What an interrupted run leaves for `tessera status` to show. */
+void record_start(const Plan& plan) {
+    StoredStatus stored = read_status();
+    ota_status_t record = stored.is_valid ? stored.record : ota_status_t{};
+    record.up = OTA_FLAG_BURN;
     record.next_slot = static_cast<uint32_t>(plan.slot.value_or(std::max(0, ota_get_cur_slot())));
     record.update_part = {};
     for (const Target& target : plan.targets) {
@@ -41,14 +44,6 @@ void describe_plan(const Plan& plan, ota_status_t& record) {
         record.update_part.medium[i] = target.image.medium;
         record.update_part.type[i] = target.image.type;
     }
-}
-
-/** What an interrupted run leaves for `tessera status` to show. */
-void record_start(const Plan& plan) {
-    StoredStatus stored = read_status();
-    ota_status_t record = stored.is_valid ? stored.record : ota_status_t{};
-    record.up = OTA_FLAG_BURN;
-    describe_plan(plan, record);
     write_status(record);
 }
 
@@ -234,11 +229,9 @@ void run_plan(const Plan& plan, const Package& package, Progress& progress, Grou
     clear_status_flag();
 }
 
-/** Whether the record is one that an earlier run of the same plan left. */
-bool is_left_by(const Plan& plan, const ota_status_t& record) {
-    ota_status_t same = record;
-    describe_plan(plan, same);
-    return record.owner == OTA_TOOL && std::memcmp(&same, &record, sizeof record) == 0;
+/** Whether an earlier run left the record, and left nothing that the plan has not found to stand. */
+bool is_completed_by(const Plan& plan, const ota_status_t& record) {
+    return record.owner == OTA_TOOL && (!plan.slot || record.next_slot == static_cast<uint32_t>(*plan.slot));
 }
 
 /** What an earlier run did may still be in the page cache only, and not be told. */
@@ -247,7 +240,7 @@ void settle(const Plan& plan) {
         sync_partition("misc");
     }
     const StoredStatus stored = read_status();
-    if (stored.is_valid ? is_left_by(plan, stored.record) : can_keep_status()) {
+    if (stored.is_valid ? is_completed_by(plan, stored.record) : can_keep_status()) {
         clear_status_flag();
     }
 }

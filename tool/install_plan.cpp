@@ -2,10 +2,12 @@
 
 #include "console.h"
 #include "interrupt.h"
+#include "json.h"
 #include "names.h"
 #include "partition.h"
 #include "signature.h"
 #include "slot_block.h"
+#include "status_record.h"
 #include "text.h"
 #include "version_file.h"
 
@@ -121,6 +123,23 @@ bool holds_image(const Target& target, const Package& package, uint64_t& done, P
     return is_equal && !device.lost_reads_since(lost);
 }
 
+/** A partition in the record of an installation that has not ended, and not in this plan. */
+std::string left_behind(const Plan& plan) {
+    const StoredStatus stored = read_status();
+    const ota_status_t& record = stored.record;
+    if (!stored.is_valid || record.up == OTA_FLAG_NORMAL || record.owner != OTA_TOOL) {
+        return "";
+    }
+    for (size_t i = 0; i < listed_partitions(record); ++i) {
+        const std::string name = partition_name(record.update_part, i);
+        if (std::none_of(plan.targets.begin(), plan.targets.end(),
+                         [&](const Target& target) { return target.image.name == name; })) {
+            return name;
+        }
+    }
+    return "";
+}
+
 bool stands_already(const Target& target, const Package& package, Progress& progress) {
     uint64_t compared = 0;
     bool is_equal = false;
@@ -194,7 +213,11 @@ Plan begin_plan(const Package& package, const InstallOptions& options) {
 }
 
 void add_targets(Plan& plan, const Package& package, const InstallOptions& options) {
-    for (const Image& image : plan.description.images) {
+    const std::vector<Image>& images = plan.description.images;
+    if (std::any_of(images.begin(), images.end(), [](const Image& image) { return image.is_ab(); })) {
+        read_slot_block().demand_checksum();
+    }
+    for (const Image& image : images) {
         plan.targets.push_back(make_target(package, image, options));
     }
     std::stable_partition(plan.targets.begin(), plan.targets.end(),
@@ -255,24 +278,29 @@ void check_images(const Plan& plan, const Package& package, Progress& progress) 
     }
 }
 
+void judge_record(const Plan& plan) {
+    if (const std::string name = left_behind(plan); !name.empty()) {
+        throw Failure(ExitCode::failed,
+                      "an earlier installation has not ended, and this package has no image for its partition " + name,
+                      "install one that has, or have tessera status reset forget what stands there");
+    }
+}
+
 void judge_slots(const Plan& plan) {
-    if (!plan.slot) {
+    if (!plan.slot || !plan.writes(true)) {
         return;
     }
     const SlotBlock block = read_slot_block();
-    block.demand_checksum();
-    if (!plan.writes(true)) {
-        return;
-    }
     const std::string slot = "slot " + slot_letter(*plan.slot);
     if (plan.slot == plan.running) {
-        throw Failure(ExitCode::failed,
-                      slot +
-                          " is the one to write, and it is running on trial while the other slot is the only good one",
-                      "tessera confirm keeps this system, tessera rollback goes back; then install");
+        throw Failure(ExitCode::failed, slot + " is the one to write, and it is running on trial",
+                      "tessera confirm keeps this system, tessera rollback goes back if it can; then install");
     }
-    if (!block.boots_without(*plan.slot)) {
+    const Slot* entry = block.find(*plan.slot);
+    const bool is_lost = !plan.running && entry != nullptr && !entry->is_bootable(); /* nothing runs or boots now */
+    if (!is_lost && !block.boots_without(*plan.slot)) {
         throw Failure(ExitCode::failed, "while " + slot + " is written there would be nothing to boot",
-                      "tessera confirm marks the running slot good");
+                      plan.running ? "tessera confirm marks the running slot good"
+                                   : "tessera slots mark-bad " + slot_letter(*plan.slot) + " gives it up before");
     }
 }

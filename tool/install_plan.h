@@ -61,7 +61,7 @@ void judge_images(const Package& package, const Description& description, bool i
 /** Judges the package by itself and its version, without reading images whole. Throws Failure. */
 Plan begin_plan(const Package& package, const InstallOptions& options);
 
-/** Finds where each image goes, and refuses what does not fit there. */
+/** Finds where each image goes; refuses what does not fit there, and a slot block of which nothing is known. */
 void add_targets(Plan& plan, const Package& package, const InstallOptions& options);
 
 /** Announces all work that the plan may take, so that the share done never falls. */
@@ -76,7 +76,13 @@ void survey(Plan& plan, const Package& package, Progress& progress);
  */
 void check_images(const Plan& plan, const Package& package, Progress& progress);
 
-/** Refuses what could leave the board with nothing to boot, and a slot block of which nothing is known. */
+/**
+ * Refuses to go on where another package was cut in partitions that this one does not have: what stands in
+ * them is unknown, and the record would no longer tell.
+ */
+void judge_record(const Plan& plan);
+
+/** Refuses what could leave the board with nothing to boot. */
 void judge_slots(const Plan& plan);
 
 Failure wrong_digest(const Image& image);

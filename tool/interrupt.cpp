@@ -19,7 +19,11 @@ void watch_interrupts() {
     action.sa_handler = ask_to_end;
     action.sa_flags = SA_RESTART;
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        (void)sigaction(signal, &action, nullptr);
+        struct sigaction before {};
+        const bool is_ignored = sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN;
+        if (!is_ignored) { /* as under nohup */
+            (void)sigaction(signal, &action, nullptr);
+        }
     }
 }
 

@@ -2,7 +2,7 @@
 #ifndef TOOL_INTERRUPT_H
 #define TOOL_INTERRUPT_H
 
-/** From now on SIGINT, SIGTERM and SIGHUP only ask for the end. */
+/** From now on SIGINT, SIGTERM and SIGHUP only ask for the end; those that are ignored stay so. */
 void watch_interrupts();
 
 bool is_interrupted();

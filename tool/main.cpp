@@ -1,6 +1,7 @@
 /** tessera: dispatches to the verbs and turns whatever goes wrong into one plain sentence. */
 #include "verb.h"
 
+#include <CLI/CLI.hpp>
 #include <cctype>
 #include <csignal>
 #include <span>

@@ -1,6 +1,7 @@
 #include "progress.h"
 
 #include "console.h"
+#include "json.h"
 #include "text.h"
 
 #include <algorithm>

@@ -44,7 +44,8 @@ void SlotBlock::demand_checksum() const {
     if (checksum_is_right) {
         return;
     }
-    const bool may_confirm = get_boot_mode() != RECOVERY_MODE;
+    const int32_t running = ota_get_cur_slot();
+    const bool may_confirm = get_boot_mode() != RECOVERY_MODE && running >= 0 && running < new_block_slots;
     throw Failure(ExitCode::failed, "the checksum of the slot block is wrong, so which slots are good is unknown",
                   may_confirm ? "tessera confirm makes it anew with the running slot as good, tessera slots reset with "
                                 "both on trial"
@@ -80,7 +81,8 @@ SlotBlock read_slot_block() {
     const std::span<uint8_t> bytes(reinterpret_cast<uint8_t*>(&raw), sizeof raw);
     read_record(block_partition, block_offset, bytes);
     if (raw.magic != block_magic) {
-        throw Failure(ExitCode::device, "misc holds no slot block", "tessera slots reset");
+        throw Failure(ExitCode::device, "misc holds no slot block",
+                      "while no other command is at work, tessera slots reset writes a new one");
     }
     SlotBlock block{{}, raw.nb_slot, CRC32(bytes.data(), offsetof(bootloader_control, crc32_le)) == raw.crc32_le};
     const auto count = std::min<size_t>(raw.nb_slot, std::size(raw.slot_info));

@@ -4,6 +4,9 @@
 #include "device.h"
 #include "partition.h"
 
+#include <algorithm>
+#include <cstring>
+#include <iterator>
 #include <span>
 
 namespace {
@@ -24,6 +27,14 @@ bool read_sealed(uint64_t offset, Record& record) {
 
 const char* StoredStatus::fault() const {
     return record.magic != status_magic ? "wrong magic number" : "wrong checksum";
+}
+
+size_t listed_partitions(const ota_status_t& record) {
+    return std::min<size_t>(record.update_part.num, std::size(record.update_part.array));
+}
+
+std::string partition_name(const update_part_t& list, size_t i) {
+    return {list.array[i], strnlen(list.array[i], sizeof list.array[i])};
 }
 
 bool can_keep_status() {

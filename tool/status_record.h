@@ -7,6 +7,8 @@
 
 #include "velox_ota_hl.h"
 
+#include <string>
+
 inline constexpr char status_partition[] = "ubootenv";
 
 struct StoredStatus {
@@ -21,6 +23,10 @@ struct StoredVersions {
     antirollback_ver_t record;
     bool is_valid;
 };
+
+/** How many partitions a record lists, and their names; a damaged record lists no more than it has room for. */
+size_t listed_partitions(const ota_status_t& record);
+std::string partition_name(const update_part_t& list, size_t i);
 
 /** Whether what is written can be read again: not where a bad block lies in front of it. */
 bool can_keep_status();

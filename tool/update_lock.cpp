@@ -2,18 +2,22 @@
 
 #include "console.h"
 #include "device.h"
+#include "interrupt.h"
 #include "text.h"
 #include "velox_ota_hl.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <fstream>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <thread>
 #include <unistd.h>
 
 namespace {
+
+constexpr std::chrono::milliseconds between_attempts{500};
 
 /** The process that holds a flock on the file, from /proc/locks; 0 when it is not to be seen from here. */
 pid_t find_holder(const std::string& file) {
@@ -74,12 +78,11 @@ void write_holder(const std::string& file, const std::string& words) {
 
 /** @return false while somebody else holds the lock */
 bool take(std::string& file) {
-    console::forget_errors();
     if (get_file_lock(file.data()) == 0) {
         return true;
     }
-    if (console::logged_cause().find("already locked") == std::string::npos) {
-        const Descriptor again(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0766)); /* for its reason */
+    const Descriptor again(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0766)); /* for the reason */
+    if (again.get() < 0 || (flock(again.get(), LOCK_EX | LOCK_NB) != 0 && errno != EWOULDBLOCK)) {
         throw Failure(ExitCode::failed, "cannot use the lock file " + file + because(errno));
     }
     return false;
@@ -89,13 +92,18 @@ bool take(std::string& file) {
 
 UpdateLock::UpdateLock(std::string file, const std::string& holder, std::chrono::seconds patience)
     : file_(std::move(file)) {
+    watch_interrupts(); /* what needs the lock must not end in the middle of a record */
     const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (!take(file_)) {
+    for (bool is_first = true; !take(file_); is_first = false) {
+        const std::string other = describe_holder(file_);
         if (std::chrono::steady_clock::now() >= deadline) {
-            throw Failure(ExitCode::failed, "another command is at work: " + describe_holder(file_), "",
-                          "this command has not begun");
+            throw Failure(ExitCode::failed, "another command is at work: " + other, "", "this command has not begun");
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (is_first) {
+            console::note("waiting for " + other);
+        }
+        std::this_thread::sleep_for(between_attempts);
+        stop_if_interrupted();
     }
     write_holder(file_, format("process %d (%s)\n", getpid(), holder.c_str()));
 }

@@ -10,7 +10,7 @@ constexpr char default_lock_file[] = "/tmp/tessera.lock";
 class UpdateLock {
 public:
     /**
-     * Takes the lock or throws Failure that names its holder.
+     * Takes the lock or throws Failure that names its holder. From then on signals only ask for the end.
      * @param holder    written into the lock file, for whom finds it taken
      * @param patience  how long to wait for another holder to let go
      */

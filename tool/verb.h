@@ -5,10 +5,17 @@
 #include "console.h"
 #include "json.h"
 
-#include <CLI/CLI.hpp>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+class Option;
+} // namespace CLI
 
 /** One run of the command. */
 struct Context {
@@ -28,36 +35,38 @@ struct Verb {
     void (*declare)(CLI::App& verb, Context& context); /* adds options, and what to do */
 };
 
+/* What a verb declares. The parser's header is large: only verb.cpp and main.cpp see it. */
+
 /** Has `command` do `action`, unless a command below it is given. */
-inline void on_command(CLI::App& command, Context& context, const std::function<void()>& action) {
-    command.callback([&command, &context, action] {
-        if (command.get_subcommands().empty()) {
-            context.run = action;
-        }
-    });
-}
+void on_command(CLI::App& command, Context& context, const std::function<void()>& action);
 
 /** A command below a verb; it takes the verb's common options too. */
-inline CLI::App& add_command(CLI::App& verb, const char* name, const char* summary) {
-    return *verb.add_subcommand(name, summary)->fallthrough();
-}
+CLI::App& add_command(CLI::App& verb, const char* name, const char* summary);
+void allow_command(CLI::App& verb);
+void demand_command(CLI::App& verb);
+
+/** A word that has to be there. */
+void add_word(CLI::App& command, const char* name, std::string& word, const char* help);
+
+CLI::Option* add_text(CLI::App& command, const char* name, std::string& text, const char* help);
+CLI::Option* add_number(CLI::App& command, const char* name, uint32_t& number, const char* help);
+CLI::Option* add_number(CLI::App& command, const char* name, uint64_t& number, const char* help);
+CLI::Option* add_number(CLI::App& command, const char* name, std::optional<uint64_t>& number, const char* help);
+void add_flag(CLI::App& command, const char* name, bool& flag, const char* help);
+
+/** One of several words, which `choose` gets as soon as it is read. */
+void add_choice(CLI::App& command, const char* name, const char* type, const std::vector<std::string>& words,
+                const std::function<void(const std::string&)>& choose, const char* help);
 
 /** The lock that everything takes which changes what an update relies on. */
-inline void add_lock(CLI::App& command, std::string& file) {
-    command.add_option("--lock", file, "Lock that only one command at a time holds")->capture_default_str();
-}
+void add_lock(CLI::App& command, std::string& file);
 
-/** An empty name is that of an unset variable in a script, and must not switch the check off. */
-inline void add_trust(CLI::App& command, std::string& file) {
-    command.add_option("--trust", file, "PEM file of the certificates whose signatures are accepted")
-        ->envname("TESSERA_TRUST")
-        ->check([](const std::string& name) { return name.empty() ? "it names no file" : ""; });
-}
+/** The certificates whose signatures are accepted. */
+void add_trust(CLI::App& command, std::string& file);
 
-/** Of a number that cannot be below 0. The parser's own check would tell the largest double with all its digits. */
-inline const CLI::Validator
-    not_negative([](const std::string& number) { return number.starts_with('-') ? "it must not be negative" : ""; },
-                 "");
+void need(CLI::Option* option, CLI::Option* other);
+void exclude(CLI::Option* option, CLI::Option* other);
+bool is_given(const CLI::Option* option);
 
 void declare_board(CLI::App& verb, Context& context);
 void declare_compare(CLI::App& verb, Context& context);

@@ -84,8 +84,8 @@ void compare(const Context& context, const Options& options) {
 
 void declare_compare(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    verb.add_option("PART_A", options->first, "A partition by its name, or a file")->required();
-    verb.add_option("PART_B", options->second, "Another one")->required();
-    verb.add_option("--garbage", options->garbage, "Leave out so many bytes at the end of both")->check(not_negative);
+    add_word(verb, "PART_A", options->first, "A partition by its name, or a file");
+    add_word(verb, "PART_B", options->second, "Another one");
+    add_number(verb, "--garbage", options->garbage, "Leave out so many bytes at the end of both");
     on_command(verb, context, [&context, options] { compare(context, *options); });
 }

@@ -9,17 +9,18 @@ namespace {
 
 /** A boot script has nobody to ask again: time enough for whatever does not write images. */
 constexpr std::chrono::seconds patience{30};
-constexpr int32_t slots_of_new_block = 2;
 
 /**
  * Where the checksum is wrong nothing in the block is known. A new one has the running slot in front and
  * the other on trial: neither good nor bad, and whatever the old one said of it is forgotten.
  */
 void renew_block(int32_t running) {
-    if (running >= slots_of_new_block) {
-        throw Failure(ExitCode::failed, "slot " + slot_letter(running) +
-                                            " runs, and the slot block, whose checksum is wrong, cannot be made anew "
-                                            "with more than the slots a and b");
+    if (running >= new_block_slots) {
+        throw Failure(ExitCode::failed,
+                      "slot " + slot_letter(running) +
+                          " runs, and the slot block, whose checksum is wrong, cannot be made anew "
+                          "with more than the slots a and b",
+                      "tessera slots reset makes it anew without " + slot_letter(running));
     }
     reset_slot_block();
     set_next_slot(running);
@@ -38,6 +39,15 @@ bool is_confirmed(int32_t running) {
     return block.checksum_is_right && find_running(block, running).is_confirmed();
 }
 
+/** The first look is without the lock: on flash the block is not there while another command writes it. */
+bool looks_confirmed(int32_t running) {
+    try {
+        return is_confirmed(running);
+    } catch (const Failure&) {
+        return false;
+    }
+}
+
 void make_confirmed(int32_t running) {
     const SlotBlock block = read_slot_block();
     if (!block.checksum_is_right) {
@@ -49,18 +59,25 @@ void make_confirmed(int32_t running) {
     mark_slot_good(running);
 }
 
+/** @return whether that changed anything */
+bool confirm_alone(int32_t running, const std::string& lock_file) {
+    const UpdateLock lock(lock_file, "tessera confirm", patience);
+    if (is_confirmed(running)) {
+        return false;
+    }
+    make_confirmed(running);
+    return true;
+}
+
 void confirm(const Context& context, const std::string& lock_file) {
     if (get_boot_mode() == RECOVERY_MODE) {
-        throw Failure(ExitCode::failed, "this is the recovery system: no slot's system runs that could be good");
+        throw Failure(ExitCode::failed, "this is the recovery system, and no slot's system is running",
+                      "tessera slots shows what the slots are");
     }
     const int32_t running = running_slot();
-    const bool was_confirmed = is_confirmed(running);
-    if (!was_confirmed) {
-        const UpdateLock lock(lock_file, "tessera confirm", patience);
-        make_confirmed(running);
-    }
-    context.show({{"slot", running}, {"changed", !was_confirmed}},
-                 "slot " + slot_letter(running) + (was_confirmed ? " was confirmed already" : " is confirmed"));
+    const bool changed = !looks_confirmed(running) && confirm_alone(running, lock_file);
+    context.show({{"slot", running}, {"changed", changed}},
+                 "slot " + slot_letter(running) + (changed ? " is confirmed" : " was confirmed already"));
 }
 
 } // namespace

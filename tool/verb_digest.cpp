@@ -70,12 +70,10 @@ void show_digest(const Context& context, const Options& options) {
 
 void declare_digest(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    verb.add_option("NAME", options->name, "A file, or a partition by its name")->required();
-    verb.add_option("--offset", options->offset, "Begin at this byte")->check(not_negative);
-    CLI::Option* length = verb.add_option("--length", options->length, "Digest so many bytes")->check(not_negative);
-    verb.add_option("--garbage", options->garbage, "Leave out so many bytes at the end")
-        ->excludes(length)
-        ->check(not_negative);
-    verb.add_flag("--sha256", options->sha256, "SHA-256 instead of MD5");
+    add_word(verb, "NAME", options->name, "A file, or a partition by its name");
+    add_number(verb, "--offset", options->offset, "Begin at this byte");
+    CLI::Option* length = add_number(verb, "--length", options->length, "Digest so many bytes");
+    exclude(add_number(verb, "--garbage", options->garbage, "Leave out so many bytes at the end"), length);
+    add_flag(verb, "--sha256", options->sha256, "SHA-256 instead of MD5");
     on_command(verb, context, [&context, options] { show_digest(context, *options); });
 }

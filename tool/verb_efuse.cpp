@@ -70,13 +70,13 @@ void burn(const Context& context, bool confirmed, const std::string& lock_file) 
 } // namespace
 
 void declare_efuse(CLI::App& verb, Context& context) {
-    verb.require_subcommand(0, 1);
+    allow_command(verb);
     on_command(verb, context, [&context] { show_counters(context); });
     CLI::App& command = add_command(verb, "burn",
                                     "Raise the counters as the last package that passed asks for; "
                                     "wait until the new slot is confirmed");
     auto confirmed = std::make_shared<bool>(false);
-    command.add_flag("--yes", *confirmed, "Yes, for ever");
+    add_flag(command, "--yes", *confirmed, "Yes, for ever");
     auto lock_file = std::make_shared<std::string>(default_lock_file);
     add_lock(command, *lock_file);
     on_command(command, context, [&context, confirmed, lock_file] { burn(context, *confirmed, *lock_file); });

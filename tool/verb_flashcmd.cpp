@@ -107,11 +107,9 @@ void write_command(const Context& context, const Options& options) {
 
 void declare_flashcmd(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    verb.add_option("NAME", options->name, "Name of the command's file on the board")->required();
-    CLI::Option* data = verb.add_option("--data", options->data_file, "File with data, for misc_write_cmd");
-    verb.add_option("--offset", options->offset, "Byte of the data area where the data goes")
-        ->needs(data)
-        ->check(not_negative);
+    add_word(verb, "NAME", options->name, "Name of the command's file on the board");
+    CLI::Option* data = add_text(verb, "--data", options->data_file, "File with data, for misc_write_cmd");
+    need(add_number(verb, "--offset", options->offset, "Byte of the data area where the data goes"), data);
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options] { write_command(context, *options); });
 }

@@ -138,6 +138,7 @@ bool mend_records(const Options& options) {
 
 void judge_board(Plan& plan, const Package& package, const Options& options, Progress& progress) {
     add_targets(plan, package, options);
+    judge_record(plan);
     announce(plan, options, progress);
     if (!options.force) {
         survey(plan, package, progress);
@@ -178,6 +179,10 @@ void install(const Context& context, const Options& options) {
     Progress progress(options.quiet ? ProgressMode::none : options.progress.value_or(default_progress_mode()));
     const Plan plan = judge(package, options, progress);
     const bool needed = !is_done(plan);
+    if (!needed && !options.dry_run && can_keep_status() && !read_status().is_valid) {
+        remark(options,
+               "the update status is not valid and is made anew; whether another installation was cut is unknown");
+    }
     if (!options.dry_run) {
         carry_out(plan, needed, package, progress);
     }
@@ -213,22 +218,20 @@ void choose_progress(Options& options, const std::string& mode) {
 
 void declare_install(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    verb.add_option("PACKAGE", options->package, "The package, a zip file")->required();
+    add_word(verb, "PACKAGE", options->package, "The package, a zip file");
     add_trust(verb, options->trust);
-    verb.add_flag("--allow-downgrade", options->allow_downgrade, "Install a version older than the installed one");
-    verb.add_flag("--dry-run", options->dry_run, "Judge everything, say what would happen, touch nothing");
-    verb.add_flag("--force", options->force, "Write images that stand on the board already too");
-    verb.add_flag("-q,--quiet", options->quiet, "No progress and no remarks");
+    add_flag(verb, "--allow-downgrade", options->allow_downgrade, "Install a version older than the installed one");
+    add_flag(verb, "--dry-run", options->dry_run, "Judge everything, say what would happen, touch nothing");
+    add_flag(verb, "--force", options->force, "Write images that stand on the board already too");
+    add_flag(verb, "-q,--quiet", options->quiet, "No progress and no remarks");
     const auto choose = [options](const std::string& mode) { choose_progress(*options, mode); };
-    verb.add_option_function<std::string>("--progress", choose, "How to show progress: bar, plain or json, on stderr")
-        ->check(CLI::IsMember({"bar", "plain", "json"}).description(""))
-        ->type_name("MODE");
+    add_choice(verb, "--progress", "MODE", {"bar", "plain", "json"}, choose,
+               "How to show progress: bar, plain or json, on stderr");
     const CLI::Option* version =
-        verb.add_option("--version-file", options->version_file, "Where the installed version stands")
-            ->capture_default_str();
+        add_text(verb, "--version-file", options->version_file, "Where the installed version stands");
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options, version] {
-        options->version_file_named = version->count() > 0;
+        options->version_file_named = is_given(version);
         install_or_say_untouched(context, *options);
     });
 }

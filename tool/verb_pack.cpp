@@ -142,12 +142,12 @@ void pack(const Context& context, const Options& options) {
 
 void declare_pack(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    verb.add_option("DESCRIPTION", options->description, "JSON text; digests and sizes are filled in")->required();
-    verb.add_option("DIR", options->directory, "Directory of the images")->required();
-    verb.add_option("-o,--output", options->output, "The package to make")->required();
-    CLI::Option* key = verb.add_option("--sign", options->key, "PEM file of the key to sign with");
-    CLI::Option* certificate = verb.add_option("--cert", options->certificate, "PEM file of its certificate");
-    key->needs(certificate);
-    certificate->needs(key);
+    add_word(verb, "DESCRIPTION", options->description, "JSON text; digests and sizes are filled in");
+    add_word(verb, "DIR", options->directory, "Directory of the images");
+    add_word(verb, "-o,--output", options->output, "The package to make");
+    CLI::Option* key = add_text(verb, "--sign", options->key, "PEM file of the key to sign with");
+    CLI::Option* certificate = add_text(verb, "--cert", options->certificate, "PEM file of its certificate");
+    need(key, certificate);
+    need(certificate, key);
     on_command(verb, context, [&context, options] { pack(context, *options); });
 }

@@ -205,22 +205,22 @@ struct Options {
 
 CLI::App& declare_one(CLI::App& verb, const char* name, const char* summary, const std::shared_ptr<Options>& options) {
     CLI::App& command = add_command(verb, name, summary);
-    command.add_option("FILE", options->file, "The package, a zip file")->required();
+    add_word(command, "FILE", options->file, "The package, a zip file");
     return command;
 }
 
 } // namespace
 
 void declare_package(CLI::App& verb, Context& context) {
-    verb.require_subcommand(1);
+    demand_command(verb);
     auto options = std::make_shared<Options>();
     on_command(declare_one(verb, "list", "List the entries, and what unpacking needs", options), context,
                [&context, options] { list(context, options->file); });
     CLI::App& unpack_command = declare_one(verb, "unpack", "Unpack all entries below a directory", options);
-    unpack_command.add_option("DIR", options->other, "The directory, made when it is missing")->required();
+    add_word(unpack_command, "DIR", options->other, "The directory, made when it is missing");
     on_command(unpack_command, context, [&context, options] { unpack(context, options->file, options->other); });
     CLI::App& has_command = declare_one(verb, "has", "Tell whether the name of an entry begins so", options);
-    has_command.add_option("NAME", options->other, "The name, or its beginning")->required();
+    add_word(has_command, "NAME", options->other, "The name, or its beginning");
     on_command(has_command, context, [&context, options] { has(context, options->file, options->other); });
     on_command(declare_one(verb, "check", "Read every entry through, and report those that are damaged", options),
                context, [&context, options] { check(context, options->file); });

@@ -87,7 +87,7 @@ void declare_change(CLI::App& verb, Context& context, const char* name, const ch
     CLI::App& command = add_command(verb, name, summary);
     auto word = std::make_shared<std::string>();
     auto lock_file = std::make_shared<std::string>(default_lock_file);
-    command.add_option("SLOT", *word, "Number or letter of the slot")->required();
+    add_word(command, "SLOT", *word, "Number or letter of the slot");
     add_lock(command, *lock_file);
     on_command(command, context, [&context, word, lock_file, change] {
         const UpdateLock lock(*lock_file, "tessera slots");
@@ -99,7 +99,7 @@ void declare_change(CLI::App& verb, Context& context, const char* name, const ch
 } // namespace
 
 void declare_slots(CLI::App& verb, Context& context) {
-    verb.require_subcommand(0, 1);
+    allow_command(verb);
     on_command(verb, context, [&context] { show_slots(context); });
     declare_change(verb, context, "set-next", "Boot this slot next, with one try", set_next_slot);
     declare_change(verb, context, "mark-good", "Mark this slot as booted successfully", mark_slot_good);

@@ -53,14 +53,6 @@ std::string word_for(const Field& field, int32_t value) {
     return letter.size() == 1 ? letter : letter + format(" (%u)", static_cast<uint32_t>(value));
 }
 
-size_t listed_partitions(const ota_status_t& record) {
-    return std::min<size_t>(record.update_part.num, std::size(record.update_part.array));
-}
-
-std::string partition_name(const update_part_t& list, size_t i) {
-    return {list.array[i], strnlen(list.array[i], sizeof list.array[i])};
-}
-
 Json partitions_json(const update_part_t& list, size_t count) {
     Json partitions = Json::array();
     for (size_t i = 0; i < count; ++i) {
@@ -242,13 +234,10 @@ struct SetOptions {
 void declare_set(CLI::App& verb, Context& context) {
     CLI::App& command = add_command(verb, "set", "Store one field of the status");
     auto options = std::make_shared<SetOptions>();
-    command.add_option("FIELD", options->field, "update, system, backup, middleware, app, param, owner or next-slot")
-        ->required();
-    command
-        .add_option("VALUE", options->value,
-                    "normal, burn, verify or verified; of owner nobody, tool or service; of next-slot a letter")
-        ->required();
-    command.add_flag("--raw", options->raw, "Store any number, also one without a name");
+    add_word(command, "FIELD", options->field, "update, system, backup, middleware, app, param, owner or next-slot");
+    add_word(command, "VALUE", options->value,
+             "normal, burn, verify or verified; of owner nobody, tool or service; of next-slot a letter");
+    add_flag(command, "--raw", options->raw, "Store any number, also one without a name");
     add_lock(command, options->lock_file);
     on_command(command, context, [&context, options] {
         const UpdateLock lock(options->lock_file, "tessera status set");
@@ -260,7 +249,7 @@ void declare_set(CLI::App& verb, Context& context) {
 } // namespace
 
 void declare_status(CLI::App& verb, Context& context) {
-    verb.require_subcommand(0, 1);
+    allow_command(verb);
     on_command(verb, context, [&context] { show_status(context); });
     declare_set(verb, context);
     CLI::App& reset = add_command(verb, "reset", "Make both records anew");

@@ -90,7 +90,7 @@ void verify(const Context& context, const Options& options) {
 
 void declare_verify(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    verb.add_option("PACKAGE", options->package, "The package, a zip file")->required();
+    add_word(verb, "PACKAGE", options->package, "The package, a zip file");
     add_trust(verb, options->trust);
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options] { verify(context, *options); });

@@ -72,8 +72,10 @@ void show_versions(const Context& context, const Options& options) {
 
 void declare_versions(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    verb.add_option("FILE", options->file, "An image of firmware or of verified boot")->required();
-    verb.add_option("--kind", options->kind, "miniboot, uboot or vbmeta, where the file's name does not tell")
-        ->check(CLI::IsMember({"miniboot", "uboot", "vbmeta"}).description(""));
+    add_word(verb, "FILE", options->file, "An image of firmware or of verified boot");
+    add_choice(
+        verb, "--kind", "KIND", {"miniboot", "uboot", "vbmeta"},
+        [options](const std::string& kind) { options->kind = kind; },
+        "miniboot, uboot or vbmeta, where the file's name does not tell");
     on_command(verb, context, [&context, options] { show_versions(context, *options); });
 }

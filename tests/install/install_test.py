@@ -130,6 +130,11 @@ class InstallTest(BoardCase):
                     self.expect("status", 0, "has not ended")
                     self.expect("install /userdata/p.zip", 0)
                     self.assertTrue(self.holds(good, 1) and self.board().slot_block().best() == 1)
+        self.new("emmc", 24 << 20)
+        self.pack("p.zip", good, describe(good, "emmc"))
+        kept = self.simulate("run", "--", "sh", "-c", "trap '' HUP; exec tessera install /userdata/p.zip",
+                             env={"TESSERA_FLASH_FAULT": "raise pwrite 5 1"})
+        self.assertEqual(kept.returncode, 0, kept.stderr)  # as under nohup
 
     def test_every_line_is_json_and_the_share_tells_the_truth(self):
         self.new("nand")
@@ -254,7 +259,7 @@ class InstallTest(BoardCase):
         count_at = slots.OFFSET + 9
         cases = [  # in place of slot a and of normal mode, byte of the number of slots, status, word of the message
             ("_a", "normal", 0, 0, ""), ("_b", "normal", 1, 0, ""),
-            ("_c", "normal", 3, 1, "slot c"),
+            ("_c", "normal", 3, 1, "cannot be made anew"),
             ("_a", "recovery", 2, 1, "recovery"), ("_a", "recovery", 3, 1, "recovery"),
         ]
         for suffix, mode, count, status, word in cases:
@@ -266,6 +271,9 @@ class InstallTest(BoardCase):
                 cmdline = self.dir / "cmdline"
                 told = cmdline.read_text().replace("mode=normal", f"mode={mode}")
                 cmdline.write_text(told.replace("slot_suffix=_a", f"slot_suffix={suffix}"))
+                if count < 2:
+                    self.pack("p.zip", images(1), describe(images(1), "emmc"))
+                    self.expect_no_change("install /userdata/p.zip", 1, "checksum")
                 (self.expect_no_change if status else self.expect)("confirm", status, word)
                 if status == 0:
                     running = "ab".index(suffix[1])
@@ -273,27 +281,34 @@ class InstallTest(BoardCase):
                     self.assertEqual((block.slots[running].marked, block.best()), (True, running))
                     self.assertFalse(block.slots[1 - running].marked)
 
-    def test_confirm_waits_for_another_command(self):
-        self.new()
-        self.board().save_slot_block(slots.SlotBlock.of(slots.Slot(15, 1, False), slots.Slot(14, 1, True)))
-        self.simulate("run", "--", "sh", "-c", """flock /tmp/tessera.lock -c 'touch /tmp/held; sleep 1' &
-            until test -e /tmp/held; do sleep 0.02; done
-            tessera confirm; wait""")
-        self.assertTrue(self.board().slot_block().slots[0].marked)
+    def test_confirm_waits_for_a_command_that_writes_the_block(self):
+        for medium in ("emmc", "nand"):  # where the block is erased meanwhile
+            with self.subTest(medium=medium):
+                self.new(medium)
+                self.board().save_slot_block(slots.SlotBlock.of(slots.Slot(15, 1, False), slots.Slot(14, 1, False)))
+                told = self.simulate("run", "--", "sh", "-c", """
+                    TESSERA_FLASH_FAULT='raise pwrite 1 19' tessera slots mark-good b > /dev/null & first=$!
+                    until grep -q '^State:.T' /proc/$first/status; do sleep 0.02; done
+                    tessera confirm & second=$!
+                    sleep 1; kill -CONT $first; wait $second""")
+                self.assertIn("slot a is confirmed", told.stdout, told.stderr)
+                self.assertIn("waiting for process", told.stderr)
+                self.expect("slots mark-bad b", 0, fault="raise pwrite 1 15")  # not in the middle of the block
+                self.assertEqual([slot.marked for slot in self.board().slot_block().slots], [True, False])
 
-    def test_only_the_run_that_completes_a_package_ends_its_status(self):
+    def test_what_an_interrupted_package_wrote_is_not_taken_for_whole(self):
         self.new()
-        first, second = images(1), {"boot": images(2)["boot"]}
+        first, second = images(1), {"boot": images(1)["boot"]}
         self.pack("1.zip", first, describe(first, "emmc"))
         self.pack("2.zip", second, describe(second, "emmc"))
         self.expect("install /userdata/1.zip", 0)
         self.expect("status set owner tool", 0)  # as a cut between the last two writes of a record leaves it
         self.expect("install /userdata/1.zip", 0, "stands already")
         self.assertEqual(json.loads(self.expect("status --json", 0).stdout)["status"]["owner"], "nobody")
-        self.expect("install /userdata/2.zip", 137, fault="raise pwrite 3 9")  # in front of the slot block
-        self.expect("install /userdata/1.zip", 0, "stands already")
+        self.expect("install /userdata/1.zip --force", 137, fault="raise pwrite 5 9")  # in the middle of slot b
+        self.expect_no_change("install /userdata/2.zip", 1, "no image for its partition system")
         self.expect("status", 0, "has not ended")
-        self.expect("install /userdata/2.zip", 0)
+        self.expect("install /userdata/1.zip", 0, "slot b boots next")
         self.expect("status", 0, "no update is under way")
 
     def test_the_slot_that_is_written_is_given_up_when_it_does_not_come_up(self):
@@ -302,6 +317,7 @@ class InstallTest(BoardCase):
             (good, slots.Slot(14, 1, True, corrupted=True), "normal", 1),
             (good, slots.Slot(14, 0, True), "normal", 1),
             (slots.Slot(15, 3, False), slots.Slot(14, 1, True), "recovery", 0),
+            (slots.Slot(15, 0, False), slots.Slot(14, 0, False), "recovery", 1),
         ]
         for running, other, mode, written in cases:
             with self.subTest(other=other, mode=mode):
@@ -314,7 +330,8 @@ class InstallTest(BoardCase):
                 self.assertTrue(self.holds(contents, written))
                 self.assertEqual(self.board().slot_block().best(), written)
                 self.simulate("reboot", "--fail")
-                self.assertEqual(self.board().running_slot(), 1 - written)
+                boots = 1 - written if running.bootable() or other.bootable() else None
+                self.assertEqual(self.board().slot_block().best(), boots)
 
     def test_an_image_with_pages_that_are_lost_is_written_again(self):
         self.new("nand")
