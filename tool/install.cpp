@@ -229,9 +229,14 @@ void run_plan(const Plan& plan, const Package& package, Progress& progress, Grou
     clear_status_flag();
 }
 
-/** Whether an earlier run left the record, and left nothing that the plan has not found to stand. */
+/** Whether an earlier run left the record, and all that it lists has been found to stand. */
 bool is_completed_by(const Plan& plan, const ota_status_t& record) {
-    return record.owner == OTA_TOOL && (!plan.slot || record.next_slot == static_cast<uint32_t>(*plan.slot));
+    if (record.owner != OTA_TOOL || !left_behind(plan, record).empty()) {
+        return false;
+    }
+    const auto& types = record.update_part.type;
+    const bool has_slot = std::find(types, types + listed_partitions(record), AB) != types + listed_partitions(record);
+    return !has_slot || (plan.slot && record.next_slot == static_cast<uint32_t>(*plan.slot));
 }
 
 /** What an earlier run did may still be in the page cache only, and not be told. */

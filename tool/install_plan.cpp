@@ -123,21 +123,11 @@ bool holds_image(const Target& target, const Package& package, uint64_t& done, P
     return is_equal && !device.lost_reads_since(lost);
 }
 
-/** A partition in the record of an installation that has not ended, and not in this plan. */
-std::string left_behind(const Plan& plan) {
-    const StoredStatus stored = read_status();
-    const ota_status_t& record = stored.record;
-    if (!stored.is_valid || record.up == OTA_FLAG_NORMAL || record.owner != OTA_TOOL) {
-        return "";
-    }
-    for (size_t i = 0; i < listed_partitions(record); ++i) {
-        const std::string name = partition_name(record.update_part, i);
-        if (std::none_of(plan.targets.begin(), plan.targets.end(),
-                         [&](const Target& target) { return target.image.name == name; })) {
-            return name;
-        }
-    }
-    return "";
+std::string way_to_confirm(const SlotBlock& block, const Plan& plan) {
+    const Slot* running = plan.running ? block.find(*plan.running) : nullptr;
+    return running != nullptr && running->corrupted
+               ? "tessera slots set-next " + slot_letter(running->number) + " and then tessera confirm"
+               : "tessera confirm";
 }
 
 bool stands_already(const Target& target, const Package& package, Progress& progress) {
@@ -278,11 +268,28 @@ void check_images(const Plan& plan, const Package& package, Progress& progress) 
     }
 }
 
-void judge_record(const Plan& plan) {
-    if (const std::string name = left_behind(plan); !name.empty()) {
+std::string left_behind(const Plan& plan, const ota_status_t& record) {
+    for (size_t i = 0; i < listed_partitions(record); ++i) {
+        const std::string name = partition_name(record.update_part, i);
+        if (std::none_of(plan.targets.begin(), plan.targets.end(),
+                         [&](const Target& target) { return target.image.name == name; })) {
+            return name;
+        }
+    }
+    return "";
+}
+
+void judge_record(Plan& plan) {
+    const StoredStatus stored = read_status();
+    plan.record_is_valid = stored.is_valid;
+    const bool is_cut = stored.record.up == OTA_FLAG_BURN || stored.record.up == OTA_FLAG_VERIFY;
+    if (!stored.is_valid || !is_cut) {
+        return;
+    }
+    if (const std::string name = left_behind(plan, stored.record); !name.empty()) {
         throw Failure(ExitCode::failed,
                       "an earlier installation has not ended, and this package has no image for its partition " + name,
-                      "install one that has, or have tessera status reset forget what stands there");
+                      "install one that has; tessera status shows the record");
     }
 }
 
@@ -294,13 +301,14 @@ void judge_slots(const Plan& plan) {
     const std::string slot = "slot " + slot_letter(*plan.slot);
     if (plan.slot == plan.running) {
         throw Failure(ExitCode::failed, slot + " is the one to write, and it is running on trial",
-                      "tessera confirm keeps this system, tessera rollback goes back if it can; then install");
+                      way_to_confirm(block, plan) +
+                          " keeps this system, tessera rollback goes back if it can; then install");
     }
     const Slot* entry = block.find(*plan.slot);
     const bool is_lost = !plan.running && entry != nullptr && !entry->is_bootable(); /* nothing runs or boots now */
     if (!is_lost && !block.boots_without(*plan.slot)) {
         throw Failure(ExitCode::failed, "while " + slot + " is written there would be nothing to boot",
-                      plan.running ? "tessera confirm marks the running slot good"
+                      plan.running ? way_to_confirm(block, plan) + " marks the running slot good"
                                    : "tessera slots mark-bad " + slot_letter(*plan.slot) + " gives it up before");
     }
 }

@@ -41,6 +41,7 @@ struct Plan {
     std::string signer;             /* empty when no trust was asked for */
     std::string installed_version;  /* empty when the board does not tell */
     std::vector<Target> targets;    /* those of the slot first: what has no second copy is written last */
+    bool record_is_valid = true;    /* the update status tells whether an installation was cut */
     std::optional<int32_t> slot;    /* the update slot, when an image goes to a slot */
     std::optional<int32_t> running; /* known whenever `slot` is, but in recovery mode no slot's system runs */
 
@@ -76,11 +77,14 @@ void survey(Plan& plan, const Package& package, Progress& progress);
  */
 void check_images(const Plan& plan, const Package& package, Progress& progress);
 
+/** A partition that the record of an installation lists and the plan has no image for; empty without one. */
+std::string left_behind(const Plan& plan, const ota_status_t& record);
+
 /**
  * Refuses to go on where another package was cut in partitions that this one does not have: what stands in
  * them is unknown, and the record would no longer tell.
  */
-void judge_record(const Plan& plan);
+void judge_record(Plan& plan);
 
 /** Refuses what could leave the board with nothing to boot. */
 void judge_slots(const Plan& plan);

@@ -2,9 +2,13 @@
 #include "verb.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cctype>
 #include <csignal>
 #include <span>
+#include <sstream>
+#include <string_view>
+#include <utility>
 
 namespace {
 

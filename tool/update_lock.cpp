@@ -6,9 +6,11 @@
 #include "text.h"
 #include "velox_ota_hl.h"
 
+#include <cctype>
 #include <cerrno>
 #include <fcntl.h>
 #include <fstream>
+#include <iterator>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -81,11 +83,17 @@ bool take(std::string& file) {
     if (get_file_lock(file.data()) == 0) {
         return true;
     }
-    const Descriptor again(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0766)); /* for the reason */
-    if (again.get() < 0 || (flock(again.get(), LOCK_EX | LOCK_NB) != 0 && errno != EWOULDBLOCK)) {
-        throw Failure(ExitCode::failed, "cannot use the lock file " + file + because(errno));
+    {
+        const Descriptor again(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0766)); /* for the reason */
+        const bool is_free = again.get() >= 0 && flock(again.get(), LOCK_EX | LOCK_NB) == 0;
+        if (!is_free && errno == EWOULDBLOCK) {
+            return false;
+        }
+        if (!is_free) {
+            throw Failure(ExitCode::failed, "cannot use the lock file " + file + because(errno));
+        }
     }
-    return false;
+    return get_file_lock(file.data()) == 0; /* its holder has just let go */
 }
 
 } // namespace

@@ -6,7 +6,7 @@ namespace {
 
 /** The parser's own check would tell the largest double with all its digits. */
 std::string judge_sign(const std::string& number) {
-    return number.starts_with('-') ? "it must not be negative" : "";
+    return number.find('-') != std::string::npos ? "it must not be negative" : "";
 }
 
 } // namespace

@@ -54,7 +54,7 @@ CLI::Option* add_number(CLI::App& command, const char* name, uint64_t& number, c
 CLI::Option* add_number(CLI::App& command, const char* name, std::optional<uint64_t>& number, const char* help);
 void add_flag(CLI::App& command, const char* name, bool& flag, const char* help);
 
-/** One of several words, which `choose` gets as soon as it is read. */
+/** One of several words; `choose` gets it when the whole command line has been read. */
 void add_choice(CLI::App& command, const char* name, const char* type, const std::vector<std::string>& words,
                 const std::function<void(const std::string&)>& choose, const char* help);
 

@@ -43,7 +43,10 @@ bool is_confirmed(int32_t running) {
 bool looks_confirmed(int32_t running) {
     try {
         return is_confirmed(running);
-    } catch (const Failure&) {
+    } catch (const Failure& failure) {
+        if (failure.code != ExitCode::device) {
+            throw;
+        }
         return false;
     }
 }

@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <map>
 
 namespace {
 
@@ -55,6 +56,16 @@ void remark_on(const Plan& plan, const Options& options) {
         remark(options, "a bad block in ubootenv keeps the update status from being read, so tessera status cannot "
                         "tell where this installation stands");
     }
+}
+
+/** Whether an installation may have been cut in the slot, and nobody knows which one. */
+bool may_hide_another(const Plan& plan, bool needed) {
+    if (plan.record_is_valid || !can_keep_status()) {
+        return false;
+    }
+    const SlotBlock block = plan.slot ? read_slot_block() : SlotBlock{};
+    const Slot* entry = plan.slot ? block.find(*plan.slot) : nullptr;
+    return !needed || (entry != nullptr && entry->is_given_up());
 }
 
 /** Whether the board already is where the package would bring it. */
@@ -179,9 +190,8 @@ void install(const Context& context, const Options& options) {
     Progress progress(options.quiet ? ProgressMode::none : options.progress.value_or(default_progress_mode()));
     const Plan plan = judge(package, options, progress);
     const bool needed = !is_done(plan);
-    if (!needed && !options.dry_run && can_keep_status() && !read_status().is_valid) {
-        remark(options,
-               "the update status is not valid and is made anew; whether another installation was cut is unknown");
+    if (may_hide_another(plan, needed)) {
+        remark(options, "the update status is not valid, so whether another installation was cut is unknown");
     }
     if (!options.dry_run) {
         carry_out(plan, needed, package, progress);

@@ -28,7 +28,8 @@ void roll_back(const Context& context, const std::string& lock_file) {
     }
     if (!slot->is_confirmed()) {
         throw Failure(ExitCode::failed, "cannot go back to " + slot->name() + ": " + reason_against(*slot),
-                      "tessera slots set-next " + slot_letter(other) + " tries it all the same");
+                      slot->is_given_up() ? "tessera status tells whether it was written whole"
+                                          : "tessera slots set-next " + slot_letter(other) + " tries it all the same");
     }
     const bool was_next = next_slot() == other;
     if (!was_next) {

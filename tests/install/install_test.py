@@ -310,6 +310,10 @@ class InstallTest(BoardCase):
         self.expect("status", 0, "has not ended")
         self.expect("install /userdata/1.zip", 0, "slot b boots next")
         self.expect("status", 0, "no update is under way")
+        self.expect("install /userdata/1.zip --force", 137, fault="raise pwrite 9 9")  # all is read back, b is next
+        self.simulate("reboot")
+        self.expect("confirm", 0)
+        self.expect("install /userdata/2.zip", 0, "slot a boots next")
 
     def test_the_slot_that_is_written_is_given_up_when_it_does_not_come_up(self):
         good, contents = slots.Slot(15, 1, True), images(1)
