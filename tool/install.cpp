@@ -230,13 +230,11 @@ void run_plan(const Plan& plan, const Package& package, Progress& progress, Grou
 }
 
 /** Whether an earlier run left the record, and all that it lists has been found to stand. */
-bool is_completed_by(const Plan& plan, const ota_status_t& record) {
-    if (record.owner != OTA_TOOL || !left_behind(plan, record).empty()) {
+bool is_completed_by(const Plan& plan, const StoredStatus& stored) {
+    if (stored.record.owner != OTA_TOOL || !left_behind(plan, stored.record).empty()) {
         return false;
     }
-    const auto& types = record.update_part.type;
-    const bool has_slot = std::find(types, types + listed_partitions(record), AB) != types + listed_partitions(record);
-    return !has_slot || (plan.slot && record.next_slot == static_cast<uint32_t>(*plan.slot));
+    return !stored.lists_slot() || (plan.slot && stored.record.next_slot == static_cast<uint32_t>(*plan.slot));
 }
 
 /** What an earlier run did may still be in the page cache only, and not be told. */
@@ -245,7 +243,7 @@ void settle(const Plan& plan) {
         sync_partition("misc");
     }
     const StoredStatus stored = read_status();
-    if (stored.is_valid ? is_completed_by(plan, stored.record) : can_keep_status()) {
+    if (stored.is_valid ? is_completed_by(plan, stored) : can_keep_status()) {
         clear_status_flag();
     }
 }

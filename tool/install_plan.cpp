@@ -123,11 +123,17 @@ bool holds_image(const Target& target, const Package& package, uint64_t& done, P
     return is_equal && !device.lost_reads_since(lost);
 }
 
-std::string way_to_confirm(const SlotBlock& block, const Plan& plan) {
+/** What to do where writing the slot would leave nothing to boot; nothing that gives a good slot away. */
+std::string way_out(const SlotBlock& block, const Plan& plan) {
+    const Slot* entry = block.find(*plan.slot);
     const Slot* running = plan.running ? block.find(*plan.running) : nullptr;
-    return running != nullptr && running->corrupted
-               ? "tessera slots set-next " + slot_letter(running->number) + " and then tessera confirm"
-               : "tessera confirm";
+    if (running != nullptr && !running->corrupted) {
+        return "tessera confirm marks the running slot good";
+    }
+    if (entry != nullptr && entry->is_bootable()) {
+        return "reboot into " + entry->name() + " and install from there";
+    }
+    return "if this system is sound, tessera slots set-next and tessera confirm keep it";
 }
 
 bool stands_already(const Target& target, const Package& package, Progress& progress) {
@@ -205,7 +211,13 @@ Plan begin_plan(const Package& package, const InstallOptions& options) {
 void add_targets(Plan& plan, const Package& package, const InstallOptions& options) {
     const std::vector<Image>& images = plan.description.images;
     if (std::any_of(images.begin(), images.end(), [](const Image& image) { return image.is_ab(); })) {
-        read_slot_block().demand_checksum();
+        const SlotBlock block = read_slot_block();
+        block.demand_checksum();
+        if (const int32_t running = ota_get_cur_slot(); running >= 0 && block.find(running) == nullptr) {
+            throw Failure(ExitCode::failed,
+                          "slot " + slot_letter(running) + " runs, and the slot block does not have it",
+                          "tessera slots");
+        }
     }
     for (const Image& image : images) {
         plan.targets.push_back(make_target(package, image, options));
@@ -270,7 +282,7 @@ void check_images(const Plan& plan, const Package& package, Progress& progress) 
 
 std::string left_behind(const Plan& plan, const ota_status_t& record) {
     for (size_t i = 0; i < listed_partitions(record); ++i) {
-        const std::string name = partition_name(record.update_part, i);
+        std::string name = partition_name(record.update_part, i);
         if (std::none_of(plan.targets.begin(), plan.targets.end(),
                          [&](const Target& target) { return target.image.name == name; })) {
             return name;
@@ -282,11 +294,10 @@ std::string left_behind(const Plan& plan, const ota_status_t& record) {
 void judge_record(Plan& plan) {
     const StoredStatus stored = read_status();
     plan.record_is_valid = stored.is_valid;
-    const bool is_cut = stored.record.up == OTA_FLAG_BURN || stored.record.up == OTA_FLAG_VERIFY;
-    if (!stored.is_valid || !is_cut) {
+    if (!stored.is_cut()) {
         return;
     }
-    if (const std::string name = left_behind(plan, stored.record); !name.empty()) {
+    if (std::string name = left_behind(plan, stored.record); !name.empty()) {
         throw Failure(ExitCode::failed,
                       "an earlier installation has not ended, and this package has no image for its partition " + name,
                       "install one that has; tessera status shows the record");
@@ -301,14 +312,12 @@ void judge_slots(const Plan& plan) {
     const std::string slot = "slot " + slot_letter(*plan.slot);
     if (plan.slot == plan.running) {
         throw Failure(ExitCode::failed, slot + " is the one to write, and it is running on trial",
-                      way_to_confirm(block, plan) +
-                          " keeps this system, tessera rollback goes back if it can; then install");
+                      "tessera confirm keeps this system, tessera rollback goes back if it can; then install");
     }
     const Slot* entry = block.find(*plan.slot);
     const bool is_lost = !plan.running && entry != nullptr && !entry->is_bootable(); /* nothing runs or boots now */
     if (!is_lost && !block.boots_without(*plan.slot)) {
         throw Failure(ExitCode::failed, "while " + slot + " is written there would be nothing to boot",
-                      plan.running ? way_to_confirm(block, plan) + " marks the running slot good"
-                                   : "tessera slots mark-bad " + slot_letter(*plan.slot) + " gives it up before");
+                      way_out(block, plan));
     }
 }

@@ -37,6 +37,20 @@ std::string partition_name(const update_part_t& list, size_t i) {
     return {list.array[i], strnlen(list.array[i], sizeof list.array[i])};
 }
 
+bool StoredStatus::is_cut() const {
+    return is_valid && (record.up == OTA_FLAG_BURN || record.up == OTA_FLAG_VERIFY);
+}
+
+bool StoredStatus::lists_slot() const {
+    const auto& types = record.update_part.type;
+    const auto* end = types + listed_partitions(record);
+    return std::find(types, end, AB) != end;
+}
+
+bool StoredStatus::is_cut_in(int32_t slot) const {
+    return is_cut() && lists_slot() && record.next_slot == static_cast<uint32_t>(slot);
+}
+
 bool can_keep_status() {
     return Device(partition_path(status_partition)).is_straight(status_offset + sizeof(ota_status_t));
 }

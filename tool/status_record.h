@@ -17,6 +17,12 @@ struct StoredStatus {
 
     /** What is wrong with a record that is not valid. */
     [[nodiscard]] const char* fault() const;
+    /** Whether an installation was cut before all that it wrote was read back. */
+    [[nodiscard]] bool is_cut() const;
+    /** The same, of images in this slot. */
+    [[nodiscard]] bool is_cut_in(int32_t slot) const;
+    /** Whether the record lists partitions of a slot. */
+    [[nodiscard]] bool lists_slot() const;
 };
 
 struct StoredVersions {

@@ -2,12 +2,14 @@
 
 #include "console.h"
 #include "device.h"
+#include "failure.h"
 #include "interrupt.h"
 #include "text.h"
 #include "velox_ota_hl.h"
 
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>

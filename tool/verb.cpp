@@ -6,7 +6,8 @@ namespace {
 
 /** The parser's own check would tell the largest double with all its digits. */
 std::string judge_sign(const std::string& number) {
-    return number.find('-') != std::string::npos ? "it must not be negative" : "";
+    const size_t first = number.find_first_not_of(" \t");
+    return first != std::string::npos && number[first] == '-' ? "it must not be negative" : "";
 }
 
 } // namespace
@@ -74,11 +75,11 @@ void add_trust(CLI::App& command, std::string& file) {
         ->check([](const std::string& name) { return name.empty() ? "it names no file" : ""; });
 }
 
-void need(CLI::Option* option, CLI::Option* other) {
+void add_need(CLI::Option* option, CLI::Option* other) {
     option->needs(other);
 }
 
-void exclude(CLI::Option* option, CLI::Option* other) {
+void add_exclusion(CLI::Option* option, CLI::Option* other) {
     option->excludes(other);
 }
 

@@ -64,8 +64,8 @@ void add_lock(CLI::App& command, std::string& file);
 /** The certificates whose signatures are accepted. */
 void add_trust(CLI::App& command, std::string& file);
 
-void need(CLI::Option* option, CLI::Option* other);
-void exclude(CLI::Option* option, CLI::Option* other);
+void add_need(CLI::Option* option, CLI::Option* other);
+void add_exclusion(CLI::Option* option, CLI::Option* other);
 bool is_given(const CLI::Option* option);
 
 void declare_board(CLI::App& verb, Context& context);

@@ -1,18 +1,30 @@
 /** tessera confirm: for the script that finds the system well after a boot. */
 #include "names.h"
 #include "slot_block.h"
+#include "status_record.h"
 #include "update_lock.h"
 #include "velox_ota_hl.h"
 #include "verb.h"
+
+#include <chrono>
 
 namespace {
 
 /** A boot script has nobody to ask again: time enough for whatever does not write images. */
 constexpr std::chrono::seconds patience{30};
 
+/** What the update status says, where it says anything. */
+bool is_half_written(int32_t slot) {
+    try {
+        return read_status().is_cut_in(slot);
+    } catch (const Failure&) {
+        return false;
+    }
+}
+
 /**
  * Where the checksum is wrong nothing in the block is known. A new one has the running slot in front and
- * the other on trial: neither good nor bad, and whatever the old one said of it is forgotten.
+ * the other on trial, unless an installation was cut in it: whatever the old one said of it is forgotten.
  */
 void renew_block(int32_t running) {
     if (running >= new_block_slots) {
@@ -24,6 +36,9 @@ void renew_block(int32_t running) {
     }
     reset_slot_block();
     set_next_slot(running);
+    if (const int32_t other = running ^ 1; is_half_written(other)) {
+        mark_slot_unbootable(other);
+    }
 }
 
 const Slot& find_running(const SlotBlock& block, int32_t running) {

@@ -92,8 +92,8 @@ void demand_kept(const Options& options, const std::string& data) {
 
 void write_command(const Context& context, const Options& options) {
     judge(options);
-    const UpdateLock lock(options.lock_file, "tessera flashcmd " + options.name);
     std::string data = options.data_file.empty() ? std::string() : read_data(options.data_file);
+    const UpdateLock lock(options.lock_file, "tessera flashcmd " + options.name);
     const auto length = static_cast<uint32_t>(data.size());
     require(ExitCode::failed, "the flash command " + options.name + " was not written",
             [&] { return ota_write_flashcmd(options.name.c_str(), data.data(), length, options.offset); });
@@ -109,7 +109,7 @@ void declare_flashcmd(CLI::App& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "NAME", options->name, "Name of the command's file on the board");
     CLI::Option* data = add_text(verb, "--data", options->data_file, "File with data, for misc_write_cmd");
-    need(add_number(verb, "--offset", options->offset, "Byte of the data area where the data goes"), data);
+    add_need(add_number(verb, "--offset", options->offset, "Byte of the data area where the data goes"), data);
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options] { write_command(context, *options); });
 }

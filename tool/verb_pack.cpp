@@ -147,7 +147,7 @@ void declare_pack(CLI::App& verb, Context& context) {
     add_word(verb, "-o,--output", options->output, "The package to make");
     CLI::Option* key = add_text(verb, "--sign", options->key, "PEM file of the key to sign with");
     CLI::Option* certificate = add_text(verb, "--cert", options->certificate, "PEM file of its certificate");
-    need(key, certificate);
-    need(certificate, key);
+    add_need(key, certificate);
+    add_need(certificate, key);
     on_command(verb, context, [&context, options] { pack(context, *options); });
 }

@@ -1,6 +1,7 @@
 /** tessera rollback: back to the other slot, if that one is known to boot. */
 #include "names.h"
 #include "slot_block.h"
+#include "status_record.h"
 #include "update_lock.h"
 #include "verb.h"
 
@@ -28,8 +29,9 @@ void roll_back(const Context& context, const std::string& lock_file) {
     }
     if (!slot->is_confirmed()) {
         throw Failure(ExitCode::failed, "cannot go back to " + slot->name() + ": " + reason_against(*slot),
-                      slot->is_given_up() ? "tessera status tells whether it was written whole"
-                                          : "tessera slots set-next " + slot_letter(other) + " tries it all the same");
+                      read_status().is_cut_in(other)
+                          ? "tessera status shows the installation that was cut in it"
+                          : "tessera slots set-next " + slot_letter(other) + " tries it all the same");
     }
     const bool was_next = next_slot() == other;
     if (!was_next) {

@@ -307,6 +307,9 @@ class InstallTest(BoardCase):
         self.assertEqual(json.loads(self.expect("status --json", 0).stdout)["status"]["owner"], "nobody")
         self.expect("install /userdata/1.zip --force", 137, fault="raise pwrite 5 9")  # in the middle of slot b
         self.expect_no_change("install /userdata/2.zip", 1, "no image for its partition system")
+        self.damage_slot_block()
+        self.expect("confirm", 0)
+        self.assertEqual(self.board().slot_block().slots[1].tries, 0)  # not on trial half written
         self.expect("status", 0, "has not ended")
         self.expect("install /userdata/1.zip", 0, "slot b boots next")
         self.expect("status", 0, "no update is under way")
