@@ -62,8 +62,9 @@ class BoardCase(unittest.TestCase):
                 package.writestr(entry, data)
 
     def simulate(self, verb, *words, env=None):
-        return subprocess.run([SIMULATOR / "board", verb, self.dir, *words], capture_output=True, text=True,
-                              check=False, env={**os.environ, **(env or {})}, timeout=120)
+        return subprocess.run([SIMULATOR / "board", verb, self.dir, *words], stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, check=False, env={**os.environ, **(env or {})},
+                              timeout=120)
 
     def expect(self, line, status, told="", fault=""):
         """Runs the command. @return what it gave"""

@@ -43,20 +43,32 @@ MEANT = {
 VERBS_ALONE = {"tessera install", "tessera pack", "tessera flashcmd"}
 
 
+def fenced(text, wanted):
+    """@return the text outside of fenced blocks, and the commands in those of the language `wanted`"""
+    outside, commands, language = [], [], None
+    for line in text.replace("\\\n", " ").splitlines():
+        if line.startswith("```"):
+            language = line[3:] if language is None else None
+        elif language is None:
+            outside.append(line)
+        elif language == wanted:
+            commands.append(line)
+    return "\n".join(outside), commands
+
+
 def commands_of_paper(path):
-    text = re.sub(r"```(?!sh)\w*\n.*?```", "", path.read_text(), flags=re.DOTALL)
-    blocks = re.findall(r"```sh\n(.*?)```", text, re.DOTALL) + re.findall(r"^ {4}(\S.*)$", text, re.M)
-    return [line for block in blocks for line in block.replace("\\\n", " ").splitlines()] + re.findall(INLINE, text)
+    text, commands = fenced(path.read_text(), "sh")
+    return commands + re.findall(r"^ {4}(\S.*)$", text, re.M) + re.findall(INLINE, text)
 
 
 def commands_of_page(path):
-    _, _, examples = path.read_text().partition("# EXAMPLES")
-    return [line for block in re.findall(r"```\n(.*?)```", examples, re.DOTALL) for line in block.splitlines()]
+    return fenced(path.read_text().partition("# EXAMPLES")[2], "")[1]
 
 
 class DocumentsTest(BoardCase):
     def must(self, command):
-        result = subprocess.run(["bash", "-c", command], cwd=self.place, capture_output=True, text=True, check=False)
+        result = subprocess.run(["bash", "-c", command], cwd=self.place, capture_output=True, text=True, check=False,
+                                stdin=subprocess.DEVNULL)
         self.assertEqual(result.returncode, 0, f"{command}\n{result.stdout}{result.stderr}")
         return result.stdout
 
