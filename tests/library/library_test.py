@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import tempfile
 import unittest
@@ -10,20 +11,14 @@ import unittest
 TOP = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["TESSERA_BUILD"])
 SANITIZE = os.environ.get("SANITIZE")
-EXAMPLE = re.search(r"```c\n(.*?)```", (TOP / "README.md").read_text(), re.DOTALL)[1]
-CMAKE_PROJECT = """cmake_minimum_required(VERSION 3.25)
-project(example LANGUAGES C)
-find_package(tessera 1.0 REQUIRED)
-add_executable(example example.c)
-target_link_libraries(example PRIVATE tessera::tessera)
-"""
+EXAMPLE = TOP / "examples" / "next-slot"
 # In the directory of an example: by pkg-config and by find_package, as plain C11.
 BUILD_BOTH = """set -e
 export CC=gcc CFLAGS="-std=c11 -D_DEFAULT_SOURCE -Wall -Wextra -Wpedantic -Werror ${SANITIZE:+-fsanitize=$SANITIZE}"
-$CC $CFLAGS example.c $(pkg-config --cflags --libs tessera) -o by-pkg-config
+$CC $CFLAGS next_slot.c $(pkg-config --cflags --libs tessera) -o by-pkg-config
 cmake -S . -B build >/dev/null
 cmake --build build >/dev/null
-cp build/example by-cmake
+cp build/next_slot by-cmake
 """
 HEADERS = [*TOP.glob("include/*.h"), *TOP.glob("src/inc/*.h"), *TOP.glob("src/common/*.h")]
 LIBRARY = BUILD / "src" / "libtessera.so.1"
@@ -38,8 +33,7 @@ def run(*command, **options):
 
 
 def write_example(place):
-    (place / "example.c").write_text(EXAMPLE)
-    (place / "CMakeLists.txt").write_text(CMAKE_PROJECT)
+    shutil.copytree(EXAMPLE, place, dirs_exist_ok=True)
 
 
 class LibraryTest(unittest.TestCase):
