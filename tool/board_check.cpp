@@ -187,9 +187,16 @@ BoardItem check_staging() {
 
 BoardItem check_lock() {
     const std::string place = fs::path(default_lock_file).parent_path();
-    const bool is_there = access(place.c_str(), W_OK) == 0;
-    return {"lock", is_there, is_there ? place + " can be written to" : place + because(errno),
-            format("have %s mounted before the boot script runs tessera confirm", place.c_str())};
+    const std::string mend = format("have %s mounted before the boot script runs tessera confirm", place.c_str());
+    if (access(place.c_str(), W_OK) != 0) {
+        return {"lock", false, place + because(errno), mend};
+    }
+    try {
+        check_lock_file(default_lock_file);
+        return {"lock", true, place + " can be written to", mend};
+    } catch (const Failure& failure) {
+        return {"lock", false, failure.what(), std::string("remove ") + default_lock_file};
+    }
 }
 
 } // namespace

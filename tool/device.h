@@ -19,6 +19,10 @@ public:
     }
     Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {
     }
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     ~Descriptor();

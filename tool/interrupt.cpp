@@ -18,13 +18,18 @@ void watch_interrupts() {
     struct sigaction action {};
     action.sa_handler = ask_to_end;
     action.sa_flags = SA_RESTART;
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int signal : {SIGINT, SIGHUP}) {
         struct sigaction before {};
         const bool is_ignored = sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN;
         if (!is_ignored) { /* as under nohup */
             (void)sigaction(signal, &action, nullptr);
         }
     }
+    (void)sigaction(SIGTERM, &action, nullptr);
+    sigset_t terminate;
+    sigemptyset(&terminate);
+    sigaddset(&terminate, SIGTERM);
+    (void)sigprocmask(SIG_UNBLOCK, &terminate, nullptr);
 }
 
 bool is_interrupted() {

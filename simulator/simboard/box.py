@@ -54,9 +54,10 @@ def mirrored(entry):
 
 
 def board_view(board, log_socket):
-    own = {"/board/efuse": "efuse", "/board/state": "state", "/tmp": "tmp", "/userdata": "userdata"}
+    own = {"/board/efuse": "efuse", "/board/state": "state", "/run": "run", "/tmp": "tmp",
+           "/userdata": "userdata"}
     view = ["--proc", "/proc", "--ro-bind", board.dir / "cmdline", "/proc/cmdline", "--dev", "/dev"]
-    view += ["--bind", log_socket, "/dev/log", "--dir", "/sys", "--tmpfs", "/run"]
+    view += ["--bind", log_socket, "/dev/log", "--dir", "/sys"]
     view += ["--ro-bind", board.dir / "velox", "/usr/velox", "--ro-bind", board.dir / "flash.conf", FLASH_CONF]
     view += [word for path, directory in own.items() for word in ("--bind", board.dir / directory, path)]
     for device in board.devices:

@@ -93,7 +93,7 @@ class Board:
         return "abc".index(re.search(r"veloxboot\.slot_suffix=_([abc])", self.cmdline())[1])
 
     def come_up(self, slot):
-        """What a boot changes: the command line, the system with its version, and /tmp, which is empty then."""
+        """What a boot changes: the command line, the system with its version; /run and /tmp are empty."""
         suffix = f"veloxboot.slot_suffix=_{slots.letter(slot)}"
         (self.dir / "cmdline").write_text(re.sub(r"veloxboot\.slot_suffix=_\w", suffix, self.cmdline()) + "\n")
         version = self.version_in_slot(slot)
@@ -101,8 +101,9 @@ class Board:
         path.unlink(missing_ok=True)
         if version:
             path.write_text(version)
-        shutil.rmtree(self.dir / "tmp")
-        (self.dir / "tmp").mkdir()
+        for place in ("run", "tmp"):
+            shutil.rmtree(self.dir / place)
+            (self.dir / place).mkdir()
 
     def sync(self):
         """What an orderly reboot does first. A disk keeps as its state only what is not synced."""
@@ -172,7 +173,7 @@ def create(directory, medium, bad, system_size):
         raise BoardError(f"{directory} is not empty")
     if bad and medium.name != "nand":
         raise BoardError("only a NAND board has bad blocks")
-    for part in ("partitions", "velox/share/ota", "efuse", "state", "userdata/ota", "tmp"):
+    for part in ("partitions", "velox/share/ota", "efuse", "state", "userdata/ota", "run", "tmp"):
         (directory / part).mkdir(parents=True)
     (directory / "log").touch()
     (directory / "cmdline").write_text(

@@ -1,6 +1,7 @@
 """`tessera install` and what surrounds it, end to end on the simulated board."""
 
 import json
+import os
 import struct
 import subprocess
 import unittest
@@ -105,6 +106,37 @@ class InstallTest(BoardCase):
         self.assertEqual(said[:8] + said[-2:], ["second", "1", *refused, "first", "0"])
         self.assertRegex(result.stderr, "another command is at work: process [0-9]+ .*install")
         self.assertTrue(self.holds(good, 1))
+
+    def test_what_lies_in_place_of_the_lock_file(self):
+        cases = [  # what makes it, status, word of the message; then what the file holds, its mode and links
+            ("mkfifo $L", 1, "it is a FIFO", "-"), ("mkdir $L", 1, "it is a directory", "-"),
+            ("ln -s /userdata/other $L", 1, "it is a symbolic link", "-"), ("ln -s /no/such $L", 1, "symbolic link", "-"),
+            ("echo text > $L; ln $L $L.2", 1, "hard link", "text 644 2"),
+            ("echo text > $L; chmod 620 $L", 1, "group or others", "text 620 1"),
+            ("echo text > $L", 0, "confirmed", "text 644 1"), ("umask 0", 0, "confirmed", " 600 1"),
+            ("umask 777", 0, "confirmed", " 600 1"),
+        ]
+        self.new()
+        for made, status, word, left in cases:
+            with self.subTest(made=made):
+                result = self.simulate("run", "--", "sh", "-c", f"""L=/run/tessera.lock; echo kept > /userdata/other
+                    rm -rf $L $L.2; {made}; timeout -k 1 5 tessera slots mark-good b; echo $?
+                    test -f $L -a ! -L $L && echo "$(cat $L) $(stat -c '%a %h' $L)" || echo -""")
+                self.assertEqual(result.stdout.splitlines()[-2:], [str(status), left], result.stderr)
+                self.assertIn(word, result.stdout + result.stderr)
+                self.assertEqual((self.home / "other").read_text(), "kept\n")
+        if os.geteuid() == 0:
+            os.chown(self.dir / "run" / "tessera.lock", 1, 1)
+            self.expect("slots mark-good b", 1, "it belongs to user")
+
+    def test_a_command_that_waits_for_the_lock_can_be_ended(self):
+        self.new()
+        self.board().save_slot_block(slots.SlotBlock.of(slots.Slot(15, 1, False), slots.Slot(14, 1, False)))
+        result = self.simulate("run", "--", "sh", "-c", """flock /run/tessera.lock sleep 60 & sleep 0.5
+            for action in - "''"; do
+                (trap "$action" TERM; exec tessera confirm) & sleep 1; kill -TERM $!; wait $!; echo $?
+            done""")
+        self.assertEqual(result.stdout.split(), ["130", "130"], result.stderr)
 
     def test_an_interrupt_ends_between_two_chunks(self):
         good = {"boot": images(1)["boot"], "system": images(2, block=1 << 20)["block"] * 21}
