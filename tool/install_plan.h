@@ -3,6 +3,7 @@
 #define TOOL_INSTALL_PLAN_H
 
 #include "description.h"
+#include "device.h"
 #include "failure.h"
 #include "package.h"
 #include "progress.h"
@@ -44,6 +45,7 @@ struct Plan {
     bool record_is_valid = true;    /* the update status tells whether an installation was cut */
     std::optional<int32_t> slot;    /* the update slot, when an image goes to a slot */
     std::optional<int32_t> running; /* known whenever `slot` is, but in recovery mode no slot's system runs */
+    std::vector<Descriptor> claims; /* keep others off the targets for as long as they are open */
 
     /** Whether an image of this kind has to be written. */
     [[nodiscard]] bool writes(bool ab) const;

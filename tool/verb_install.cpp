@@ -1,4 +1,5 @@
 /** tessera install: the whole update, from the package to the switch of the slot. */
+#include "device_claim.h"
 #include "image_versions.h"
 #include "install.h"
 #include "interrupt.h"
@@ -147,6 +148,19 @@ bool mend_records(const Options& options) {
     return mended;
 }
 
+/** What is not written may be in use. A dry run keeps nobody off the devices. */
+void claim_targets(Plan& plan, bool dry_run) {
+    for (const Target& target : plan.targets) {
+        if (target.stands) {
+            continue;
+        }
+        Descriptor claim = claim_device(target.device, target.partition());
+        if (!dry_run) {
+            plan.claims.push_back(std::move(claim));
+        }
+    }
+}
+
 void judge_board(Plan& plan, const Package& package, const Options& options, Progress& progress) {
     add_targets(plan, package, options);
     judge_record(plan);
@@ -155,6 +169,7 @@ void judge_board(Plan& plan, const Package& package, const Options& options, Pro
         survey(plan, package, progress);
     }
     judge_slots(plan);
+    claim_targets(plan, options.dry_run);
     check_images(plan, package, progress);
     stop_if_interrupted();
     progress.begin("check", "versions");

@@ -61,7 +61,7 @@ def board_view(board, log_socket):
     view += ["--ro-bind", board.dir / "velox", "/usr/velox", "--ro-bind", board.dir / "flash.conf", FLASH_CONF]
     view += [word for path, directory in own.items() for word in ("--bind", board.dir / directory, path)]
     for device in board.devices:
-        view += ["--bind", board.backing(device), device.node, "--symlink", device.node, f"{BY_NAME}/{device.name}"]
+        view += ["--dev-bind", board.backing(device), device.node, "--symlink", device.node, f"{BY_NAME}/{device.name}"]
     return view
 
 

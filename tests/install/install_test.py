@@ -138,6 +138,64 @@ class InstallTest(BoardCase):
             done""")
         self.assertEqual(result.stdout.split(), ["130", "130"], result.stderr)
 
+    def test_a_target_that_is_in_use(self):
+        good = images(1)
+        cases = [  # medium, what makes use of it, word of the message or none where it is no use of a target
+            ("nand", "mkdir -p $S/ubi3; echo 12 > $S/ubi3/mtd_num", "system_b: UBI is attached to it as ubi3"),
+            ("nand", "mkdir -p $S/ubi3; echo 2 > $S/ubi3/mtd_num", ""),
+            ("nor", "mount -t tmpfs /dev/mtdblock12 /mnt", "system_b: it is mounted on /mnt"),
+            ("ubi", "mount -t tmpfs ubi0_12 /mnt", "system_b: it is mounted on /mnt"),
+            ("ubi", "mkdir -p $S/ubi0_12 '/run/a b'; echo system_b > $S/ubi0_12/name; mount -t tmpfs ubi0:system_b "
+             "'/run/a b'", "system_b: it is mounted on /run/a b"),
+            ("ubi", "mount -t tmpfs ubi0_11 /mnt", ""),
+        ]
+        for medium, use, word in cases:
+            with self.subTest(use=use):
+                self.new(medium)
+                self.pack("p.zip", good, describe(good, medium))
+                before = [self.board().backing(device).read_bytes() for device in self.board().devices]
+                inner = "bwrap --cap-add ALL --bind / / --dev-bind /dev /dev --tmpfs /sys --tmpfs /mnt -- sh -ec"
+                result = self.simulate("run", "--", *inner.split(), f"""S=/sys/class/ubi; {use}
+                    tessera install /userdata/p.zip""")
+                self.assertEqual((result.returncode, word in result.stderr), (1 if word else 0, True), result.stderr)
+                after = [self.board().backing(device).read_bytes() for device in self.board().devices]
+                self.assertEqual(before == after, bool(word))
+
+    def test_a_target_that_is_mounted_on_a_loop_device(self):
+        self.new()
+        good, system = images(1), self.board().backing(self.board().device("system_b"))
+        self.pack("p.zip", good, describe(good, "emmc"))
+        subprocess.run(["mkfs.ext4", "-q", system], check=True, env={"PATH": "/usr/sbin:/sbin"})
+        system = system.rename(self.place / "system_b")
+        loop = subprocess.run(["losetup", "--find", "--show", system], capture_output=True, text=True, check=False)
+        if loop.returncode != 0:
+            self.skipTest(f"no loop devices: {loop.stderr.strip()}")
+        device = loop.stdout.strip()
+        self.addCleanup(subprocess.run, ["losetup", "--detach", device], check=True)
+        (self.dir / "partitions" / "system_b").symlink_to(device)
+        conf = self.dir / "flash.conf"
+        conf.write_text("".join(row for row in conf.read_text().splitlines(True) if "/system_b" not in row))
+        place = self.place / "mounted"
+        place.mkdir()
+        install = ["--", "tessera", "install", "/userdata/p.zip"]
+        subprocess.run(["mount", device, place], check=True)
+        try:
+            before = system.read_bytes()
+            seen, unseen = self.simulate("run", "--with", place, *install), self.simulate("run", *install)
+            self.assertTrue(system.read_bytes() == before)
+        finally:
+            subprocess.run(["umount", place], check=True)
+        self.assertEqual((seen.returncode, unseen.returncode), (1, 1), seen.stderr + unseen.stderr)
+        self.assertIn(f"system_b: it is mounted on {place}", seen.stderr)
+        self.assertIn("system_b: another program or driver uses it", unseen.stderr)
+        result = self.simulate("run", "--", "sh", "-c", """hold() {
+                python3 -c 'import os; os.open("/dev/block/platform/by-name/system_b", os.O_EXCL)' 2>&1 | tail -n 1; }
+            TESSERA_FLASH_FAULT='raise pwrite 2 19' tessera install /userdata/p.zip > /dev/null & first=$!
+            until grep -q '^State:.T' /proc/$first/status; do sleep 0.02; done
+            hold; kill -CONT $first; wait $first; echo $?; hold""")
+        self.assertRegex(result.stdout, "^OSError: .*busy.*\n0\n$", result.stderr)
+        self.assertTrue(system.read_bytes().startswith(good["system"]))
+
     def test_an_interrupt_ends_between_two_chunks(self):
         good = {"boot": images(1)["boot"], "system": images(2, block=1 << 20)["block"] * 21}
 
