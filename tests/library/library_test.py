@@ -1,5 +1,6 @@
 """The library as a file: what it exports, how it is hardened, and what a C program finds of it once installed."""
 
+import json
 import os
 import pathlib
 import re
@@ -82,6 +83,30 @@ class LibraryTest(unittest.TestCase):
                 result = subprocess.run(scratch / program, env=board, capture_output=True, text=True, check=False)
                 self.assertEqual(result.returncode, 1, result.stderr)
                 self.assertIn("slot conf not in cmdline", result.stderr)  # the library runs, and finds no board
+
+
+    def test_sbom(self):
+        def verdict(document):
+            (scratch / "sbom.json").write_text(json.dumps(document))
+            return subprocess.run([sbom, "--check", scratch / "sbom.json"], capture_output=True, text=True, check=False)
+
+        sbom, scratch = TOP / "script" / "sbom", pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        good = json.loads(run(sbom, BUILD))
+        libcrypto = re.search(r"libcrypto\.so\S* => (\S+)", run("ldd", LIBRARY))[1]
+        owner = run("dpkg-query", "--search", os.path.realpath(libcrypto)).partition(":")[0]
+        self.assertIn(("SPDXRef-libtessera", "DYNAMIC_LINK", f"SPDXRef-deb-{owner}"),
+                      [tuple(entry.values()) for entry in good["relationships"]])
+        self.assertEqual(verdict(good).returncode, 0)
+        for place, name, value in ((good, "dataLicense", "MIT"), (good, "documentNamespace", "here"),
+                                   (good["creationInfo"], "created", "today"), (good["creationInfo"], "creators", []),
+                                   (good["packages"][1], "SPDXID", "SPDXRef-tessera"), (good, "relationships", []),
+                                   (good["packages"][2], "downloadLocation", None),
+                                   (good["packages"][2], "licenseDeclared", "GPL"),
+                                   (good["packages"][2], "filesAnalyzed", True),
+                                   (good["relationships"][1], "relatedSpdxElement", "SPDXRef-nothing")):
+            kept, place[name] = place[name], value
+            self.assertEqual(verdict(good).returncode, 1, (name, value))
+            place[name] = kept
 
 
 if __name__ == "__main__":  # the packages' test takes its tools from here

@@ -55,6 +55,7 @@ class PackagesTest(BoardCase):
         self.assertEqual(names, {"liblog.so", "libkastor_efuse.so", "changelog.gz", "copyright"})
         pages = {f"/usr/share/man/man1/{path.stem}.gz" for path in (TOP / "docs" / "man").glob("*.scd")}
         self.assertLess({*pages, "/usr/share/bash-completion/completions/tessera"}, self.files("tessera"))
+        self.assertIn("/usr/share/doc/libtessera-dev/tessera.spdx.json", self.files("libtessera-dev"))
         self.assertIn("tessera-platform | tessera-board-platform", self.field("libtessera1", "Depends"))
         for name in ("tessera", "libtessera-dev"):
             self.assertIn(f"libtessera1 (= {self.field('libtessera1', 'Version')})", self.field(name, "Depends"))
