@@ -211,8 +211,7 @@ Plan begin_plan(const Package& package, const InstallOptions& options) {
 void add_targets(Plan& plan, const Package& package, const InstallOptions& options) {
     const std::vector<Image>& images = plan.description.images;
     if (std::any_of(images.begin(), images.end(), [](const Image& image) { return image.is_ab(); })) {
-        const SlotBlock block = read_slot_block();
-        block.demand_checksum();
+        const SlotBlock block = require_slot_block();
         if (const int32_t running = ota_get_cur_slot(); running >= 0 && block.find(running) == nullptr) {
             throw Failure(ExitCode::failed,
                           "slot " + slot_letter(running) + " runs, and the slot block does not have it",

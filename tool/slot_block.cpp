@@ -6,7 +6,7 @@
 #include "salvage.h"
 
 #include <algorithm>
-#include <span>
+#include <filesystem>
 
 namespace {
 
@@ -34,22 +34,34 @@ Slot read_slot(int32_t number) {
     return slot != nullptr ? *slot : Slot{};
 }
 
+/** What writes a new block. In the recovery system no slot is known to be good. */
+std::string way_to_new_block() {
+    const int32_t running = ota_get_cur_slot();
+    const bool may_confirm = get_boot_mode() != RECOVERY_MODE && running >= 0 && running < new_block_slots;
+    return may_confirm ? "tessera confirm" : "tessera slots reset";
+}
+
+bootloader_control read_raw_block() {
+    bootloader_control raw{};
+    const std::string path = partition_path(block_partition);
+    if (!std::filesystem::exists(path)) {
+        throw Failure(ExitCode::device, "the board has no " + path, "tessera board --check");
+    }
+    try {
+        read_record(block_partition, block_offset, {reinterpret_cast<uint8_t*>(&raw), sizeof raw});
+    } catch (const Failure& failure) {
+        throw LostBlock(failure.code, failure.what(), way_to_new_block());
+    }
+    if (raw.magic != block_magic) {
+        throw LostBlock(ExitCode::device, "misc holds no slot block", way_to_new_block());
+    }
+    return raw;
+}
+
 } // namespace
 
 std::string Slot::name() const {
     return "slot " + slot_letter(number);
-}
-
-void SlotBlock::demand_checksum() const {
-    if (checksum_is_right) {
-        return;
-    }
-    const int32_t running = ota_get_cur_slot();
-    const bool may_confirm = get_boot_mode() != RECOVERY_MODE && running >= 0 && running < new_block_slots;
-    throw Failure(ExitCode::failed, "the checksum of the slot block is wrong, so which slots are good is unknown",
-                  may_confirm ? "tessera confirm makes it anew with the running slot as good, tessera slots reset with "
-                                "both on trial"
-                              : "tessera slots reset makes it anew, with both slots on trial");
 }
 
 const Slot* SlotBlock::find(int32_t number) const {
@@ -77,14 +89,9 @@ bool SlotBlock::boots_without(int32_t number) const {
 }
 
 SlotBlock read_slot_block() {
-    bootloader_control raw{};
-    const std::span<uint8_t> bytes(reinterpret_cast<uint8_t*>(&raw), sizeof raw);
-    read_record(block_partition, block_offset, bytes);
-    if (raw.magic != block_magic) {
-        throw Failure(ExitCode::device, "misc holds no slot block",
-                      "while no other command is at work, tessera slots reset writes a new one");
-    }
-    SlotBlock block{{}, raw.nb_slot, CRC32(bytes.data(), offsetof(bootloader_control, crc32_le)) == raw.crc32_le};
+    const bootloader_control raw = read_raw_block();
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&raw);
+    SlotBlock block{{}, raw.nb_slot, CRC32(bytes, offsetof(bootloader_control, crc32_le)) == raw.crc32_le};
     const auto count = std::min<size_t>(raw.nb_slot, std::size(raw.slot_info));
     for (size_t i = 0; i < count; ++i) {
         const slot_metadata& slot = raw.slot_info[i];
@@ -92,6 +99,28 @@ SlotBlock read_slot_block() {
                                slot.verity_corrupted != 0});
     }
     return block;
+}
+
+SlotBlock require_slot_block() {
+    try {
+        SlotBlock block = read_slot_block();
+        if (block.checksum_is_right) {
+            return block;
+        }
+    } catch (const LostBlock& lost) {
+        throw Failure(ExitCode::failed, lost.what(), lost.hint);
+    }
+    throw Failure(ExitCode::failed, "the checksum of the slot block is wrong, so which slots are good is unknown",
+                  way_to_new_block());
+}
+
+std::optional<SlotBlock> find_slot_block() {
+    try {
+        SlotBlock block = read_slot_block();
+        return block.checksum_is_right ? std::optional(std::move(block)) : std::nullopt;
+    } catch (const LostBlock&) {
+        return std::nullopt;
+    }
 }
 
 std::optional<int32_t> next_slot() {
@@ -121,8 +150,12 @@ void mark_slot_unbootable(int32_t slot) {
         [&] { return read_slot(slot).is_given_up(); });
 }
 
+bool repair_slot_block() {
+    return salvage(partition_path(block_partition));
+}
+
 void reset_slot_block() {
-    salvage(partition_path(block_partition));
+    repair_slot_block();
     change_block(
         "cannot write a new slot block", [] { return ota_set_slotmeta_to_default(); },
         [] {

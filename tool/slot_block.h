@@ -2,6 +2,8 @@
 #ifndef TOOL_SLOT_BLOCK_H
 #define TOOL_SLOT_BLOCK_H
 
+#include "failure.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -31,13 +33,16 @@ struct Slot {
     [[nodiscard]] std::string name() const;
 };
 
+/** There is no block, or it cannot be read, as after a power cut: a new one has to be written. */
+struct LostBlock : Failure {
+    using Failure::Failure;
+};
+
 struct SlotBlock {
     std::vector<Slot> slots;
     uint32_t stored_count; /* may be above the number of slots in a damaged block */
     bool checksum_is_right;
 
-    /** Throws where nothing in the block can be believed. */
-    void demand_checksum() const;
     [[nodiscard]] const Slot* find(int32_t number) const;
     /** trial, confirmed, unbootable or corrupted; of a block with a wrong checksum nothing is known */
     [[nodiscard]] const char* state_of(const Slot& slot) const;
@@ -45,8 +50,14 @@ struct SlotBlock {
     [[nodiscard]] bool boots_without(int32_t number) const;
 };
 
-/** Reads the block. Throws when it cannot be read or is none. */
+/** Reads the block. Throws LostBlock, or Failure where there is no partition for it. */
 SlotBlock read_slot_block();
+
+/** Reads a block that can be believed, for a change. Throws Failure where it is lost or its checksum is wrong. */
+SlotBlock require_slot_block();
+
+/** The same; nothing where it is lost or its checksum is wrong. */
+std::optional<SlotBlock> find_slot_block();
 
 /** The slot that the bootloader takes next; nothing when it has none. */
 std::optional<int32_t> next_slot();
@@ -58,6 +69,9 @@ int32_t running_slot();
 void set_next_slot(int32_t slot);
 void mark_slot_good(int32_t slot);
 void mark_slot_unbootable(int32_t slot);
+
+/** Makes the partition writable again after a power cut in a write, see salvage(). @return whether that was needed */
+bool repair_slot_block();
 
 /** Writes a new block, also where the old one cannot be read. */
 void reset_slot_block();

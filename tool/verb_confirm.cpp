@@ -23,22 +23,21 @@ bool is_half_written(int32_t slot) {
 }
 
 /**
- * Where the checksum is wrong nothing in the block is known. A new one has the running slot in front and
- * the other on trial, unless an installation was cut in it: whatever the old one said of it is forgotten.
+ * Where the block is lost, or its checksum is wrong, nothing in it is known. A new one has the running slot
+ * first and the other on trial, unless an installation was cut in it.
  */
-void renew_block(int32_t running) {
+void recreate_block(int32_t running) {
     if (running >= new_block_slots) {
         throw Failure(ExitCode::failed,
-                      "slot " + slot_letter(running) +
-                          " runs, and the slot block, whose checksum is wrong, cannot be made anew "
-                          "with more than the slots a and b",
-                      "tessera slots reset makes it anew without " + slot_letter(running));
+                      "slot " + slot_letter(running) + " runs, and a new slot block has the slots a and b only",
+                      "tessera slots reset writes one without " + slot_letter(running));
     }
     reset_slot_block();
     set_next_slot(running);
     if (const int32_t other = running ^ 1; is_half_written(other)) {
         mark_slot_unbootable(other);
     }
+    console::note("the slot block was missing or damaged, and a new one was written");
 }
 
 const Slot& find_running(const SlotBlock& block, int32_t running) {
@@ -50,27 +49,15 @@ const Slot& find_running(const SlotBlock& block, int32_t running) {
 }
 
 bool is_confirmed(int32_t running) {
-    const SlotBlock block = read_slot_block();
-    return block.checksum_is_right && find_running(block, running).is_confirmed();
-}
-
-/** The first look is without the lock: on flash the block is not there while another command writes it. */
-bool looks_confirmed(int32_t running) {
-    try {
-        return is_confirmed(running);
-    } catch (const Failure& failure) {
-        if (failure.code != ExitCode::device) {
-            throw;
-        }
-        return false;
-    }
+    const auto block = find_slot_block();
+    return block && find_running(*block, running).is_confirmed();
 }
 
 void make_confirmed(int32_t running) {
-    const SlotBlock block = read_slot_block();
-    if (!block.checksum_is_right) {
-        renew_block(running);
-    } else if (const Slot& slot = find_running(block, running); slot.corrupted) {
+    repair_slot_block(); /* a page that a power cut tore may be another than that of the block */
+    if (const auto block = find_slot_block(); !block) {
+        recreate_block(running);
+    } else if (const Slot& slot = find_running(*block, running); slot.corrupted) {
         throw Failure(ExitCode::failed, slot.name() + " runs, and the slot block says that it is corrupted",
                       "tessera slots set-next " + slot_letter(running) + " takes that back");
     }
@@ -93,7 +80,8 @@ void confirm(const Context& context, const std::string& lock_file) {
                       "tessera slots shows what the slots are");
     }
     const int32_t running = running_slot();
-    const bool changed = !looks_confirmed(running) && confirm_alone(running, lock_file);
+    /* The first look is without the lock. On flash the block is missing while another command writes it. */
+    const bool changed = !is_confirmed(running) && confirm_alone(running, lock_file);
     context.show({{"slot", running}, {"changed", changed}},
                  "slot " + slot_letter(running) + (changed ? " is confirmed" : " was confirmed already"));
 }

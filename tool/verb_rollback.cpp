@@ -21,8 +21,7 @@ std::string reason_against(const Slot& slot) {
 void roll_back(const Context& context, const std::string& lock_file) {
     const UpdateLock lock(lock_file, "tessera rollback");
     const int32_t other = running_slot() ^ 1;
-    const SlotBlock block = read_slot_block();
-    block.demand_checksum();
+    const SlotBlock block = require_slot_block();
     const Slot* slot = block.find(other);
     if (slot == nullptr) {
         throw Failure(ExitCode::failed, "there is no slot " + slot_letter(other) + " to go back to");

@@ -74,8 +74,7 @@ void show_slots(const Context& context) {
  * wrong: a change would seal what nobody knows.
  */
 int32_t existing_slot(const std::string& word) {
-    const SlotBlock block = read_slot_block();
-    block.demand_checksum();
+    const SlotBlock block = require_slot_block();
     const auto number = slot_from_word(word);
     if (!number || block.find(*number) == nullptr) {
         throw Failure(ExitCode::failed, "there is no slot " + word, "tessera slots");

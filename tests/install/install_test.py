@@ -349,7 +349,7 @@ class InstallTest(BoardCase):
         count_at = slots.OFFSET + 9
         cases = [  # in place of slot a and of normal mode, byte of the number of slots, status, word of the message
             ("_a", "normal", 0, 0, ""), ("_b", "normal", 1, 0, ""),
-            ("_c", "normal", 3, 1, "cannot be made anew"),
+            ("_c", "normal", 3, 1, "has the slots a and b only"),
             ("_a", "recovery", 2, 1, "recovery"), ("_a", "recovery", 3, 1, "recovery"),
         ]
         for suffix, mode, count, status, word in cases:
@@ -370,6 +370,40 @@ class InstallTest(BoardCase):
                     block = self.board().slot_block()
                     self.assertEqual((block.slots[running].marked, block.best()), (True, running))
                     self.assertFalse(block.slots[1 - running].marked)
+
+    def test_confirm_recreates_a_lost_block(self):
+        def tear_the_page_of_the_block():
+            with open(self.dir / "state" / "misc", "r+b") as state_of_misc:
+                blocks = 9  # of 62 pages each; a byte for each, and one for each page
+                self.assertEqual(state_of_misc.seek(0, 2), blocks * 63)
+                state_of_misc.seek(blocks + slots.OFFSET // 2048)
+                state_of_misc.write(b"\1")
+
+        def forget_the_block():
+            with open(self.board().backing(self.board().device("misc")), "r+b") as misc:
+                misc.seek(slots.OFFSET + 4)
+                misc.write(bytes(4))
+
+        cases = [  # medium, what is lost; or a change that ends between the erase and the write
+            ("emmc", forget_the_block, ""), ("nand", None, "raise pwrite 1 9"), ("nor", None, "raise pwrite 1 9"),
+            ("ubi", None, "raise pwrite 1 9"), ("ubi", tear_the_page_of_the_block, "")]
+        for medium, lose, fault in cases:
+            with self.subTest(medium=medium, fault=fault):
+                self.new(medium)
+                good = images(1)
+                self.pack("p.zip", good, describe(good, medium))
+                self.expect("slots mark-good b", 137 if fault else 0, fault=fault)
+                if lose:
+                    lose()
+                for line in ("install /userdata/p.zip", "rollback", "slots set-next b"):
+                    error = error_of(self.expect(f"{line} --json", 1))
+                    self.assertEqual(error["hint"], "tessera confirm", line)
+                self.assertFalse(self.holds(good, 1))
+                self.expect("confirm", 0, "slot a is confirmed")
+                block = self.board().slot_block()
+                self.assertEqual((block.best(), [slot.marked for slot in block.slots]), (0, [True, False]))
+                self.expect("install /userdata/p.zip", 0, "slot b boots next")
+                self.assertTrue(self.holds(good, 1))
 
     def test_confirm_waits_for_a_command_that_writes_the_block(self):
         for medium in ("emmc", "nand"):  # where the block is erased meanwhile
