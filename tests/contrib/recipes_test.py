@@ -92,8 +92,8 @@ class RecipesTest(unittest.TestCase):
             for part in draft["partitions"]:
                 pathlib.Path(place, part["file"]).write_bytes(b"image")
             pathlib.Path(place, "draft.json").write_text(json.dumps(draft))
-            subprocess.run([BUILD / "tool" / "tessera", "pack", "draft.json", ".", "-o", "u.zip"], cwd=place, check=True,
-                           capture_output=True)
+            command = [BUILD / "tool" / "tessera", "pack", "draft.json", ".", "-o", "u.zip"]
+            subprocess.run(command, cwd=place, check=True, capture_output=True)
 
 
 unittest.main()
