@@ -38,7 +38,10 @@ public:
         if (count == 0 && !data.empty()) {
             return -ENOSPC;
         }
-        count = tearing_ ? count / 2 / sector_size * sector_size : count;
+        if (tear_) { /* a sector is stored whole or not at all */
+            count = std::min<uint64_t>(*tear_ == tear_in_the_middle ? count / 2 : *tear_, count);
+            count = count / sector_size * sector_size;
+        }
         for (uint64_t sector = offset / sector_size; sector * sector_size < offset + count; ++sector) {
             keep_old(sector);
         }
@@ -59,8 +62,8 @@ public:
         return 0;
     }
 
-    void set_tearing(bool tearing) override {
-        tearing_ = tearing;
+    void set_tear(power_tear tear) override {
+        tear_ = tear;
     }
 
     void lose_power(uint64_t seed) override {
@@ -101,7 +104,7 @@ private:
     mapped_file state_;
     std::span<uint8_t> unsynced_; /* one byte a sector */
     std::span<uint8_t> old_sectors_;
-    bool tearing_ = false;
+    power_tear tear_;
 };
 
 } // namespace

@@ -55,8 +55,8 @@ public:
         return (static_cast<Device*>(this)->*row->carry_out)(request.argument);
     }
 
-    void set_tearing(bool tearing) override {
-        cells_.set_tearing(tearing);
+    void set_tear(power_tear tear) override {
+        cells_.set_tear(tear);
     }
 
 protected:

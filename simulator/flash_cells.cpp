@@ -115,8 +115,8 @@ uint32_t flash_cells::read(uint64_t offset, std::span<uint8_t> out) const {
 }
 
 void flash_cells::program(uint64_t offset, std::span<const uint8_t> data) {
-    if (tearing_) {
-        program_half(offset, data);
+    if (is_tearing()) {
+        program_torn(offset, data);
         return;
     }
     if (!has_ecc()) {
@@ -134,24 +134,35 @@ void flash_cells::program_page(uint64_t page, std::span<const uint8_t> data) {
     }
 }
 
-/** Whole pages, in their order, up to the middle; the page there gets half of its bytes. */
-void flash_cells::program_half(uint64_t offset, std::span<const uint8_t> data) {
-    const size_t half = data.size() / 2;
+/** The middle of a transfer lies in the middle of a page, so that a program sees the page torn. */
+size_t flash_cells::count_stored(size_t length) const {
+    if (*tear_ != tear_in_the_middle) {
+        return static_cast<size_t>(std::min<uint64_t>(*tear_, length));
+    }
+    const size_t half = length / 2;
+    return has_ecc() ? half / writesize() * writesize() + writesize() / 2 : half;
+}
+
+/** Whole pages, in their order, up to the tear; the page there gets the bytes before it. */
+void flash_cells::program_torn(uint64_t offset, std::span<const uint8_t> data) {
+    const size_t stored = count_stored(data.size());
     if (!has_ecc()) {
-        (void)and_bytes(file_.bytes().subspan(offset, half), data.first(half));
+        (void)and_bytes(file_.bytes().subspan(offset, stored), data.first(stored));
         return;
     }
-    const size_t whole = half / writesize() * writesize();
+    const size_t whole = stored / writesize() * writesize();
     for (size_t done = 0; done < whole; done += writesize()) {
         program_page((offset + done) / writesize(), data.subspan(done, writesize()));
     }
-    const size_t rest = writesize() / 2;
-    (void)and_bytes(file_.bytes().subspan(offset + whole, rest), data.subspan(whole, rest));
-    spoiled_[(offset + whole) / writesize()] = 1;
+    if (whole < data.size()) {
+        const size_t rest = stored - whole;
+        (void)and_bytes(file_.bytes().subspan(offset + whole, rest), data.subspan(whole, rest));
+        spoiled_[(offset + whole) / writesize()] = 1;
+    }
 }
 
 void flash_cells::erase(uint64_t block) {
-    if (tearing_) {
+    if (is_tearing()) {
         erase_half(block);
         return;
     }

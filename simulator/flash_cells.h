@@ -3,6 +3,7 @@
 #define FLASH_CELLS_H
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <sys/types.h>
@@ -13,6 +14,10 @@ struct flash_geometry {
     uint32_t writesize; /* bytes of a page; 1 where single bytes are programmed and no ECC guards them */
     std::vector<uint64_t> factory_bad;
 };
+
+/** How many bytes of a write are stored before the power fails; nothing when it does not fail. */
+using power_tear = std::optional<uint64_t>;
+inline constexpr uint64_t tear_in_the_middle = UINT64_MAX;
 
 /** A file whose bytes are shared with every other process that maps or reads it. */
 class mapped_file {
@@ -79,12 +84,12 @@ public:
     }
     [[nodiscard]] uint32_t count_bad() const;
 
-    /** From now on the power fails in the middle of a program or an erase, or no longer does. */
-    void set_tearing(bool tearing) {
-        tearing_ = tearing;
+    /** From now on the power fails within a program or in the middle of an erase, or no longer does. */
+    void set_tear(power_tear tear) {
+        tear_ = tear;
     }
     [[nodiscard]] bool is_tearing() const {
-        return tearing_;
+        return tear_.has_value();
     }
 
 private:
@@ -92,7 +97,8 @@ private:
         return geometry_.writesize > 1;
     }
     void program_page(uint64_t page, std::span<const uint8_t> data);
-    void program_half(uint64_t offset, std::span<const uint8_t> data);
+    void program_torn(uint64_t offset, std::span<const uint8_t> data);
+    [[nodiscard]] size_t count_stored(size_t length) const;
     void erase_half(uint64_t block);
     void set_spoiled(uint64_t block, uint8_t spoiled);
 
@@ -101,7 +107,7 @@ private:
     mapped_file state_;
     std::span<uint8_t> bad_;     /* one byte a block */
     std::span<uint8_t> spoiled_; /* one byte a page */
-    bool tearing_ = false;
+    power_tear tear_;
 };
 
 #endif

@@ -43,8 +43,8 @@ public:
     [[nodiscard]] virtual int sync() {
         return 0;
     }
-    /** From now on the power fails in the middle of whatever changes the medium, or no longer does. */
-    virtual void set_tearing(bool tearing) = 0;
+    /** From now on the power fails within whatever changes the medium, or no longer does. */
+    virtual void set_tear(power_tear tear) = 0;
     /** What only the kernel or a cache holds is gone, or reached the medium all the same: `seed` decides. */
     virtual void lose_power(uint64_t seed) = 0;
 };
@@ -62,7 +62,10 @@ struct named_device {
     std::unique_ptr<flash_device> device;
 };
 
-/** The device that a line of the setup tells (flash_sim.h). */
+/** A number of a setup line or a fault script. Throws std::runtime_error for anything else. */
+uint64_t parse_number(const std::string& text);
+
+/** The device that a line of the setup describes (flash_sim.h). */
 named_device make_device(const std::string& line);
 
 #endif

@@ -48,6 +48,9 @@ public:
     void load(flash_script script) {
         const std::lock_guard lock(mutex_);
         start(std::move(script));
+        if (script_.kills() && stderr_ < 0) {
+            stderr_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        }
         if (script_.cuts_at_once()) {
             lose_power();
         }
@@ -101,10 +104,10 @@ public:
         if (verdict.signal != 0) {
             (void)std::raise(verdict.signal);
         }
-        named.device->set_tearing(verdict.tears);
+        named.device->set_tear(verdict.tear);
         long result = verdict.result ? *verdict.result : work(std::min(operation.length, verdict.limit));
-        named.device->set_tearing(false);
-        if (verdict.tears) {
+        named.device->set_tear(std::nullopt);
+        if (verdict.tear) {
             result = -EIO;
         }
         note(journal_line(named.name, operation, result));
@@ -125,6 +128,8 @@ private:
             named.device->lose_power(script_.seed());
         }
         if (script_.kills()) {
+            (void)dprintf(stderr_, "flash simulator: the power fails %s operation %llu and ends the program\n",
+                          script_.tears() ? "within" : "after", static_cast<unsigned long long>(script_.operations()));
             (void)std::raise(SIGKILL);
         }
     }
@@ -144,6 +149,7 @@ private:
     std::string journal_;
     std::string journal_shown_;
     FILE* journal_file_ = nullptr;
+    int stderr_ = -1; /* as it was at the start: a program may redirect its own for a while */
 };
 
 /* Null until the setup stands: the calls of other libraries' constructors, and of the setup itself, find

@@ -23,6 +23,10 @@ Value required(std::istringstream& words, const char* what) {
     return value;
 }
 
+uint64_t required_number(std::istringstream& words, const char* what) {
+    return parse_number(required<std::string>(words, what));
+}
+
 /** What an operation gives that was carried out in full. */
 long full_result(const flash_operation& operation) {
     const std::string_view kind = operation.kind;
@@ -49,9 +53,9 @@ void flash_script::parse_rule(const std::string& text) {
         parse_cut(words);
         return;
     }
-    rule fault{effect::fail, required<std::string>(words, "a kind"), required<uint64_t>(words, "a number"), -EIO};
+    rule fault{effect::fail, required<std::string>(words, "a kind"), required_number(words, "a number"), -EIO};
     if (std::ranges::find(kinds, fault.kind) == kinds.end()) {
-        throw std::runtime_error("'" + fault.kind + "' is no kind of operation");
+        throw std::runtime_error("'" + fault.kind + "' is not a kind of operation");
     }
     if (verb == "give") {
         fault.what = effect::give;
@@ -65,24 +69,30 @@ void flash_script::parse_rule(const std::string& text) {
     } else if (verb == "lose") {
         fault.what = effect::lose;
     } else if (verb != "fail") {
-        throw std::runtime_error("'" + verb + "' is no rule");
+        throw std::runtime_error("'" + verb + "' is not a rule");
     } else if (long error = 0; words >> error) {
         fault.value = -error;
+    }
+    words.clear();
+    if (std::string rest; words >> rest) {
+        throw std::runtime_error("'" + rest + "' does not belong to a rule '" + verb + "'");
     }
     rules_.push_back(fault);
 }
 
 void flash_script::parse_cut(std::istringstream& words) {
-    cut_.after = required<uint64_t>(words, "the number of the last operation");
+    cut_.after = required_number(words, "the number of the last operation");
     for (std::string word; words >> word;) {
         if (word == "tear") {
-            cut_.tears = true;
+            cut_.tear = tear_in_the_middle;
+        } else if (word.starts_with("tear=")) {
+            cut_.tear = parse_number(word.substr(word.find('=') + 1));
         } else if (word == "kill") {
             cut_.kills = true;
         } else if (word.starts_with("seed=")) {
-            cut_.seed = std::strtoull(word.c_str() + word.find('=') + 1, nullptr, 0);
+            cut_.seed = parse_number(word.substr(word.find('=') + 1));
         } else {
-            throw std::runtime_error("'" + word + "' says nothing about a cut");
+            throw std::runtime_error("'" + word + "' does not belong to a rule 'cut'");
         }
     }
 }
@@ -101,7 +111,7 @@ flash_verdict flash_script::judge(const flash_operation& operation) {
         }
     }
     verdict.is_last = total_ == cut_.after;
-    verdict.tears = verdict.is_last && cut_.tears;
+    verdict.tear = verdict.is_last ? cut_.tear : std::nullopt;
     return verdict;
 }
 

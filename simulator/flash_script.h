@@ -15,8 +15,8 @@ struct flash_verdict {
     std::optional<long> result;  /* it has no effect and gives this, a negative errno for a failure */
     uint64_t limit = UINT64_MAX; /* bytes that it moves at most */
     int signal = 0;              /* comes to the process in front of it */
-    bool tears = false;          /* the power fails half-way */
-    bool is_last = false;        /* the power fails behind it */
+    power_tear tear;             /* the power fails within it */
+    bool is_last = false;        /* the power fails after it */
 };
 
 class flash_script {
@@ -33,6 +33,9 @@ public:
     }
     [[nodiscard]] bool kills() const {
         return cut_.kills;
+    }
+    [[nodiscard]] bool tears() const {
+        return cut_.tear.has_value();
     }
     [[nodiscard]] uint64_t seed() const {
         return cut_.seed;
@@ -51,7 +54,7 @@ private:
     };
     struct power_cut {
         uint64_t after = UINT64_MAX;
-        bool tears = false;
+        power_tear tear;
         bool kills = false;
         uint64_t seed = 0;
     };

@@ -13,18 +13,12 @@ struct setup_line {
     flash_geometry geometry{0, 0, {}};
 };
 
-uint64_t parse_number(const std::string& text) {
-    size_t used = 0;
-    uint64_t value = 0;
-    try {
-        value = std::stoull(text, &used, 0);
-    } catch (const std::logic_error&) {
-        used = 0;
+uint32_t parse_size(const std::string& text) {
+    const uint64_t value = parse_number(text);
+    if (value > UINT32_MAX) {
+        throw std::runtime_error("'" + text + "' is too large");
     }
-    if (used == 0 || used != text.size()) {
-        throw std::runtime_error("'" + text + "' is no number");
-    }
-    return value;
+    return static_cast<uint32_t>(value);
 }
 
 std::vector<uint64_t> parse_numbers(const std::string& text) {
@@ -38,9 +32,9 @@ std::vector<uint64_t> parse_numbers(const std::string& text) {
 
 void set_value(setup_line& line, const std::string& key, const std::string& value) {
     if (key == "erasesize") {
-        line.geometry.erasesize = static_cast<uint32_t>(parse_number(value));
+        line.geometry.erasesize = parse_size(value);
     } else if (key == "writesize") {
-        line.geometry.writesize = static_cast<uint32_t>(parse_number(value));
+        line.geometry.writesize = parse_size(value);
     } else if (key == "bad") {
         line.geometry.factory_bad = parse_numbers(value);
     } else if (key == "state") {
@@ -82,6 +76,20 @@ std::unique_ptr<flash_device> build_device(setup_line line) {
 }
 
 } // namespace
+
+uint64_t parse_number(const std::string& text) {
+    size_t used = 0;
+    uint64_t value = 0;
+    try {
+        value = std::stoull(text, &used, 0);
+    } catch (const std::logic_error&) {
+        used = 0;
+    }
+    if (used == 0 || used != text.size() || text.find('-') != std::string::npos) {
+        throw std::runtime_error("'" + text + "' is not a number");
+    }
+    return value;
+}
 
 named_device make_device(const std::string& line) {
     setup_line setup = parse_line(line);

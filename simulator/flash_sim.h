@@ -19,26 +19,8 @@
  * ".state" behind it, so that the device outlasts the process. A change to the file from outside is seen
  * at once. Reading and writing through stdio goes to the file itself, past the device.
  *
- * Operations are numbered from 1, over all devices of the process and by kind:
- *
- *   MEMGETINFO MEMGETBADBLOCK MEMSETBADBLOCK MEMERASE MEMERASE64 ECCGETSTATS
- *   UBI_IOCVOLINFO UBI_IOCEBER UBI_IOCEBUNMAP UBI_IOCEBISMAP UBI_IOCSETVOLPROP
- *   pread (also read), pwrite (also write), fsync (also fdatasync)
- *
- * A fault script holds rules, separated by ';' or line ends:
- *
- *   fail <kind> <n> [<errno>]     the nth operation of the kind has no effect and fails, with EIO (5)
- *   give <kind> <n> <result>      the nth operation of the kind has no effect and gives this result
- *   lose <kind> <n>               the nth operation of the kind has no effect and is acknowledged in full,
- *                                 as a worn-out device does that lies
- *   short <kind> <n> <bytes>      the nth transfer moves no more than so many bytes
- *   raise <kind> <n> <signal>     in front of the nth operation of the kind the signal of this number comes
- *   cut <n> [tear] [kill] [seed=<s>]
- *                                 the power fails behind the nth operation of all: later ones have no
- *                                 effect and fail with EIO. tear: the nth itself is carried out half and
- *                                 fails. kill: the process ends there by SIGKILL. seed: of what a disk
- *                                 had not synced some sectors survive, others for other seeds; without a
- *                                 seed none does.
+ * Operations are numbered from 1, over all devices of the process and by kind. The kinds of operation and
+ * the rules of a fault script are in `board --help`.
  *
  * In the journal every operation that reached a device leaves a line,
  *

@@ -351,7 +351,7 @@ protected:
 };
 
 /**
- * The power fails behind every operation of a save, or in the middle of it ("tear"). From the operation
+ * The power fails after every operation of a save, or within it ("tear"). From the operation
  * named on, until the next one named: what a reader finds after the reboot; "alone" when the bytes around
  * the record are not the old ones; "reset" when the record cannot be saved before it was made anew, and
  * "stuck" when it cannot even be made anew.
@@ -369,6 +369,13 @@ TEST_F(PowerLoss, behind_every_operation_of_a_save) {
          "UBI_IOCVOLINFO old, UBI_IOCSETVOLPROP none alone reset, pwrite new alone stuck, "},
         {"ubi", 2048, "", &status, "UBI_IOCVOLINFO old, UBI_IOCEBER fresh alone, pwrite new, "},
         {"ubi", 2048, " tear", &status, "UBI_IOCVOLINFO old, UBI_IOCSETVOLPROP fresh alone, pwrite none alone stuck, "},
+        /* In the page of the record. The library looks at the magic number of a slot block only. */
+        {"mtd", 2048, " tear=2064", &slots, "MEMGETINFO old, MEMERASE64 none alone reset, pwrite new alone, "},
+        {"mtd", 2048, " tear=66000", &status, "MEMGETINFO old, MEMERASE64 fresh alone, "},
+        {"ubi", 2048, " tear=2064", &slots,
+         "UBI_IOCVOLINFO old, UBI_IOCSETVOLPROP none alone reset, pwrite none alone stuck, "},
+        {"ubi", 2048, " tear=66000", &status,
+         "UBI_IOCVOLINFO old, UBI_IOCSETVOLPROP fresh alone, pwrite none alone stuck, "},
     };
     for (const auto& [kind, page, how, record, expected] : rows) {
         lose_power(kind, page, *record, "cut 1000");

@@ -3,17 +3,26 @@
 from . import BoardError, slots
 
 
-def boot(board, fails):
+def boot(board, fails, writes_lost_block):
     """
     Boots the slot that the block in misc designates and makes it the running one.
 
     A slot on trial pays a try for every attempt, and the block is saved before the attempt, so that a
     board that hangs or loses power in it does not try for ever. A slot that was marked good is never
     given up. With `fails` the slot designated first does not come up.
+    Raw flash has no block for a moment whenever it is changed. After a power cut just then, both slots are on
+    trial, or the first one boots and the block stays lost: whoever changes the block has whole images in both
+    slots, or takes the tries from one first.
     @return whether a slot came up
     """
     board.sync()
-    block = read_block(board)
+    try:
+        block = board.slot_block()
+    except BoardError as error:
+        print(f"{error}: {'both slots are on trial' if writes_lost_block else 'slot a boots, and misc is left alone'}")
+        if not writes_lost_block:
+            return boot_without_block(board, fails)
+        block = slots.SlotBlock.fresh()
     broken = block.best() if fails else None
     while (number := block.best()) is not None:
         slot, name = block.slots[number], f"slot {slots.letter(number)}"
@@ -32,16 +41,12 @@ def boot(board, fails):
     return False
 
 
-def read_block(board):
-    """
-    On raw flash the block is gone for a moment whenever it is changed. A board that loses power just then has
-    both slots on trial: whoever changes the block has whole images in both, or takes the tries from one first.
-    """
-    try:
-        return board.slot_block()
-    except BoardError as error:
-        print(f"{error}: both slots are on trial")
-        return slots.SlotBlock.fresh()
+def boot_without_block(board, fails):
+    if fails:
+        print("slot a does not come up: the board hangs")
+        return False
+    board.come_up(0)
+    return True
 
 
 def describe(slot):

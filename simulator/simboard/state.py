@@ -8,7 +8,7 @@ import subprocess
 import tempfile
 from dataclasses import dataclass
 
-from . import BoardError, gpt, slots
+from . import BoardError, driver, gpt, slots
 
 KIB, MIB = 1 << 10, 1 << 20
 VERSION_FILE = "/usr/velox/version"
@@ -112,14 +112,10 @@ class Board:
                 path.unlink()
 
     def slot_block(self):
-        with open(self.backing(self.device("misc")), "rb") as misc:
-            misc.seek(slots.OFFSET)
-            return slots.SlotBlock(misc.read(slots.SIZE))
+        return slots.SlotBlock(driver.read(self, "misc", slots.OFFSET, slots.SIZE))
 
     def save_slot_block(self, block):
-        with open(self.backing(self.device("misc")), "r+b") as misc:
-            misc.seek(slots.OFFSET)
-            misc.write(block.pack())
+        driver.write(self, "misc", slots.OFFSET, block.pack())
 
     def version(self):
         path = self.dir / "velox" / "version"
@@ -173,13 +169,15 @@ def create(directory, medium, bad, system_size):
         raise BoardError(f"{directory} is not empty")
     if bad and medium.name != "nand":
         raise BoardError("only a NAND board has bad blocks")
+    sizes = {name: whole_blocks(size or system_size or medium.system_size, medium) for name, size in PARTITIONS.items()}
+    check_bad_blocks(medium, bad, sizes)
+    check_room(medium, bad, sizes["system_a"])
     for part in ("partitions", "velox/share/ota", "efuse", "state", "userdata/ota", "run", "tmp"):
         (directory / part).mkdir(parents=True)
     (directory / "log").touch()
     (directory / "cmdline").write_text(
         f"console=ttyS0,115200 veloxboot.medium={medium.word} veloxboot.mode=normal veloxboot.slot_suffix=_a\n"
     )
-    sizes = {name: whole_blocks(size or system_size or medium.system_size, medium) for name, size in PARTITIONS.items()}
     write_devices(directory, medium, bad, sizes)
     write_flash_commands(directory / "velox" / "share" / "ota")
     fill(Board(directory))
@@ -187,6 +185,21 @@ def create(directory, medium, bad, system_size):
 
 def whole_blocks(size, medium):
     return -(-size // medium.erase_size) * medium.erase_size
+
+
+def check_bad_blocks(medium, bad, sizes):
+    largest = max(sizes, key=sizes.get)
+    blocks = sizes[largest] // medium.erase_size
+    beyond = [number for number in bad if number >= blocks]
+    if beyond:
+        raise BoardError(f"no partition has a block {beyond[0]}: the largest, {largest}, has blocks 0 to {blocks - 1}")
+
+
+def check_room(medium, bad, size):
+    room = size - sum(number < size // medium.erase_size for number in bad) * medium.erase_size
+    if room < FACTORY_SYSTEM_SIZE:
+        raise BoardError(f"a system partition with room for {room // KIB} KiB is too small: the factory's system "
+                         f"needs {FACTORY_SYSTEM_SIZE // KIB} KiB")
 
 
 def write_devices(directory, medium, bad, sizes):

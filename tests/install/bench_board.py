@@ -6,6 +6,7 @@ import os
 import pathlib
 import random
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -49,8 +50,8 @@ class BoardCase(unittest.TestCase):
     def new(self, medium="emmc", system_size=2 << 20):
         """A board as the factory leaves it, in place of the one before."""
         shutil.rmtree(self.dir, ignore_errors=True)
-        bad = [2, 4] if medium == "nand" else []  # behind the records, which are read at a fixed place
-        state.create(self.dir, state.MEDIA[medium], bad, system_size)
+        bad = [2, 4] if medium == "nand" else []  # after the records, which are read at a fixed place
+        state.create(self.dir, state.MEDIA[medium], bad, system_size + len(bad) * state.MEDIA[medium].erase_size)
 
     def pack(self, name, contents, description, extra=()):
         """Makes /userdata/NAME of images, their description - a dict, a text or None - and further entries."""
@@ -78,6 +79,20 @@ class BoardCase(unittest.TestCase):
     def operations(self):
         """The device operations of the last command, [device, kind, ...] each."""
         return [line.split() for line in (self.home / "journal").read_text().splitlines()]
+
+    def lose_power(self, line, device, kind, number, tear=""):
+        """
+        Runs the command, whose power fails after an operation of this kind on the device, or within it where
+        `tear` says so. `number` counts these operations from 0, or from -1 down; a copy of the board finds out
+        which one of all it is.
+        """
+        kept = self.place / "rehearsed"
+        shutil.copytree(self.dir, kept)
+        self.expect(line, 0)
+        matches = [at for at, operation in enumerate(self.operations(), 1) if operation[:2] == [device, kind]]
+        shutil.rmtree(self.dir)
+        kept.rename(self.dir)
+        self.expect(line, 128 + signal.SIGKILL, "the power fails", f"cut {matches[number]} {tear} kill")
 
     def expect_no_change(self, line, status, told=""):
         """Runs the command, and fails when it changes a device. @return what it gave"""

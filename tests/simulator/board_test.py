@@ -1,12 +1,14 @@
-"""The simulated board: its box, its log, and the bootloader's way with the slots."""
+"""The simulated board: how it is made, its box, its log, its faults, and what its bootloader does with the slots."""
 
 import pathlib
+import re
+import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "install"))
 
-from bench_board import BoardCase, slots, state  # noqa: E402
+from bench_board import SIMULATOR, BoardCase, describe, images, slots, state  # noqa: E402
 
 
 class BoardTest(BoardCase):
@@ -36,6 +38,40 @@ class BoardTest(BoardCase):
                 self.assertEqual((result.returncode, "checksum" in result.stdout), (status, before is None))
                 self.assertEqual(board.running_slot(), running)
                 self.assertEqual([slot.tries for slot in board.slot_block().slots], tries)
+
+    def test_a_lost_block(self):
+        for medium, lost, tries in (("ubi", "write", [6, 7]), ("ubi", "leave", None), ("nand", "write", [6, 7])):
+            with self.subTest(medium=medium, lost=lost):
+                self.new(medium)
+                misc = {"ubi": "ubi0_0", "nand": "mtd0"}[medium]
+                self.lose_power("slots set-next b", misc, "pwrite", 0, "tear=2100")  # its page, not its bytes
+                told = self.simulate("reboot", "--lost-block", lost).stdout
+                self.assertIn("the page at byte 2048 of misc cannot be read", told)
+                self.assertEqual(self.board().running_slot(), 0)
+                if tries:
+                    self.assertEqual([slot.tries for slot in self.board().slot_block().slots], tries)
+                    self.expect("slots mark-good a", 0)  # the block of flash is whole again
+
+    def test_what_is_refused(self):
+        cases = [("--bad", "x", "'x' is not a list"), ("--bad", "3,,6", "not a list"), ("--bad", "-1", "not a list"),
+                 ("--bad", "128", "no partition has a block 128"), ("--size-system", "0", "'0' is not a size"),
+                 ("--size-system", "12Q", "not a size"), ("--size-system", "1M", "1024 KiB is too small")]
+        for option, value, words in cases:
+            with self.subTest(value=value):
+                told = self.simulate("new", "--medium", "nand", f"{option}={value}")
+                self.assertRegex(told.stderr, f"board.*: .*{words}")
+                self.assertFalse(told.returncode == 0 or self.dir.exists())
+        self.new()
+        for fault in ("cut x", "cut -1", "cut 1 tear=", "tear 1", "fail pwrite", "lose pwrite 1 2", "fail open 1"):
+            with self.subTest(fault=fault):
+                self.expect("slots", 126, "flash simulator: ", fault=fault)
+
+    def test_the_fault_of_the_help(self):
+        told = subprocess.run([SIMULATOR / "board", "--help"], capture_output=True, text=True, check=True).stdout
+        fault, number, line = re.search(r'  TESSERA_FLASH_FAULT="(cut (\d+) kill)" board .* -- tessera (.*)', told).groups()
+        self.new()
+        self.pack("new.zip", images(1), describe(images(1), "emmc"))
+        self.expect(line.replace("new.zip", "/userdata/new.zip"), 137, f"after operation {number} and ends", fault)
 
     def test_the_version_comes_out_of_the_running_system(self):
         self.new("nand")
