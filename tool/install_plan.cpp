@@ -123,17 +123,18 @@ bool holds_image(const Target& target, const Package& package, uint64_t& done, P
     return is_equal && !device.lost_reads_since(lost);
 }
 
-/** What to do where writing the slot would leave nothing to boot; nothing that gives a good slot away. */
-std::string way_out(const SlotBlock& block, const Plan& plan) {
-    const Slot* entry = block.find(*plan.slot);
-    const Slot* running = plan.running ? block.find(*plan.running) : nullptr;
-    if (running != nullptr && !running->corrupted) {
-        return "tessera confirm marks the running slot good";
+/** How the slot that is not written becomes a confirmed one. Where no slot's system runs, one has to boot first. */
+std::string how_to_confirm(const SlotBlock& block, const Plan& plan, int32_t kept) {
+    const Slot* slot = block.find(kept);
+    if (plan.running == kept && slot != nullptr && !slot->corrupted) {
+        return "tessera confirm";
     }
-    if (entry != nullptr && entry->is_bootable()) {
-        return "reboot into " + entry->name() + " and install from there";
+    if (plan.running) {
+        return "if this system is sound, tessera slots set-next " + slot_letter(*plan.running) +
+               ", then tessera confirm";
     }
-    return "if this system is sound, tessera slots set-next and tessera confirm keep it";
+    const int32_t bootable = slot != nullptr && slot->is_bootable() ? kept : *plan.slot;
+    return "boot slot " + slot_letter(bootable) + " and run tessera confirm there";
 }
 
 bool stands_already(const Target& target, const Package& package, Progress& progress) {
@@ -303,20 +304,29 @@ void judge_record(Plan& plan) {
     }
 }
 
+bool is_done(const Plan& plan) {
+    return !plan.writes(true) && !plan.writes(false) &&
+           (!plan.switches() || read_slot_block().is_alone_in_front(*plan.slot));
+}
+
 void judge_slots(const Plan& plan) {
-    if (!plan.slot || !plan.writes(true)) {
+    if (!plan.slot || is_done(plan)) {
         return;
     }
-    const SlotBlock block = read_slot_block();
-    const std::string slot = "slot " + slot_letter(*plan.slot);
-    if (plan.slot == plan.running) {
-        throw Failure(ExitCode::failed, slot + " is the one to write, and it is running on trial",
+    if (plan.slot == plan.running && plan.writes(true)) {
+        throw Failure(ExitCode::failed,
+                      "slot " + slot_letter(*plan.slot) + " is the one to write, and it is running on trial",
                       "tessera confirm keeps this system, tessera rollback goes back if it can; then install");
     }
-    const Slot* entry = block.find(*plan.slot);
-    const bool is_lost = !plan.running && entry != nullptr && !entry->is_bootable(); /* nothing runs or boots now */
-    if (!is_lost && !block.boots_without(*plan.slot)) {
-        throw Failure(ExitCode::failed, "while " + slot + " is written there would be nothing to boot",
-                      way_out(block, plan));
+    const SlotBlock block = read_slot_block();
+    const int32_t kept = *plan.slot ^ 1;
+    const Slot* slot = block.find(kept);
+    const bool is_confirmed = slot != nullptr && slot->is_confirmed();
+    const bool has_nothing_to_lose = !plan.running && !block.has_bootable_slot();
+    if (!is_confirmed && !has_nothing_to_lose) {
+        throw Failure(ExitCode::failed,
+                      "slot " + slot_letter(kept) + " is not confirmed, so slot " + slot_letter(*plan.slot) +
+                          " cannot be updated",
+                      how_to_confirm(block, plan, kept));
     }
 }

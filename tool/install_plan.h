@@ -88,7 +88,13 @@ std::string left_behind(const Plan& plan, const ota_status_t& record);
  */
 void judge_record(Plan& plan);
 
-/** Refuses what could leave the board with nothing to boot. */
+/** Whether the board already is where the package would bring it. */
+bool is_done(const Plan& plan);
+
+/**
+ * Refuses to write the slot or to switch to it while the other one is not confirmed: after a power cut that
+ * loses the slot block a half-written slot could boot, or the last system known to be good would be written.
+ */
 void judge_slots(const Plan& plan);
 
 Failure wrong_digest(const Image& image);

@@ -83,9 +83,15 @@ const char* SlotBlock::state_of(const Slot& slot) const {
     return slot.marked_good ? "confirmed" : "trial";
 }
 
-bool SlotBlock::boots_without(int32_t number) const {
-    return std::any_of(slots.begin(), slots.end(),
-                       [&](const Slot& slot) { return slot.number != number && slot.is_bootable(); });
+bool SlotBlock::has_bootable_slot() const {
+    return std::any_of(slots.begin(), slots.end(), [](const Slot& slot) { return slot.is_bootable(); });
+}
+
+bool SlotBlock::is_alone_in_front(int32_t number) const {
+    const Slot* front = find(number);
+    return front != nullptr && front->is_bootable() && std::all_of(slots.begin(), slots.end(), [&](const Slot& slot) {
+               return slot.number == number || slot.priority < front->priority;
+           });
 }
 
 SlotBlock read_slot_block() {

@@ -46,8 +46,12 @@ struct SlotBlock {
     [[nodiscard]] const Slot* find(int32_t number) const;
     /** trial, confirmed, unbootable or corrupted; of a block with a wrong checksum nothing is known */
     [[nodiscard]] const char* state_of(const Slot& slot) const;
-    /** Whether a bootloader finds something to boot other than `number`. */
-    [[nodiscard]] bool boots_without(int32_t number) const;
+    [[nodiscard]] bool has_bootable_slot() const;
+    /**
+     * Whether the slot is bootable and alone at the highest priority, as a switch leaves it. A slot that is
+     * next by its tries or its mark only is no longer next once another one is marked good.
+     */
+    [[nodiscard]] bool is_alone_in_front(int32_t number) const;
 };
 
 /** Reads the block. Throws LostBlock, or Failure where there is no partition for it. */

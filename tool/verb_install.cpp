@@ -69,11 +69,6 @@ bool may_hide_another(const Plan& plan, bool needed) {
     return !needed || (entry != nullptr && entry->is_given_up());
 }
 
-/** Whether the board already is where the package would bring it. */
-bool is_done(const Plan& plan) {
-    return !plan.writes(true) && !plan.writes(false) && (!plan.switches() || next_slot() == plan.slot);
-}
-
 Json to_json(const Outcome& outcome, bool dry_run) {
     const Plan& plan = outcome.plan;
     Json partitions = Json::array();

@@ -32,7 +32,7 @@ void roll_back(const Context& context, const std::string& lock_file) {
                           ? "tessera status shows the installation that was cut in it"
                           : "tessera slots set-next " + slot_letter(other) + " tries it all the same");
     }
-    const bool was_next = next_slot() == other;
+    const bool was_next = block.is_alone_in_front(other);
     if (!was_next) {
         set_next_slot(other);
     }
