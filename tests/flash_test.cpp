@@ -137,15 +137,32 @@ TEST_F(Flash, a_block_that_changes_its_verdict_ends_in_a_failure) {
         ASSERT_EQ(flash_sim_fault(("fail MEMGETBADBLOCK " + std::to_string(question)).c_str()), 0);
         const bool is_in_front = question == 1; /* there it is simply bad */
         const size_t changed = is_in_front ? 0 : (question - 2) % 3 + 1;
-        const std::string line = "block-" + std::to_string(changed) + (question < 5 ? " was bad" : " was good");
+        const std::string line = "block-" + std::to_string(changed) +
+                                 (question < 5 ? " was bad when the range was read and is good now"
+                                               : " was good when it was read and is bad now");
         ended(write_device(bytes(3 * block, 7), block), is_in_front ? ssize_t{3 * block} : -1,
-              is_in_front ? "info block-0 is bad block before offset"
-                          : "error " + line + " when it was read and is not now");
+              is_in_front ? "info block-0 is bad block before offset" : "error " + line);
         bytes expected(medium_.begin(), medium_.end());
         std::copy_n(&before_[changed * block], block, &expected[changed * block]);
         fill(expected, changed * block, question < 5 ? 0 : block, 0xff);
         std::copy(before_.begin() + 5 * block, before_.end(), expected.begin() + 5 * block);
         EXPECT_TRUE(holds(expected)) << question;
+    }
+}
+
+/** Bad blocks push the range past the end: each block is asked once, the read there gives 0, nothing is erased. */
+TEST_F(Flash, a_range_that_bad_blocks_push_off_the_device) {
+    for (const size_t first : {10U, 11U}) {
+        make_device("mtd", {1, 4});
+        EXPECT_EQ(write_device(bytes(block, 7), first * block), -1);
+        EXPECT_EQ(log(true),
+                  Lines({"info block-1 is bad block before offset", "info block-4 is bad block before offset",
+                         "debug vx_mtd_read out of mtd size", "debug vx_mtd_read reached the end of the file, error0",
+                         "debug vx_mtd_read reached the end of the file, error0"}));
+        const std::vector<Operation> steps = operations();
+        EXPECT_EQ(std::ranges::count(steps, "MEMGETBADBLOCK", &Operation::kind), ssize_t{blocks});
+        EXPECT_EQ(std::ranges::count(steps, "MEMERASE64", &Operation::kind), 0);
+        EXPECT_TRUE(holds(before_));
     }
 }
 

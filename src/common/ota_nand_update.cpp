@@ -8,7 +8,8 @@
  *     each goes back to the block it came from, or nowhere.
  *  4. When reading or erasing fails, the blocks erased so far get their own content back and nothing of
  *     the new data reaches the medium. The block that failed is not written.
- *  5. A negative result says that the new data is not to be taken as stored.
+ *  5. A negative result means that the new data must not be taken as stored.
+ *  6. A status is an int: 0, or the negative number that the call returns. A ssize_t counts bytes.
  */
 #include "ota_nand_update.h"
 
@@ -46,14 +47,14 @@ struct block_range {
 struct flash_medium {
     const char* read_name;
     ssize_t (*read)(int fd, void* in_buf, size_t in_size, size_t offset);
-    bool (*is_bad)(const block_range& range, long long ofs);
+    bool (*check_bad)(const block_range& range, long long ofs);
     const char* erase_name;
     int (*erase)(const block_range& range, long long ofs);
     int (*allow_writes)(int fd);
 };
 
-/** A request that gives anything but 0 has failed; a positive result must not pass for a byte count. */
-ssize_t request_failure(int ret) {
+/** The status of a request that did not return 0: a positive result must not be mistaken for a byte count. */
+int request_failure(int ret) {
     return ret < 0 ? ret : -1;
 }
 
@@ -72,8 +73,8 @@ int mtd_ask_bad(int fd, long long ofs, size_t block_size) {
     return ioctl(fd, MEMGETBADBLOCK, &offs);
 }
 
-/** An error counts as bad. What lies behind the device is not asked for: reading it ends the range. */
-bool mtd_is_bad(const block_range& range, long long ofs) {
+/** An error counts as bad. A block past the end of the device is not asked for: reading it ends the range. */
+bool mtd_check_bad(const block_range& range, long long ofs) {
     if (static_cast<size_t>(ofs) * range.block_size >= range.device_size ||
         mtd_ask_bad(range.fd, ofs, range.block_size) == 0) {
         return false;
@@ -93,19 +94,20 @@ int mtd_allow_writes(int /*fd*/) {
     return 0;
 }
 
-constexpr flash_medium mtd_medium = {"vx_mtd_read", vx_mtd_read, mtd_is_bad, "MEMERASE64", mtd_erase, mtd_allow_writes};
+constexpr flash_medium mtd_medium = {"vx_mtd_read", vx_mtd_read, mtd_check_bad,
+                                     "MEMERASE64",  mtd_erase,   mtd_allow_writes};
 
 /**
- * Moves the range behind the bad blocks in front of it, so that exactly range.start good blocks lie
- * there: neighbouring ranges then agree on where each block lies.
+ * Moves the range past the bad blocks before it, so that exactly range.start good blocks lie there:
+ * neighbouring ranges then agree on where each block lies. On a device with fewer good blocks the range
+ * starts at the end of the device, where reading its first block ends the write.
  */
-bool move_behind_bad_blocks(block_range& range) {
+void move_past_bad_blocks(block_range& range) {
     const long long length = range.end - range.start;
     long long ofs = 0;
     for (long long good = 0; good < range.start; ++ofs) {
         if (static_cast<size_t>(ofs) * range.block_size >= range.device_size) {
-            ota_log_error("the device has fewer than %lld good blocks\n", range.start);
-            return false;
+            break;
         }
         if (mtd_ask_bad(range.fd, ofs, range.block_size) == 0) {
             ++good;
@@ -115,7 +117,6 @@ bool move_behind_bad_blocks(block_range& range) {
     }
     range.start = ofs;
     range.end = ofs + length;
-    return true;
 }
 
 /* ---- UBI ---- */
@@ -128,7 +129,7 @@ int get_ubi_info(int fd, ubi_info_user* info) {
     return ret;
 }
 
-bool ubi_is_bad(const block_range& /*range*/, long long /*ofs*/) {
+bool ubi_check_bad(const block_range& /*range*/, long long /*ofs*/) {
     return false;
 }
 
@@ -148,7 +149,7 @@ int ubi_allow_writes(int fd) {
     return ret;
 }
 
-constexpr flash_medium ubi_medium = {"vx_ubi_read", vx_ubi_read, ubi_is_bad,
+constexpr flash_medium ubi_medium = {"vx_ubi_read", vx_ubi_read, ubi_check_bad,
                                      "UBI_IOCEBER", ubi_erase,   ubi_allow_writes};
 
 /* ---- the read-modify-write ---- */
@@ -166,8 +167,8 @@ block_range range_of(int fd, size_t block_size, size_t device_size, size_t in_si
     return range;
 }
 
-/** Block numbers travel as signed 32-bit values. */
-bool is_countable(size_t block_size, size_t in_size, size_t offset) {
+/** Block numbers are passed as signed 32-bit values. */
+bool check_block_numbers(size_t block_size, size_t in_size, size_t offset) {
     const size_t limit = block_size * INT_MAX;
     if (offset <= limit && in_size <= limit - offset) {
         return true;
@@ -187,27 +188,27 @@ bool allocate_old_data(block_range& range) {
 }
 
 /** Reads block `ofs` whole into piece `slot` of old_data. A short read goes on where it stopped. */
-ssize_t read_block(const flash_medium& medium, const block_range& range, long long ofs, size_t slot) {
+int read_block(const flash_medium& medium, const block_range& range, long long ofs, size_t slot) {
     uint8_t* const piece = range.old_data.get() + slot * range.block_size;
     const size_t offs = static_cast<size_t>(ofs) * range.block_size;
     size_t done = 0;
     while (done < range.block_size) {
-        ssize_t readnum = medium.read(range.fd, piece + done, range.block_size - done, offs + done);
+        const ssize_t readnum = medium.read(range.fd, piece + done, range.block_size - done, offs + done);
         if (readnum == 0 && done == 0) {
             ota_log_debug("%s reached the end of the file, error%d\n", medium.read_name, 0);
             return -1;
         }
         if (readnum <= 0) {
-            readnum = readnum < 0 ? readnum : -1;
-            ota_log_error("%s failed, error%d\n", medium.read_name, static_cast<int>(readnum));
-            return readnum;
+            const int ret = readnum < 0 ? static_cast<int>(readnum) : -1;
+            ota_log_error("%s failed, error%d\n", medium.read_name, ret);
+            return ret;
         }
         done += static_cast<size_t>(readnum);
     }
     return 0;
 }
 
-ssize_t erase_block(const flash_medium& medium, const block_range& range, long long ofs) {
+int erase_block(const flash_medium& medium, const block_range& range, long long ofs) {
     const int ret = medium.erase(range, ofs);
     if (ret == 0) {
         return 0;
@@ -216,19 +217,19 @@ ssize_t erase_block(const flash_medium& medium, const block_range& range, long l
     return request_failure(ret);
 }
 
-/** Reads and erases every block of the range. On failure the range ends in front of the failed block. */
-ssize_t read_and_erase(const flash_medium& medium, block_range& range) {
+/** Reads and erases every block of the range. On failure the range ends before the failed block. */
+int read_and_erase(const flash_medium& medium, block_range& range) {
     size_t slot = 0;
     for (long long ofs = range.start; ofs < range.end; ++ofs) {
-        if (medium.is_bad(range, ofs)) {
+        if (medium.check_bad(range, ofs)) {
             ++range.end;
             continue;
         }
-        ssize_t ret = read_block(medium, range, ofs, slot);
+        int ret = read_block(medium, range, ofs, slot);
         if (ret == 0) {
             ret = erase_block(medium, range, ofs);
         }
-        if (ret < 0) {
+        if (ret != 0) {
             range.end = ofs;
             range.count = slot;
             return ret;
@@ -238,57 +239,69 @@ ssize_t read_and_erase(const flash_medium& medium, block_range& range) {
     return 0;
 }
 
+/** Writes piece `slot` of old_data to block `ofs`. The driver writes whole blocks: a short count is a success. */
+int write_block(const block_range& range, long long ofs, size_t slot) {
+    const uint8_t* piece = range.old_data.get() + slot * range.block_size;
+    const auto ret =
+        static_cast<int>(pwrite(range.fd, piece, range.block_size, ofs * static_cast<off_t>(range.block_size)));
+    if (ret < 0) {
+        ota_log_error("pwrite failed, error%d\n", ret);
+        return ret;
+    }
+    return 0;
+}
+
 /** Writes each piece of old_data back to the block that it came from. */
-ssize_t write_back(const flash_medium& medium, const block_range& range) {
-    int ret = medium.allow_writes(range.fd);
+int write_back(const flash_medium& medium, const block_range& range) {
+    const int ret = medium.allow_writes(range.fd);
     if (ret != 0) {
         return request_failure(ret);
     }
-    bool changed_verdict = false;
+    int status = 0;
     size_t slot = 0;
     for (long long ofs = range.start; ofs < range.end; ++ofs) {
-        const bool was_read = slot < range.count && range.blocks.get()[slot] == ofs;
-        const size_t piece = was_read ? slot++ : slot;
-        if (medium.is_bad(range, ofs) == was_read) {
-            ota_log_error("block-%lld was %s when it was read and is not now\n", ofs, was_read ? "good" : "bad");
-            changed_verdict = true;
-            continue;
+        const bool was_good = slot < range.count && range.blocks.get()[slot] == ofs;
+        const bool is_good = !medium.check_bad(range, ofs);
+        if (was_good && is_good) {
+            const int failed = write_block(range, ofs, slot);
+            if (failed != 0) {
+                return failed;
+            }
+        } else if (was_good) {
+            ota_log_error("block-%lld was good when it was read and is bad now\n", ofs);
+            status = -1; /* it stays erased */
+        } else if (is_good) {
+            ota_log_error("block-%lld was bad when the range was read and is good now\n", ofs);
+            status = -1; /* it was neither read nor erased */
         }
-        if (!was_read) {
-            continue;
-        }
-        const uint8_t* data = range.old_data.get() + piece * range.block_size;
-        ret = static_cast<int>(pwrite(range.fd, data, range.block_size, ofs * static_cast<off_t>(range.block_size)));
-        if (ret < 0) {
-            ota_log_error("pwrite failed, error%d\n", ret);
-            return ret;
-        }
+        slot += was_good ? 1 : 0;
     }
-    return changed_verdict ? -1 : 0;
+    return status;
 }
 
-/** @param modify_ofs  where the new data starts inside the first block; old_data has been allocated */
+/**
+ * @param modify_ofs  where the new data starts inside the first block; old_data has been allocated
+ * @return in_size, or the negative status of the first step that failed
+ */
 ssize_t rewrite(const flash_medium& medium, block_range& range, const void* in_buf, size_t in_size, size_t modify_ofs) {
-    const ssize_t failure = read_and_erase(medium, range);
-    if (failure == 0) {
+    const int read_status = read_and_erase(medium, range);
+    if (read_status == 0) {
         std::memcpy(range.old_data.get() + modify_ofs, in_buf, in_size);
     }
-    const ssize_t ret = write_back(medium, range);
-    if (failure < 0) {
-        return failure;
-    }
-    return ret < 0 ? ret : static_cast<ssize_t>(in_size);
+    const int write_status = write_back(medium, range);
+    const int status = read_status != 0 ? read_status : write_status;
+    return status != 0 ? status : static_cast<ssize_t>(in_size);
 }
 
-bool is_empty(size_t in_size) {
+bool check_size(size_t in_size) {
     if (in_size == 0) {
         ota_log_error("in_size is 0, failed!");
     }
-    return in_size == 0;
+    return in_size != 0;
 }
 
-bool is_writable(const void* in_buf, size_t in_size) {
-    if (is_empty(in_size)) {
+bool check_new_data(const void* in_buf, size_t in_size) {
+    if (!check_size(in_size)) {
         return false;
     }
     if (in_buf == nullptr) {
@@ -312,7 +325,7 @@ ssize_t read_at(const flash_medium& medium, int fd, void* in_buf, size_t in_size
 } // namespace
 
 ssize_t vx_mtd_read(int fd, void* in_buf, size_t in_size, size_t offset) {
-    if (is_empty(in_size)) {
+    if (!check_size(in_size)) {
         return -1;
     }
     mtd_info_user info{};
@@ -332,7 +345,7 @@ ssize_t vx_mtd_read(int fd, void* in_buf, size_t in_size, size_t offset) {
 }
 
 ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset) {
-    if (!is_writable(in_buf, in_size)) {
+    if (!check_new_data(in_buf, in_size)) {
         return -1;
     }
     mtd_info_user info{};
@@ -349,18 +362,19 @@ ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset) {
         ota_log_error("the device has erase blocks of 0 bytes\n");
         return -1;
     }
-    if (!is_countable(info.erasesize, in_size, offset)) {
+    if (!check_block_numbers(info.erasesize, in_size, offset)) {
         return -1;
     }
     block_range range = range_of(fd, info.erasesize, info.size, in_size, offset);
-    if (!allocate_old_data(range) || !move_behind_bad_blocks(range)) {
+    if (!allocate_old_data(range)) {
         return -1;
     }
+    move_past_bad_blocks(range);
     return rewrite(mtd_medium, range, in_buf, in_size, offset % info.erasesize);
 }
 
 ssize_t vx_ubi_read(int fd, void* in_buf, size_t in_size, size_t offset) {
-    if (is_empty(in_size)) {
+    if (!check_size(in_size)) {
         return -1;
     }
     ubi_info_user info{};
@@ -372,7 +386,7 @@ ssize_t vx_ubi_read(int fd, void* in_buf, size_t in_size, size_t offset) {
 }
 
 ssize_t vx_ubi_write(int fd, void* in_buf, size_t in_size, size_t offset) {
-    if (!is_writable(in_buf, in_size)) {
+    if (!check_new_data(in_buf, in_size)) {
         return -1;
     }
     ubi_info_user info{};
@@ -385,7 +399,7 @@ ssize_t vx_ubi_write(int fd, void* in_buf, size_t in_size, size_t offset) {
         return -1;
     }
     const auto leb_size = static_cast<size_t>(info.usable_leb_size);
-    if (!is_countable(leb_size, in_size, offset)) {
+    if (!check_block_numbers(leb_size, in_size, offset)) {
         return -1;
     }
     block_range range = range_of(fd, leb_size, 0, in_size, offset);
