@@ -111,7 +111,12 @@ TEST_F(Services, stretches_around_the_chunks) {
     }
     EXPECT_EQ(digest_of([&](md5_byte_t* digest) { return MD5File(file.c_str(), digest); }), stretch(0, size));
     EXPECT_EQ(of_part("/no/such", 0, 1) + of_device("/no/such", 0), "-1-1");
-    EXPECT_EQ(of_device("/dev", -5) + of_device("/dev/zero", -5), "-1-1") << "neither tells a size";
+    EXPECT_EQ(of_device("/dev/zero", -5), "-1") << "it reports no size";
+    EXPECT_EQ(of_device("/dev", 0), md5("")) << "a directory has nothing to read";
+    ASSERT_EQ(mkfifo((by_name + "pipe").c_str(), 0600), 0);
+    const int writer = open((by_name + "pipe").c_str(), O_RDWR | O_CLOEXEC);
+    EXPECT_EQ(of_device(by_name + "pipe", 0), md5(""));
+    close(writer);
     md5_byte_t digest[16];
     EXPECT_EQ(MD5File("/no/such", digest) + MD5File(file.c_str(), nullptr), -2);
     EXPECT_EQ(MD5DevPart(nullptr, 0, 1, nullptr) + MD5Dev(nullptr, nullptr, 0), -2);

@@ -180,19 +180,16 @@ void append_chunk(md5_state_t* pms, off_t bytes) {
 }
 
 /**
- * The size of what `fd` is open on: a device reports none through fstat, so each kind is asked by the
- * request of its own. Negative when nothing tells it.
+ * The size of what `fd` is open on. A device node reports none through fstat, so each kind is asked with
+ * its own request. Negative when a device does not report a size.
  */
 off_t target_size(int fd, const struct stat& status) {
-    if (S_ISREG(status.st_mode)) {
-        return status.st_size;
-    }
     uint64_t bytes = 0;
     if (S_ISBLK(status.st_mode)) {
         return ioctl(fd, BLKGETSIZE64, &bytes) == 0 && bytes > 0 ? static_cast<off_t>(bytes) : -1;
     }
     if (!S_ISCHR(status.st_mode)) {
-        return -1;
+        return status.st_size;
     }
     mtd_info_user mtd{};
     if (ioctl(fd, MEMGETINFO, &mtd) == 0) {
@@ -295,7 +292,7 @@ int MD5Dev(const char* filename, md5_byte_t* digest, int32_t garbage) {
         size_unread -= wanted;
         device_left -= wanted;
     }
-    if (device_left > 0 && !S_ISREG(status.st_mode)) {
+    if (device_left > 0 && (S_ISBLK(status.st_mode) || S_ISCHR(status.st_mode))) {
         return -1;
     }
     md5_finish(&state, digest);

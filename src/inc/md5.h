@@ -34,18 +34,21 @@ OTA_API void md5_finish(md5_state_t* pms, md5_byte_t* digest);
 OTA_API int MD5File(const char* filename, md5_byte_t* digest);
 
 /**
- * Digest of a file or device without its last `garbage` bytes. The size of a device comes from the
- * device itself (BLKGETSIZE64, MEMGETINFO, which counts up to 4 GiB, or the volume's used bytes). NAND
- * is read raw, bad blocks too: one image on two devices gives two digests where their bad blocks differ.
- * @return 0; -1 when it cannot be opened, is neither file nor device, is a device that tells no size or
- *         ends before its size less `garbage`; a regular file that ends early is digested as far as it
- *         goes
+ * Digest of a file or device without its last `garbage` bytes. The size of a block or character device
+ * comes from the device itself (BLKGETSIZE64, MEMGETINFO, which counts up to 4 GiB, or the volume's used
+ * bytes), that of everything else from fstat(), so a directory or a pipe gives the digest of the empty
+ * message. NAND is read raw, bad blocks included: the same image on two devices gives different digests
+ * when their bad blocks differ.
+ * @return 0; -1 when it cannot be opened, or is a device that reports no size or ends before its size less
+ *         `garbage`. A file that ends early, or a read error in it, ends the digest there.
  */
 OTA_API int MD5Dev(const char* filename, md5_byte_t* digest, int32_t garbage);
 
 /**
  * Digest of `checklen` bytes from `offset`, or of what is there when the file ends before. NAND is read
  * raw.
+ * @param offset    a negative one is ignored: the digest starts at byte 0
+ * @param checklen  0 or less gives the digest of the empty message
  * @return 0; -1 when it cannot be opened
  */
 OTA_API int MD5DevPart(const char* filename, long int offset, long int checklen, md5_byte_t* digest);
