@@ -40,8 +40,7 @@ namespace {
 constexpr char veeprom_partition[] = "ubootenv";
 constexpr uint32_t status_offset = 0x30000;
 constexpr uint32_t anti_ver_offset = 0x30880;
-constexpr size_t anti_ver_gap = offsetof(antirollback_ver_t, nosec_up_flag) + 1; /* two bytes of no field */
-constexpr uint32_t status_magic = 0x4F544153;                                    /* "SATO" */
+constexpr uint32_t status_magic = 0x4F544153; /* "SATO" */
 
 /** Where the value of a selector stands in the status record. */
 struct status_field {
@@ -406,7 +405,6 @@ int32_t ota_set_anti_ver_veeprom(antirollback_ver_t* ver) {
     if (ver == nullptr) {
         return -1;
     }
-    std::memset(reinterpret_cast<char*>(ver) + anti_ver_gap, 0, offsetof(antirollback_ver_t, sec_ver) - anti_ver_gap);
     ver->crc32_le = htole32(anti_ver_crc(ver));
     const int32_t ret = set_value(OTA_VEEPROM_ANTI_VER, ver);
     if (ret != 0) {
@@ -417,7 +415,8 @@ int32_t ota_set_anti_ver_veeprom(antirollback_ver_t* ver) {
 
 int32_t ota_set_veeprom_flag_default() {
     ota_status_t status{};
-    antirollback_ver_t ver{};
+    antirollback_ver_t ver;
+    std::memset(&ver, 0, sizeof ver); /* the two bytes between the fields are stored too */
     if (ota_init_status(&status) != 0) {
         ota_log_error("set ota status default failed\n");
         return -1;

@@ -110,12 +110,17 @@ OTA_API int32_t ota_get_part_array(update_part_t* update_part);
  */
 OTA_API int32_t ota_get_anti_ver_veeprom(antirollback_ver_t* ver);
 
-/** Seals `ver` with its CRC and stores it. @return 0; -1 for null; negative when the write fails. */
+/**
+ * Computes the CRC of `ver`, stores it in `crc32_le` of the caller's record, also when the write then
+ * fails, and writes the record. No other byte of the caller's record changes.
+ * @return 0; -1 for null; negative when the write fails
+ */
 OTA_API int32_t ota_set_anti_ver_veeprom(antirollback_ver_t* ver);
 
 /**
- * Makes both records anew: all flags normal, no partitions, the running slot, versions 0.
- * @return 0; -1 when either write fails: the status record comes first and is then already reset
+ * Resets both records: all flags normal, no partitions, the running slot, versions 0.
+ * @return 0; -1 when the running slot is unknown, and nothing is written; -1 when a write fails. The status
+ *         record is written first, so it has been reset already when the second write fails.
  */
 OTA_API int32_t ota_set_veeprom_flag_default(void);
 
