@@ -301,7 +301,16 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
          {"error 'update_info' is a null pointer."});
     told(verify_antirollback_version(&update, nullptr, nullptr), -1, {"info no parse json file!"});
     update.parse_flag = 1;
-    told(verify_antirollback_version(&update, nullptr, "/tmp"), -1, {"error 'zip_path' is a null pointer."});
+    EXPECT_EQ(verify_antirollback_version(&update, nullptr, nullptr), -1); /* the record cannot be written */
+    fs::permissions(by_name + "ubootenv", fs::perms(0644));
+    EXPECT_EQ(verify_antirollback_version(&update, nullptr, nullptr), 0) << "there is nothing to extract";
+    log();
+    update.partition_info[0].have_anti_ver = 1;
+    update.update_size = 1;
+    for (const char* const scratch : {"/tmp", static_cast<const char*>(nullptr)}) {
+        EXPECT_EQ(verify_antirollback_version(&update, nullptr, scratch), -1);
+        EXPECT_EQ(with_log(""), "; src is null; Uncompress  failed" + failed);
+    }
     for (const int32_t size : {33, -1}) {
         update.update_size = size;
         EXPECT_EQ(verify_antirollback_version(&update, "/tmp/update.zip", "/tmp"), -1);

@@ -402,6 +402,7 @@ TEST_F(Zip, the_first_package_of_a_list_gives_the_process) {
     EXPECT_EQ(take("", "error No update file selected"), -6);
     EXPECT_EQ(take("rel.zip;" + good, "error Please use absolute path: rel.zip"), -6);
     EXPECT_EQ(take("/none;" + good, "error cannot read file: /none"), -16);
+    EXPECT_EQ(get_ota_process(good.c_str(), nullptr, 0), 0); /* the path is known */
     fs::remove_all("/tmp/process");
     EXPECT_EQ(take(put("ota_process>x"), "error get system upgrade process [ota_process] failed"), -15);
     EXPECT_FALSE(fs::is_symlink("/tmp/process/ota_process")); /* it would be in the way of a good one */

@@ -214,7 +214,8 @@ int32_t set_efuse_antirollback(antirollback_ver_t* ver) {
 }
 
 int32_t verify_antirollback_version(update_info_t* update_info, const char* zip_path, const char* unzip_path) {
-    antirollback_ver_t image_ver{};
+    antirollback_ver_t image_ver;
+    std::memset(&image_ver, 0, sizeof image_ver); /* the two bytes between the fields are stored too */
     antirollback_ver_t efuse_ver{};
     if (update_info == nullptr) {
         ota_log_error("'update_info' is a null pointer.\n");
@@ -222,10 +223,6 @@ int32_t verify_antirollback_version(update_info_t* update_info, const char* zip_
     }
     if (update_info->parse_flag == 0) {
         ota_log_info("no parse json file!\n");
-        return -1;
-    }
-    if (zip_path == nullptr || unzip_path == nullptr) {
-        ota_log_error("'%s' is a null pointer.\n", zip_path == nullptr ? "zip_path" : "unzip_path");
         return -1;
     }
     if (get_image_antirollback(update_info, &image_ver, zip_path, unzip_path) != 0 ||

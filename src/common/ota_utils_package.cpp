@@ -128,7 +128,7 @@ int32_t unzip_ota_file(const char* zip_path, const char* unzip_dir, uint64_t* im
 }
 
 int32_t get_ota_process(const char* zip_path, char* process_path, uint32_t len) {
-    if (zip_path == nullptr || process_path == nullptr) {
+    if (zip_path == nullptr || (process_path == nullptr && len > 0)) {
         ota_log_error("%s is null\n", zip_path == nullptr ? "zip_path" : "process_path");
         return -OTAERR_NULLPOINTER;
     }

@@ -26,8 +26,8 @@ OTA_API int32_t set_efuse_antirollback(antirollback_ver_t* ver);
  * counters; on a pass stores them with ota_set_anti_ver_veeprom(). Writes no eFuse. The verdict is about
  * the first entry of exactly the name in `part_file`, the one that vx_uncompress_file_to() installs.
  * @param update_info  a parsed description with 0 to 32 partitions
- * @param zip_path     the package
- * @param unzip_path   a directory of the caller's own, made when it is missing
+ * @param zip_path     the package; may be null when no partition has `have_anti_ver` set
+ * @param unzip_path   a directory of the caller's own, created when it is missing; may be null as `zip_path`
  * @return 0 on a pass; -1 on a refusal or failure: the stored record is as it was, an image that could
  *         not be read stays in `unzip_path`, and after a failed extraction that is the working directory;
  *         negative when the record cannot be stored

@@ -86,8 +86,9 @@ typedef struct update_info_s {
 } update_info_t;
 
 /**
- * Anti-rollback versions with their update flags; 16 bytes, stored as they stand, little-endian. The two
- * bytes behind the flags are no field; ota_set_anti_ver_veeprom() stores them as 0, inside the CRC.
+ * Anti-rollback versions with their update flags; 16 bytes, stored as they are in memory, little-endian.
+ * The two bytes after the flags belong to no field. They are stored as the caller gives them and are
+ * covered by the CRC, so clear a new record with memset().
  */
 typedef struct antirollback_ver_s {
     uint8_t sec_up_flag;   /**< 1: the secure counter is to be raised to sec_ver */
@@ -200,7 +201,8 @@ OTA_API int32_t unzip_ota_file(const char* zip_path, const char* unzip_dir, uint
  * @param zip_path      absolute package paths separated by ';'; the first that is not empty decides,
  *                      and only the first 511 bytes count
  * @param process_path  out: path of the program, "/tmp/process//ota_process"
- * @param len           room in `process_path`, 26 bytes for the whole path
+ * @param len           size of `process_path`; the whole path takes 26 bytes. With 0, `process_path` may be
+ *                      null: the program is extracted and no path returned
  * @return 0; -6 for a null argument, an empty list or a relative path; -16 when the package is not
  *         there; -15 when the program cannot be taken out of it: the working directory may then be
  *         "/tmp/process/"
