@@ -2,14 +2,14 @@
 #include "box.h"
 #include "description.h"
 #include "failure.h"
-#include "json.h"
 #include "names.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
-using Plain = nlohmann::json; /* of a key that is given twice it takes the last one */
+using Plain = nlohmann::json; /* another reader than the command's, to compare with */
 
 static std::optional<Description> parsed(const std::string& text, bool draft) {
     try {

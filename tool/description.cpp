@@ -1,7 +1,6 @@
 #include "description.h"
 
 #include "failure.h"
-#include "json.h"
 #include "names.h"
 #include "text.h"
 
@@ -36,8 +35,7 @@ public:
 
     const Json* optional(const std::string& field) {
         taken_.insert(field);
-        const auto found = object_.find(field);
-        return found == object_.end() ? nullptr : &*found;
+        return object_.find(field);
     }
 
     const Json& required(const std::string& field) {
@@ -51,10 +49,10 @@ public:
     /** A text that fits an array of `room` bytes with its NUL. */
     std::string text(const std::string& field, size_t room) {
         const Json& value = required(field);
-        if (!value.is_string() || value.get_ref<const std::string&>().empty()) {
+        if (!value.is_string() || value.text().empty()) {
             throw wrong(field, "must be a text");
         }
-        auto text = value.get<std::string>();
+        const std::string& text = value.text();
         if (text.size() >= room || text.find('\0') != std::string::npos) {
             throw wrong(field, format("must be shorter than %zu bytes", room));
         }
@@ -88,7 +86,7 @@ public:
         if (value != nullptr && !value->is_boolean()) {
             throw wrong(field, "must be true or false");
         }
-        return value != nullptr && value->get<bool>();
+        return value != nullptr && value->flag();
     }
 
     std::optional<uint64_t> size(const std::string& field) {
@@ -96,24 +94,24 @@ public:
         if (value == nullptr) {
             return std::nullopt;
         }
-        if (!value->is_number_unsigned() || value->get<uint64_t>() == 0) {
+        if (!value->is_number_unsigned() || value->number() == 0) {
             throw wrong(field, "must be a number of bytes above 0");
         }
-        return value->get<uint64_t>();
+        return value->number();
     }
 
     int32_t zero_or_one(const std::string& field) {
         const Json* value = optional(field);
-        if (value != nullptr && (!value->is_number_unsigned() || value->get<uint64_t>() > 1)) {
+        if (value != nullptr && (!value->is_number_unsigned() || value->number() > 1)) {
             throw wrong(field, "must be 0 or 1");
         }
-        return value == nullptr ? 0 : value->get<int32_t>();
+        return value == nullptr ? 0 : static_cast<int32_t>(value->number());
     }
 
     void refuse_others() const {
-        for (const auto& item : object_.items()) {
-            if (!taken_.contains(item.key())) {
-                throw wrong(item.key(), "is not a known field");
+        for (const Json::Field& field : object_.fields()) {
+            if (!taken_.contains(field.key)) {
+                throw wrong(field.key, "is not a known field");
             }
         }
     }
@@ -151,8 +149,8 @@ void judge_file(const Fields& fields, const Image& image) {
 
 Image parse_image(const Json& json, size_t index, bool draft) {
     std::string where = format("partition %zu: ", index + 1);
-    if (json.is_object() && json.contains("name") && json["name"].is_string()) {
-        where = "partition " + json["name"].get<std::string>() + ": ";
+    if (const Json* name = json.find("name"); name != nullptr && name->is_string()) {
+        where = "partition " + name->text() + ": ";
     }
     Fields fields(json, where);
     Image image{};
@@ -194,28 +192,6 @@ bool Image::matches(const Digests& found) const {
     const bool has_strongest = !(digests.sha256.empty() ? found.md5 : found.sha256).empty();
     return has_strongest && (found.md5.empty() || digests.md5 == found.md5) &&
            (found.sha256.empty() || digests.sha256 == found.sha256);
-}
-
-Json parse_json(const std::string& text, const std::string& name) {
-    std::vector<std::set<std::string>> keys;
-    const auto watch = [&](int, Json::parse_event_t event, Json& parsed) {
-        if (event == Json::parse_event_t::object_start) {
-            keys.emplace_back();
-        } else if (event == Json::parse_event_t::object_end) {
-            keys.pop_back();
-        } else if (event == Json::parse_event_t::key && !keys.back().insert(parsed.get<std::string>()).second) {
-            throw Failure(ExitCode::refused, name + ": \"" + parsed.get<std::string>() + "\" is given twice");
-        }
-        return true;
-    };
-    try {
-        return Json::parse(text, watch);
-    } catch (const Json::parse_error& error) {
-        throw Failure(ExitCode::refused,
-                      format("%s is no JSON text: it breaks off at byte %zu", name.c_str(), error.byte));
-    } catch (const Json::out_of_range&) { /* a number past all that a double can hold */
-        throw Failure(ExitCode::refused, name + " holds a number that is too large");
-    }
 }
 
 Description parse_description(const Json& json, bool draft) {

@@ -6,10 +6,10 @@
 #define TOOL_DESCRIPTION_H
 
 #include "digest.h"
+#include "json.h"
 #include "velox_ota_hl.h"
 
 #include <cstdint>
-#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -49,13 +49,10 @@ struct Description {
     int32_t nosec_up_flag;
 };
 
-/** A JSON text; a key given twice is refused, since readers would differ on which one counts. */
-nlohmann::ordered_json parse_json(const std::string& text, const std::string& name);
-
 /**
  * @param draft  digests and sizes may be missing, as they are before packing
  */
-Description parse_description(const nlohmann::ordered_json& json, bool draft = false);
+Description parse_description(const Json& json, bool draft = false);
 
 /** The form in which the library takes a description. */
 update_info_t to_update_info(const Description& description);

@@ -1,12 +1,9 @@
 /** tessera: dispatches to the verbs and turns whatever goes wrong into one plain sentence. */
 #include "verb.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cctype>
 #include <csignal>
 #include <span>
-#include <sstream>
 #include <string_view>
 #include <utility>
 
@@ -34,35 +31,26 @@ constexpr Verb verbs[] = {
 constexpr char exit_table[] = "Exit status: 0 done; 1 refused or failed, or another command is at work; 2 usage;\n"
                               "3 the package is refused; 4 a device failed; 130 interrupted";
 
-void add_common_options(CLI::App& app, Context& context) {
-    app.add_flag("--json", context.json, "Print results and errors as JSON");
-    app.add_flag("-v,--verbose", context.verbose, "Let the library's log lines through to stderr");
+/** An option that says something and does nothing else. */
+Option& add_answer(Command& root, char letter, std::string_view name, std::string_view help) {
+    Option& option = root.options.emplace_back();
+    option.letter = letter;
+    option.name = name;
+    option.help = help;
+    option.is_answer = true;
+    return option;
 }
 
-void declare_all(CLI::App& app, Context& context) {
-    app.name("tessera");
-    app.footer(exit_table);
-    app.require_subcommand(1);
-    app.set_version_flag("--version", "tessera " TESSERA_VERSION);
-    add_common_options(app, context);
+void declare_all(Command& root, Context& context) {
+    root.name = "tessera";
+    root.summary = "Updates an embedded board over its A/B slots, and shows and mends what an update relies on";
+    add_answer(root, 'h', "--help", "Print this help and exit");
+    add_answer(root, '\0', "--version", "Print the version and exit").is_own = true;
+    add_flag(root, "--json", context.json, "Print results and errors as JSON");
+    add_flag(root, "-v,--verbose", context.verbose, "Let the library's log lines through to stderr");
     for (const Verb& verb : verbs) {
-        CLI::App* command = app.add_subcommand(verb.name, verb.summary);
-        add_common_options(*command, context);
-        verb.declare(*command, context);
+        root.add(verb.name, verb.summary).declare = [&](Command& command) { verb.declare(command, context); };
     }
-}
-
-/** A sentence of the parser in the manner of the command: lower case, no full stop. */
-std::string in_our_manner(std::string sentence) {
-    while (!sentence.empty() && (sentence.back() == '.' || sentence.back() == '\n')) {
-        sentence.pop_back();
-    }
-    const auto second = static_cast<unsigned char>(sentence.size() > 1 ? sentence[1] : 'A');
-    const bool is_word = std::isupper(second) == 0 && std::isdigit(second) == 0;
-    if (is_word) {
-        sentence[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(sentence[0])));
-    }
-    return sentence;
 }
 
 /** For a command line that makes no sense: its error is to be read by whoever would have read the rest. */
@@ -74,36 +62,21 @@ bool asks_for_json(std::span<char*> words) {
     });
 }
 
-std::string usage_hint(const CLI::App& app) {
-    const auto chosen = app.get_subcommands();
-    return chosen.empty() ? "tessera --help" : "tessera " + chosen.front()->get_name() + " --help";
-}
-
-/** The parser misses a subcommand where it found an unknown word, and does not name the word. */
-std::string sentence_for(const CLI::App& app, const CLI::ParseError& error) {
-    const auto chosen = app.get_subcommands();
-    const auto unknown = chosen.empty() ? app.remaining() : chosen.front()->remaining();
-    const bool is_missing = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
-    if (is_missing && !unknown.empty()) {
-        return (unknown.front().starts_with('-') ? "there is no option " : "there is no command ") + unknown.front();
-    }
-    return in_our_manner(error.what());
-}
-
-/** Parses the command line and does what it says. */
-void run(CLI::App& app, Context& context, int argc, char** argv) {
+/** Reads the command line and does what it says. */
+void run(Command& root, Context& context, std::span<char*> words) {
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& asked) { /* --help, --version */
-        std::ostringstream text;
-        app.exit(asked, text, text);
-        console::print(text.str());
-        return;
-    } catch (const CLI::ParseError& error) {
-        if (asks_for_json({argv, static_cast<size_t>(argc)})) {
+        const CommandLine line = read_command_line(root, words);
+        if (line.answer != nullptr) {
+            const bool is_help = line.answer->name == "--help";
+            console::print(is_help ? line.command.help() + "\n" + exit_table : "tessera " TESSERA_VERSION);
+            return;
+        }
+        line.command.action();
+    } catch (const Failure&) {
+        if (asks_for_json(words)) {
             console::speak_json();
         }
-        throw Failure(ExitCode::usage, sentence_for(app, error), usage_hint(app));
+        throw;
     }
     if (context.json) {
         console::speak_json();
@@ -117,9 +90,9 @@ void run(CLI::App& app, Context& context, int argc, char** argv) {
 ExitCode guarded_run(int argc, char** argv) {
     Context context;
     try {
-        CLI::App app("Updates an embedded board over its A/B slots, and shows and mends what an update relies on");
-        declare_all(app, context);
-        run(app, context, argc, argv);
+        Command root;
+        declare_all(root, context);
+        run(root, context, {argv + 1, static_cast<size_t>(std::max(argc, 1) - 1)});
         return ExitCode::ok;
     } catch (const Failure& failure) {
         console::report(failure);
@@ -127,7 +100,7 @@ ExitCode guarded_run(int argc, char** argv) {
     } catch (const std::bad_alloc&) {
         console::report(Failure(ExitCode::failed, "out of memory"));
     } catch (const std::exception& error) {
-        console::report(Failure(ExitCode::failed, in_our_manner(error.what())));
+        console::report(Failure(ExitCode::failed, error.what()));
     }
     return ExitCode::failed;
 }

@@ -1,88 +1,150 @@
 #include "verb.h"
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <limits>
 
 namespace {
 
-/** The parser's own check would tell the largest double with all its digits. */
-std::string judge_sign(const std::string& number) {
-    const size_t first = number.find_first_not_of(" \t");
-    return first != std::string::npos && number[first] == '-' ? "it must not be negative" : "";
+/** Splits "-o,--output" into its letter and its name. */
+Option& add_option(Command& command, std::string_view names, std::string_view type, const char* help) {
+    const bool is_option = names.starts_with('-');
+    Option& option = (is_option ? command.options : command.words).emplace_back();
+    if (names.size() > 3 && names[2] == ',') {
+        option.letter = names[1];
+        names.remove_prefix(3);
+    }
+    option.name = names;
+    option.type = type;
+    option.help = help;
+    return option;
+}
+
+Option& add_stored(Command& command, const char* names, std::string& text, const char* help) {
+    Option& option = add_option(command, names, "TEXT", help);
+    option.initial = text;
+    option.take = [&text](const std::string& value) {
+        text = value;
+        return std::string();
+    };
+    return option;
+}
+
+/** Decimal, or hexadecimal after 0x. */
+std::string to_number(std::string_view text, uint64_t most, uint64_t& number) {
+    if (text.starts_with('-')) {
+        return "it must not be negative";
+    }
+    const bool is_hexadecimal = text.starts_with("0x");
+    const std::string_view digits = text.substr(is_hexadecimal ? 2 : 0);
+    const char* end = digits.data() + digits.size();
+    const auto [after, error] = std::from_chars(digits.data(), end, number, is_hexadecimal ? 16 : 10);
+    if (after != end || error == std::errc::invalid_argument) {
+        return "\"" + std::string(text) + "\" is not a whole number";
+    }
+    return error == std::errc() && number <= most ? "" : std::string(text) + " is too large";
+}
+
+/** Keeps what is stored as it is when the word is no number. */
+template <class Number>
+Option* add_any_number(Command& command, const char* name, Number& number, uint64_t most, const char* help) {
+    Option& option = add_option(command, name, "UINT", help);
+    option.take = [&number, most](const std::string& text) {
+        uint64_t value = 0;
+        std::string problem = to_number(text, most, value);
+        if (problem.empty()) {
+            number = static_cast<Number>(value);
+        }
+        return problem;
+    };
+    return &option;
 }
 
 } // namespace
 
-void on_command(CLI::App& command, Context& context, const std::function<void()>& action) {
-    command.callback([&command, &context, action] {
-        if (command.get_subcommands().empty()) {
-            context.run = action;
-        }
-    });
+void on_command(Command& command, Context& context, const std::function<void()>& action) {
+    command.action = [&context, action] { context.run = action; };
 }
 
-CLI::App& add_command(CLI::App& verb, const char* name, const char* summary) {
-    return *verb.add_subcommand(name, summary)->fallthrough();
+Command& add_command(Command& verb, const char* name, const char* summary) {
+    return verb.add(name, summary);
 }
 
-void allow_command(CLI::App& verb) {
-    verb.require_subcommand(0, 1);
+void allow_command(Command& verb) {
+    verb.below = Command::Below::optional;
 }
 
-void demand_command(CLI::App& verb) {
-    verb.require_subcommand(1);
+void demand_command(Command& verb) {
+    verb.below = Command::Below::required;
 }
 
-void add_word(CLI::App& command, const char* name, std::string& word, const char* help) {
-    command.add_option(name, word, help)->required();
+void add_word(Command& command, const char* name, std::string& word, const char* help) {
+    add_stored(command, name, word, help).is_required = true;
 }
 
-CLI::Option* add_text(CLI::App& command, const char* name, std::string& text, const char* help) {
-    CLI::Option* option = command.add_option(name, text, help);
-    return text.empty() ? option : option->capture_default_str();
+Option* add_text(Command& command, const char* name, std::string& text, const char* help) {
+    return &add_stored(command, name, text, help);
 }
 
-CLI::Option* add_number(CLI::App& command, const char* name, uint32_t& number, const char* help) {
-    return command.add_option(name, number, help)->check(judge_sign);
+Option* add_number(Command& command, const char* name, uint32_t& number, const char* help) {
+    return add_any_number(command, name, number, std::numeric_limits<uint32_t>::max(), help);
 }
 
-CLI::Option* add_number(CLI::App& command, const char* name, uint64_t& number, const char* help) {
-    return command.add_option(name, number, help)->check(judge_sign);
+Option* add_number(Command& command, const char* name, uint64_t& number, const char* help) {
+    return add_any_number(command, name, number, std::numeric_limits<uint64_t>::max(), help);
 }
 
-CLI::Option* add_number(CLI::App& command, const char* name, std::optional<uint64_t>& number, const char* help) {
-    return command.add_option(name, number, help)->check(judge_sign);
+Option* add_number(Command& command, const char* name, std::optional<uint64_t>& number, const char* help) {
+    return add_any_number(command, name, number, std::numeric_limits<uint64_t>::max(), help);
 }
 
-void add_flag(CLI::App& command, const char* name, bool& flag, const char* help) {
-    command.add_flag(name, flag, help);
+Option* add_flag(Command& command, const char* name, bool& flag, const char* help) {
+    Option& option = add_option(command, name, "", help);
+    option.take = [&flag](const std::string&) {
+        flag = true;
+        return std::string();
+    };
+    return &option;
 }
 
-void add_choice(CLI::App& command, const char* name, const char* type, const std::vector<std::string>& words,
+void add_choice(Command& command, const char* name, const char* type, const std::vector<std::string>& words,
                 const std::function<void(const std::string&)>& choose, const char* help) {
-    command.add_option_function<std::string>(name, choose, help)
-        ->check(CLI::IsMember(words).description(""))
-        ->type_name(type);
+    add_option(command, name, type, help).take = [words, choose](const std::string& word) {
+        if (std::ranges::find(words, word) != words.end()) {
+            choose(word);
+            return std::string();
+        }
+        std::string problem = "\"" + word + "\" is not one of";
+        for (const std::string& choice : words) {
+            problem += (&choice == &words.front() ? " " : ", ") + choice;
+        }
+        return problem;
+    };
 }
 
-void add_lock(CLI::App& command, std::string& file) {
+void add_lock(Command& command, std::string& file) {
     add_text(command, "--lock", file, "Lock that only one command at a time holds");
 }
 
 /* An empty name is that of an unset variable in a script, and must not switch the check off. */
-void add_trust(CLI::App& command, std::string& file) {
-    add_text(command, "--trust", file, "PEM file of the certificates whose signatures are accepted")
-        ->envname("TESSERA_TRUST")
-        ->check([](const std::string& name) { return name.empty() ? "it names no file" : ""; });
+void add_trust(Command& command, std::string& file) {
+    Option& option = add_stored(command, "--trust", file, "PEM file of the certificates whose signatures are accepted");
+    option.environment = "TESSERA_TRUST";
+    option.take = [&file](const std::string& name) {
+        file = name;
+        return std::string(name.empty() ? "it names no file" : "");
+    };
 }
 
-void add_need(CLI::Option* option, CLI::Option* other) {
-    option->needs(other);
+void add_need(Option* option, Option* other) {
+    option->needs.push_back(other);
 }
 
-void add_exclusion(CLI::Option* option, CLI::Option* other) {
-    option->excludes(other);
+void add_exclusion(Option* option, Option* other) {
+    option->excludes.push_back(other);
+    other->excludes.push_back(option);
 }
 
-bool is_given(const CLI::Option* option) {
-    return option->count() > 0;
+bool is_given(const Option* option) {
+    return option->is_given;
 }

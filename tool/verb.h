@@ -2,6 +2,7 @@
 #ifndef TOOL_VERB_H
 #define TOOL_VERB_H
 
+#include "command_line.h"
 #include "console.h"
 #include "json.h"
 
@@ -11,11 +12,6 @@
 #include <optional>
 #include <string>
 #include <vector>
-
-namespace CLI {
-class App;
-class Option;
-} // namespace CLI
 
 /** One run of the command. */
 struct Context {
@@ -32,57 +28,57 @@ struct Context {
 struct Verb {
     const char* name;
     const char* summary;
-    void (*declare)(CLI::App& verb, Context& context); /* adds options, and what to do */
+    void (*declare)(Command& verb, Context& context); /* adds options, and what to do */
 };
 
-/* What a verb declares. The parser's header is large: only verb.cpp and main.cpp see it. */
+/* What a verb declares. */
 
 /** Has `command` do `action`, unless a command below it is given. */
-void on_command(CLI::App& command, Context& context, const std::function<void()>& action);
+void on_command(Command& command, Context& context, const std::function<void()>& action);
 
 /** A command below a verb; it takes the verb's common options too. */
-CLI::App& add_command(CLI::App& verb, const char* name, const char* summary);
-void allow_command(CLI::App& verb);
-void demand_command(CLI::App& verb);
+Command& add_command(Command& verb, const char* name, const char* summary);
+void allow_command(Command& verb);
+void demand_command(Command& verb);
 
 /** A word that has to be there. */
-void add_word(CLI::App& command, const char* name, std::string& word, const char* help);
+void add_word(Command& command, const char* name, std::string& word, const char* help);
 
-CLI::Option* add_text(CLI::App& command, const char* name, std::string& text, const char* help);
-CLI::Option* add_number(CLI::App& command, const char* name, uint32_t& number, const char* help);
-CLI::Option* add_number(CLI::App& command, const char* name, uint64_t& number, const char* help);
-CLI::Option* add_number(CLI::App& command, const char* name, std::optional<uint64_t>& number, const char* help);
-void add_flag(CLI::App& command, const char* name, bool& flag, const char* help);
+Option* add_text(Command& command, const char* name, std::string& text, const char* help);
+Option* add_number(Command& command, const char* name, uint32_t& number, const char* help);
+Option* add_number(Command& command, const char* name, uint64_t& number, const char* help);
+Option* add_number(Command& command, const char* name, std::optional<uint64_t>& number, const char* help);
+Option* add_flag(Command& command, const char* name, bool& flag, const char* help);
 
-/** One of several words; `choose` gets it when the whole command line has been read. */
-void add_choice(CLI::App& command, const char* name, const char* type, const std::vector<std::string>& words,
+/** One of several words; `choose` gets it. */
+void add_choice(Command& command, const char* name, const char* type, const std::vector<std::string>& words,
                 const std::function<void(const std::string&)>& choose, const char* help);
 
 /** The lock that everything takes which changes what an update relies on. */
-void add_lock(CLI::App& command, std::string& file);
+void add_lock(Command& command, std::string& file);
 
 /** The certificates whose signatures are accepted. */
-void add_trust(CLI::App& command, std::string& file);
+void add_trust(Command& command, std::string& file);
 
-void add_need(CLI::Option* option, CLI::Option* other);
-void add_exclusion(CLI::Option* option, CLI::Option* other);
-bool is_given(const CLI::Option* option);
+void add_need(Option* option, Option* other);
+void add_exclusion(Option* option, Option* other);
+bool is_given(const Option* option);
 
-void declare_board(CLI::App& verb, Context& context);
-void declare_compare(CLI::App& verb, Context& context);
-void declare_confirm(CLI::App& verb, Context& context);
-void declare_digest(CLI::App& verb, Context& context);
-void declare_efuse(CLI::App& verb, Context& context);
-void declare_flashcmd(CLI::App& verb, Context& context);
-void declare_install(CLI::App& verb, Context& context);
-void declare_pack(CLI::App& verb, Context& context);
-void declare_package(CLI::App& verb, Context& context);
-void declare_partitions(CLI::App& verb, Context& context);
-void declare_rollback(CLI::App& verb, Context& context);
-void declare_slots(CLI::App& verb, Context& context);
-void declare_status(CLI::App& verb, Context& context);
-void declare_verify(CLI::App& verb, Context& context);
-void declare_version(CLI::App& verb, Context& context);
-void declare_versions(CLI::App& verb, Context& context);
+void declare_board(Command& verb, Context& context);
+void declare_compare(Command& verb, Context& context);
+void declare_confirm(Command& verb, Context& context);
+void declare_digest(Command& verb, Context& context);
+void declare_efuse(Command& verb, Context& context);
+void declare_flashcmd(Command& verb, Context& context);
+void declare_install(Command& verb, Context& context);
+void declare_pack(Command& verb, Context& context);
+void declare_package(Command& verb, Context& context);
+void declare_partitions(Command& verb, Context& context);
+void declare_rollback(Command& verb, Context& context);
+void declare_slots(Command& verb, Context& context);
+void declare_status(Command& verb, Context& context);
+void declare_verify(Command& verb, Context& context);
+void declare_version(Command& verb, Context& context);
+void declare_versions(Command& verb, Context& context);
 
 #endif

@@ -49,7 +49,7 @@ void show_check(const Context& context) {
 
 } // namespace
 
-void declare_board(CLI::App& verb, Context& context) {
+void declare_board(Command& verb, Context& context) {
     auto check = std::make_shared<bool>(false);
     add_flag(verb, "--check", *check, "Go through all that a board must supply, and say how to mend what is missing");
     on_command(verb, context, [&context, check] { *check ? show_check(context) : show_board(context); });

@@ -82,7 +82,7 @@ void compare(const Context& context, const Options& options) {
 
 } // namespace
 
-void declare_compare(CLI::App& verb, Context& context) {
+void declare_compare(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "PART_A", options->first, "A partition by its name, or a file");
     add_word(verb, "PART_B", options->second, "Another one");

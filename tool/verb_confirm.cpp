@@ -88,7 +88,7 @@ void confirm(const Context& context, const std::string& lock_file) {
 
 } // namespace
 
-void declare_confirm(CLI::App& verb, Context& context) {
+void declare_confirm(Command& verb, Context& context) {
     auto lock_file = std::make_shared<std::string>(default_lock_file);
     add_lock(verb, *lock_file);
     on_command(verb, context, [&context, lock_file] { confirm(context, *lock_file); });

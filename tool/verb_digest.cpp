@@ -68,11 +68,11 @@ void show_digest(const Context& context, const Options& options) {
 
 } // namespace
 
-void declare_digest(CLI::App& verb, Context& context) {
+void declare_digest(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "NAME", options->name, "A file, or a partition by its name");
     add_number(verb, "--offset", options->offset, "Begin at this byte");
-    CLI::Option* length = add_number(verb, "--length", options->length, "Digest so many bytes");
+    Option* length = add_number(verb, "--length", options->length, "Digest so many bytes");
     add_exclusion(add_number(verb, "--garbage", options->garbage, "Leave out so many bytes at the end"), length);
     add_flag(verb, "--sha256", options->sha256, "SHA-256 instead of MD5");
     on_command(verb, context, [&context, options] { show_digest(context, *options); });

@@ -69,12 +69,12 @@ void burn(const Context& context, bool confirmed, const std::string& lock_file) 
 
 } // namespace
 
-void declare_efuse(CLI::App& verb, Context& context) {
+void declare_efuse(Command& verb, Context& context) {
     allow_command(verb);
     on_command(verb, context, [&context] { show_counters(context); });
-    CLI::App& command = add_command(verb, "burn",
-                                    "Raise the counters as the last package that passed asks for; "
-                                    "wait until the new slot is confirmed");
+    Command& command = add_command(verb, "burn",
+                                   "Raise the counters as the last package that passed asks for; "
+                                   "wait until the new slot is confirmed");
     auto confirmed = std::make_shared<bool>(false);
     add_flag(command, "--yes", *confirmed, "Yes, for ever");
     auto lock_file = std::make_shared<std::string>(default_lock_file);

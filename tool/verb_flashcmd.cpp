@@ -105,10 +105,10 @@ void write_command(const Context& context, const Options& options) {
 
 } // namespace
 
-void declare_flashcmd(CLI::App& verb, Context& context) {
+void declare_flashcmd(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "NAME", options->name, "Name of the command's file on the board");
-    CLI::Option* data = add_text(verb, "--data", options->data_file, "File with data, for misc_write_cmd");
+    Option* data = add_text(verb, "--data", options->data_file, "File with data, for misc_write_cmd");
     add_need(add_number(verb, "--offset", options->offset, "Byte of the data area where the data goes"), data);
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options] { write_command(context, *options); });

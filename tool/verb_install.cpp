@@ -236,7 +236,7 @@ void choose_progress(Options& options, const std::string& mode) {
 
 } // namespace
 
-void declare_install(CLI::App& verb, Context& context) {
+void declare_install(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "PACKAGE", options->package, "The package, a zip file");
     add_trust(verb, options->trust);
@@ -247,7 +247,7 @@ void declare_install(CLI::App& verb, Context& context) {
     const auto choose = [options](const std::string& mode) { choose_progress(*options, mode); };
     add_choice(verb, "--progress", "MODE", {"bar", "plain", "json"}, choose,
                "How to show progress: bar, plain or json, on stderr");
-    const CLI::Option* version =
+    const Option* version =
         add_text(verb, "--version-file", options->version_file, "Where the installed version stands");
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options, version] {

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <set>
 
 namespace {
@@ -59,14 +60,14 @@ Json in_lower_case(const Json& value) {
     if (!value.is_string()) {
         return value;
     }
-    auto text = value.get<std::string>();
+    std::string text = value.text();
     std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
     return text;
 }
 
 /** Fills in what a draft leaves out, and refuses what it states wrongly. */
 void complete(Json& partition, const Options& options) {
-    const auto file = partition["file"].get<std::string>();
+    const std::string file = partition["file"].text();
     Digester digester(Digester::Kind::both);
     const uint64_t size =
         read_pieces(options.directory + "/" + file, [&](std::span<const uint8_t> piece) { digester.add(piece); });
@@ -75,12 +76,14 @@ void complete(Json& partition, const Options& options) {
     }
     const Digests digests = digester.finish();
     const Json found = {{"md5", digests.md5}, {"sha256", digests.sha256}, {"size", size}};
-    for (const auto& item : found.items()) {
-        if (partition.contains(item.key()) && in_lower_case(partition[item.key()]) != item.value()) {
-            throw Failure(ExitCode::failed, "the description states another " + item.key() + " of " + file,
+    for (const auto& [key, value] : found.fields()) {
+        const Json* stated = partition.find(key);
+        if (stated != nullptr && in_lower_case(*stated) != value) {
+            throw Failure(ExitCode::failed,
+                          format("the description states another %s of %s", key.c_str(), file.c_str()),
                           "leave it out, and it is filled in");
         }
-        partition[item.key()] = item.value();
+        partition[key] = value;
     }
 }
 
@@ -140,13 +143,13 @@ void pack(const Context& context, const Options& options) {
 
 } // namespace
 
-void declare_pack(CLI::App& verb, Context& context) {
+void declare_pack(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "DESCRIPTION", options->description, "JSON text; digests and sizes are filled in");
     add_word(verb, "DIR", options->directory, "Directory of the images");
     add_word(verb, "-o,--output", options->output, "The package to make");
-    CLI::Option* key = add_text(verb, "--sign", options->key, "PEM file of the key to sign with");
-    CLI::Option* certificate = add_text(verb, "--cert", options->certificate, "PEM file of its certificate");
+    Option* key = add_text(verb, "--sign", options->key, "PEM file of the key to sign with");
+    Option* certificate = add_text(verb, "--cert", options->certificate, "PEM file of its certificate");
     add_need(key, certificate);
     add_need(certificate, key);
     on_command(verb, context, [&context, options] { pack(context, *options); });

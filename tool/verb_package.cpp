@@ -203,23 +203,23 @@ struct Options {
     std::string other; /* a directory or a name */
 };
 
-CLI::App& declare_one(CLI::App& verb, const char* name, const char* summary, const std::shared_ptr<Options>& options) {
-    CLI::App& command = add_command(verb, name, summary);
+Command& declare_one(Command& verb, const char* name, const char* summary, const std::shared_ptr<Options>& options) {
+    Command& command = add_command(verb, name, summary);
     add_word(command, "FILE", options->file, "The package, a zip file");
     return command;
 }
 
 } // namespace
 
-void declare_package(CLI::App& verb, Context& context) {
+void declare_package(Command& verb, Context& context) {
     demand_command(verb);
     auto options = std::make_shared<Options>();
     on_command(declare_one(verb, "list", "List the entries, and what unpacking needs", options), context,
                [&context, options] { list(context, options->file); });
-    CLI::App& unpack_command = declare_one(verb, "unpack", "Unpack all entries below a directory", options);
+    Command& unpack_command = declare_one(verb, "unpack", "Unpack all entries below a directory", options);
     add_word(unpack_command, "DIR", options->other, "The directory, made when it is missing");
     on_command(unpack_command, context, [&context, options] { unpack(context, options->file, options->other); });
-    CLI::App& has_command = declare_one(verb, "has", "Tell whether the name of an entry begins so", options);
+    Command& has_command = declare_one(verb, "has", "Tell whether the name of an entry begins so", options);
     add_word(has_command, "NAME", options->other, "The name, or its beginning");
     on_command(has_command, context, [&context, options] { has(context, options->file, options->other); });
     on_command(declare_one(verb, "check", "Read every entry through, and report those that are damaged", options),

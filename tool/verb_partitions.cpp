@@ -149,6 +149,6 @@ void show_partitions(const Context& context) {
 
 } // namespace
 
-void declare_partitions(CLI::App& verb, Context& context) {
+void declare_partitions(Command& verb, Context& context) {
     on_command(verb, context, [&context] { show_partitions(context); });
 }

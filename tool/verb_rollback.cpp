@@ -42,7 +42,7 @@ void roll_back(const Context& context, const std::string& lock_file) {
 
 } // namespace
 
-void declare_rollback(CLI::App& verb, Context& context) {
+void declare_rollback(Command& verb, Context& context) {
     auto lock_file = std::make_shared<std::string>(default_lock_file);
     add_lock(verb, *lock_file);
     on_command(verb, context, [&context, lock_file] { roll_back(context, *lock_file); });

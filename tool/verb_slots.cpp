@@ -82,8 +82,8 @@ int32_t existing_slot(const std::string& word) {
     return *number;
 }
 
-void declare_change(CLI::App& verb, Context& context, const char* name, const char* summary, void (*change)(int32_t)) {
-    CLI::App& command = add_command(verb, name, summary);
+void declare_change(Command& verb, Context& context, const char* name, const char* summary, void (*change)(int32_t)) {
+    Command& command = add_command(verb, name, summary);
     auto word = std::make_shared<std::string>();
     auto lock_file = std::make_shared<std::string>(default_lock_file);
     add_word(command, "SLOT", *word, "Number or letter of the slot");
@@ -97,13 +97,13 @@ void declare_change(CLI::App& verb, Context& context, const char* name, const ch
 
 } // namespace
 
-void declare_slots(CLI::App& verb, Context& context) {
+void declare_slots(Command& verb, Context& context) {
     allow_command(verb);
     on_command(verb, context, [&context] { show_slots(context); });
     declare_change(verb, context, "set-next", "Boot this slot next, with one try", set_next_slot);
     declare_change(verb, context, "mark-good", "Mark this slot as booted successfully", mark_slot_good);
     declare_change(verb, context, "mark-bad", "Make this slot unbootable", mark_slot_unbootable);
-    CLI::App& reset = add_command(verb, "reset", "Write a new block: two slots on trial, with 7 tries each");
+    Command& reset = add_command(verb, "reset", "Write a new block: two slots on trial, with 7 tries each");
     auto lock_file = std::make_shared<std::string>(default_lock_file);
     add_lock(reset, *lock_file);
     on_command(reset, context, [&context, lock_file] {

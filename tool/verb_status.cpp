@@ -231,8 +231,8 @@ struct SetOptions {
     std::string lock_file = default_lock_file;
 };
 
-void declare_set(CLI::App& verb, Context& context) {
-    CLI::App& command = add_command(verb, "set", "Store one field of the status");
+void declare_set(Command& verb, Context& context) {
+    Command& command = add_command(verb, "set", "Store one field of the status");
     auto options = std::make_shared<SetOptions>();
     add_word(command, "FIELD", options->field, "update, system, backup, middleware, app, param, owner or next-slot");
     add_word(command, "VALUE", options->value,
@@ -248,11 +248,11 @@ void declare_set(CLI::App& verb, Context& context) {
 
 } // namespace
 
-void declare_status(CLI::App& verb, Context& context) {
+void declare_status(Command& verb, Context& context) {
     allow_command(verb);
     on_command(verb, context, [&context] { show_status(context); });
     declare_set(verb, context);
-    CLI::App& reset = add_command(verb, "reset", "Make both records anew");
+    Command& reset = add_command(verb, "reset", "Make both records anew");
     auto lock_file = std::make_shared<std::string>(default_lock_file);
     add_lock(reset, *lock_file);
     on_command(reset, context, [&context, lock_file] {

@@ -88,7 +88,7 @@ void verify(const Context& context, const Options& options) {
 
 } // namespace
 
-void declare_verify(CLI::App& verb, Context& context) {
+void declare_verify(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "PACKAGE", options->package, "The package, a zip file");
     add_trust(verb, options->trust);

@@ -52,14 +52,14 @@ void show_version(const Context& context, const std::string& file) {
 
 } // namespace
 
-void declare_version(CLI::App& verb, Context& context) {
+void declare_version(Command& verb, Context& context) {
     demand_command(verb);
     auto words = std::make_shared<std::array<std::string, 2>>();
-    CLI::App& comparison = add_command(verb, "compare", "Tell whether V1 is older or newer than V2");
+    Command& comparison = add_command(verb, "compare", "Tell whether V1 is older or newer than V2");
     add_word(comparison, "V1", (*words)[0], "A version, or a line with one behind _");
     add_word(comparison, "V2", (*words)[1], "The other");
     on_command(comparison, context, [&context, words] { compare(context, (*words)[0], (*words)[1]); });
-    CLI::App& show = add_command(verb, "show", "Show the version in a version file");
+    Command& show = add_command(verb, "show", "Show the version in a version file");
     add_word(show, "FILE", (*words)[0], "The version file");
     on_command(show, context, [&context, words] { show_version(context, (*words)[0]); });
 }

@@ -70,7 +70,7 @@ void show_versions(const Context& context, const Options& options) {
 
 } // namespace
 
-void declare_versions(CLI::App& verb, Context& context) {
+void declare_versions(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "FILE", options->file, "An image of firmware or of verified boot");
     add_choice(

@@ -1,0 +1,63 @@
+/** The command line: which words and options each command takes, their help, and reading them. */
+#ifndef TOOL_COMMAND_LINE_H
+#define TOOL_COMMAND_LINE_H
+
+#include <deque>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/** An option, or a word by its position. What the views name has to outlive the command: literals, as a rule. */
+struct Option {
+    char letter = '\0';    /* of "-o"; NUL: it has none */
+    std::string_view name; /* "--output"; "FILE" of a word */
+    std::string_view type; /* what its value is, as the help shows it; empty: it is a flag */
+    std::string_view help;
+    std::string initial;               /* the value when it is not given, for the help */
+    const char* environment = nullptr; /* variable that gives the value when the command line does not */
+    bool is_answer = false;            /* reading ends here, as for --help: what else is on the line does not count */
+    bool is_own = false;               /* not taken by the commands below, unlike all other options */
+    bool is_required = false;
+    bool is_given = false;
+    std::vector<const Option*> needs;
+    std::vector<const Option*> excludes;
+    std::function<std::string(const std::string& value)> take; /* stores it, or returns why it does not fit */
+};
+
+struct Command {
+    enum class Below { none, optional, required }; /* whether a command has to follow */
+
+    std::string_view name;
+    std::string_view summary;
+    Command* parent = nullptr; /* its options are taken as well */
+    Below below = Below::none;
+    std::function<void(Command&)> declare; /* adds all that follows, once the command has been named */
+    std::function<void()> action;
+    std::deque<Option> words;
+    std::deque<Option> options;
+    std::deque<Command> commands;
+
+    Command& add(std::string_view command_name, std::string_view command_summary);
+    /** "tessera slots reset" */
+    [[nodiscard]] std::string path() const;
+    [[nodiscard]] std::string help() const;
+};
+
+struct CommandLine {
+    Command& command;
+    const Option* answer; /* nullptr: do what the command does */
+};
+
+/**
+ * Reads the words of a command line, stores what they give, and finds the command they name. Options may stand
+ * before and after what they belong to: `--name value`, `--name=value`, `-n value`, `-nvalue`, `-ab` for flags;
+ * behind `--` everything is a word. An option's name is never taken for another option's value.
+ * Where a line is wrong but holds --help, help is the answer.
+ *
+ * @throws Failure (usage) with the help of the command at hand as its hint; what was stored does not count then
+ */
+CommandLine read_command_line(Command& root, std::span<char* const> words);
+
+#endif
