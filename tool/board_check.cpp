@@ -4,6 +4,7 @@
 #include "device.h"
 #include "names.h"
 #include "partition.h"
+#include "slot_block.h"
 #include "text.h"
 #include "update_lock.h"
 #include "velox_ota_hl.h"
@@ -31,6 +32,17 @@ BoardItem number_item(const char* name, int32_t value, const std::string& word, 
     return {name, value >= 0, value >= 0 ? word : "the kernel command line does not tell", mend};
 }
 
+/** A system on trial may be another one at the next boot. */
+std::string trial_addition() {
+    try {
+        const SlotBlock block = read_slot_block();
+        const Slot* trial = running_trial(block);
+        return trial != nullptr ? "; " + trial_remark(*trial) : "";
+    } catch (const Failure&) {
+        return ""; /* the item of its partition says more */
+    }
+}
+
 std::vector<BoardItem> check_command_line() {
     const int32_t medium = get_boot_medium();
     const int32_t mode = get_boot_mode();
@@ -39,7 +51,7 @@ std::vector<BoardItem> check_command_line() {
                         "have the bootloader put veloxboot.medium=MMC, nand or nor on the kernel command line"),
             number_item("boot mode", mode, mode_names.word(mode),
                         "have the bootloader put veloxboot.mode=normal or recovery on the kernel command line"),
-            number_item("running slot", slot, slot_letter(slot),
+            number_item("running slot", slot, slot_letter(slot) + trial_addition(),
                         "have the bootloader put veloxboot.slot_suffix=_a, _b or _c into the first 1023 bytes of the "
                         "kernel command line")};
 }
@@ -138,21 +150,33 @@ std::string origin(const char* symbol) {
     return address != nullptr && dladdr(address, &info) != 0 ? info.dli_fname : "";
 }
 
+/** Each of the desktop's libraries has a symbol that says so, and no board's library has it. */
+bool is_stand_in(const std::string& file) {
+    void* const library = file.empty() ? nullptr : dlopen(file.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+    if (library == nullptr) {
+        return false;
+    }
+    const bool says_so = dlsym(library, "tessera_stand_in") != nullptr;
+    (void)dlclose(library);
+    return says_so;
+}
+
 BoardItem check_log_library() {
     const std::string file = origin("__android_log_print");
     return {"log library", !file.empty(), file.empty() ? "nothing has __android_log_print" : file,
-            "install the board's liblog.so where the loader finds it"};
+            "install the board's liblog.so where the loader finds it", is_stand_in(file)};
 }
 
 BoardItem check_fuses() {
     antirollback_ver_t counters{};
     console::forget_errors();
     const bool answers = get_efuse_antirollback(&counters) == 0;
+    const std::string file = origin("kastor_efuse_sec_anti_read");
     return {"eFuse library", answers,
-            answers ? format("secure %u, non-secure %u, from %s", counters.sec_ver, counters.nosec_ver,
-                             origin("kastor_efuse_sec_anti_read").c_str())
+            answers ? format("secure %u, non-secure %u, from %s", counters.sec_ver, counters.nosec_ver, file.c_str())
                     : "the counters cannot be read" + console::logged_cause(),
-            "install the board's libkastor_efuse.so where the loader finds it, and let it reach its counters"};
+            "install the board's libkastor_efuse.so where the loader finds it, and let it reach its counters",
+            is_stand_in(file)};
 }
 
 bool is_flash_command(const fs::path& path) {

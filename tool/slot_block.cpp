@@ -4,6 +4,7 @@
 #include "names.h"
 #include "partition.h"
 #include "salvage.h"
+#include "text.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -39,6 +40,11 @@ std::string way_to_new_block() {
     const int32_t running = ota_get_cur_slot();
     const bool may_confirm = get_boot_mode() != RECOVERY_MODE && running >= 0 && running < new_block_slots;
     return may_confirm ? "tessera confirm" : "tessera slots reset";
+}
+
+/** Whether the block can be believed, and a slot's system runs that it has. */
+bool runs_slot(const SlotBlock& block) {
+    return block.checksum_is_right && get_boot_mode() != RECOVERY_MODE && block.find(ota_get_cur_slot()) != nullptr;
 }
 
 bootloader_control read_raw_block() {
@@ -87,11 +93,38 @@ bool SlotBlock::has_bootable_slot() const {
     return std::any_of(slots.begin(), slots.end(), [](const Slot& slot) { return slot.is_bootable(); });
 }
 
-bool SlotBlock::is_alone_in_front(int32_t number) const {
-    const Slot* front = find(number);
-    return front != nullptr && front->is_bootable() && std::all_of(slots.begin(), slots.end(), [&](const Slot& slot) {
-               return slot.number == number || slot.priority < front->priority;
+bool SlotBlock::has_highest_priority(int32_t number) const {
+    const Slot* first = find(number);
+    return first != nullptr && std::all_of(slots.begin(), slots.end(), [&](const Slot& slot) {
+               return slot.number == number || slot.priority < first->priority;
            });
+}
+
+bool SlotBlock::is_alone_in_front(int32_t number) const {
+    return has_highest_priority(number) && find(number)->is_bootable();
+}
+
+bool SlotBlock::is_confirmed_without(int32_t number) const {
+    return std::any_of(slots.begin(), slots.end(),
+                       [&](const Slot& slot) { return slot.number != number && slot.is_confirmed(); });
+}
+
+const Slot* running_trial(const SlotBlock& block) {
+    const Slot* slot = runs_slot(block) ? block.find(ota_get_cur_slot()) : nullptr;
+    return slot != nullptr && !slot->marked_good && !slot->corrupted ? slot : nullptr;
+}
+
+std::string trial_remark(const Slot& slot) {
+    const std::string left = slot.tries == 0 ? "no boots" : format("%u boot%s", slot.tries, slot.tries == 1 ? "" : "s");
+    return slot.name() + " is on trial, with " + left + " left before it is given up; tessera confirm keeps it";
+}
+
+const Slot* given_up_slot(const SlotBlock& block) {
+    const auto found = std::find_if(block.slots.begin(), block.slots.end(), [&](const Slot& slot) {
+        return slot.is_given_up() && block.has_highest_priority(slot.number);
+    });
+    const bool is_found = runs_slot(block) && found != block.slots.end() && found->number != ota_get_cur_slot();
+    return is_found ? &*found : nullptr;
 }
 
 SlotBlock read_slot_block() {

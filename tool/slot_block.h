@@ -47,11 +47,15 @@ struct SlotBlock {
     /** trial, confirmed, unbootable or corrupted; of a block with a wrong checksum nothing is known */
     [[nodiscard]] const char* state_of(const Slot& slot) const;
     [[nodiscard]] bool has_bootable_slot() const;
+    /** Whether the priority of every other slot is lower. */
+    [[nodiscard]] bool has_highest_priority(int32_t number) const;
     /**
      * Whether the slot is bootable and alone at the highest priority, as a switch leaves it. A slot that is
      * next by its tries or its mark only is no longer next once another one is marked good.
      */
     [[nodiscard]] bool is_alone_in_front(int32_t number) const;
+    /** Whether a slot other than `number` is known to be good. */
+    [[nodiscard]] bool is_confirmed_without(int32_t number) const;
 };
 
 /** Reads the block. Throws LostBlock, or Failure where there is no partition for it. */
@@ -62,6 +66,18 @@ SlotBlock require_slot_block();
 
 /** The same; nothing where it is lost or its checksum is wrong. */
 std::optional<SlotBlock> find_slot_block();
+
+/** The running slot, if it is on trial: each further boot takes one of its tries. Null in the recovery system. */
+const Slot* running_trial(const SlotBlock& block);
+
+/** What to know and do about that slot, for the user. */
+std::string trial_remark(const Slot& slot);
+
+/**
+ * The slot that was tried and given up, if one was. It still has the highest priority, while another runs; one
+ * that was marked bad by hand may look the same.
+ */
+const Slot* given_up_slot(const SlotBlock& block);
 
 /** The slot that the bootloader takes next; nothing when it has none. */
 std::optional<int32_t> next_slot();

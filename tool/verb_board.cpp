@@ -18,6 +18,10 @@ void show_board(const Context& context) {
     const int32_t mode = get_boot_mode();
     const int32_t running = ota_get_cur_slot();
     const int32_t update = ota_get_update_slot();
+    if (medium < 0 && mode < 0 && running < 0) {
+        throw Failure(ExitCode::failed, "this is not a board: the kernel command line names no medium, mode or slot",
+                      "tessera board --check");
+    }
     const Json value = {{"medium", medium_names.word(medium)},
                         {"mode", mode_names.word(mode)},
                         {"running_slot", number_or_null(running)},
@@ -31,9 +35,11 @@ void show_check(const Context& context) {
     Json value = Json::array();
     std::string text;
     for (const BoardItem& item : items) {
-        value.push_back({{"item", item.name}, {"ok", item.is_there}, {"found", item.found}});
-        text += format("%-9s%-20s%s\n", item.is_there ? "ok" : "MISSING", item.name.c_str(), item.found.c_str());
-        if (!item.is_there) {
+        const bool is_ok = item.is_there && !item.is_stand_in;
+        const char* state = is_ok ? "ok" : item.is_there ? "stand-in" : "MISSING";
+        value.push_back({{"item", item.name}, {"ok", is_ok}, {"stand_in", item.is_stand_in}, {"found", item.found}});
+        text += format("%-9s%-20s%s\n", state, item.name.c_str(), item.found.c_str());
+        if (!is_ok) {
             value.back()["mend"] = item.mend;
             text += format("%-9s%s\n", "", item.mend.c_str());
         }

@@ -31,8 +31,8 @@ std::vector<std::string> to_row(const Slot& slot, const char* state, const std::
             std::to_string(slot.tries),  slot.marked_good ? "yes" : "no", remarks};
 }
 
-/** What is odd about the block as a whole. */
-std::string complaints(const SlotBlock& block, int32_t running, std::optional<int32_t> next) {
+/** What else a reader has to know. */
+std::string remarks_on(const SlotBlock& block, int32_t running, std::optional<int32_t> next) {
     std::string text;
     if (!block.checksum_is_right) {
         text += "the checksum of the slot block is wrong, so which slots are good is unknown\n";
@@ -47,6 +47,9 @@ std::string complaints(const SlotBlock& block, int32_t running, std::optional<in
     if (!next) {
         text += "no slot can be booted\n";
     }
+    if (const Slot* trial = running_trial(block); trial != nullptr) {
+        text += trial_remark(*trial) + "\n";
+    }
     return text;
 }
 
@@ -54,6 +57,7 @@ void show_slots(const Context& context) {
     const SlotBlock block = read_slot_block();
     const int32_t running = ota_get_cur_slot();
     const auto next = next_slot();
+    const Slot* trial = running_trial(block);
     Json slots = Json::array();
     std::vector<std::vector<std::string>> rows;
     for (const Slot& slot : block.slots) {
@@ -63,10 +67,11 @@ void show_slots(const Context& context) {
     }
     const Json value = {{"running", running < 0 ? Json() : Json(running)},
                         {"next", next ? Json(*next) : Json()},
+                        {"boots_left", trial != nullptr ? Json(trial->tries) : Json()},
                         {"checksum_is_right", block.checksum_is_right},
                         {"slots", slots}};
     context.show(value, table({"slot", "", "state", "priority", "tries", "marked good", ""}, rows) +
-                            complaints(block, running, next));
+                            remarks_on(block, running, next));
 }
 
 /**
@@ -80,6 +85,37 @@ int32_t existing_slot(const std::string& word) {
         throw Failure(ExitCode::failed, "there is no slot " + word, "tessera slots");
     }
     return *number;
+}
+
+void demand_other_good_slot(int32_t slot) {
+    const SlotBlock block = require_slot_block();
+    if (slot == ota_get_cur_slot() && block.find(slot)->is_bootable() && !block.is_confirmed_without(slot)) {
+        throw Failure(ExitCode::failed,
+                      "cannot mark slot " + slot_letter(slot) + " bad: it is running, and no other slot is confirmed",
+                      "tessera slots mark-bad --yes " + slot_letter(slot));
+    }
+}
+
+void declare_mark_bad(Command& verb, Context& context) {
+    struct Options {
+        std::string word;
+        std::string lock_file = default_lock_file;
+        bool yes = false;
+    };
+    Command& command = add_command(verb, "mark-bad", "Make this slot unbootable");
+    auto options = std::make_shared<Options>();
+    add_word(command, "SLOT", options->word, "Number or letter of the slot");
+    add_flag(command, "--yes", options->yes, "Even the running slot, where no other is confirmed");
+    add_lock(command, options->lock_file);
+    on_command(command, context, [&context, options] {
+        const UpdateLock lock(options->lock_file, "tessera slots");
+        const int32_t slot = existing_slot(options->word);
+        if (!options->yes) {
+            demand_other_good_slot(slot);
+        }
+        mark_slot_unbootable(slot);
+        show_slots(context);
+    });
 }
 
 void declare_change(Command& verb, Context& context, const char* name, const char* summary, void (*change)(int32_t)) {
@@ -102,7 +138,7 @@ void declare_slots(Command& verb, Context& context) {
     on_command(verb, context, [&context] { show_slots(context); });
     declare_change(verb, context, "set-next", "Boot this slot next, with one try", set_next_slot);
     declare_change(verb, context, "mark-good", "Mark this slot as booted successfully", mark_slot_good);
-    declare_change(verb, context, "mark-bad", "Make this slot unbootable", mark_slot_unbootable);
+    declare_mark_bad(verb, context);
     Command& reset = add_command(verb, "reset", "Write a new block: two slots on trial, with 7 tries each");
     auto lock_file = std::make_shared<std::string>(default_lock_file);
     add_lock(reset, *lock_file);

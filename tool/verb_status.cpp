@@ -3,6 +3,7 @@
 
 #include "names.h"
 #include "partition.h"
+#include "slot_block.h"
 #include "text.h"
 #include "update_lock.h"
 #include "verb.h"
@@ -157,11 +158,32 @@ std::string versions_text(const StoredVersions& versions) {
            line("non-secure", record.nosec_ver, record.nosec_up_flag == 1);
 }
 
+/** Why the board runs another slot than the last update's; a slot in which an installation was cut is neither. */
+std::optional<Slot> find_given_up_slot(const StoredStatus& status) {
+    try {
+        const SlotBlock block = read_slot_block();
+        const Slot* slot = given_up_slot(block);
+        return slot != nullptr && !status.is_cut_in(slot->number) ? std::optional(*slot) : std::nullopt;
+    } catch (const Failure&) {
+        return std::nullopt;
+    }
+}
+
+std::string given_up_text(const std::optional<Slot>& slot) {
+    return slot ? "\n\n" + slot->name() +
+                      " was given up or marked bad: it has the highest priority and no boots left, and slot " +
+                      slot_letter(ota_get_cur_slot()) + " is running"
+                : "";
+}
+
 void show_status(const Context& context) {
     const StoredStatus status = read_status();
     const StoredVersions versions = read_stored_versions();
-    context.show({{"status", status_json(status)}, {"anti_rollback", versions_json(versions)}},
-                 status_text(status) + versions_text(versions));
+    const auto given_up = find_given_up_slot(status);
+    context.show({{"status", status_json(status)},
+                  {"anti_rollback", versions_json(versions)},
+                  {"given_up_slot", given_up ? Json(given_up->number) : Json()}},
+                 status_text(status) + versions_text(versions) + given_up_text(given_up));
 }
 
 const Field& find_field(const std::string& name) {

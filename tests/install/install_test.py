@@ -371,6 +371,40 @@ class InstallTest(BoardCase):
                     self.assertEqual((block.slots[running].marked, block.best()), (True, running))
                     self.assertFalse(block.slots[1 - running].marked)
 
+    def test_a_slot_on_trial_and_one_that_was_given_up(self):
+        trial, spent, good, first = (slots.Slot(15, 2, False), slots.Slot(15, 0, False), slots.Slot(14, 1, True),
+                                     slots.Slot(15, 1, True))
+        cases = [  # the running slot, the other, boots left to the running one on trial, is the other given up
+            (trial, good, "2 boots", False), (slots.Slot(15, 1, False), good, "1 boot", False),
+            (spent, good, "no boots", False), (good, spent, None, True), (first, spent, None, False),
+            (first, slots.Slot(14, 0, False), None, False), (good, trial, None, False)]
+        self.new()
+        for running, other, left, given_up in cases:
+            with self.subTest(running=running, other=other):
+                self.board().save_slot_block(slots.SlotBlock.of(running, other))
+                for line in ("slots", "board --check"):
+                    told = self.expect(line, 0).stdout
+                    self.assertEqual("on trial" in told, left is not None)
+                    self.assertIn(f"slot a is on trial, with {left} left" if left else "", told)
+                self.assertEqual("slot b was given up or marked bad" in self.expect("status", 0).stdout, given_up)
+                alone = running.bootable() and not (other.bootable() and other.marked)
+                (self.expect_no_change if alone else self.expect)("slots mark-bad a", 1 if alone else 0)
+                self.expect("slots mark-bad --yes a", 0)
+        good = images(1)
+        self.new()
+        self.pack("p.zip", good, describe(good, "emmc"))
+        self.expect("install /userdata/p.zip", 0)
+        self.simulate("reboot", "--fail")
+        self.assertEqual(json.loads(self.expect("status --json", 0).stdout)["given_up_slot"], 1)
+
+    def test_off_a_board_and_with_stand_ins(self):
+        self.new()
+        items = json.loads(self.expect("board --check --json", 0).stdout)["items"]
+        self.assertEqual({item["item"] for item in items if not item["ok"]}, {"log library", "eFuse library"})
+        self.assertEqual(self.expect("board --check", 0).stdout.count("\nstand-in "), 2)
+        (self.dir / "cmdline").write_text("quiet\n")
+        self.assertEqual(error_of(self.expect("board --json", 1))["hint"], "tessera board --check")
+
     def test_confirm_recreates_a_lost_block(self):
         def tear_the_page_of_the_block():
             with open(self.dir / "state" / "misc", "r+b") as state_of_misc:
