@@ -1,4 +1,4 @@
-"""What the documents show: each command is run as it stands there."""
+"""What the documents and the scripts' help show: each command is run as it is written there."""
 
 import json
 import os
@@ -17,7 +17,9 @@ BUILD = pathlib.Path(os.environ["TESSERA_BUILD"])
 BOARD = TOP / "simulator" / "board"
 PAPERS = [TOP / "README.md", TOP / "CONTRIBUTING.md", *sorted((TOP / "docs").glob("*.md"))]
 PAGES = sorted((TOP / "docs" / "man").glob("*.scd"))
-INLINE = r"`((?:(?:tessera|simulator/board|openssl|ldd|df|cmake|cpack) |script/\w)[^`]*)`"
+FORMAT_PAGE = TOP / "docs" / "man" / "tessera-package.5.scd"
+SCRIPTS = sorted(path for path in (TOP / "script").iterdir() if path.suffix != ".sh")
+INLINE = r"`((?:(?:tessera|simulator/board|openssl|ldd|df|cmake|apt) |script/\w)[^`]*)`"
 
 NOT_RUN = {
     "script/test", "script/fuzz", "script/fuzz check", "script/analyse",  # runs this test, and stages of it
@@ -26,7 +28,7 @@ NOT_RUN = {
     "script/bench",  # measures for a quarter of an hour, on a machine with nothing else to do
     "script/picture",  # runs the demo; the picture is compared with it below
     "script/demo", "script/demo --medium nand",  # the tests demo_emmc and demo_nand
-    "cpack --config build/release/CPackConfig.cmake",  # the test packages
+    "script/package", "apt install ./build/release/packages/*.deb",  # the test packages
 }
 # Names and places that a document leaves to its reader, and verbs that it names without their arguments.
 MEANT = {
@@ -80,8 +82,8 @@ class DocumentsTest(BoardCase):
         (self.home / "images" / "system.img").write_bytes(os.urandom(50000))
         part = {"name": "system", "file": "system.img", "medium": "emmc", "type": "ab", "method": "image"}
         (self.home / "draft.json").write_text(json.dumps({"version": "V2.0", "partitions": [part]}))
-        self.must("cd board/userdata && openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=signer "
-                  "-keyout key.pem -out cert.pem && cp cert.pem ca.pem")
+        keys = [line for line in commands_of_page(FORMAT_PAGE) if line.startswith("openssl ")]
+        self.must(" && ".join(["cd board/userdata", *keys]))
 
     def test_commands(self):
         seen = set()
@@ -110,11 +112,33 @@ class DocumentsTest(BoardCase):
 
     def test_examples_of_the_simulator(self):
         examples = re.findall(r"^  (board \w.*)$", self.must(f"{BOARD} --help"), re.M)
-        ending = re.findall(r"^  simulator/(board .*\$board.*)$", (TOP / "script" / "demo").read_text(), re.M)
-        self.assertEqual((len(examples), len(ending)), (3, 3))
-        for command in examples + ending:
+        self.assertEqual(len(examples), 3)
+        for command in examples:
             with self.subTest(command):
-                self.must(f"{BOARD.parent}/{command}".replace("/tmp/b", "b").replace("$board", "b"))
+                self.must(f"{BOARD.parent}/{command}".replace("/tmp/b", "b"))
+
+    def test_help_of_the_scripts(self):
+        """On the board, where what a script did in place of answering would fail."""
+        self.new()
+        for script in SCRIPTS:
+            with self.subTest(script.name):
+                result = self.simulate("run", "--", script, "--help")
+                self.assertEqual((result.returncode, result.stderr), (0, ""))
+                self.assertRegex(result.stdout, rf"(?s)usage: (script/)?{script.name}\b")
+
+    def test_a_machine_without_namespaces(self):
+        result = self.must("! unshare --map-root-user sh -c "
+                           f"'echo 0 >/proc/sys/user/max_user_namespaces; {TOP}/script/demo' 2>&1")
+        self.assertRegex(result, "^sandbox: .*\nhint: as root: sysctl user.max_user_namespaces=")
+
+    def test_the_fields_of_a_description(self):
+        schema = json.loads((TOP / "docs" / "update.schema.json").read_text())["properties"]
+        fields = {*schema, *schema["partitions"]["items"]["properties"]}
+        text = (TOP / "docs" / "package.md").read_text()
+        rows = re.findall(r"^\| (`\w+`(?:, `\w+`)*) \|", text, re.M)
+        terms = re.findall(r"^(\*\w+\*(?:, \*\w+\*)*)$", FORMAT_PAGE.read_text(), re.M)
+        for listed in (rows, terms):
+            self.assertEqual(sorted(re.findall(r"\w+", " ".join(listed))), sorted(fields))
 
     def test_the_picture_shows_the_demo(self):
         shown = re.findall(r"<tspan class=.heading.>(.*)</tspan>", (TOP / "docs" / "demo.svg").read_text())

@@ -1,0 +1,14 @@
+# Read by cpack before it makes a package. Where one of these is missing, it would only warn and make packages without
+# manual pages, or without their dependencies.
+foreach(program IN ITEMS file dpkg-shlibdeps)
+  find_program(path ${program} NO_CACHE)
+  if(NOT path)
+    message(FATAL_ERROR "${program} is missing; script/package installs it")
+  endif()
+  unset(path)
+endforeach()
+foreach(page IN LISTS CPACK_TESSERA_PAGES)
+  if(NOT EXISTS ${page})
+    message(FATAL_ERROR "the manual page ${page} is missing; script/package makes it")
+  endif()
+endforeach()
