@@ -37,7 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     char name[256] = {};
     if (unzGetGlobalInfo64(uf, &all) == UNZ_OK && all.number_entry > 0 &&
         unzGetCurrentFileInfo64(uf, &info, name, sizeof name - 1, nullptr, 0, nullptr, 0) == UNZ_OK) {
-        const uint64_t claimed = zip_entry_size(uf, info);
+        uint64_t claimed = 0;
+        must(zip_entry_size(uf, info, &claimed));
         must(vx_zip_has_file(package.c_str(), name) == 1 && (total < 0 || claimed <= static_cast<uint64_t>(total)));
         ota_file_info_t node = {0, 0, OTA_EMMC, "node"};
         std::ofstream(node.path).flush();

@@ -34,7 +34,7 @@ static bool sizes_hold(const std::string& package) {
         std::error_code missing;
         const fs::path path = fs::canonical(std::string("dest/") + name, missing);
         if (!missing && fs::is_regular_file(path) && info.external_fa >> 28 != 0xA) {
-            sizes[path] = zip_entry_size(uf, info);
+            must(zip_entry_size(uf, info, &sizes[path]));
         }
     }
     unzClose(uf);

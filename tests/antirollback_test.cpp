@@ -260,7 +260,7 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
         {0, 0, "vbmeta=short", "refused; get avb image antirollback version error!" + failed + " [short]"},
         {0, 0, "vbmeta=tiny", "refused; get avb image magic error!" + failed + " [tiny]"},
         {0, 0, "vbmeta_in_nand=v3", "refused; Medium 3 does not support." + failed + " [v3]"},
-        {0, 0, "uboot=link", "refused; link is no regular file in the package" + failed},
+        {0, 0, "uboot=link", "refused; link is not a regular file in the package; Uncompress link failed" + failed},
         {0, 3, string(32, 'k') + "=v0 " + sound, "pass"},
         {0, 3, "kernel=" + string(64, 'n') + " " + sound,
          "refused; warning cannot find " + string(64, 'n') + " in package, error -100; Uncompress " + string(64, 'n') +
@@ -283,7 +283,8 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
     EXPECT_EQ(verdict("uboot=u3", deep), "refused; fopen " + cut + " failed" + failed + " [u3]");
     /* What is judged comes out of the package, and nothing else is removed. */
     write_file("/tmp/scratch/lost", files[1]);
-    EXPECT_EQ(verdict("uboot=lost"), "refused; lost is no regular file in the package" + failed + " [lost]");
+    EXPECT_EQ(verdict("uboot=lost"),
+              "refused; lost is not a regular file in the package; Uncompress lost failed" + failed + " [lost]");
     const string other = "the path of u3 is too long, and its cut form is that of another file";
     write_file(cut, files[1]);
     EXPECT_EQ(verdict("uboot=u3", deep), "refused; " + other + failed + " [u3]");

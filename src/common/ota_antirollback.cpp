@@ -6,7 +6,6 @@
 #include "ota_log.h"
 #include "ota_paths.h"
 #include "veeprom_flag.h"
-#include "vx_zip.h"
 #include "vx_zip_entry.h"
 
 #include <cstring>
@@ -113,17 +112,13 @@ int32_t read_image_version(const update_info_t* update_info, int32_t i, const ch
 }
 
 /**
- * Extracts one image and says where it lies. What is judged has to come out of the package: neither an
+ * Extracts one image and returns its path. What is verified has to come out of the package: neither an
  * older file under the name of a link or directory entry, nor what a link leads to, nor what happens to
- * lie at a path that was cut.
+ * be at a path that was cut.
  */
 int32_t extract_image(const char* part_file, const char* zip_path, const char* unzip_path,
                       char (&img_file_path)[ota_entry_size]) {
-    if (zip_entry_is_no_file(zip_path, part_file)) {
-        ota_log_error("%s is no regular file in the package\n", part_file);
-        return -1;
-    }
-    if (vx_uncompress_one(zip_path, unzip_path, part_file) != 0) {
+    if (zip_extract_regular_file(zip_path, unzip_path, part_file) != 0) {
         ota_log_error("Uncompress %s failed\n", part_file);
         return -1;
     }

@@ -165,7 +165,10 @@ int32_t open_entry(unzFile uf, const char* file, zip_entry_data* data) {
         ota_log_error("error %d with zipfile in unzGetCurrentFileInfo\n", ret);
         return ret;
     }
-    const uint64_t size = zip_entry_size(uf, ci);
+    uint64_t size = 0;
+    if (!zip_entry_size(uf, ci, &size)) {
+        return -1;
+    }
     if (!zip_entry_is_deliverable(size, ci)) {
         ota_log_error("entry %s of %llu bytes is too large to be read\n", file, static_cast<unsigned long long>(size));
         return -1;

@@ -60,8 +60,7 @@ int32_t extract_ota_process(const char* token, char* process_path, uint32_t len)
         return -OTAERR_NO_EXISTS;
     }
     /* The caller runs it: what a link leads to is not the package's. */
-    if (zip_entry_is_no_file(token, ota_process_name) ||
-        vx_uncompress_one(token, ota_process_dir, ota_process_name) != 0) {
+    if (zip_extract_regular_file(token, ota_process_dir, ota_process_name) != 0) {
         ota_log_error("get system upgrade process [%s] failed\n", ota_process_name);
         return -OTAERR_UNZIP;
     }

@@ -1,136 +1,242 @@
 #include "vx_zip_destination.h"
 
-#include "ota_handle.h"
-
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
 
 namespace {
 
-enum class place { inside, outside, nowhere };
-enum class node { link, other, unreachable, unknown };
+constexpr int max_links = 40; /* the kernel's own limit for one path */
+constexpr int directory_flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
 /**
- * Whether a path walk that failed says that nothing can be reached by the path. Other failures come and
- * go: a walk that a mount elsewhere disturbs is started again by the kernel with the links already
- * counted, and may fail with ELOOP for that alone.
+ * What following a component comes to. A whole path is never handed to the kernel: it starts a walk that a
+ * mount elsewhere disturbs again with the links already counted, and may report ELOOP for that alone.
  */
-bool is_unreachable(int error) {
-    return error == ENOENT || error == ENOTDIR || error == ENAMETOOLONG;
+enum class reach { found, missing, nowhere, unknown };
+
+/** A path on its way. Link targets wait at the end of `text` for their components to be followed. */
+struct path_walk {
+    explicit path_walk(const zip_destination& destination) : dest(destination) {
+    }
+    void move_to(int fd) {
+        owned.reset(fd);
+        at = fd;
+    }
+
+    const zip_destination& dest;
+    int at = AT_FDCWD; /* the directory reached so far */
+    ota_descriptor owned{-1};
+    bool strayed = false; /* through a link, ".." or the root: only the way up says where it is */
+    int links = 0;
+    size_t pending = sizeof text; /* where the rest of the link targets begins */
+    char text[PATH_MAX + ota_entry_size];
+};
+
+reach reach_of_error() {
+    switch (errno) {
+    case ENOENT:
+        return reach::missing;
+    case ENOTDIR:
+    case EACCES:
+    case ENAMETOOLONG:
+        return reach::nowhere;
+    default:
+        return reach::unknown;
+    }
 }
 
-/** What has the name `path`, a link not followed. */
-node node_at(const char* path) {
-    struct stat status {};
-    if (lstat(path, &status) == 0) {
-        return S_ISLNK(status.st_mode) ? node::link : node::other;
+/** Whether the way up from the directory reached meets the destination. */
+bool is_inside(const path_walk& walk) {
+    if (!walk.strayed) {
+        return true;
     }
-    return is_unreachable(errno) ? node::unreachable : node::unknown;
-}
-
-/** Where the directory `path` lies, links followed: the way up from it meets the destination or not. */
-place place_of(const zip_destination& dest, const char* path) {
-    constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-    ota_descriptor dir(open(path, flags));
-    if (!dir.is_open()) {
-        return is_unreachable(errno) ? place::nowhere : place::outside;
-    }
+    ota_descriptor dir(openat(walk.at, ".", directory_flags));
     struct stat here {};
     for (struct stat below{}; dir.is_open() && fstat(dir.get(), &here) == 0; below = here) {
-        if (here.st_dev == dest.device && here.st_ino == dest.inode) {
-            return place::inside;
-        }
-        if (here.st_dev == below.st_dev && here.st_ino == below.st_ino) {
-            return place::outside; /* only the top is its own parent */
-        }
-        dir.reset(openat(dir.get(), "..", flags));
-    }
-    return place::outside;
-}
-
-bool has_parent_component(const char* name) {
-    for (const char* part = name; part != nullptr; part = std::strchr(part, '/')) {
-        part += *part == '/' ? 1 : 0;
-        if (part[0] == '.' && part[1] == '.' && (part[2] == '/' || part[2] == '\0')) {
+        if (here.st_dev == walk.dest.device && here.st_ino == walk.dest.inode) {
             return true;
         }
+        if (here.st_dev == below.st_dev && here.st_ino == below.st_ino) {
+            return false; /* only the root is its own parent */
+        }
+        dir.reset(openat(dir.get(), "..", directory_flags));
     }
     return false;
 }
 
-/** The bytes of `name` that are a parent known to be in the destination. */
-size_t verified_length(const zip_destination& dest, const char* name) {
-    size_t length = 0;
-    for (size_t i = 0; name[i] != '\0'; ++i) {
-        const char verified = dest.verified_dir[i];
-        if (name[i] == '/' && (verified == '/' || verified == '\0')) {
-            length = i;
-        }
-        if (name[i] != verified) {
-            break;
-        }
+reach open_component(path_walk& walk, const char* part, int flags) {
+    const int fd = openat(walk.at, part, flags);
+    if (fd < 0) {
+        return reach_of_error();
     }
-    return length;
+    walk.move_to(fd);
+    return reach::found;
 }
 
-/** Judges each parent directory of `name`, from the first. Most entries share theirs with the one before. */
-bool parents_lead_out(zip_destination* dest, const char* name, zip_kind kind) {
-    size_t end = std::strlen(name);
-    while (kind == zip_kind::directory && end > 0 && name[end - 1] == '/') {
-        --end; /* mkdir() follows no link in the last component */
-    }
-    const auto* last = static_cast<const char*>(memrchr(name, '/', end));
-    if (last == nullptr) {
-        return false;
-    }
-    const auto length = static_cast<size_t>(last - name);
-    char dir[ota_entry_size] = {};
-    for (size_t i = verified_length(*dest, name) + 1; i <= length; ++i) {
-        if (name[i] != '/') {
-            continue;
-        }
-        std::memcpy(dir, name, i);
-        const node parent = node_at(dir);
-        if (parent == node::unreachable || parent == node::unknown) {
-            return parent == node::unknown;
-        }
-        if (parent == node::other) {
-            continue;
-        }
-        const place target = place_of(*dest, dir);
-        if (target != place::inside) {
-            return target == place::outside || kind == zip_kind::file;
-        }
-    }
-    std::memcpy(dest->verified_dir, name, length);
-    dest->verified_dir[length] = '\0';
-    return false;
+/** Whether links in the directory reached lead elsewhere than their text. */
+bool has_magic_links(const path_walk& walk) {
+    struct statfs system {};
+    const int failed = walk.at == AT_FDCWD ? statfs(".", &system) : fstatfs(walk.at, &system);
+    return failed != 0 || system.f_type == PROC_SUPER_MAGIC;
 }
 
-/** The path that the link `path` leads to, one step. */
-bool follow_link(char (&path)[PATH_MAX]) {
-    char target[PATH_MAX];
-    const ssize_t length = readlink(path, target, sizeof target - 1);
+/** Puts the target of the link `part` before what is pending. */
+reach follow_link(path_walk& walk, const char* part) {
+    if (++walk.links > max_links) {
+        return reach::nowhere;
+    }
+    walk.strayed = true;
+    const ssize_t length = readlinkat(walk.at, part, walk.text, walk.pending);
     if (length < 0) {
-        return false;
+        return reach_of_error();
     }
-    target[length] = '\0';
-    char* const last = std::strrchr(path, '/');
-    char* const tail = target[0] == '/' || last == nullptr ? path : last + 1;
-    const size_t room = sizeof path - static_cast<size_t>(tail - path);
-    return static_cast<size_t>(std::snprintf(tail, room, "%s", target)) < room;
+    const auto size = static_cast<size_t>(length);
+    if (size >= walk.pending || has_magic_links(walk)) {
+        const reach result = open_component(walk, part, O_PATH | O_CLOEXEC); /* nothing is made through it */
+        return result == reach::missing ? reach::nowhere : result;
+    }
+    const bool is_absolute = walk.text[0] == '/';
+    if (walk.pending < sizeof walk.text) {
+        walk.text[--walk.pending] = '/';
+    }
+    walk.pending -= size;
+    std::memmove(walk.text + walk.pending, walk.text, size);
+    return is_absolute ? open_component(walk, "/", directory_flags) : reach::found;
 }
 
-/** Whether `path` lies in a directory of the destination and is no way out of it itself, as ".." is. */
-bool lies_in(const zip_destination& dest, const char* path) {
-    char dir[PATH_MAX] = ".";
-    if (const char* last = std::strrchr(path, '/')) {
-        const auto length = last == path ? size_t{1} : static_cast<size_t>(last - path);
-        std::memcpy(dir, path, length);
-        dir[length] = '\0';
+/** Follows one component. Of the last one only a link is followed: what it names may be no directory. */
+reach step(path_walk& walk, const char* part, bool is_last) {
+    if (std::strcmp(part, ".") == 0) {
+        return open_component(walk, part, directory_flags);
     }
-    return place_of(dest, dir) == place::inside && place_of(dest, path) != place::outside;
+    if (std::strcmp(part, "..") == 0) {
+        walk.strayed = true;
+        return open_component(walk, part, directory_flags);
+    }
+    struct stat status {};
+    if (fstatat(walk.at, part, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return reach_of_error();
+    }
+    if (S_ISLNK(status.st_mode)) {
+        return follow_link(walk, part);
+    }
+    return is_last ? reach::found : open_component(walk, part, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+}
+
+/** The length of the next component at `*path`, which moves past the separators before it; 0 at the end. */
+size_t next_component(const char** path, const char* end) {
+    while (*path < end && **path == '/') {
+        ++*path;
+    }
+    const auto* separator = static_cast<const char*>(std::memchr(*path, '/', static_cast<size_t>(end - *path)));
+    return static_cast<size_t>((separator == nullptr ? end : separator) - *path);
+}
+
+/** Takes the next component of the pending targets. @return false at their end */
+bool take_pending(path_walk& walk, char (&part)[NAME_MAX + 1], size_t* length) {
+    const char* const end = walk.text + sizeof walk.text;
+    const char* at = walk.text + walk.pending;
+    *length = next_component(&at, end);
+    const size_t copied = *length < sizeof part ? *length : 0;
+    std::memcpy(part, at, copied);
+    part[copied] = '\0';
+    at += *length;
+    while (at < end && *at == '/') {
+        ++at;
+    }
+    walk.pending = static_cast<size_t>(at - walk.text);
+    return *length > 0;
+}
+
+/** Follows the targets of links to their end, where a file that is missing may still be made. */
+reach follow_pending(path_walk& walk, bool is_last) {
+    char part[NAME_MAX + 1];
+    size_t length = 0;
+    while (take_pending(walk, part, &length)) {
+        const bool is_end = is_last && walk.pending == sizeof walk.text;
+        const reach result = length >= sizeof part ? reach::nowhere : step(walk, part, is_end);
+        if (result == reach::missing) {
+            return is_end ? reach::found : reach::nowhere;
+        }
+        if (result != reach::found) {
+            return result;
+        }
+    }
+    return reach::found;
+}
+
+/** Where the parent of the last component of `name` ends; 0 without one. */
+size_t parent_length(const char* name, size_t length) {
+    while (length > 0 && name[length - 1] == '/') {
+        --length;
+    }
+    const auto* last = static_cast<const char*>(memrchr(name, '/', length));
+    return last == nullptr ? 0 : static_cast<size_t>(last - name);
+}
+
+/** A name on its way. */
+struct name_walk {
+    path_walk path;
+    zip_kind kind;
+    bool makes = false; /* parents of the file may have to be made, and let more resolve than does now */
+    size_t made = 0;    /* components down from `path` that do not exist yet: there are no links in them */
+};
+
+/** Whether to go on with the next component, or how the name ends. */
+enum class course { on, in, out };
+
+course follow_component(name_walk& walk, const char* part, bool is_last) {
+    const bool is_parent = std::strcmp(part, "..") == 0;
+    if (walk.made > 0) {
+        const size_t deeper = std::strcmp(part, ".") == 0 ? 0 : 1;
+        walk.made = is_parent ? walk.made - 1 : walk.made + deeper;
+        return course::on;
+    }
+    const bool is_file = walk.kind == zip_kind::file;
+    if (is_last && !is_file && !is_parent) {
+        return is_inside(walk.path) ? course::in : course::out; /* neither mkdir() nor symlink() follows it */
+    }
+    if (is_file && std::strchr(part, '\\') != nullptr) { /* makedir() makes what is before it too */
+        walk.makes = true;
+        if (!is_inside(walk.path)) {
+            return course::out;
+        }
+    }
+    reach result = step(walk.path, part, is_last);
+    if (result == reach::missing && is_file && !is_last) {
+        walk.makes = true;
+        walk.made = 1;
+        return is_inside(walk.path) ? course::on : course::out;
+    }
+    if (result == reach::found) {
+        result = follow_pending(walk.path, is_last);
+    }
+    if (result == reach::found || (result == reach::missing && is_last)) {
+        return course::on;
+    }
+    const bool may_resolve = result == reach::unknown || (is_file && walk.makes);
+    return may_resolve ? course::out : course::in;
+}
+
+bool is_verified(const zip_destination& dest, const char* name, size_t parent) {
+    return parent > 0 && std::strncmp(name, dest.verified_dir, parent) == 0 && dest.verified_dir[parent] == '\0';
+}
+
+/** Keeps the parent directory that the walk has reached, when it is in the destination as it is. */
+void keep_verified(zip_destination* dest, name_walk& walk, const char* name, size_t parent) {
+    if (parent == 0 || walk.makes || !walk.path.owned.is_open() || !is_inside(walk.path)) {
+        return;
+    }
+    std::memcpy(dest->verified_dir, name, parent);
+    dest->verified_dir[parent] = '\0';
+    dest->verified.reset(walk.path.owned.release());
+    walk.path.strayed = false;
 }
 
 } // namespace
@@ -142,27 +248,36 @@ bool zip_destination_begin(zip_destination* dest) {
     }
     dest->device = status.st_dev;
     dest->inode = status.st_ino;
-    dest->verified_dir[0] = '\0';
     return true;
 }
 
 bool zip_name_leads_out(zip_destination* dest, const char* name, zip_kind kind) {
-    if (name[0] == '/' || has_parent_component(name) || parents_lead_out(dest, name, kind)) {
-        return true;
-    }
-    return kind == zip_kind::file && zip_link_leads_out(*dest, name);
-}
-
-bool zip_link_leads_out(const zip_destination& dest, const char* name) {
-    constexpr int max_links = 40; /* the kernel's own limit */
-    char path[PATH_MAX];
-    (void)std::snprintf(path, sizeof path, "%s", name);
-    node last = node_at(path);
-    for (int links = 0; last == node::link; ++links) {
-        if (links == max_links || !follow_link(path) || !lies_in(dest, path)) {
+    const char* const end = name + std::strlen(name);
+    const size_t parent = parent_length(name, static_cast<size_t>(end - name));
+    const char* at = name;
+    name_walk walk{path_walk(*dest), kind};
+    if (is_verified(*dest, name, parent)) {
+        walk.path.at = dest->verified.get();
+        at += parent;
+    } else if (name[0] == '/') {
+        walk.path.strayed = true;
+        if (open_component(walk.path, "/", directory_flags) != reach::found) {
             return true;
         }
-        last = node_at(path);
     }
-    return last == node::unknown;
+    while (const size_t length = next_component(&at, end)) {
+        char part[ota_entry_size];
+        std::memcpy(part, at, length);
+        part[length] = '\0';
+        const bool is_last = at >= name + parent;
+        if (is_last) {
+            keep_verified(dest, walk, name, parent);
+        }
+        const course next = follow_component(walk, part, is_last);
+        if (next != course::on) {
+            return next == course::out;
+        }
+        at += length;
+    }
+    return !is_inside(walk.path);
 }

@@ -1,52 +1,96 @@
-/** The true size of a package entry, its kind and its data, for the units of the library. */
+/** The entries of a package as minizip shows them: one after the other, their kinds, sizes and data. */
 #ifndef VX_ZIP_ENTRY_H
 #define VX_ZIP_ENTRY_H
 
+#include "ota_paths.h"
+#include "vx_zip_destination.h"
+
 #include <cstdint>
 #include <minizip/unzip.h>
+
+/** An entry of a package. A name of ota_entry_size bytes or more is cut; info.size_filename has its length. */
+struct zip_entry {
+    unz_file_info64 info;
+    char name[ota_entry_size];
+    char* without_path; /* after the last separator of the name */
+};
+
+/**
+ * Reads the name and the attributes of the current entry.
+ * @return 0; a minizip code, which has been logged
+ */
+int32_t zip_entry_read_info(unzFile uf, zip_entry* entry);
+
+/** The name decides first, then the file type of a Unix mode in the high half of the attributes. */
+zip_kind zip_entry_kind(const zip_entry& entry);
+
+/** How a walk over the entries of a package goes. */
+enum class zip_walk_state {
+    under_way,
+    at_end,     /* every entry was visited */
+    unreadable, /* the number of entries, or an entry, cannot be read */
+    stuck,      /* the package has fewer entries than it claims */
+};
+
+/** The entries of a package, in package order. */
+struct zip_walk {
+    unzFile uf;
+    uint64_t count;
+    uint64_t visited;
+    zip_walk_state state;
+};
+
+/** Begins a walk over an opened package. Failures are logged, here and in zip_walk_next(). */
+zip_walk zip_walk_begin(unzFile uf);
+
+/** Moves to the next entry and reads it. @return false where the walk ends; its state tells why */
+bool zip_walk_next(zip_walk* walk, zip_entry* entry);
 
 /**
  * The uncompressed size of the current entry of `uf`. A minizip that does not read zip64 sizes shows
  * 0xFFFFFFFF for every entry packed with them; the true size then comes from the entry's extra field
  * (header 0x0001 of the central directory, PKWARE APPNOTE 4.5.3).
  * @param info  of that entry, from unzGetCurrentFileInfo64()
+ * @param size  out: the size; 0xFFFFFFFF where the package does not hold another
+ * @return false without memory for the extra field, which has been logged: the size is unknown
  */
-uint64_t zip_entry_size(unzFile uf, const unz_file_info64& info);
+bool zip_entry_size(unzFile uf, const unz_file_info64& info, uint64_t* size);
 
 /**
- * Whether minizip can deliver the entry whole. One that it shows as 0xFFFFFFFF bytes and that is
- * larger would end there like a complete one.
+ * Whether minizip can deliver the entry whole. One that it shows as 0xFFFFFFFF bytes and that is larger
+ * would end there as if it were complete.
  */
 bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info);
 
-/**
- * Whether the entry `file_name` of the package `src` is a link or a directory. Extracted, it would stay in
- * the way of later packages; and what its name leads to would not be out of this one.
- */
-bool zip_entry_is_no_file(const char* src, const char* file_name);
-
-/** An opened entry that is read through, never past its true size. */
+/** An opened entry that is read to its end, never past its true size. */
 struct zip_entry_data {
     unzFile uf;
     uint64_t left; /* bytes still to come */
     bool in_zip64; /* minizip knows neither where it ends nor whether its checksum is right */
-    uint32_t crc;  /* of an entry in_zip64, what came so far */
+    uint32_t crc;  /* of what has come so far, for an entry in_zip64 */
 };
 
 zip_entry_data zip_entry_begin(unzFile uf, uint64_t size, const unz_file_info64& info);
 
 /**
- * Takes the next bytes.
+ * Reads the next bytes.
  * @return their number, 0 at the end; a negative minizip code, UNZ_BADZIPFILE also for data that ends
- *         before the size that the package claims, which minizip takes for the end
+ *         before the size that the package claims, which minizip takes as the end
  */
 int32_t zip_entry_read(zip_entry_data* data, void* buf, uint32_t size);
 
 /**
  * Ends reading.
- * @return 0; a negative minizip code, UNZ_CRCERROR for an entry that was read through and has another
+ * @return 0; a negative minizip code, UNZ_CRCERROR for an entry that was read to its end and has another
  *         checksum
  */
 int32_t zip_entry_end(const zip_entry_data& data, const unz_file_info64& info);
+
+/**
+ * Extracts the one entry named exactly `file_name`, as vx_uncompress_one() does, but only when it is a
+ * regular file. What a link leads to does not come out of the package, and a link or a directory that was
+ * extracted would be in the way of later packages.
+ */
+int32_t zip_extract_regular_file(const char* src, const char* dest, const char* file_name);
 
 #endif

@@ -9,28 +9,31 @@
 OTA_BEGIN_DECLS
 
 /**
- * Extracts all entries of a package under a directory, which is made when it is missing.
+ * Extracts all entries of a package under a directory, which is created when it is missing.
  *
  * A name that ends in a separator is a directory, an entry with the Unix file type 0xA a symbolic
  * link, everything else a regular file, which replaces an existing one, gets the entry's date and the
  * nine permission bits of its mode. An entry whose name leads out of `dest` is refused before
  * anything is touched for it (docs/security.md), and one whose data ends before the size that the
- * package claims has failed. The working directory is `dest` during the call.
- * @return 0; -1 at the first entry that fails: what was extracted before stays, and the working
- *         directory is restored
+ * package claims has failed. The working directory is `dest` during the call; where it was before is
+ * kept as a path of at most 127 bytes.
+ * @return 0; -1 when the path of the working directory is longer, and nothing is touched; -1 at the first
+ *         entry that fails: what was extracted before stays, and the working directory is restored
  */
 OTA_API int32_t vx_uncompress(const char* src, const char* dest);
 
 /**
- * Extracts the one entry named exactly `file_name`; it lands at `dest`/`file_name`.
+ * Extracts the one entry named exactly `file_name` to `dest`/`file_name`. The working directory is kept as
+ * vx_uncompress() keeps it.
  * @return 0; -1 on failure: the working directory is then `dest`, if `dest` could be entered
  */
 OTA_API int32_t vx_uncompress_one(const char* src, const char* dest, const char* file_name);
 
 /**
- * Makes a directory with its parents, mode 0775 less the umask. '/' and '\\' separate.
- * @return 0, also when it exists and when mkdir was refused for another reason than a missing
- *         parent; -1 for null, an empty name, or a parent that could not be made; -104 without memory
+ * Creates a directory with its parents, mode 0775 less the umask. '/' and '\\' separate.
+ * @return 0, also when it exists and when mkdir() was refused for another reason than a missing
+ *         parent; -1 for null, an empty name, "/" alone, or a parent that could not be created; -104 when
+ *         out of memory
  */
 OTA_API int32_t makedir(const char* newdir);
 
@@ -67,7 +70,8 @@ OTA_API int64_t vx_all_image_size(const char* path);
 /**
  * The largest total of any package in a directory.
  * @param path  absolute; it is the working directory during the call
- * @return bytes; -1 on failure: the working directory may then be `path`
+ * @return bytes; -1 when the path of the working directory is longer than 127 bytes; -1 on any other
+ *         failure: the working directory may then be `path`
  */
 OTA_API int64_t vx_get_max_zip_size(const char* path);
 
