@@ -1,6 +1,7 @@
 #include "slot_block.h"
 
 #include "console.h"
+#include "device.h"
 #include "names.h"
 #include "partition.h"
 #include "salvage.h"
@@ -47,6 +48,16 @@ bool runs_slot(const SlotBlock& block) {
     return block.checksum_is_right && get_boot_mode() != RECOVERY_MODE && block.find(ota_get_cur_slot()) != nullptr;
 }
 
+/** The kernel returns a NAND page that its ECC cannot correct like any other; a bootloader finds no block there. */
+void read_with_ecc(const std::string& path, bootloader_control& raw) {
+    const Device device(path);
+    const auto lost = device.uncorrectable_reads();
+    read_record(block_partition, block_offset, {reinterpret_cast<uint8_t*>(&raw), sizeof raw});
+    if (device.lost_reads_since(lost)) {
+        throw Failure(ExitCode::device, "the slot block is in a page of misc that its ECC cannot correct");
+    }
+}
+
 bootloader_control read_raw_block() {
     bootloader_control raw{};
     const std::string path = partition_path(block_partition);
@@ -54,7 +65,7 @@ bootloader_control read_raw_block() {
         throw Failure(ExitCode::device, "the board has no " + path, "tessera board --check");
     }
     try {
-        read_record(block_partition, block_offset, {reinterpret_cast<uint8_t*>(&raw), sizeof raw});
+        read_with_ecc(path, raw);
     } catch (const Failure& failure) {
         throw LostBlock(failure.code, failure.what(), way_to_new_block());
     }
