@@ -1,6 +1,7 @@
 """
-The power fails at an operation of a whole installation, on every medium. After each cut the board boots, and
-what it boots is whole; a second installation then simply works.
+The power fails at an operation of a whole installation, and of the confirmation after it, on every medium. After
+each cut the board boots, and what it boots is whole; then another installation succeeds, and what it says boots
+next does boot.
 
 usage: power_cut_test.py MEDIUM [every [PART/PARTS]]
 
@@ -15,77 +16,141 @@ import unittest
 
 from bench_board import MUTATIONS, BoardCase, describe, images
 
+from simboard import BoardError
+
 MEDIUM, *ASKED = sys.argv[1:]
 sys.argv[1:] = []
 EVERY = ASKED[:1] == ["every"]
 PART, PARTS = (int(number) for number in (ASKED[1] if ASKED[1:] else "1/1").split("/"))
-CUTS_WANTED = 24  # where not every cut is made
+SOME = 10  # of the cuts, where not every one is made
+PAGE = 2048
+RECORDS = {"misc": [(2048, 2080)], "ubootenv": [(0x30000, 0x3054C), (0x30880, 0x30890)]}  # first byte, end
+INSTALL, CONFIRM = "install /userdata/new.zip", "confirm"
 
 
 class PowerCutTest(BoardCase):
     def setUp(self):
         super().setUp()
-        self.old, self.new_images = images(1, vbmeta=70_000, uboot=150_000), images(2, vbmeta=70_000, uboot=300_000)
+        self.old, self.contents = images(1, vbmeta=70_000, uboot=150_000), images(2, vbmeta=70_000, uboot=300_000)
+        self.seen = collections.Counter()
         self.new(MEDIUM)
         self.pack("old.zip", self.old, describe(self.old, MEDIUM, "V1.5.0"))
-        self.pack("new.zip", self.new_images, describe(self.new_images, MEDIUM))
+        self.pack("new.zip", self.contents, describe(self.contents, MEDIUM))
         self.expect("install /userdata/old.zip", 0)
         self.simulate("reboot")
-        self.expect("slots mark-good b", 0)
-        self.kept = self.place / "kept"
-        shutil.copytree(self.dir, self.kept)
+        self.expect("confirm", 0)
+        self.before = self.keep("before")
 
-    def scripts(self):
-        """The cuts: behind each operation and, where it changes something, in its middle."""
-        self.expect("install /userdata/new.zip", 0)
-        changing, reading = [], []
+    def keep(self, name):
+        shutil.rmtree(self.place / name, ignore_errors=True)
+        return shutil.copytree(self.dir, self.place / name)
+
+    def restore(self, kept):
+        shutil.rmtree(self.dir)
+        shutil.copytree(kept, self.dir)
+
+    def cuts(self, line):
+        """The faults for each operation of a command: after it and, where it changes something, within it."""
+        self.expect(line, 0)
+        changing, pages, reading = [], [], []
         for number, operation in enumerate(self.operations(), 1):
-            if operation[1] in MUTATIONS:
-                ways = ["", "tear"] + (["seed=1", "tear seed=2"] if MEDIUM == "emmc" else [])
-                changing += [f"cut {number} {way} kill" for way in ways]
-            else:
+            if operation[1] not in MUTATIONS:
                 reading.append(f"cut {number} kill")
-        return (changing + reading)[PART - 1 :: PARTS] if EVERY else changing[:: max(1, len(changing) // CUTS_WANTED)]
+                continue
+            ways = ["", "tear"] + (["seed=1", "tear seed=2"] if MEDIUM == "emmc" else [])
+            changing += [f"cut {number} {way} kill" for way in ways]
+            pages += [f"cut {number} tear={place} kill" for place in self.tears(*operation[:3])]
+        if EVERY:
+            return changing + pages + reading
+        return changing[:: len(changing) // SOME | 1] + pages[:: len(pages) // SOME | 1]  # odd: each way of a cut
 
-    def slot_is_whole(self, slot):
+    def tears(self, device, kind, place):
+        """How many bytes of a write are stored, where it is torn at every page and within every record."""
+        if kind != "pwrite" or MEDIUM == "emmc":  # of a disk whole sectors are stored
+            return []
+        start, length = (int(number) for number in place.split("+"))
+        name = next(each.name for each in self.board().devices if each.node.endswith(f"/{device}"))
+        records = [at for first, end in RECORDS.get(name, []) for at in (first, (first + end) // 2, end)]
+        within = {at - start for at in records if start <= at < start + length}
+        return sorted(within | set(range(0, length, PAGE))) if EVERY or not records else sorted(within)
+
+    def is_whole(self, slot):
         """Whether a slot holds the new images, or still what it held before."""
         names = [f"partitions/{name}_{'ab'[slot]}" for name in self.old]
-        return self.holds(self.new_images, slot) or all(
-            (self.dir / name).read_bytes() == (self.kept / name).read_bytes() for name in names)
+        return self.holds(self.contents, slot) or all(
+            (self.dir / name).read_bytes() == (self.before / name).read_bytes() for name in names)
 
-    def cut(self, script, seen):
-        """Makes one cut and goes on from there. `seen` counts what was seen."""
-        shutil.rmtree(self.dir)
-        shutil.copytree(self.kept, self.dir)
-        self.expect("install /userdata/new.zip", 128 + signal.SIGKILL, fault=script)
-        boot = self.simulate("reboot")
-        self.assertEqual(boot.returncode, 0, boot.stdout)
+    def block_is_lost(self):
+        try:
+            return not self.board().slot_block()
+        except BoardError:
+            return True
+
+    def boot(self, lost_block):
+        """Boots what the cut left. @return the running slot"""
+        told = self.simulate("reboot", "--lost-block", lost_block)
+        self.assertEqual(told.returncode, 0, told.stdout)
         running = self.board().running_slot()
-        self.assertTrue(self.slot_is_whole(running), f"slot {running} is not whole")
-        is_new = self.holds(self.new_images, running)
-        seen["new" if is_new else "old"] += 1
-        seen["slot block lost"] += "both slots are on trial" in boot.stdout
-        status = self.simulate("run", "--", "tessera", "status").stdout
-        seen["status unknown"] += "is unknown; the next" in status or not status
-        seen["status tells"] += "has not ended" in status or "was about to end" in status
-        if "no update is under way" in status:
-            self.assertTrue(self.slot_is_whole(0) and self.slot_is_whole(1))
-        again = self.expect("install /userdata/new.zip", 0)
-        self.expect("status", 0, "no update is under way")
-        seen["records mended"] += "could not be read after a power cut" in again.stderr
-        if is_new:
-            self.expect("confirm", 0)
-        self.simulate("reboot")
-        self.assertTrue(self.holds(self.new_images, self.board().running_slot()))
-        seen["installed again"] += 1
+        self.assertTrue(self.is_whole(running), f"slot {running} is not whole")
+        self.seen["new" if self.holds(self.contents, running) else ("older", "old")[running]] += 1
+        return running
 
-    def test_cuts(self):
-        seen = collections.Counter()
-        for script in self.scripts():
-            seen["torn" if "tear" in script else "clean"] += 1
-            with self.subTest(script=script):
-                self.cut(script, seen)
-        print(f"{MEDIUM}: {dict(seen)}")
+    def check_status(self):
+        status = self.simulate("run", "--", "tessera", "status").stdout
+        self.seen["status unknown"] += "is unknown; the next" in status or not status
+        if "no update is under way" in status:
+            self.assertTrue(self.is_whole(0) and self.is_whole(1))
+
+    def install_again(self):
+        """The power goes right after the command has ended, and the running system is confirmed. What boots then?"""
+        result = self.simulate("run", "--", "tessera", *INSTALL.split())
+        if result.returncode != 0:
+            self.assertRegex(result.stderr, "hint: tessera confirm$")
+            self.assertTrue(self.is_whole(0) and self.is_whole(1))
+            self.seen["confirm first"] += 1
+            self.expect("confirm", 0)
+            result = self.expect(INSTALL, 0)
+        self.seen["records repaired"] += "could not be read after a power cut" in result.stderr
+        self.simulate("run", "--", "true", env={"TESSERA_FLASH_FAULT": "cut 0"})
+        self.expect("status", 0, "no update is under way")
+        self.expect("confirm", 0)
+        self.simulate("reboot")
+        self.assertTrue(self.holds(self.contents, self.board().running_slot()))
+
+    def cut(self, line, fault):
+        """Makes one cut, and goes on from there with each kind of bootloader and boot script that matters."""
+        self.expect(line, 128 + signal.SIGKILL, fault=fault)
+        is_lost = self.block_is_lost()
+        self.seen["within" if "tear" in fault else "after"] += 1
+        self.seen["block lost"] += is_lost
+        kept = self.keep("cut")
+        for lost_block in ("write", "leave") if is_lost else ("write",):
+            self.restore(kept)
+            running = self.boot(lost_block)
+            self.check_status()
+            is_confirmed = not self.block_is_lost() and self.board().slot_block().slots[running].marked
+            booted = self.keep("booted")
+            self.install_again()
+            if not is_confirmed:
+                self.restore(booted)
+                self.expect("confirm", 0)
+                self.install_again()
+
+    def cut_everywhere(self, line):
+        kept = self.keep("kept")
+        for fault in self.cuts(line)[PART - 1 :: PARTS]:
+            with self.subTest(line=line, fault=fault):
+                self.restore(kept)
+                self.cut(line, fault)
+        print(f"{MEDIUM} {line.split()[0]}: {dict(self.seen)}")
+
+    def test_installation(self):
+        self.cut_everywhere(INSTALL)
+
+    def test_confirmation(self):
+        self.expect(INSTALL, 0)
+        self.simulate("reboot")
+        self.cut_everywhere(CONFIRM)
 
 
 unittest.main()
