@@ -1,6 +1,7 @@
 /** tessera flashcmd: hands a prepared command of the board to its flash command node. */
 #include "device.h"
 #include "partition.h"
+#include "small_file.h"
 #include "text.h"
 #include "update_lock.h"
 #include "velox_ota_hl.h"
@@ -23,17 +24,12 @@ struct Options {
     std::string lock_file = default_lock_file;
 };
 
-/** The area that takes the data is far below this; more than it is never read into memory. */
 constexpr size_t data_limit = size_t{64} << 20;
 
 std::string read_data(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string data(data_limit + 1, '\0');
-    file.read(data.data(), static_cast<std::streamsize>(data.size()));
-    data.resize(static_cast<size_t>(file.gcount()));
-    if (!file.eof() || data.empty()) {
-        throw Failure(ExitCode::failed, path + (data.size() > data_limit ? " is too large for a flash command"
-                                                                         : " cannot be read or is empty"));
+    std::string data = read_small_file(path, data_limit);
+    if (data.empty()) {
+        throw Failure(ExitCode::failed, path + " is empty");
     }
     return data;
 }

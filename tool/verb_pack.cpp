@@ -4,6 +4,7 @@
 #include "package_writer.h"
 #include "progress.h"
 #include "signature.h"
+#include "small_file.h"
 #include "text.h"
 #include "verb.h"
 
@@ -27,14 +28,6 @@ struct Options {
     std::string key;
     std::string certificate;
 };
-
-std::string read_text(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        throw Failure(ExitCode::failed, "cannot open " + path + because(errno));
-    }
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /** Reads a file piece by piece. */
 template <class Take>
@@ -88,7 +81,7 @@ void complete(Json& partition, const Options& options) {
 }
 
 std::string completed_description(const Options& options) {
-    Json json = parse_json(read_text(options.description), options.description);
+    Json json = parse_json(read_small_file(options.description, description_limit), options.description);
     (void)parse_description(json, true);
     for (Json& partition : json["partitions"]) {
         complete(partition, options);

@@ -309,6 +309,8 @@ class InstallTest(BoardCase):
             ("versions /etc/passwd --kind uboot", 3, "passwd"), ("efuse burn --yes", 1, "record"),
             ("flashcmd ../misc_write_cmd", 1, ".."), ("flashcmd no_such", 1, "no_such"),
             ("flashcmd misc_write_cmd --data /no", 1, "/no"), ("flashcmd a --offset 1", 2, "data"),
+            ("flashcmd misc_write_cmd --data /dev/zero", 1, "/dev/zero is larger than 64.0 MiB"),
+            ("pack /dev/zero /tmp -o /tmp/p.zip", 1, "/dev/zero is larger than 256.0 KiB"),
         ]
         for line, status, word in cases:
             with self.subTest(line=line):
