@@ -21,7 +21,8 @@ EXTRA_OECMAKE = "-DBUILD_TESTING=OFF -DTESSERA_TESTS=OFF"
 #                     -DTESSERA_EFUSE_LIBRARY=${STAGING_LIBDIR}/libkastor_efuse.so \
 #                     -DTESSERA_EFUSE_INCLUDE_DIR=${STAGING_INCDIR}"
 # and the package tessera-platform stays empty.
-FILES:${PN} += "${datadir}/bash-completion"
+# The systemd unit is not enabled: the product says when its system is healthy.
+FILES:${PN} += "${datadir}/bash-completion ${nonarch_libdir}/systemd"
 PACKAGES =+ "libtessera ${PN}-platform"
 FILES:libtessera = "${libdir}/libtessera.so.*"
 FILES:${PN}-platform = "${libdir}/liblog.so ${libdir}/libkastor_efuse.so"
