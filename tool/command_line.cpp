@@ -178,7 +178,7 @@ private:
     }
 
     void store(Option& option, const std::string& value) {
-        if (option.is_given && !option.type.empty()) {
+        if (option.is_given && !option.is_repeatable && !option.type.empty()) {
             throw wrong(std::string(option.name) + " is given twice");
         }
         option.is_given = true;

@@ -20,6 +20,7 @@ struct Option {
     bool is_answer = false;            /* reading ends here, as for --help: what else is on the line does not count */
     bool is_own = false;               /* not taken by the commands below, unlike all other options */
     bool is_required = false;
+    bool is_repeatable = false; /* may be given more than once */
     bool is_given = false;
     std::vector<const Option*> needs;
     std::vector<const Option*> excludes;

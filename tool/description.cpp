@@ -142,7 +142,7 @@ void judge_file(const Fields& fields, const Image& image) {
     if (image.file.starts_with('/') || around.find("/../") != std::string::npos || image.file.ends_with('/')) {
         throw fields.wrong("file", "must be the name of a file in the package");
     }
-    if (image.file == description_entry || image.file == signature_entry) {
+    if (image.file == description_entry || is_signature_name(image.file)) {
         throw fields.wrong("file", "must not be " + image.file);
     }
 }
@@ -187,6 +187,18 @@ void judge_version(const Fields& fields, const std::string& version) {
 }
 
 } // namespace
+
+std::string signature_name(size_t index) {
+    return description_entry + (index == 0 ? "" : "." + std::to_string(index + 1)) + ".p7s";
+}
+
+bool is_signature_name(const std::string& name) {
+    size_t index = 0;
+    while (index < signature_count && signature_name(index) != name) {
+        ++index;
+    }
+    return index < signature_count;
+}
 
 bool Image::matches(const Digests& found) const {
     const bool has_strongest = !(digests.sha256.empty() ? found.md5 : found.sha256).empty();

@@ -15,8 +15,15 @@
 #include <vector>
 
 inline constexpr char description_entry[] = "update.json";
-inline constexpr char signature_entry[] = "update.json.p7s";
+inline constexpr size_t signature_count = 8;
 inline constexpr size_t description_limit = size_t{256} << 10;
+
+/**
+ * The entries of signatures: "update.json.p7s", and "update.json.2.p7s" to "update.json.8.p7s". Each has a file
+ * of its own, since others' tools demand that all signers in one are trusted.
+ */
+std::string signature_name(size_t index);
+bool is_signature_name(const std::string& name);
 
 /** One partition and the image for it. */
 struct Image {

@@ -2,25 +2,18 @@
 
 #include "console.h"
 #include "interrupt.h"
-#include "json.h"
 #include "names.h"
 #include "partition.h"
-#include "signature.h"
 #include "slot_block.h"
 #include "status_record.h"
 #include "text.h"
 #include "version_file.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <set>
 
 namespace {
-
-constexpr size_t signature_limit = size_t{64} << 10;
-constexpr uint64_t largest_image = 0xFFFFFFFE; /* what the library can take out of a package */
 
 std::string device_path(const Image& image) {
     char untouched[sizeof ota_file_info_t::path];
@@ -52,23 +45,6 @@ Target make_target(const Package& package, const Image& image, const InstallOpti
     Target target{image, package.at(image.file).size, device_path(image), read_first};
     judge_device(target);
     return target;
-}
-
-/**
- * The library looks entries up by the C string of their name: behind a null character a second entry could
- * hide, and the one that is written would not be the one that was judged.
- */
-void judge_names(const Package& package) {
-    std::set<std::string_view> names;
-    for (const Entry& entry : package.entries()) {
-        if (entry.name.find('\0') != std::string::npos) {
-            throw Failure(ExitCode::refused, std::string("the name of the entry ") + entry.name.c_str() +
-                                                 " goes on behind a null character");
-        }
-        if (!names.insert(entry.name).second) {
-            throw Failure(ExitCode::refused, "the package has more than one entry " + entry.name);
-        }
-    }
 }
 
 /** The version of the running system; empty when the board has no file that tells. */
@@ -163,47 +139,10 @@ bool Plan::writes(bool ab) const {
                        [&](const Target& target) { return target.image.is_ab() == ab && !target.stands; });
 }
 
-Description read_description(const Package& package, const std::string& trust, std::string& signer) {
-    if (trust.empty() && std::getenv("TESSERA_TRUST") != nullptr) {
-        throw Failure(ExitCode::usage, "TESSERA_TRUST names no file", "unset it, or have it name the trusted ones");
-    }
-    const std::string text = package.text(description_entry, description_limit);
-    if (!trust.empty()) {
-        if (!package.has(signature_entry)) {
-            throw Failure(ExitCode::refused, "the package is not signed");
-        }
-        signer = verify_signature(text, package.text(signature_entry, signature_limit), trust);
-    }
-    return parse_description(parse_json(text, description_entry));
-}
-
-void judge_images(const Package& package, const Description& description, bool is_signed) {
-    judge_names(package);
-    for (const Image& image : description.images) {
-        const Entry& entry = package.at(image.file);
-        if (entry.kind != EntryKind::file || entry.size == 0) {
-            throw Failure(ExitCode::refused, image.file + " is no file with an image in it");
-        }
-        if (entry.size > largest_image) {
-            throw Failure(ExitCode::refused,
-                          image.file + " of " + human_bytes(entry.size) + " is too large to be unpacked");
-        }
-        if (image.size.value_or(entry.size) != entry.size) {
-            throw Failure(ExitCode::refused, format("%s has %llu bytes, and the description says %llu",
-                                                    image.file.c_str(), static_cast<unsigned long long>(entry.size),
-                                                    static_cast<unsigned long long>(*image.size)));
-        }
-        if (is_signed && image.digests.sha256.empty()) {
-            throw Failure(ExitCode::refused,
-                          "the description gives no SHA-256 of " + image.file + ", so the signature does not cover it");
-        }
-    }
-}
-
 Plan begin_plan(const Package& package, const InstallOptions& options) {
     Plan plan;
     plan.description = read_description(package, options.trust, plan.signer);
-    judge_images(package, plan.description, !options.trust.empty());
+    judge_images(package, plan.description, !options.trust.file.empty());
     plan.installed_version = read_installed_version(options);
     judge_version(plan, options.allow_downgrade);
     return plan;
@@ -229,22 +168,6 @@ void add_targets(Plan& plan, const Package& package, const InstallOptions& optio
         plan.running = get_boot_mode() == RECOVERY_MODE ? std::nullopt : std::optional(running);
         plan.slot = require(ExitCode::device, "cannot tell the update slot", [] { return ota_get_update_slot(); });
     }
-}
-
-Failure wrong_digest(const Image& image) {
-    return {ExitCode::refused, image.file + " is not what the description says: its digest is another one"};
-}
-
-Digests digest_entry(const Package& package, const Image& image, Digester::Kind kind, Progress& progress) {
-    Digester digester(kind);
-    progress.begin("check", image.file);
-    package.read(package.at(image.file), [&](std::span<const uint8_t> piece) {
-        stop_if_interrupted();
-        digester.add(piece);
-        progress.advance("check", piece.size());
-        return true;
-    });
-    return digester.finish();
 }
 
 void announce(const Plan& plan, const InstallOptions& options, Progress& progress) {

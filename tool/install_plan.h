@@ -2,10 +2,8 @@
 #ifndef TOOL_INSTALL_PLAN_H
 #define TOOL_INSTALL_PLAN_H
 
-#include "description.h"
 #include "device.h"
-#include "failure.h"
-#include "package.h"
+#include "package_check.h"
 #include "progress.h"
 #include "update_lock.h"
 
@@ -16,7 +14,7 @@
 
 struct InstallOptions {
     std::string package;
-    std::string trust; /* PEM file of trusted certificates; empty checks integrity only */
+    TrustOptions trust;
     std::string lock_file = default_lock_file;
     std::string version_file = "/usr/velox/version";
     bool version_file_named = false; /* by the user, who expects it to be there */
@@ -55,12 +53,6 @@ struct Plan {
     }
 };
 
-/** The description, believed only after its signature where trust is asked for. */
-Description read_description(const Package& package, const std::string& trust, std::string& signer);
-
-/** Refuses names that mean two things, sizes that are not the described ones, signed images without SHA-256. */
-void judge_images(const Package& package, const Description& description, bool is_signed);
-
 /** Judges the package by itself and its version, without reading images whole. Throws Failure. */
 Plan begin_plan(const Package& package, const InstallOptions& options);
 
@@ -96,10 +88,5 @@ bool is_done(const Plan& plan);
  * loses the slot block a half-written slot could boot, or the last system known to be good would be written.
  */
 void judge_slots(const Plan& plan);
-
-Failure wrong_digest(const Image& image);
-
-/** Digests of an image in the package, with progress of the kind "check". */
-Digests digest_entry(const Package& package, const Image& image, Digester::Kind kind, Progress& progress);
 
 #endif

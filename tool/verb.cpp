@@ -86,6 +86,16 @@ Option* add_text(Command& command, const char* name, std::string& text, const ch
     return &add_stored(command, name, text, help);
 }
 
+Option* add_texts(Command& command, const char* name, std::vector<std::string>& texts, const char* help) {
+    Option& option = add_option(command, name, "TEXT", help);
+    option.is_repeatable = true;
+    option.take = [&texts](const std::string& value) {
+        texts.push_back(value);
+        return std::string();
+    };
+    return &option;
+}
+
 Option* add_number(Command& command, const char* name, uint32_t& number, const char* help) {
     return add_any_number(command, name, number, std::numeric_limits<uint32_t>::max(), help);
 }
@@ -127,13 +137,19 @@ void add_lock(Command& command, std::string& file) {
 }
 
 /* An empty name is that of an unset variable in a script, and must not switch the check off. */
-void add_trust(Command& command, std::string& file) {
-    Option& option = add_stored(command, "--trust", file, "PEM file of the certificates whose signatures are accepted");
+void add_trust(Command& command, TrustOptions& trust) {
+    Option& option = add_stored(command, "--trust", trust.file,
+                                "PEM file of the authorities that may sign, and of their revocation lists");
     option.environment = "TESSERA_TRUST";
-    option.take = [&file](const std::string& name) {
-        file = name;
+    option.take = [&trust](const std::string& name) {
+        trust.file = name;
         return std::string(name.empty() ? "it names no file" : "");
     };
+    const auto choose = [&trust](const std::string& word) {
+        trust.time = word == "now" ? TrustTime::now : TrustTime::signing;
+    };
+    add_choice(command, "--trust-time", "WHEN", {"now", "signing"}, choose,
+               "When the signer's certificate has to be valid: now, or at the time of signing");
 }
 
 void add_need(Option* option, Option* other) {

@@ -5,6 +5,7 @@
 #include "command_line.h"
 #include "console.h"
 #include "json.h"
+#include "trust.h"
 
 #include <cstdint>
 #include <functional>
@@ -45,6 +46,8 @@ void demand_command(Command& verb);
 void add_word(Command& command, const char* name, std::string& word, const char* help);
 
 Option* add_text(Command& command, const char* name, std::string& text, const char* help);
+/** A text that may be given several times. */
+Option* add_texts(Command& command, const char* name, std::vector<std::string>& texts, const char* help);
 Option* add_number(Command& command, const char* name, uint32_t& number, const char* help);
 Option* add_number(Command& command, const char* name, uint64_t& number, const char* help);
 Option* add_number(Command& command, const char* name, std::optional<uint64_t>& number, const char* help);
@@ -57,8 +60,8 @@ void add_choice(Command& command, const char* name, const char* type, const std:
 /** The lock that everything takes which changes what an update relies on. */
 void add_lock(Command& command, std::string& file);
 
-/** The certificates whose signatures are accepted. */
-void add_trust(Command& command, std::string& file);
+/** The authorities whose signatures are accepted, and the moment that counts. */
+void add_trust(Command& command, TrustOptions& trust);
 
 void add_need(Option* option, Option* other);
 void add_exclusion(Option* option, Option* other);

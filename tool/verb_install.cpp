@@ -47,7 +47,7 @@ void remark(const Options& options, const std::string& sentence) {
 }
 
 void remark_on(const Plan& plan, const Options& options) {
-    if (options.trust.empty()) {
+    if (options.trust.file.empty()) {
         remark(options, "no trusted certificate is named, so the package's integrity is checked and not its origin");
     }
     if (plan.installed_version.empty()) {

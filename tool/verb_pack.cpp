@@ -25,8 +25,8 @@ struct Options {
     std::string description;
     std::string directory;
     std::string output;
-    std::string key;
-    std::string certificate;
+    std::vector<std::string> keys;
+    std::vector<std::string> certificates; /* of the keys, in the same order */
 };
 
 /** Reads a file piece by piece. */
@@ -96,11 +96,12 @@ void add_text(PackageWriter& package, const std::string& name, const std::string
 }
 
 /** The description first, so that a reader finds it at once; an image for two partitions only once. */
-void write_package(const Options& options, const std::string& text, const Description& description) {
+void write_package(const Options& options, const std::vector<SigningKey>& keys, const std::string& text,
+                   const Description& description) {
     PackageWriter package(options.output);
     add_text(package, description_entry, text);
-    if (!options.key.empty()) {
-        add_text(package, signature_entry, sign(text, options.key, options.certificate));
+    for (size_t i = 0; i < keys.size(); ++i) {
+        add_text(package, signature_name(i), keys[i].sign(text));
     }
     Progress progress(default_progress_mode());
     std::map<std::string, uint64_t> files;
@@ -123,15 +124,42 @@ void write_package(const Options& options, const std::string& text, const Descri
     progress.finish();
 }
 
+/** Before the images are read, which takes longer. */
+std::vector<SigningKey> read_keys(const Options& options) {
+    if (options.keys.size() != options.certificates.size()) {
+        throw Failure(ExitCode::usage, "each --sign needs its --cert", "tessera pack --help");
+    }
+    if (options.keys.size() > signature_count) {
+        throw Failure(ExitCode::usage, format("a package has at most %zu signatures", signature_count));
+    }
+    std::vector<SigningKey> keys;
+    for (size_t i = 0; i < options.keys.size(); ++i) {
+        keys.emplace_back(options.keys[i], options.certificates[i]);
+        if (const std::string warning = keys.back().warning(); !warning.empty()) {
+            console::note(warning);
+        }
+    }
+    return keys;
+}
+
 void pack(const Context& context, const Options& options) {
     watch_interrupts();
+    const std::vector<SigningKey> keys = read_keys(options);
     const std::string text = completed_description(options);
     const Description description = parse_description(parse_json(text, description_entry));
-    write_package(options, text, description);
-    const bool is_signed = !options.key.empty();
-    context.show({{"package", options.output}, {"version", description.version}, {"signed", is_signed}},
-                 "packed " + description.version + " into " + options.output +
-                     (is_signed ? ", signed" : ", not signed"));
+    write_package(options, keys, text, description);
+    Json signers = Json::array();
+    std::string names;
+    for (const SigningKey& key : keys) {
+        signers.push_back(key.name());
+        names += (names.empty() ? "signed by " : " and ") + key.name();
+    }
+    context.show({{"package", options.output},
+                  {"version", description.version},
+                  {"signed", !keys.empty()},
+                  {"signers", signers}},
+                 "packed " + description.version + " into " + options.output + ", " +
+                     (keys.empty() ? "not signed" : names));
 }
 
 } // namespace
@@ -141,9 +169,7 @@ void declare_pack(Command& verb, Context& context) {
     add_word(verb, "DESCRIPTION", options->description, "JSON text; digests and sizes are filled in");
     add_word(verb, "DIR", options->directory, "Directory of the images");
     add_word(verb, "-o,--output", options->output, "The package to make");
-    Option* key = add_text(verb, "--sign", options->key, "PEM file of the key to sign with");
-    Option* certificate = add_text(verb, "--cert", options->certificate, "PEM file of its certificate");
-    add_need(key, certificate);
-    add_need(certificate, key);
+    add_texts(verb, "--sign", options->keys, "PEM file of a key to sign with; several sign one after another");
+    add_texts(verb, "--cert", options->certificates, "PEM file of its certificate, one for each --sign");
     on_command(verb, context, [&context, options] { pack(context, *options); });
 }

@@ -9,7 +9,7 @@ namespace {
 
 struct Options {
     std::string package;
-    std::string trust;
+    TrustOptions trust;
     std::string lock_file = default_lock_file;
 };
 
@@ -59,7 +59,7 @@ void verify(const Context& context, const Options& options) {
     const Package package(options.package);
     std::string signer;
     const Description description = read_description(package, options.trust, signer);
-    judge_images(package, description, !options.trust.empty());
+    judge_images(package, description, !options.trust.file.empty());
     check_images(package, description);
     const auto versions = read_image_versions(package, description);
     const Counters counters = read_counters();

@@ -7,6 +7,7 @@ import subprocess
 import unittest
 import zipfile
 
+from authority import DELTA, Authorities, make_clock
 from bench_board import MEDIA, BoardCase, describe, error_of, images, slots
 
 
@@ -247,34 +248,92 @@ class InstallTest(BoardCase):
                 self.assertEqual([step["phase"] for step in steps if step["percent"] == 100],
                                  ["done"] * (status == 0 and "-q" not in words))
 
-    def test_signatures(self):
-        self.new()
+    def make_signed_packages(self):
+        """In /userdata: authorities with their lists, and packages NAME.zip by several signers."""
+        ca = Authorities(self.home)
         good = images(1)
         draft = describe(good, "emmc")
         for part in draft["partitions"]:
             (self.home / part["file"]).write_bytes(good[part["name"]])
             del part["md5"], part["sha256"], part["size"]
         (self.home / "draft.json").write_text(json.dumps(draft))
+        make_clock(self.home / "clock.so")
+        for name in ("ours", "theirs"):
+            ca.root(name)
+        ca.root("impostor", "ours")
+        ca.issue("inter", "ours", further="basicConstraints=critical,CA:true")
+        for name, issuer in (("signer", "ours"), ("other", "theirs"), ("deep", "inter")):
+            ca.issue(name, issuer)
+        ca.gather("chain.pem", "deep.pem", "inter.pem")
+        for name, issuer, *revoked in (("signer.crl", "ours", "signer"), ("inter.crl", "ours", "inter"),
+                                       ("deep.crl", "inter", "deep"), ("theirs.crl", "theirs", "signer"),
+                                       ("empty.crl", "ours"), ("forged.crl", "impostor", "inter")):
+            ca.revoke(name, issuer, *revoked)
+        ca.revoke("delta.crl", "ours", "signer", extension=DELTA)
+        ca.revoke("future.crl", "ours", dates="-crl_lastupdate 20900101000000Z -crldays 30")
+        for name, pairs, clock in (("none", "", ""), ("signer", "signer", ""), ("other", "other", ""),
+                                   ("both", "signer other", ""), ("deep", "deep", ""), ("early", "signer", "86400")):
+            sign = " ".join(f"--sign /userdata/{pair}.key --cert /userdata/{pair.replace('deep', 'chain')}.pem"
+                            for pair in pairs.split())
+            self.at(clock, f"pack /userdata/draft.json /userdata -o /userdata/{name}.zip {sign}", 0)
+        (self.home / "update.json").write_bytes(zipfile.ZipFile(self.home / "none.zip").read("update.json"))
+        theirs = "-signer other.pem -inkey other.key"
+        for name, options in (("two", theirs), ("nocerts", "-nocerts"), ("noattr", "-noattr")):
+            ca.openssl(f"cms -sign -binary -in update.json -outform DER -out p7s -signer signer.pem -inkey signer.key"
+                       f" {options}")
+            self.pack(f"{name}.zip", good, (self.home / "update.json").read_text(),
+                      [("update.json.p7s", (self.home / "p7s").read_bytes())])
+        self.pack("changed.zip", good, json.dumps(describe(good, "emmc", "V9.0")),
+                  [("update.json.p7s", (self.home / "p7s").read_bytes())])
+        return ca
 
-        def openssl(line):
-            subprocess.run(["openssl", *line.split()], check=True, capture_output=True, cwd=self.home)
+    def at(self, clock, line, status, told=""):
+        """Runs the command while the board's clock shows `clock`. @return what it gave"""
+        script = 'LD_PRELOAD=$LD_PRELOAD:/userdata/clock.so exec tessera "$@"'
+        result = self.simulate("run", "--", "sh", "-c", script, "sh", *line.split(),
+                               env={"TEST_CLOCK": clock} if clock else None)
+        self.assertEqual((result.returncode, told in result.stdout + result.stderr), (status, True),
+                         (line, told, result.stdout, result.stderr))
+        return result
 
-        for ca in ("ours", "theirs"):
-            openssl(f"req -x509 -newkey rsa:2048 -nodes -keyout {ca}.key -out {ca}.pem -subj /CN={ca}")
-        self.pack("p.zip", good, describe(good, "emmc"))
-        for command, trust in (["tessera"], ["--trust", ""]), (["env", "TESSERA_TRUST=", "tessera"], []):
-            told = self.simulate("run", "--", *command, "install", "/userdata/p.zip", *trust)
-            self.assertEqual((told.returncode, "names no file" in told.stderr), (2, True))
-        for ca, days, status in (("ours", 30, 0), ("theirs", 30, 3), ("ours", -1, 3), (None, 0, 3)):
-            with self.subTest(ca=ca, days=days):
-                sign = ""
-                if ca:
-                    openssl("req -newkey rsa:2048 -nodes -keyout key -out request -subj /CN=signer")
-                    openssl(f"x509 -req -in request -CA {ca}.pem -CAkey {ca}.key -CAcreateserial -out crt -days {days}")
-                    sign = "--sign /userdata/key --cert /userdata/crt"
-                self.expect(f"pack /userdata/draft.json /userdata -o /userdata/p.zip {sign}", 0)
-                run = self.expect_no_change if status else self.expect
-                run("install /userdata/p.zip --trust /userdata/ours.pem", status)
+    def test_signers_and_who_trusts_them(self):
+        self.new()
+        ca = self.make_signed_packages()
+        signing, day = "--trust-time signing", 86400
+        cases = [  # package, what is trusted, options, the clock, words of the refusal
+            ("signer", "ours.pem", "", "", ""), ("other", "ours.pem", "", "", "signer CN = other: no authority"),
+            ("none", "ours.pem", "", "", "not signed"), ("changed", "ours.pem", "", "", "CN = signer: its signature"),
+            ("signer", "ours.pem signer.crl", "", "", "CN = signer: certificate revoked"),
+            ("signer", "ours.pem inter.crl", "", "", ""), ("signer", "ours.pem theirs.pem theirs.crl", "", "", ""),
+            ("signer", "ours.pem forged.crl", "", "", "CN = ours in /userdata/trust is not signed by it"),
+            ("signer", "ours.pem impostor.pem forged.crl", "", "", ""),
+            ("deep", "ours.pem impostor.pem forged.crl", "", "", "certificate revoked: CN = inter"),
+            ("signer", "ours.pem delta.crl", "", "", "only complete lists"),
+            ("signer", "ours.pem future.crl", "", "", "before the start of the revocation list"),
+            ("signer", "ours.pem empty.crl future.crl", "", "", ""),
+            ("signer", "ours.pem empty.crl", "", f"+{40 * day}", "the revocation list of CN = ours is out of date"),
+            ("deep", "ours.pem", "", "", ""), ("deep", "ours.pem inter.crl", "", "", "certificate revoked: CN = inter"),
+            ("deep", "ours.pem deep.crl", "", "", "CN = deep: certificate revoked"),
+            ("both", "ours.pem", "", "", ""), ("both", "theirs.pem", "", "", ""), ("two", "theirs.pem", "", "", ""),
+            ("both", "ours.pem theirs.pem signer.crl", "", "", ""), ("both", "impostor.pem", "", "", "; signer CN = other"),
+            ("both", "ours.pem signer.crl", "", "", "CN = signer: certificate revoked"),
+            ("nocerts", "ours.pem", "", "", "lacks its certificate"),
+            ("signer", "ours.pem", "", str(day), "hint: set the clock"), ("signer", "ours.pem", signing, str(day), ""),
+            ("signer", "ours.pem empty.crl", signing, str(day), ""),
+            ("signer", "ours.pem signer.crl", signing, str(day), "certificate revoked"),
+            ("signer", "ours.pem", "", f"+{400 * day}", "after the end of its certificate"),
+            ("signer", "ours.pem", signing, f"+{400 * day}", ""),
+            ("signer", "ours.pem empty.crl", signing, f"+{400 * day}", "out of date"),
+            ("early", "ours.pem", "", "", ""), ("early", "ours.pem", signing, "", "before the start"),
+            ("noattr", "ours.pem", "", "", ""), ("noattr", "ours.pem", signing, "", "does not state when"),
+        ]
+        for package, trusted, options, clock, words in cases:
+            with self.subTest(package=package, trusted=trusted, options=options, clock=clock):
+                ca.gather("trust", *trusted.split())
+                before = self.board().slot_block().pack()
+                line = f"install /userdata/{package}.zip --trust /userdata/trust {options}"
+                self.at(clock, line, 3 if words else 0, words or "slot b")
+                self.assertTrue(not words or self.board().slot_block().pack() == before)
 
     def test_a_device_that_fails(self):
         good = images(1)

@@ -84,6 +84,7 @@ class DocumentsTest(BoardCase):
         (self.home / "draft.json").write_text(json.dumps({"version": "V2.0", "partitions": [part]}))
         keys = [line for line in commands_of_page(FORMAT_PAGE) if line.startswith("openssl ")]
         self.must(" && ".join(["cd board/userdata", *keys]))
+        self.must("cd board/userdata && for file in key cert ca; do cp $file.pem new-$file.pem; done")
 
     def test_commands(self):
         seen = set()

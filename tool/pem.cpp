@@ -1,0 +1,77 @@
+#include "pem.h"
+
+#include "failure.h"
+#include "text.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+namespace {
+
+template <class T>
+T* whole(T* thing, const unsigned char* end, const PemBlock& block, void (*release)(T*)) {
+    ERR_clear_error();
+    if (thing != nullptr && end != block.der.data() + block.der.size()) {
+        release(thing);
+        return nullptr;
+    }
+    return thing;
+}
+
+} // namespace
+
+bool PemBlock::is_certificate() const {
+    return kind == PEM_STRING_X509 || kind == PEM_STRING_X509_OLD || kind == PEM_STRING_X509_TRUSTED;
+}
+
+bool PemBlock::is_revocation_list() const {
+    return kind == PEM_STRING_X509_CRL;
+}
+
+Bio open_pem(const std::string& path) {
+    Bio file(BIO_new_file(path.c_str(), "r"));
+    const int error = errno;
+    std::error_code ignored;
+    ERR_clear_error();
+    if (file == nullptr || std::filesystem::is_directory(path, ignored)) {
+        throw Failure(ExitCode::failed, "cannot open " + path + because(file == nullptr ? error : EISDIR));
+    }
+    return file;
+}
+
+std::vector<PemBlock> read_pem(const std::string& path) {
+    const Bio file = open_pem(path);
+    std::vector<PemBlock> blocks;
+    char* kind = nullptr;
+    char* header = nullptr;
+    unsigned char* data = nullptr;
+    long length = 0;
+    while (PEM_read_bio(file.get(), &kind, &header, &data, &length) == 1) {
+        blocks.push_back({kind, {data, data + length}});
+        OPENSSL_free(kind);
+        OPENSSL_free(header);
+        OPENSSL_free(data);
+    }
+    const bool is_at_end = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
+    ERR_clear_error();
+    if (!is_at_end) {
+        throw Failure(ExitCode::failed, path + ": a PEM block is damaged");
+    }
+    return blocks;
+}
+
+X509Certificate parse_certificate(const PemBlock& block) {
+    const unsigned char* at = block.der.data();
+    const auto length = static_cast<long>(block.der.size());
+    const bool has_settings = block.kind == PEM_STRING_X509_TRUSTED;
+    X509* parsed = has_settings ? d2i_X509_AUX(nullptr, &at, length) : d2i_X509(nullptr, &at, length);
+    return X509Certificate(whole(parsed, at, block, X509_free));
+}
+
+RevocationList parse_revocation_list(const PemBlock& block) {
+    const unsigned char* at = block.der.data();
+    X509_CRL* parsed = d2i_X509_CRL(nullptr, &at, static_cast<long>(block.der.size()));
+    return RevocationList(whole(parsed, at, block, X509_CRL_free));
+}
