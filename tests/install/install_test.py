@@ -576,15 +576,15 @@ class InstallTest(BoardCase):
         self.pack("p.zip", image, description)
         (self.home / "uboot.img").write_bytes(image["uboot"])
         (self.home / "d.json").write_text(json.dumps(description))
-        small = "bwrap --bind / / --dev-bind /dev /dev --size 65536 --tmpfs /run -- sh -c".split()
-        for line in ("tessera pack /userdata/d.json /userdata -o /run/p.zip",
-                     "tessera package unpack /userdata/p.zip /run/out",
-                     "env TMPDIR=/run tessera verify /userdata/p.zip"):
+        small = "bwrap --bind / / --dev-bind /dev /dev --size 65536 --tmpfs /mnt -- sh -c".split()
+        for line in ("tessera pack /userdata/d.json /userdata -o /mnt/p.zip",
+                     "tessera package unpack /userdata/p.zip /mnt/out",
+                     "env TMPDIR=/mnt tessera verify /userdata/p.zip"):
             with self.subTest(line=line):
-                script = f"{line}; echo $?; find /run -type f -o -name 'tess*'"
+                script = f"{line}; echo $?; find /mnt -type f -o -name 'tess*'"
                 result = self.simulate("run", "--", *small, script)
                 self.assertEqual(result.stdout.split(), ["1"], result.stderr)
-                self.assertRegex(result.stderr, "^tessera: .*(/run|[Nn]o space)")
+                self.assertRegex(result.stderr, "^tessera: .*(/mnt|[Nn]o space)")
 
     def test_packages(self):
         self.new()
