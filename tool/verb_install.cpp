@@ -101,7 +101,7 @@ std::string slot_sentence(const Plan& plan) {
 std::string summary(const Outcome& outcome) {
     const std::string& version = outcome.plan.description.version;
     if (!outcome.needed) {
-        return version + " stands already" + slot_sentence(outcome.plan);
+        return version + " is already installed" + slot_sentence(outcome.plan);
     }
     const uint64_t written = outcome.bytes(true);
     std::string text = "installed " + version + ": " + human_bytes(written) + " written";
@@ -120,7 +120,7 @@ std::string plan_text(const Outcome& outcome) {
     std::vector<std::vector<std::string>> rows;
     for (const Target& target : plan.targets) {
         rows.push_back({target.image.file, human_bytes(target.size), target.partition(),
-                        target.stands ? "stands already" : "would be written"});
+                        target.stands ? "already installed" : "would be written"});
     }
     std::string text = "would install " + plan.description.version + " over " +
                        (plan.installed_version.empty() ? "an unknown version" : plan.installed_version) + "\n" +
@@ -207,6 +207,9 @@ void install(const Context& context, const Options& options) {
         carry_out(plan, needed, package, progress);
     }
     progress.finish();
+    if (plan.slot && plan.slot == plan.running) { /* only where the other slot is confirmed and this one is not */
+        remark(options, "slot " + slot_letter(*plan.slot) + " is on trial until tessera confirm keeps it");
+    }
     const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
     const Outcome outcome{plan, needed, spent.count()};
     context.show(to_json(outcome, options.dry_run), options.dry_run ? plan_text(outcome) : summary(outcome));

@@ -21,7 +21,7 @@ class InstallTest(BoardCase):
                 self.pack("2.zip", second, describe(second, medium, "V3.0.0"))
                 self.expect("install /userdata/1.zip", 0)
                 self.assertTrue(self.holds(first, 1))
-                self.expect("install /userdata/1.zip", 0, "stands already")
+                self.expect("install /userdata/1.zip", 0, "is already installed")
                 written = {op[0] for op in self.operations() if op[1] in ("pwrite", "MEMERASE64", "UBI_IOCEBER")}
                 self.assertLessEqual(written, {"mmcblk0p2", "mtd1", "ubi0_1"})  # the update status
                 synced = {op[0] for op in self.operations() if op[1] == "fsync"}
@@ -29,6 +29,7 @@ class InstallTest(BoardCase):
                 self.expect("rollback", 1)  # slot b is only on trial
                 self.simulate("reboot")
                 self.assertEqual(self.board().running_slot(), 1)
+                self.expect("install /userdata/1.zip", 0, "slot b is on trial until tessera confirm keeps it")
                 for line in ("confirm", "rollback"):
                     self.expect(line, 0)
                 self.assertEqual(self.board().slot_block().best(), 0)
@@ -522,7 +523,7 @@ class InstallTest(BoardCase):
         self.pack("2.zip", second, describe(second, "emmc"))
         self.expect("install /userdata/1.zip", 0)
         self.expect("status set owner tool", 0)  # as a cut between the last two writes of a record leaves it
-        self.expect("install /userdata/1.zip", 0, "stands already")
+        self.expect("install /userdata/1.zip", 0, "is already installed")
         self.assertEqual(json.loads(self.expect("status --json", 0).stdout)["status"]["owner"], "nobody")
         self.expect("install /userdata/1.zip --force", 137, fault="raise pwrite 5 9")  # in the middle of slot b
         self.expect_no_change("install /userdata/2.zip", 1, "no image for its partition system")
