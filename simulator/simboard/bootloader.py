@@ -10,25 +10,25 @@ def boot(board, fails, writes_lost_block):
     A slot on trial pays a try for every attempt, and the block is saved before the attempt, so that a
     board that hangs or loses power in it does not try for ever. A slot that was marked good is never
     given up. With `fails` the slot designated first does not come up.
-    Raw flash has no block for a moment whenever it is changed. After a power cut just then, both slots are on
-    trial, or the first one boots and the block stays lost: whoever changes the block has whole images in both
-    slots, or takes the tries from one first.
+    Raw flash has no block for a moment whenever it is changed. After a power cut just then both slots are on
+    trial, in a new block or, where the bootloader writes none, in its memory only: whoever changes the block has
+    whole images in both slots, or takes the tries from one first.
     @return whether a slot came up
     """
     board.sync()
+    save = board.save_slot_block
     try:
         block = board.slot_block()
     except BoardError as error:
-        print(f"{error}: {'both slots are on trial' if writes_lost_block else 'slot a boots, and misc is left alone'}")
-        if not writes_lost_block:
-            return boot_without_block(board, fails)
+        print(f"{error}: both slots are on trial{'' if writes_lost_block else ', and misc is left alone'}")
         block = slots.SlotBlock.fresh()
+        save = save if writes_lost_block else count_elsewhere
     broken = block.best() if fails else None
     while (number := block.best()) is not None:
         slot, name = block.slots[number], f"slot {slots.letter(number)}"
         if not slot.marked:
             slot.tries -= 1
-            board.save_slot_block(block)
+            save(block)
         if number != broken:
             board.come_up(number)
             print(f"{name} boots ({describe(slot)})")
@@ -41,12 +41,8 @@ def boot(board, fails, writes_lost_block):
     return False
 
 
-def boot_without_block(board, fails):
-    if fails:
-        print("slot a does not come up: the board hangs")
-        return False
-    board.come_up(0)
-    return True
+def count_elsewhere(_block):
+    """Nothing of a block that is not stored outlives this boot."""
 
 
 def describe(slot):
