@@ -2,14 +2,11 @@
 
 #include "failure.h"
 #include "openssl_handle.h"
-#include "text.h"
+#include "small_file.h"
 #include "velox_ota_hl.h"
 
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <openssl/err.h>
 #include <openssl/objects.h>
 #include <span>
@@ -28,14 +25,14 @@ constexpr size_t second_size = 0x200000;
 
 using Bytes = std::span<const uint8_t>;
 
-std::vector<uint8_t> read_file(const std::string& path) {
+constexpr size_t file_limit = size_t{64} << 20;
+
+std::string read_file(const std::string& path) {
     std::error_code error;
-    std::ifstream file(path, std::ios::binary);
-    if (!file || !std::filesystem::is_regular_file(path, error)) {
-        throw Failure(ExitCode::failed,
-                      file ? path + " is not a regular file" : "cannot open " + path + because(errno));
+    if (std::filesystem::exists(path, error) && !std::filesystem::is_regular_file(path, error)) {
+        throw Failure(ExitCode::failed, path + " is not a regular file");
     }
-    return {std::istreambuf_iterator<char>(file), {}};
+    return read_small_file(path, file_limit);
 }
 
 uint64_t load_64(Bytes bytes) {
@@ -121,8 +118,8 @@ std::vector<Bytes> packages_in(FirmwareKind kind, Bytes file) {
 } // namespace
 
 std::vector<Certificate> list_certificates(FirmwareKind kind, const std::string& path) {
-    const std::vector<uint8_t> file = read_file(path);
-    const std::vector<Bytes> packages = packages_in(kind, file);
+    const std::string file = read_file(path);
+    const std::vector<Bytes> packages = packages_in(kind, {reinterpret_cast<const uint8_t*>(file.data()), file.size()});
     std::vector<Certificate> certificates;
     for (const toc_entry_t* row = toc_entries; row->cmdline_name != nullptr; ++row) {
         for (const Bytes package : packages) {

@@ -350,6 +350,8 @@ class InstallTest(BoardCase):
     def test_bad_input_of_every_verb(self):
         self.new()
         (self.home / "long").write_text("x" * 120 + "_V1.2.34\n")
+        with open(self.home / "large_uboot", "wb") as large:
+            large.truncate((64 << 20) + 1)
         cases = [  # command line, status, word in the message
             ("nonsense", 2, "nonsense"), ("--colour", 2, "colour"), ("", 2, "subcommand"),
             ("install", 2, "PACKAGE"), ("install /no.zip", 3, "/no.zip"), ("install /etc/passwd", 3, "zip"),
@@ -370,6 +372,7 @@ class InstallTest(BoardCase):
             ("flashcmd ../misc_write_cmd", 1, ".."), ("flashcmd no_such", 1, "no_such"),
             ("flashcmd misc_write_cmd --data /no", 1, "/no"), ("flashcmd a --offset 1", 2, "data"),
             ("flashcmd misc_write_cmd --data /dev/zero", 1, "/dev/zero is larger than 64.0 MiB"),
+            ("versions /userdata/large_uboot", 1, "large_uboot is larger than 64.0 MiB"),
             ("pack /dev/zero /tmp -o /tmp/p.zip", 1, "/dev/zero is larger than 256.0 KiB"),
         ]
         for line, status, word in cases:
