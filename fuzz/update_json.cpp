@@ -1,4 +1,4 @@
-/** A description is refused by a Failure, or each of its fields arrives, in the form for the library as well. */
+/** A description is refused by a Failure, or each of its fields arrives. */
 #include "box.h"
 #include "description.h"
 #include "failure.h"
@@ -20,17 +20,17 @@ static std::optional<Description> parsed(const std::string& text, bool draft) {
     }
 }
 
-static void arrived(const Plain& part, const Image& image, const partition_info_t& info) {
+static void arrived(const Plain& part, const Image& image) {
     const auto digest = [&part](const char* field) {
         std::string digits = part.value(field, "");
         std::ranges::transform(digits, digits.begin(), [](unsigned char c) { return std::tolower(c); });
         return digits;
     };
-    must(image.name == part.at("name") && image.name == info.part_name);
-    must(image.file == part.at("file") && image.file == info.part_file);
+    must(image.name == part.at("name"));
+    must(image.file == part.at("file"));
     must(described_medium_names.word(image.medium) == part.at("medium"));
     must(type_names.word(image.type) == part.at("type") && part.at("method") == "image");
-    must(image.digests.md5 == digest("md5") && image.digests.md5 == info.md5[0]);
+    must(image.digests.md5 == digest("md5"));
     must(image.digests.sha256 == digest("sha256"));
     must(image.size.value_or(0) == part.value("size", uint64_t{0}));
     must(image.has_version == part.value("anti_rollback", false));
@@ -39,16 +39,14 @@ static void arrived(const Plain& part, const Image& image, const partition_info_
 }
 
 static void arrived(const Plain& json, const Description& description) {
-    const update_info_t info = to_update_info(description);
     const Plain& parts = json.at("partitions");
-    must(description.version == json.at("version") && description.version == info.sys_ver);
+    must(description.version == json.at("version"));
     must(description.sec_up_flag == json.value("sec_up_flag", 0));
     must(description.nosec_up_flag == json.value("nosec_up_flag", 0));
     must(json.size() == 2 + json.count("sec_up_flag") + json.count("nosec_up_flag"));
-    must(description.images.size() == parts.size() && info.update_size == static_cast<int32_t>(parts.size()));
+    must(description.images.size() == parts.size());
     for (size_t i = 0; i < parts.size(); ++i) {
-        arrived(parts[i], description.images[i], info.partition_info[i]);
-        must(info.update_partition[i] == description.images[i].name);
+        arrived(parts[i], description.images[i]);
     }
 }
 

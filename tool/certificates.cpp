@@ -25,14 +25,12 @@ constexpr size_t second_size = 0x200000;
 
 using Bytes = std::span<const uint8_t>;
 
-constexpr size_t file_limit = size_t{64} << 20;
-
 std::string read_file(const std::string& path) {
     std::error_code error;
     if (std::filesystem::exists(path, error) && !std::filesystem::is_regular_file(path, error)) {
         throw Failure(ExitCode::failed, path + " is not a regular file");
     }
-    return read_small_file(path, file_limit);
+    return read_small_file(path, firmware_limit);
 }
 
 uint64_t load_64(Bytes bytes) {

@@ -224,26 +224,3 @@ Description parse_description(const Json& json, bool draft) {
     refuse_repeated_names(description.images);
     return description;
 }
-
-update_info_t to_update_info(const Description& description) {
-    update_info_t info{};
-    info.parse_flag = 1;
-    info.sec_up_flag = description.sec_up_flag;
-    info.nosec_up_flag = description.nosec_up_flag;
-    description.version.copy(info.sys_ver, sizeof info.sys_ver - 1);
-    info.update_size = static_cast<int32_t>(description.images.size());
-    for (size_t i = 0; i < description.images.size(); ++i) {
-        const Image& image = description.images[i];
-        partition_info_t& partition = info.partition_info[i];
-        image.name.copy(info.update_partition[i], sizeof info.update_partition[i] - 1);
-        image.name.copy(partition.part_name, sizeof partition.part_name - 1);
-        image.file.copy(partition.part_file, sizeof partition.part_file - 1);
-        image.digests.md5.copy(partition.md5[0], sizeof partition.md5[0] - 1);
-        partition.img_size = image.size.value_or(0);
-        partition.have_anti_ver = image.has_version ? 1 : 0;
-        partition.medium = image.medium;
-        partition.type = image.type;
-        partition.method = IMAGE_UP;
-    }
-    return info;
-}

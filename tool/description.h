@@ -61,7 +61,4 @@ struct Description {
  */
 Description parse_description(const Json& json, bool draft = false);
 
-/** The form in which the library takes a description. */
-update_info_t to_update_info(const Description& description);
-
 #endif

@@ -1,7 +1,6 @@
 #include "image_versions.h"
 
 #include "console.h"
-#include "partition.h"
 #include "scratch.h"
 #include "text.h"
 
@@ -23,7 +22,7 @@ uint64_t read_rollback_index(const std::string& path) {
     std::array<char, vbmeta_head.size()> head{};
     image.read(head.data(), head.size());
     if (!image || std::string_view(head.data(), head.size()) != vbmeta_head) {
-        throw Failure(ExitCode::refused, path + " is no verified-boot image");
+        throw Failure(ExitCode::refused, path + " is not a verified-boot image");
     }
     uint64_t index = 0;
     image.seekg(rollback_index_offset);
@@ -34,11 +33,24 @@ uint64_t read_rollback_index(const std::string& path) {
     return be64toh(index);
 }
 
+/** What an image shows a version for; nothing where it is not described as having one, or is no firmware. */
+std::optional<FirmwareKind> versioned_kind(const Image& image) {
+    return image.has_version ? firmware_kind(image.name) : std::nullopt;
+}
+
+/** The library reads a firmware package whole into memory. */
+void demand_parsable(const std::string& path) {
+    std::error_code ignored;
+    if (std::filesystem::file_size(path, ignored) > firmware_limit && !ignored) {
+        throw Failure(ExitCode::refused, path + " is larger than " + human_bytes(firmware_limit));
+    }
+}
+
 /** Images are unpacked one at a time, so the largest decides. */
 void demand_room(const Package& package, const Description& description, const ScratchDirectory& scratch) {
     uint64_t need = 0;
     for (const Image& image : description.images) {
-        need = image.has_version ? std::max(need, package.at(image.file).size) : need;
+        need = versioned_kind(image) ? std::max(need, package.at(image.file).size) : need;
     }
     std::string path = scratch.path();
     const uint64_t room = get_free_space(path.data());
@@ -50,18 +62,17 @@ void demand_room(const Package& package, const Description& description, const S
     }
 }
 
-/** Puts the image's own name in the place of the path that it was unpacked to, which nobody can look at. */
+/** Replaces the path of a temporary copy, which the user cannot look at, by the image's own name. */
 std::string without_path(std::string sentence, const std::string& path, const std::string& name) {
-    if (const size_t at = sentence.find(path); at != std::string::npos) {
+    for (size_t at = 0; (at = sentence.find(path, at)) != std::string::npos; at += name.size()) {
         sentence.replace(at, path.size(), name);
     }
     return sentence;
 }
 
-std::string unpack(const Package& package, const Image& image, const ScratchDirectory& scratch) {
+void unpack(const Package& package, const Image& image, const ScratchDirectory& scratch) {
     require(ExitCode::refused, "cannot unpack " + image.file,
             [&] { return vx_uncompress_one(package.path().c_str(), scratch.path().c_str(), image.file.c_str()); });
-    return scratch.path() + "/" + image.file;
 }
 
 void remove_unpacked(const std::string& path) {
@@ -77,9 +88,10 @@ ImageVersion read_one(const Package& package, const Image& image, FirmwareKind k
     }
     const std::string unpacked = scratch.path() + "/" + image.file;
     try {
-        result.version = read_image_version(kind, unpack(package, image, scratch));
+        unpack(package, image, scratch);
+        read_image_version(kind, unpacked, image.file, result);
     } catch (const Failure& failure) {
-        result.problem = without_path(failure.what(), unpacked, image.file);
+        result.problem = failure.what();
     }
     remove_unpacked(unpacked);
     return result;
@@ -139,11 +151,20 @@ uint64_t read_image_version(FirmwareKind kind, const std::string& path) {
     if (kind == FirmwareKind::vbmeta) {
         return read_rollback_index(path);
     }
+    demand_parsable(path);
     const uint32_t layout = kind == FirmwareKind::miniboot ? SEC_MINIBOOT_IMG : NOSEC_UBOOT_IMG;
     uint32_t version = 0;
-    require(ExitCode::refused, path + " shows no version",
+    require(ExitCode::refused, path + " has no version",
             [&] { return vx_fip_img_anti_read(path.c_str(), layout, &version); });
     return version;
+}
+
+void read_image_version(FirmwareKind kind, const std::string& path, const std::string& name, ImageVersion& result) {
+    try {
+        result.version = read_image_version(kind, path);
+    } catch (const Failure& failure) {
+        result.problem = without_path(failure.what(), path, name);
+    }
 }
 
 std::vector<ImageVersion> read_image_versions(const Package& package, const Description& description) {
@@ -151,13 +172,8 @@ std::vector<ImageVersion> read_image_versions(const Package& package, const Desc
     demand_room(package, description, scratch);
     std::vector<ImageVersion> versions;
     for (const Image& image : description.images) {
-        if (!image.has_version) {
-            continue;
-        }
-        if (const auto kind = firmware_kind(image.name)) {
+        if (const auto kind = versioned_kind(image)) {
             versions.push_back(read_one(package, image, *kind, scratch));
-        } else { /* adds no version, but the library unpacks it too */
-            remove_unpacked(unpack(package, image, scratch));
         }
     }
     return versions;
@@ -170,7 +186,7 @@ Counters read_counters() {
     return {record.sec_ver, record.nosec_ver};
 }
 
-std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const Counters& counters) {
+std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const std::optional<Counters>& counters) {
     for (const ImageVersion& image : versions) {
         if (!image.version) {
             return image.partition + ": " + image.problem;
@@ -186,34 +202,27 @@ std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const
     if (non_secure != vbmeta.value_or(0)) {
         return format("the versions of uboot (%u) and vbmeta (%u) differ", non_secure, vbmeta.value_or(0));
     }
-    if (secure.value_or(0) < counters.secure) {
-        return lower_than("miniboot", secure.has_value(), secure.value_or(0), "secure", counters.secure);
+    if (counters && secure.value_or(0) < counters->secure) {
+        return lower_than("miniboot", secure.has_value(), secure.value_or(0), "secure", counters->secure);
     }
-    if (non_secure < counters.non_secure) {
-        return lower_than("uboot and vbmeta", uboot || vbmeta, non_secure, "non-secure", counters.non_secure);
+    if (counters && non_secure < counters->non_secure) {
+        return lower_than("uboot and vbmeta", uboot || vbmeta, non_secure, "non-secure", counters->non_secure);
     }
     return {};
 }
 
-void judge_versions(const Package& package, const Description& description) {
-    const std::string refusal = refusal_by_versions(read_image_versions(package, description), read_counters());
-    if (!refusal.empty()) {
+std::optional<antirollback_ver_t> check_versions(const Package& package, const Description& description) {
+    const std::vector<ImageVersion> versions = read_image_versions(package, description);
+    if (const std::string refusal = refusal_by_versions(versions, read_counters()); !refusal.empty()) {
         throw Failure(ExitCode::refused, refusal);
     }
-}
-
-void verify_versions(const Package& package, const Description& description) {
-    const ScratchDirectory scratch;
-    update_info_t info = to_update_info(description);
-    try {
-        console::forget_errors();
-        if (verify_antirollback_version(&info, package.path().c_str(), scratch.path().c_str()) != 0) {
-            throw Failure(ExitCode::device, "cannot store the package's anti-rollback versions" +
-                                                without_path(console::logged_cause(), scratch.path() + "/", ""));
-        }
-        sync_partition("ubootenv");
-    } catch (Failure& failure) {
-        failure.state = "no image was written, and what ubootenv holds is unknown";
-        throw;
+    if (versions.empty()) {
+        return std::nullopt;
     }
+    antirollback_ver_t record{};
+    record.sec_up_flag = static_cast<uint8_t>(description.sec_up_flag);
+    record.nosec_up_flag = static_cast<uint8_t>(description.nosec_up_flag);
+    record.sec_ver = last_version(versions, FirmwareKind::miniboot).value_or(0);
+    record.nosec_ver = last_version(versions, FirmwareKind::uboot).value_or(0);
+    return record;
 }

@@ -11,17 +11,17 @@
 #include <string_view>
 #include <vector>
 
+/** What the library reads of a firmware package without any certificate. */
+inline constexpr uint32_t version_of_nothing = 255;
+
 enum class FirmwareKind { miniboot, uboot, vbmeta };
 
 /** What an image is by the name of its partition or file; nothing when the name does not tell. */
 std::optional<FirmwareKind> firmware_kind(std::string_view name);
 const char* firmware_name(FirmwareKind kind);
 
-/**
- * The one version that an image shows, 64 bits wide in a verified-boot image. Throws with the library's
- * reason when there is none.
- */
-uint64_t read_image_version(FirmwareKind kind, const std::string& path);
+/** Firmware packages are read whole into memory; larger ones are refused. */
+inline constexpr uint64_t firmware_limit = uint64_t{64} << 20;
 
 struct ImageVersion {
     std::string partition;
@@ -30,27 +30,39 @@ struct ImageVersion {
     std::string problem; /* why there is no version */
 };
 
-/** The versions of all images of a package that are described as having one, in the description's order. */
+/**
+ * The one version that an image shows, 64 bits wide in a verified-boot image. Throws with the library's
+ * reason when there is none.
+ */
+uint64_t read_image_version(FirmwareKind kind, const std::string& path);
+
+/** The same of a temporary copy, into `result`: a problem is described under the image's own name. */
+void read_image_version(FirmwareKind kind, const std::string& path, const std::string& name, ImageVersion& result);
+
+/** The versions of all firmware images of a package that are described as having one, in the description's order. */
 std::vector<ImageVersion> read_image_versions(const Package& package, const Description& description);
 
 struct Counters {
     uint32_t secure;
     uint32_t non_secure;
+
+    bool operator==(const Counters&) const = default;
 };
 
 /** The counters in the board's fuses. */
 Counters read_counters();
 
-/** Why images are refused by these counters, in one sentence; empty when they pass. */
-std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const Counters& counters);
-
-/** Throws Failure where the library would refuse the package, in better words. Touches nothing. */
-void judge_versions(const Package& package, const Description& description);
+/**
+ * Why images are refused, in one sentence; empty when they pass. Without counters, off the board, they only have
+ * to agree with each other.
+ */
+std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const std::optional<Counters>& counters);
 
 /**
- * Has the library judge a package that passed above, and store its versions for a later burning of the
- * fuses. Throws Failure, of the device: what can still fail is the storing.
+ * Throws Failure for a package that the library would refuse, in better words. Touches nothing.
+ * @return the record for burning the fuses later, to be stored once the package is installed; nothing for a
+ *         package without versions
  */
-void verify_versions(const Package& package, const Description& description);
+std::optional<antirollback_ver_t> check_versions(const Package& package, const Description& description);
 
 #endif

@@ -222,6 +222,9 @@ void run_plan(const Plan& plan, const Package& package, Progress& progress, Grou
     write_group(single_group, package, progress, begun);
     stop_if_interrupted();
     set_status_flag(OTA_FLAG_VERIFIED);
+    if (plan.versions) {
+        store_versions(*plan.versions);
+    }
     if (plan.switches()) {
         progress.begin("switch", "slot " + slot_letter(*plan.slot));
         switch_slot(*plan.slot);
@@ -241,6 +244,9 @@ bool is_completed_by(const Plan& plan, const StoredStatus& stored) {
 void settle(const Plan& plan) {
     if (plan.slot) {
         sync_partition("misc");
+    }
+    if (plan.versions && read_stored_versions().is_missing()) {
+        store_versions(*plan.versions);
     }
     const StoredStatus stored = read_status();
     if (stored.is_valid ? is_completed_by(plan, stored) : can_keep_status()) {

@@ -7,7 +7,9 @@
  *  3. The running slot's entry in the slot block is never changed but for its priority, by the switch.
  *  4. Images for the slot come first. A partition that exists once is written when they have all been
  *     read back, and only with an image that was read through before.
- *  5. The status record says "burn" before the first byte changes, and "normal" only at the end.
+ *  5. The package's anti-rollback versions are stored after every image was read back, and before the switch:
+ *     they are never those of a package that is not on the board.
+ *  6. The status record says "burn" before the first byte changes, and "normal" only at the end.
  */
 #ifndef TOOL_INSTALL_H
 #define TOOL_INSTALL_H

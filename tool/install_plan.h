@@ -45,6 +45,8 @@ struct Plan {
     std::optional<int32_t> running; /* known whenever `slot` is, but in recovery mode no slot's system runs */
     std::vector<Descriptor> claims; /* keep others off the targets for as long as they are open */
 
+    std::optional<antirollback_ver_t> versions; /* of the package, for burning the fuses later; may have none */
+
     /** Whether an image of this kind has to be written. */
     [[nodiscard]] bool writes(bool ab) const;
     /** Whether the slot is made the next one in the end. */

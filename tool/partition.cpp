@@ -5,6 +5,25 @@
 
 #include <filesystem>
 
+bool is_board() {
+    std::error_code ignored;
+    return std::filesystem::is_directory(partition_directory, ignored);
+}
+
+std::set<std::string> list_partitions_by_name() {
+    std::set<std::string> names;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(partition_directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        names.insert(entry->path().filename());
+    }
+    if (error) {
+        throw Failure(ExitCode::device, std::string("cannot list ") + partition_directory + ": " + error.message(),
+                      "tessera board --check");
+    }
+    return names;
+}
+
 std::string partition_path(const std::string& name) {
     char untouched[sizeof ota_file_info_t::path];
     char path[sizeof ota_file_info_t::path];

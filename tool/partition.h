@@ -5,11 +5,18 @@
 #include "velox_ota_hl.h"
 
 #include <cstdint>
+#include <set>
 #include <span>
 #include <string>
 
 inline constexpr char partition_directory[] = "/dev/block/platform/by-name/";
 inline constexpr char flash_command_directory[] = "/usr/velox/share/ota";
+
+/** Whether this machine is a board: one that has partitions by name. */
+bool is_board();
+
+/** The names of all partitions, a name for each slot's copy. Throws when they cannot be listed. */
+std::set<std::string> list_partitions_by_name();
 
 /** The path of a partition that exists once, or of one slot's copy when `name` has the suffix. */
 std::string partition_path(const std::string& name);

@@ -41,6 +41,21 @@ bool StoredStatus::is_cut() const {
     return is_valid && (record.up == OTA_FLAG_BURN || record.up == OTA_FLAG_VERIFY);
 }
 
+bool StoredStatus::is_idle() const {
+    const ota_update_flag_e flags[] = {record.up,     record.up_system, record.up_backup, record.up_middleware,
+                                       record.up_app, record.up_param};
+    return is_valid && std::all_of(std::begin(flags), std::end(flags),
+                                   [](ota_update_flag_e flag) { return flag == OTA_FLAG_NORMAL; });
+}
+
+bool StoredVersions::is_missing() const {
+    return !is_valid || (record.sec_up_flag | record.nosec_up_flag | record.sec_ver | record.nosec_ver) == 0;
+}
+
+bool StoredVersions::holds(const antirollback_ver_t& other) const {
+    return is_valid && std::memcmp(&record, &other, offsetof(antirollback_ver_t, crc32_le)) == 0;
+}
+
 bool StoredStatus::lists_slot() const {
     const auto& types = record.update_part.type;
     const auto* end = types + listed_partitions(record);
@@ -72,6 +87,18 @@ void write_status(ota_status_t& record) {
     ota_file_info_t place = locate(status_partition);
     require(ExitCode::device, cannot_store, [&] { return ota_write_to_veeprom_force(&record, &place); });
     sync_partition(status_partition);
+}
+
+void store_versions(antirollback_ver_t record) {
+    constexpr char sentence[] = "cannot store the package's anti-rollback versions";
+    if (read_stored_versions().holds(record)) {
+        return;
+    }
+    require(ExitCode::device, sentence, [&] { return ota_set_anti_ver_veeprom(&record); });
+    sync_partition(status_partition);
+    if (!read_stored_versions().holds(record) && can_keep_status()) {
+        throw Failure(ExitCode::device, std::string(sentence) + ": " + status_partition + " did not keep them");
+    }
 }
 
 void set_status_flag(ota_update_flag_e flag) {

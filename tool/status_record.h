@@ -19,7 +19,9 @@ struct StoredStatus {
     [[nodiscard]] const char* fault() const;
     /** Whether an installation was cut before all that it wrote was read back. */
     [[nodiscard]] bool is_cut() const;
-    /** The same, of images in this slot. */
+    /** Whether no update is under way, and none was cut. */
+    [[nodiscard]] bool is_idle() const;
+    /** The same as is_cut(), of images in this slot. */
     [[nodiscard]] bool is_cut_in(int32_t slot) const;
     /** Whether the record lists partitions of a slot. */
     [[nodiscard]] bool lists_slot() const;
@@ -28,6 +30,10 @@ struct StoredStatus {
 struct StoredVersions {
     antirollback_ver_t record;
     bool is_valid;
+
+    /** Whether no package has left its versions: no valid record, or one of zeros. */
+    [[nodiscard]] bool is_missing() const;
+    [[nodiscard]] bool holds(const antirollback_ver_t& other) const;
 };
 
 /** How many partitions a record lists, and their names; a damaged record lists no more than it has room for. */
@@ -42,6 +48,9 @@ StoredVersions read_stored_versions();
 
 /** Writes a whole record in the name of this tool, in one write, and waits until the medium holds it. */
 void write_status(ota_status_t& record);
+
+/** Stores versions for a later burning of the fuses, where they are not stored yet; the medium then holds them. */
+void store_versions(antirollback_ver_t record);
 
 /** Moves the general flag on, and waits until the medium holds it. */
 void set_status_flag(ota_update_flag_e flag);

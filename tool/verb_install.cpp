@@ -51,7 +51,8 @@ void remark_on(const Plan& plan, const Options& options) {
         remark(options, "no trusted certificate is named, so the package's integrity is checked and not its origin");
     }
     if (plan.installed_version.empty()) {
-        remark(options, "the installed version is unknown, so it cannot be compared");
+        remark(options, "the installed version is unknown, because there is no readable " + options.version_file +
+                            ": a downgrade is not noticed until an installed system image contains that file");
     }
     if (!can_keep_status()) {
         remark(options, "a bad block in ubootenv keeps the update status from being read, so tessera status cannot "
@@ -168,10 +169,7 @@ void judge_board(Plan& plan, const Package& package, const Options& options, Pro
     check_images(plan, package, progress);
     stop_if_interrupted();
     progress.begin("check", "versions");
-    judge_versions(package, plan.description);
-    if (!options.dry_run) {
-        verify_versions(package, plan.description);
-    }
+    plan.versions = check_versions(package, plan.description);
 }
 
 /** Judges everything, in the order in which it can be believed. */

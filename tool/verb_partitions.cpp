@@ -27,20 +27,6 @@ struct Partition {
     std::string problem = {}; /* why the sizes are not known */
 };
 
-std::set<std::string> entry_names() {
-    std::set<std::string> names;
-    std::error_code error;
-    for (fs::directory_iterator entry(partition_directory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        names.insert(entry->path().filename());
-    }
-    if (error) {
-        throw Failure(ExitCode::device, format("cannot list %s: %s", partition_directory, error.message().c_str()),
-                      "tessera board --check");
-    }
-    return names;
-}
-
 /** The base names of the A/B partitions. The library fills one row for each, without a bound. */
 std::set<std::string> ab_names(size_t entries) {
     constexpr size_t late = 256; /* for nodes that come into being between the two listings */
@@ -77,7 +63,7 @@ Partition describe(const std::string& name, const std::set<std::string>& ab) {
 }
 
 std::vector<Partition> list_partitions() {
-    const std::set<std::string> names = entry_names();
+    const std::set<std::string> names = list_partitions_by_name();
     const std::set<std::string> ab = ab_names(names.size());
     std::vector<Partition> partitions;
     partitions.reserve(names.size());

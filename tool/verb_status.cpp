@@ -147,13 +147,13 @@ std::string versions_text(const StoredVersions& versions) {
         return "\nthe stored anti-rollback versions are not valid (wrong checksum), so what they were is unknown";
     }
     const antirollback_ver_t& record = versions.record;
-    if ((record.sec_up_flag | record.nosec_up_flag | record.sec_ver | record.nosec_ver) == 0) {
+    if (versions.is_missing()) {
         return "\nthe anti-rollback record holds versions 0, and no counter is to be raised";
     }
     const auto line = [](const char* name, uint32_t version, bool raise) {
         return format("%-12sversion %u, counter %s\n", name, version, raise ? "to be raised" : "stays");
     };
-    return "\nanti-rollback versions of the last package that passed:\n" +
+    return "\nanti-rollback versions of the last package that was installed:\n" +
            line("secure", record.sec_ver, record.sec_up_flag == 1) +
            line("non-secure", record.nosec_ver, record.nosec_up_flag == 1);
 }

@@ -24,15 +24,6 @@ FirmwareKind kind_of(const Options& options) {
     return *kind;
 }
 
-/** The image as a whole: its version, or why it has none. */
-ImageVersion judge_whole(FirmwareKind kind, const std::string& file) {
-    try {
-        return {file, kind, read_image_version(kind, file), {}};
-    } catch (const Failure& failure) {
-        return {file, kind, std::nullopt, failure.what()};
-    }
-}
-
 std::string or_unknown(const std::optional<uint64_t>& version) {
     return version ? std::to_string(*version) : "unknown";
 }
@@ -43,7 +34,8 @@ std::string problem_of(const Certificate& certificate) {
 
 void show_versions(const Context& context, const Options& options) {
     const FirmwareKind kind = kind_of(options);
-    const ImageVersion whole = judge_whole(kind, options.file);
+    ImageVersion whole{options.file, kind, std::nullopt, {}};
+    read_image_version(kind, options.file, options.file, whole);
     Json certificates = Json::array();
     std::string text;
     for (const Certificate& certificate : list_certificates(kind, options.file)) {

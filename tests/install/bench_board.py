@@ -100,6 +100,17 @@ class BoardCase(unittest.TestCase):
         self.assertEqual([op for op in self.operations() if op[1] in MUTATIONS and op[1] != "fsync"], [])
         return result
 
+    def firmware(self, version):
+        """@return firmware images that show this version, by partition"""
+        place = self.place / f"firmware{version}"
+        subprocess.run([SIMULATOR / "make_firmware", place, "--version", str(version)], check=True)
+        return {path.stem: path.read_bytes() for path in place.iterdir()}
+
+    def rename_partition(self, name, other):
+        devices = self.dir / "devices"
+        devices.write_text(devices.read_text().replace(f"{name} ", f"{other} ", 1))
+        (self.dir / "partitions" / name).rename(self.dir / "partitions" / other)
+
     def board(self):
         return state.Board(self.dir)
 

@@ -2,6 +2,7 @@
 
 import json
 import os
+import shutil
 import struct
 import subprocess
 import unittest
@@ -9,6 +10,8 @@ import zipfile
 
 from authority import DELTA, Authorities, make_clock
 from bench_board import MEDIA, BoardCase, describe, error_of, images, slots
+
+RAISE_BOTH = {"sec_up_flag": 1, "nosec_up_flag": 1}
 
 
 class InstallTest(BoardCase):
@@ -356,7 +359,7 @@ class InstallTest(BoardCase):
             ("nonsense", 2, "nonsense"), ("--colour", 2, "colour"), ("", 2, "subcommand"),
             ("install", 2, "PACKAGE"), ("install /no.zip", 3, "/no.zip"), ("install /etc/passwd", 3, "zip"),
             ("install /no.zip --lock /no/lock", 1, "/no/lock"), ("install /no.zip --progress loud", 2, "loud"),
-            ("verify /no.zip", 3, "/no.zip"), ("verify /none.zip --lock /userdata", 1, "cannot use the lock file"),
+            ("verify /no.zip", 3, "/no.zip"), ("slots set-next a --lock /userdata", 1, "cannot use the lock file"),
             ("pack /no.json /tmp -o /tmp/p.zip", 1, "/no.json"), ("pack /etc/passwd /tmp -o /tmp/p.zip", 3, "passwd"),
             ("pack a b -o c --sign d", 2, "cert"), ("package open", 2, "open"), ("package list /no.zip", 3, "/no.zip"),
             ("package unpack /etc/passwd /tmp/out", 3, "zip"), ("package has /etc/passwd a", 3, "zip"),
@@ -368,7 +371,7 @@ class InstallTest(BoardCase):
             ("digest misc --length x", 2, "length"), ("compare misc ubootenv", 1, "differ"),
             ("compare /dev/null /dev/zero", 4, "tells no size"), ("version compare abc V1", 1, "abc"),
             ("version show /no", 1, "/no"), ("version show /userdata/long", 1, "long"), ("versions /no", 2, "/no"),
-            ("versions /etc/passwd --kind uboot", 3, "passwd"), ("efuse burn --yes", 1, "record"),
+            ("versions /etc/passwd --kind uboot", 3, "passwd"), ("efuse burn --yes", 1, "no installed package"),
             ("flashcmd ../misc_write_cmd", 1, ".."), ("flashcmd no_such", 1, "no_such"),
             ("flashcmd misc_write_cmd --data /no", 1, "/no"), ("flashcmd a --offset 1", 2, "data"),
             ("flashcmd misc_write_cmd --data /dev/zero", 1, "/dev/zero is larger than 64.0 MiB"),
@@ -631,6 +634,95 @@ class InstallTest(BoardCase):
         for line in ("install /userdata/p.zip --dry-run", "install /userdata/p.zip", "verify /userdata/p.zip"):
             told = self.expect(line, 3, "on eMMC only")
         self.assertIn("unknown", told.stdout)  # the versions, beside the refusal
+
+    def test_the_fuses_are_burnt_only_when_no_system_needs_the_old_counters(self):
+        firmware = {version: self.firmware(version) for version in (2, 3)}
+        good, gone, untried = slots.Slot(15, 1, True), slots.Slot(14, 0, False), slots.Slot(15, 1, False)
+        old = {"miniboot": 2}
+        single = ("miniboot_a", "miniboot"), ("miniboot_b", "spare_b")
+        cases = [  # further words, slots, versions in a, in b, which runs; what else is so, status, word in the error
+            ("--yes", good, good, {}, {}, "", 0, ""), ("", good, good, {}, {}, "", 2, "cannot be undone"),
+            ("--yes", good, untried, {}, {}, "", 1, "slot b is running and not confirmed"),
+            ("--yes", good, gone, {}, {}, "", 1, "not confirmed"),
+            ("--yes", good, good, {}, {}, "checksum", 1, "checksum"),
+            ("--yes", good, good, {}, {}, "recovery", 1, "recovery"),
+            ("--yes", good, good, {}, {}, "status set update burn", 1, "an update has not ended"),
+            ("--yes", good, good, {}, old, "", 1, "miniboot_b has version 2, below 3"),
+            ("--yes --give-up-other-slot --unchecked", good, good, {}, {"uboot": 0}, "", 1, "uboot_b has no version"),
+            ("--yes", good, good, {"vbmeta": 2}, {}, "", 1, "slot a is bootable and would be lost: vbmeta_a"),
+            ("--yes", gone, good, old, {}, "", 0, ""), ("--yes", good, good, {"miniboot": 0}, {}, "", 1, "miniboot_a"),
+            ("--yes --give-up-other-slot", good, good, old, {}, "", 0, ""),
+            ("--yes", good, good, {}, {}, [("miniboot_b", "spare_b")], 1, "slot b has no partition with miniboot"),
+            ("--yes --unchecked", good, good, {}, {}, [("miniboot_b", "spare_b")], 0, ""),
+            ("--yes --unchecked", good, good, {}, {}, [("miniboot_a", "spare_a"), ("miniboot_b", "spare_b")], 1, "slot a"),
+            ("--yes", good, good, {}, {}, [("vbmeta_a", "spare_a")], 1, "it has no vbmeta firmware"),
+            ("--yes", good, good, {}, {}, single, 0, ""),
+            ("--yes --unchecked --give-up-other-slot", good, good, old, {}, single, 1, "miniboot has version 2"),
+        ]
+        self.new()
+        self.pack("3.zip", firmware[3], describe(firmware[3], "emmc", anti_rollback=True) | RAISE_BOTH)
+        self.expect("install /userdata/3.zip", 0)
+        self.simulate("reboot")
+        factory = shutil.copytree(self.dir, self.place / "factory")
+        for words, a, b, in_a, in_b, further, status, word in cases:
+            with self.subTest(words=words, in_a=in_a, in_b=in_b, further=further, word=word):
+                shutil.rmtree(self.dir)
+                shutil.copytree(factory, self.dir)
+                self.board().save_slot_block(slots.SlotBlock.of(a, b))
+                for slot, versions in enumerate((in_a, in_b)):
+                    for name in firmware[3]:
+                        version = versions.get(name, 3)
+                        data = firmware[version][name] if version else bytes(4096)
+                        self.board().write_logical(self.board().device(f"{name}_{'ab'[slot]}"), data)
+                if further == "checksum":
+                    self.damage_slot_block()
+                elif further == "recovery":
+                    cmdline = self.dir / "cmdline"
+                    cmdline.write_text(cmdline.read_text().replace("mode=normal", "mode=recovery"))
+                elif isinstance(further, str) and further:
+                    self.expect(further, 0)
+                for name, other in further if not isinstance(further, str) else ():
+                    self.rename_partition(name, other)
+                run = self.expect_no_change if status or "give" not in words else self.expect
+                told = run(f"efuse burn {words} --json", status)
+                self.assertEqual(self.board().fuses(), "sec 3, nosec 3" if status == 0 else "sec 0, nosec 0")
+                if status:
+                    self.assertIn(word, error_of(told)["message"])
+                elif "give" in words:
+                    self.assertEqual([slot.tries for slot in self.board().slot_block().slots], [0, 1])
+
+    def test_only_a_completed_installation_stores_versions_for_burning(self):
+        firmware, plain = self.firmware(3), images(1)
+        self.new()
+        self.pack("3.zip", firmware, describe(firmware, "emmc", "V2.0.1", anti_rollback=True) | RAISE_BOTH)
+        self.pack("plain.zip", plain, describe(plain, "emmc", "V2.0.2"))
+
+        def stored():
+            return json.loads(self.expect("status --json", 0).stdout)["anti_rollback"].get("secure_version", 0)
+
+        self.expect_no_change("verify /userdata/3.zip", 0, "passes")
+        self.expect_no_change("install /userdata/3.zip --dry-run", 0)
+        self.expect("install /userdata/3.zip", 4, fault="fail pwrite 7")  # in the middle of its images
+        self.assertEqual(stored(), 0)
+        self.expect("confirm", 0)
+        self.expect("efuse burn --yes", 1, "no installed package")
+        self.expect("install /userdata/3.zip", 0)
+        kinds = [op[1] + op[2] for op in self.operations() if op[0] in ("mmcblk0p1", "mmcblk0p2") and op[1] == "pwrite"]
+        self.assertLess(kinds.index("pwrite198784+16"), max(at for at, op in enumerate(kinds) if "2048+" in op))
+        self.expect_no_change("efuse burn --yes --give-up-other-slot", 1, "miniboot_a")  # the running slot's, empty
+        self.simulate("reboot")
+        self.expect("confirm", 0)
+        self.expect("status reset", 0)
+        self.expect("efuse burn --yes --give-up-other-slot", 1, "no installed package")
+        self.expect("slots set-next a", 0)  # so that the package goes to the slot that has it
+        self.simulate("reboot")
+        self.expect("install /userdata/3.zip", 0, "slot b boots next")
+        self.assertEqual(stored(), 3)
+        for line in ("status reset", "install /userdata/3.zip"):
+            self.expect(line, 0)
+        self.assertEqual(stored(), 3)  # of a package that is already installed
+        self.expect("install /userdata/plain.zip", 0)
+        self.assertEqual(stored(), 3)  # one without versions does not take them away
 
     def test_a_flash_command_is_kept(self):
         self.new()
