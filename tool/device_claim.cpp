@@ -65,10 +65,11 @@ void refuse_mounted(const std::string& name, Match is_the_device) {
     }
 }
 
-std::string first_word(const fs::path& file) {
-    std::string word;
-    std::ifstream(file) >> word;
-    return word;
+std::string first_line(const fs::path& file) {
+    std::string line;
+    std::ifstream stream(file);
+    std::getline(stream, line);
+    return line;
 }
 
 /** The kernel's name of a character device: "mtd5", "ubi0_3". */
@@ -96,11 +97,11 @@ void check_mtd(const std::string& path, const std::string& name) {
     const std::string number = device.substr(std::min<size_t>(device.size(), 3));
     std::error_code error;
     for (fs::directory_iterator entry(ubi_directory, error), end; !error && entry != end; entry.increment(error)) {
-        if (first_word(entry->path() / "mtd_num") == number) {
+        if (first_line(entry->path() / "mtd_num") == number) {
             refuse(name, "UBI is attached to it as " + entry->path().filename().string(), "ubidetach -m " + number);
         }
     }
-    const std::string title = first_word("/sys/class/mtd/" + device + "/name");
+    const std::string title = first_line("/sys/class/mtd/" + device + "/name");
     refuse_mounted(name, [&](const Mount& mount) {
         return mount.device == format("%u:%s", mtd_block_major, number.c_str()) ||
                is_one_of(mount.source, {device, "mtdblock" + number, "mtd:" + title});
@@ -110,7 +111,7 @@ void check_mtd(const std::string& path, const std::string& name) {
 void check_ubi(const std::string& path, const std::string& name) {
     const std::string volume = kernel_name(path);
     const std::string device = volume.substr(0, volume.find('_'));
-    const std::string title = first_word(fs::path(ubi_directory) / volume / "name");
+    const std::string title = first_line(fs::path(ubi_directory) / volume / "name");
     const std::string short_device = device == "ubi0" ? "ubi" : device; /* "ubi:rootfs" is on device 0 */
     refuse_mounted(name, [&](const Mount& mount) {
         return is_one_of(mount.source,
