@@ -84,9 +84,12 @@ class RecipesTest(unittest.TestCase):
         functions = {}
         exec("\n".join(re.findall(r"^def .*?(?=^\S(?!ef ))", text, re.M | re.S)), functions)  # as BitBake would
         values = {"TESSERA_PARTITIONS": "boot system", "TESSERA_VERSION": "V2.0", "TESSERA_MEDIUM": "nand",
-                  "TESSERA_DESCRIPTION_FIELDS": '{"sec_up_flag": 1}', ("TESSERA_TYPE", "boot"): "permanent"}
+                  "TESSERA_DESCRIPTION_FIELDS": '{"sec_up_flag": 1}', ("TESSERA_TYPE", "boot"): "permanent",
+                  "TESSERA_SIGN_KEY": "old.key new.key", "TESSERA_SIGN_CERT": "old.pem new.pem"}
         data = types.SimpleNamespace(getVar=values.get, getVarFlag=lambda *name: values.get(name))
         draft = functions["tessera_description"](data)
+        self.assertEqual(functions["tessera_sign_options"](data),
+                         "--sign 'old.key' --cert 'old.pem' --sign 'new.key' --cert 'new.pem'")
         self.assertEqual([(part["name"], part["type"]) for part in draft["partitions"]],
                          [("boot", "permanent"), ("system", "ab")])
         with tempfile.TemporaryDirectory() as place:

@@ -18,7 +18,8 @@
 # TESSERA_VERSION     version of the update; begins with a V
 # TESSERA_MEDIUM      emmc, nand (a UBI volume too) or nor
 # TESSERA_DESCRIPTION_FIELDS  further fields for the whole package, as JSON
-# TESSERA_SIGN_KEY, TESSERA_SIGN_CERT  PEM files; without them the package is not signed
+# TESSERA_SIGN_KEY, TESSERA_SIGN_CERT  PEM files, as many of the one as of the other: each key makes a signature.
+#                     Without them the package is not signed
 
 TESSERA_VERSION ?= "V${DISTRO_VERSION}"
 TESSERA_MEDIUM ?= "emmc"
@@ -54,6 +55,12 @@ def tessera_description(d):
     description.update(json.loads(d.getVar("TESSERA_DESCRIPTION_FIELDS")))
     return description
 
+def tessera_sign_options(d):
+    keys, certificates = d.getVar("TESSERA_SIGN_KEY").split(), d.getVar("TESSERA_SIGN_CERT").split()
+    if len(keys) != len(certificates):
+        raise ValueError("TESSERA_SIGN_KEY and TESSERA_SIGN_CERT name different numbers of files")
+    return " ".join("--sign '%s' --cert '%s'" % pair for pair in zip(keys, certificates))
+
 python __anonymous() {
     for name in (d.getVar("TESSERA_PARTITIONS") or "").split():
         if not d.getVarFlag("TESSERA_FILE", name):
@@ -62,8 +69,8 @@ python __anonymous() {
         if recipe:
             task = d.getVarFlag("TESSERA_TASK", name) or "do_image_complete"
             d.appendVarFlag("do_configure", "depends", " %s:%s" % (recipe, task))
-    if bool(d.getVar("TESSERA_SIGN_KEY")) != bool(d.getVar("TESSERA_SIGN_CERT")):
-        bb.fatal("TESSERA_SIGN_KEY and TESSERA_SIGN_CERT belong together")
+    if not d.getVar("TESSERA_SIGN_KEY"):
+        bb.warn("%s: the package will not be signed" % d.getVar("PN"))
 }
 
 python do_configure() {
@@ -82,13 +89,7 @@ python do_configure() {
 do_configure[nostamp] = "1"
 
 do_compile() {
-    if [ -n "${TESSERA_SIGN_KEY}" ]; then
-        set -- --sign "${TESSERA_SIGN_KEY}" --cert "${TESSERA_SIGN_CERT}"
-    else
-        bbwarn "${PN}: the package is not signed"
-        set --
-    fi
-    tessera pack ${B}/draft.json ${B}/images -o ${B}/${PN}.zip "$@"
+    tessera pack ${B}/draft.json ${B}/images -o ${B}/${PN}.zip ${@tessera_sign_options(d)}
 }
 
 do_deploy() {
