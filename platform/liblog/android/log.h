@@ -15,10 +15,11 @@ typedef enum android_LogPriority {
 } android_LogPriority;
 
 /**
- * Writes one entry to the system log.
+ * Writes one entry to the system log, under the identity and facility that the program has chosen with
+ * openlog(), or under its own name. The program's setlogmask() applies.
  * @param prio  an android_LogPriority
- * @param tag   names the writer in front of the text; may be null
- * @return 1, or a negative number when nothing was written
+ * @param tag   written before the text; may be null
+ * @return 1, also for an entry that the mask holds back; a negative number when there is no system log
  */
 __attribute__((visibility("default"), format(printf, 3, 4))) int __android_log_print(int prio, const char* tag,
                                                                                      const char* fmt, ...);
