@@ -35,7 +35,7 @@ struct path_walk {
     bool strayed = false; /* through a link, ".." or the root: only the way up says where it is */
     int links = 0;
     size_t pending = sizeof text; /* where the rest of the link targets begins */
-    char text[PATH_MAX + ota_entry_size];
+    char text[PATH_MAX + ota_entry_size] = {};
 };
 
 reach reach_of_error() {
@@ -225,7 +225,7 @@ course follow_component(name_walk& walk, const char* part, bool is_last) {
 }
 
 bool is_verified(const zip_destination& dest, const char* name, size_t parent) {
-    return parent > 0 && std::strncmp(name, dest.verified_dir, parent) == 0 && dest.verified_dir[parent] == '\0';
+    return parent > 0 && std::strlen(dest.verified_dir) == parent && std::memcmp(name, dest.verified_dir, parent) == 0;
 }
 
 /** Keeps the parent directory that the walk has reached, when it is in the destination as it is. */

@@ -60,8 +60,8 @@ typedef struct bootloader_message_ab {
     char reserved[1888];
 } bootloader_message_ab;
 
-/* All of them return -1 when the block cannot be read or its magic is wrong. Slots count from 0 to
- * nb_slot - 1, at most to 3; any other slot gives -1. */
+/* All but ota_set_slotmeta_to_default() return -1 when the block cannot be read or its magic is wrong. Slots
+ * count from 0 to nb_slot - 1, at most to 3; any other slot gives -1. */
 
 /** The slot that the block designates for the next boot; -1 when there is no candidate. */
 OTA_API int32_t ota_get_next_expected_slot(void);
@@ -81,7 +81,8 @@ OTA_API int32_t ota_get_slot_remaining_times(int32_t slot);
 /**
  * Makes `slot` the next boot slot: priority 15, one try, not corrupted; the mark stays. Any other slot
  * at priority 15 goes to 14.
- * @return 0; -1 on failure. Before the write nothing has changed; a failed write leaves what it left.
+ * @return 0; -1 on failure. Before the write nothing has changed; after a failed write the contents of the
+ *         block are undefined.
  */
 OTA_API int32_t ota_set_next_expected_slot(int32_t slot);
 
@@ -96,8 +97,8 @@ OTA_API int32_t ota_set_slot_unbootable(int32_t slot);
 OTA_API int32_t ota_mark_slot_boot_successful(int32_t slot);
 
 /**
- * Writes a default block: two slots in trial with priority 15 and 7 tries. The old block is not read,
- * so this mends a block with a wrong magic.
+ * Writes a default block: two slots in trial with priority 15 and 7 tries. The old block is not read, so
+ * this also repairs a block with a wrong magic.
  * @return 0, or -1 when the write fails
  */
 OTA_API int32_t ota_set_slotmeta_to_default(void);

@@ -7,9 +7,9 @@
  * is in memory.
  *
  * On MTD the two directions count differently. A read is raw: its offset is a byte of the device. A
- * write is logical: its offset counts good blocks, so bad blocks in front of it move the range towards
- * the end of the device and bad blocks inside stretch it. UBI hides bad blocks: both directions use the
- * same plain offsets.
+ * write is logical: its offset counts good blocks, so bad blocks before it move the range towards the end
+ * of the device and bad blocks inside stretch it. UBI hides bad blocks: both directions use the same plain
+ * offsets.
  *
  * The descriptor is opened for reading and writing, is not closed, and its file position is not used.
  */
@@ -31,9 +31,10 @@ OTA_API ssize_t vx_mtd_read(int fd, void* in_buf, size_t in_size, size_t offset)
 /**
  * Writes to an MTD device at a logical offset, skipping bad blocks.
  * @param in_size  bytes, above 0; offset + in_size must not exceed the size of the device
- * @return in_size: all blocks were written and the bytes around the range are the old ones. Negative:
- *         do not take anything as stored. After a failed read or erase the blocks erased so far got
- *         their old content back. After a failed write-back the failing block and those behind it in
+ * @return in_size: every block was passed to the driver, and the bytes around the range are the old ones. A
+ *         driver that reports a block as written in part is not noticed: read back what has to be certain.
+ *         Negative: do not take anything as stored. After a failed read or erase, the blocks erased so far
+ *         have their old content back. After a failed write-back, the failing block and those after it in
  *         the range have lost theirs: write the range again.
  */
 OTA_API ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset);
@@ -41,7 +42,7 @@ OTA_API ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset
 /**
  * Reads from a UBI volume.
  * @param in_size  bytes, above 0
- * @param offset   inside the volume: a kernel may answer for what is behind its end with no error
+ * @param offset   inside the volume: a kernel may return data for an offset past its end without an error
  * @return bytes read, 0 at the end of the volume; negative on failure
  */
 OTA_API ssize_t vx_ubi_read(int fd, void* in_buf, size_t in_size, size_t offset);

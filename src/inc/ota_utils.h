@@ -235,10 +235,12 @@ OTA_API int32_t ota_check_two_partition_md5(const char* partition1_path, const c
 /* ---- single-instance lock and commands ---- */
 
 /**
- * Takes the advisory lock of an update (flock, exclusive) without waiting.
- * @param lock_file  made when it is missing (mode 0766 less the umask); the library never writes or removes it
- * @return 0; -1 when the file cannot be opened or the lock is held, by this process or another. The
- *         lock ends with put_file_lock() or with the last process that inherited its descriptor.
+ * Takes the advisory lock of an update (flock, exclusive) without waiting. One lock is remembered: after a
+ * lock on a second file, the first one can no longer be released and lasts until the process ends. A forked
+ * child, or a command of ota_system_exe(), inherits the descriptor and shares the lock: it lasts until the
+ * last of them has ended, and put_file_lock() in one releases it for all.
+ * @param lock_file  created when it is missing (mode 0766 less the umask); never written to or removed
+ * @return 0; -1 when the file cannot be opened or the lock is held, by this process or another
  */
 OTA_API int32_t get_file_lock(char* lock_file);
 
@@ -250,7 +252,8 @@ OTA_API int32_t get_file_lock(char* lock_file);
 OTA_API int32_t put_file_lock(char* lock_file);
 
 /**
- * Runs a command through the shell.
+ * Runs a command with system(), that is, through the shell. Never pass it text from outside, such as a name
+ * from a package: the shell would run what is in it.
  * @return 0 when it ended normally with exit status 0; -1 for anything else and for a null command
  */
 OTA_API int32_t ota_system_exe(char* cmd);
