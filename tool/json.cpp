@@ -459,6 +459,9 @@ Json parse_json(const std::string& text, const std::string& name) {
     if (rest.starts_with(byte_order_mark)) {
         rest.remove_prefix(byte_order_mark.size());
     }
+    if (const size_t zero = text.find('\0'); zero != std::string::npos) { /* the parser overlooks one after a number */
+        throw Failure(ExitCode::refused, format("%s is not valid JSON: byte %zu is 0", name.c_str(), zero));
+    }
     json_error_t error{};
     const std::unique_ptr<json_t, void (*)(json_t*)> parsed(
         json_loadb(rest.data(), rest.size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY | JSON_ALLOW_NUL, &error),
