@@ -55,6 +55,8 @@ class InstallTest(BoardCase):
         cases = [  # description, contents, further entries, words in the error
             (None, good, [], "update.json"), ("{", good, [], "update.json"), ("[]", good, [], "object"),
             ('{"version": 1e999}', good, [], "update.json holds a number that is too large"),
+            ('{"a": "b", "a": 1}', good, [], 'update.json: "a" is given twice'), ("[" * 2049, good, [], "depth"),
+            ('{"a": 1\0}', good, [], "byte 7 is 0"), ('{"a": 1,\n"b"}', good, [], "line 2, column 4: ':' expected"),
             (describe(big, "emmc"), big, [], "room"),
             (describe(images(2), "emmc", anti_rollback=True), good, [], "digest"),  # its versions are not believed
         ]
@@ -377,6 +379,12 @@ class InstallTest(BoardCase):
             ("flashcmd misc_write_cmd --data /dev/zero", 1, "/dev/zero is larger than 64.0 MiB"),
             ("versions /userdata/large_uboot", 1, "large_uboot is larger than 64.0 MiB"),
             ("pack /dev/zero /tmp -o /tmp/p.zip", 1, "/dev/zero is larger than 256.0 KiB"),
+            ("digest misc --offset 18446744073709551616", 2, "too large"), ("digest misc --sha256=1", 2, "no value"),
+            ("flashcmd a --data b --offset 4294967296", 2, "too large"), ("digest misc --offset", 2, "is missing"),
+            ("digest misc --length --sha256", 2, "is missing"), ("digest misc --length 5 --length 6", 2, "twice"),
+            ("digest misc --garbage=5 --length 5", 2, "excludes"),
+            ("install a -vz", 2, "no option -z"), ("install a --trust=", 2, "no file"), ("pack a b", 2, "--output"),
+            ("package list a b", 2, "unexpected argument: b"), ("digest misc --version", 2, "--version"),
         ]
         for line, status, word in cases:
             with self.subTest(line=line):
@@ -385,6 +393,10 @@ class InstallTest(BoardCase):
                 self.assertEqual(error["code"], status)
                 self.assertIn(word, error["message"])
         self.assertRegex(self.expect("slots set-next 9", 1).stderr, "^tessera: [^\n]+\n")
+        ten = self.expect("digest misc --length 10", 0).stdout
+        self.assertEqual(self.expect("digest -v --length=0xA -- misc", 0).stdout, ten)
+        self.expect("digest -- --sha256", 4, "partition --sha256")
+        self.expect("slots set-next --colour --help", 0, "Usage: tessera slots set-next [OPTIONS] SLOT")
 
     def test_confirm_and_rollback_and_what_is_unknown(self):
         good, trial, spent = slots.Slot(14, 1, True), slots.Slot(15, 2, False), slots.Slot(15, 0, False)
@@ -603,11 +615,15 @@ class InstallTest(BoardCase):
             package.writestr("a", "")
             package.getinfo("a").file_size = 2**63 - 10  # into a zip64 field of the directory
         (self.home / "cut.zip").write_bytes((self.home / "huge.zip").read_bytes()[:-16])
+        subprocess.run(["zip", "-q", "-0", "named.zip", "text"], check=True, cwd=self.home)
+        named = (self.home / "named.zip").read_bytes().replace(b"text", b"\xff\xe2\x82(")
+        (self.home / "named.zip").write_bytes(named)
         for line, status, told in (
             ("check /userdata/wide.zip", 0, "all 1 entries are whole"),
             ("check /userdata/flipped.zip", 3, "wrong checksum"),
             ("unpack /userdata/flipped.zip /tmp/u", 3, "error -105"),
             ("unpack /userdata/cut.zip /tmp/u", 3, "no entries"),
+            ("list /userdata/named.zip --json", 0, '"name": "\ufffd\ufffd("'),
             ("list /userdata/huge.zip", 0, "needs 9007199254743039 KiB"),
             ("unpack /userdata/huge.zip /tmp/u", 1, "has"),
         ):
