@@ -45,7 +45,7 @@ Json::Json(double number) : value_(number) {
 Json::Json(const char* text) : value_(std::string(text)) {
 }
 
-Json::Json(std::string text) : value_(std::move(text)) {
+Json::Json(const std::string& text) : value_(text) {
 }
 
 Json::Json(std::string_view text) : value_(std::string(text)) {
@@ -61,25 +61,11 @@ bool Json::Field::operator==(const Field& other) const {
     return key == other.key && value == other.value;
 }
 
-namespace {
-
-bool is_field(const Json& item) {
-    return item.is_array() && item.size() == 2 && item[0].is_string();
-}
-
-} // namespace
-
-Json::Json(std::initializer_list<Json> items) {
-    for (const Json& item : items) {
-        if (!is_field(item)) {
-            value_ = Array(items);
-            return;
-        }
-    }
+Json::Json(std::initializer_list<Pair> fields) {
     Object object;
-    object.reserve(items.size());
-    for (const Json& item : items) {
-        object.push_back({item[0].text(), item[1]});
+    object.reserve(fields.size());
+    for (const Pair& field : fields) {
+        object.push_back({field.key, field.value});
     }
     value_ = std::move(object);
 }

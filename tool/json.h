@@ -12,13 +12,13 @@
 #include <vector>
 
 /**
- * One value. A list of pairs whose firsts are texts is an object, any other list an array:
- * `Json value = {{"slot", "a"}, {"tries", 7}};`. A list that may be empty begins as Json::array().
- * text(), number(), flag() and at() throw std::exception where the value is of another kind: ask before.
+ * One value. A list of fields is an object: `Json value = {{"slot", "a"}, {"tries", 7}};`. An array begins as
+ * Json::array(). text(), number(), flag() and at() throw std::exception where the value is of another kind: ask before.
  */
 class Json {
 public:
     struct Field;
+    struct Pair;
     using Array = std::vector<Json>;
     using Object = std::vector<Field>;
 
@@ -32,11 +32,11 @@ public:
     Json(unsigned long long number);
     Json(double number);
     Json(const char* text);
-    Json(std::string text);
+    Json(const std::string& text);
     Json(std::string_view text);
     Json(const std::vector<std::string>& texts);
-    Json(std::initializer_list<Json> items);
-    Json(const void*) = delete; /* and no bool */
+    Json(std::initializer_list<Pair> fields); /* each of another name */
+    Json(const void*) = delete;               /* and no bool */
 
     /* All out of line: every verb writes dozens of values. */
     Json(const Json& other);
@@ -91,6 +91,12 @@ struct Json::Field {
     std::string key;
     Json value;
     bool operator==(const Field& other) const;
+};
+
+/** A field as it is written in a list. */
+struct Json::Pair {
+    const char* key;
+    Json value;
 };
 
 /**
