@@ -1,6 +1,5 @@
 """Authorities that issue certificates and revocation lists, by the openssl command, and a clock to move."""
 
-import os
 import subprocess
 
 EC_KEY = "-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes"
