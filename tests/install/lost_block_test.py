@@ -2,7 +2,7 @@
 
 import unittest
 
-from bench_board import BoardCase, describe, images
+from bench_board import BoardCase, describe, images, slots
 
 MEDIA = {  # where the block does not survive every cut: its device, its erase
     "nand": ("mtd0", "MEMERASE64"), "nor": ("mtd0", "MEMERASE64"), "ubi": ("ubi0_0", "UBI_IOCEBER")}
@@ -63,6 +63,17 @@ class LostBlockTest(BoardCase):
                 self.expect(line, 0)
             self.boots(1)
         self.on_each_medium(scenario)
+
+    def test_the_recovery_system_keeps_what_may_boot(self):
+        trial, spent = slots.Slot(15, 2, False), slots.Slot(15, 0, False)
+        self.new()
+        self.pack("new.zip", images(2), describe(images(2), "emmc"))
+        cmdline = self.dir / "cmdline"
+        cmdline.write_text(cmdline.read_text().replace("mode=normal", "mode=recovery"))
+        for first, second, bootable in (trial, spent, "a"), (spent, trial, "b"), (trial, trial, "a"):
+            with self.subTest(bootable=bootable):
+                self.board().save_slot_block(slots.SlotBlock.of(first, second))
+                self.expect_no_change(INSTALL, 1, f"hint: boot slot {bootable} and run tessera confirm there")
 
 
 unittest.main()
