@@ -64,7 +64,7 @@ void demand_room(const Package& package, const Description& description, const S
 
 /** Replaces the path of a temporary copy, which the user cannot look at, by the image's own name. */
 std::string without_path(std::string sentence, const std::string& path, const std::string& name) {
-    for (size_t at = 0; (at = sentence.find(path, at)) != std::string::npos; at += name.size()) {
+    for (size_t at = 0; !path.empty() && (at = sentence.find(path, at)) != std::string::npos; at += name.size()) {
         sentence.replace(at, path.size(), name);
     }
     return sentence;

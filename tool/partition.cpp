@@ -2,8 +2,27 @@
 
 #include "console.h"
 #include "device.h"
+#include "text.h"
 
+#include <cerrno>
 #include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+/** Opening anything but a file or a device would block, or give nothing to read. */
+void demand_file(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0 || access(path.c_str(), R_OK) != 0) {
+        throw Failure(ExitCode::failed, "cannot open " + path + because(errno));
+    }
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode) && !S_ISCHR(status.st_mode)) {
+        throw Failure(ExitCode::failed, path + " is neither a file nor a device");
+    }
+}
+
+} // namespace
 
 bool is_board() {
     std::error_code ignored;
@@ -32,20 +51,34 @@ std::string partition_path(const std::string& name) {
     return path;
 }
 
+std::string existing_partition(const std::string& name) {
+    std::string path = partition_path(name);
+    if (!is_board()) {
+        throw Failure(ExitCode::device, std::string("this machine is not a board: it has no ") + partition_directory,
+                      "tessera board --check");
+    }
+    if (!std::filesystem::exists(path)) {
+        throw Failure(ExitCode::device, "the board has no " + path, "tessera board --check");
+    }
+    return path;
+}
+
 std::string file_or_partition(const std::string& name) {
-    if (name.find('/') != std::string::npos || std::filesystem::exists(name)) {
+    std::error_code ignored;
+    if (name.find('/') != std::string::npos || std::filesystem::exists(name, ignored)) {
+        demand_file(name);
         return name;
     }
     std::string path = partition_path(name);
     if (!std::filesystem::exists(path)) {
-        throw Failure(ExitCode::device, "there is no file and no partition " + name, "tessera partitions");
+        throw Failure(ExitCode::failed, "there is no file and no partition " + name, "tessera partitions");
     }
     return path;
 }
 
 ota_file_info_t locate(const std::string& name) {
     ota_file_info_t place{};
-    partition_path(name).copy(place.path, sizeof place.path - 1);
+    existing_partition(name).copy(place.path, sizeof place.path - 1);
     place.medium = static_cast<ota_medium_e>(get_boot_medium());
     return place;
 }

@@ -21,7 +21,10 @@ std::set<std::string> list_partitions_by_name();
 /** The path of a partition that exists once, or of one slot's copy when `name` has the suffix. */
 std::string partition_path(const std::string& name);
 
-/** The path that a user means: of a file, when there is one, else of the partition of that name. */
+/** The same of a partition that exists once. Throws where the board does not have it. */
+std::string existing_partition(const std::string& name);
+
+/** The path that a user means: of a file or device, when there is one, else of the partition of that name. */
 std::string file_or_partition(const std::string& name);
 
 /** A partition of the boot medium that exists once, as the target of a transfer at byte 0. */

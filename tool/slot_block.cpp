@@ -8,7 +8,6 @@
 #include "text.h"
 
 #include <algorithm>
-#include <filesystem>
 
 namespace {
 
@@ -60,10 +59,7 @@ void read_with_ecc(const std::string& path, bootloader_control& raw) {
 
 bootloader_control read_raw_block() {
     bootloader_control raw{};
-    const std::string path = partition_path(block_partition);
-    if (!std::filesystem::exists(path)) {
-        throw Failure(ExitCode::device, "the board has no " + path, "tessera board --check");
-    }
+    const std::string path = existing_partition(block_partition);
     try {
         read_with_ecc(path, raw);
     } catch (const Failure& failure) {
@@ -179,7 +175,12 @@ std::optional<int32_t> next_slot() {
 }
 
 int32_t running_slot() {
-    return require(ExitCode::failed, "cannot tell which slot is running", [] { return ota_get_cur_slot(); });
+    const int32_t slot = ota_get_cur_slot();
+    if (slot < 0) {
+        throw Failure(ExitCode::failed, "the running slot is unknown: the kernel command line does not name it",
+                      "tessera board --check");
+    }
+    return slot;
 }
 
 void set_next_slot(int32_t slot) {
@@ -201,7 +202,7 @@ void mark_slot_unbootable(int32_t slot) {
 }
 
 bool repair_slot_block() {
-    return salvage(partition_path(block_partition));
+    return salvage(existing_partition(block_partition));
 }
 
 void reset_slot_block() {

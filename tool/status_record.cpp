@@ -67,7 +67,7 @@ bool StoredStatus::is_cut_in(int32_t slot) const {
 }
 
 bool can_keep_status() {
-    return Device(partition_path(status_partition)).is_straight(status_offset + sizeof(ota_status_t));
+    return Device(existing_partition(status_partition)).is_straight(status_offset + sizeof(ota_status_t));
 }
 
 StoredStatus read_status() {

@@ -7,6 +7,7 @@
 #include "velox_ota_hl.h"
 #include "verb.h"
 
+#include <cerrno>
 #include <endian.h>
 #include <fstream>
 #include <optional>
@@ -41,6 +42,10 @@ void judge(const Options& options) {
     }
     if (options.name != command_with_data && (!options.data_file.empty() || options.offset != 0)) {
         throw Failure(ExitCode::usage, options.name + " takes no data, only " + command_with_data + " does");
+    }
+    const std::string file = std::string(flash_command_directory) + "/" + options.name;
+    if (access(file.c_str(), R_OK) != 0) {
+        throw Failure(ExitCode::failed, "cannot read the flash command " + file + because(errno));
     }
 }
 
@@ -91,6 +96,7 @@ void write_command(const Context& context, const Options& options) {
     std::string data = options.data_file.empty() ? std::string() : read_data(options.data_file);
     const UpdateLock lock(options.lock_file, "tessera flashcmd " + options.name);
     const auto length = static_cast<uint32_t>(data.size());
+    (void)existing_partition(node);
     require(ExitCode::failed, "the flash command " + options.name + " was not written",
             [&] { return ota_write_flashcmd(options.name.c_str(), data.data(), length, options.offset); });
     demand_kept(options, data);

@@ -110,7 +110,10 @@ private:
 /** A package that does not fit would be left unpacked by half. */
 void demand_room(const std::string& directory, const Totals& totals) {
     if (makedir(directory.c_str()) != 0 || !std::filesystem::is_directory(directory)) {
-        throw Failure(ExitCode::failed, "cannot make the directory " + directory);
+        std::error_code error; /* for the reason */
+        std::filesystem::create_directories(directory, error);
+        throw Failure(ExitCode::failed, "cannot make the directory " + directory +
+                                            (error ? ": " + error.message() : ": it is not a directory"));
     }
     std::string path = directory;
     const uint64_t room = get_free_space(path.data());

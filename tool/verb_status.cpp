@@ -241,6 +241,8 @@ void set_field(const std::string& name, const std::string& word, bool raw) {
 }
 
 void reset_records() {
+    (void)running_slot(); /* which the new status names */
+    (void)existing_partition(status_partition);
     require(ExitCode::device, "cannot make the records anew", [] { return ota_set_veeprom_flag_default(); });
     sync_partition(status_partition);
     demand_kept(read_status().is_valid && read_stored_versions().is_valid);

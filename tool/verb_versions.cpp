@@ -34,11 +34,12 @@ std::string problem_of(const Certificate& certificate) {
 
 void show_versions(const Context& context, const Options& options) {
     const FirmwareKind kind = kind_of(options);
+    const std::vector<Certificate> found = list_certificates(kind, options.file); /* refuses what is not a file */
     ImageVersion whole{options.file, kind, std::nullopt, {}};
     read_image_version(kind, options.file, options.file, whole);
     Json certificates = Json::array();
     std::string text;
-    for (const Certificate& certificate : list_certificates(kind, options.file)) {
+    for (const Certificate& certificate : found) {
         certificates.push_back({{"name", certificate.short_name},
                                 {"title", certificate.name},
                                 {"version", certificate.version ? Json(*certificate.version) : Json()},

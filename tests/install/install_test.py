@@ -355,6 +355,7 @@ class InstallTest(BoardCase):
     def test_bad_input_of_every_verb(self):
         self.new()
         (self.home / "long").write_text("x" * 120 + "_V1.2.34\n")
+        os.mkfifo(self.home / "fifo")
         with open(self.home / "large_uboot", "wb") as large:
             large.truncate((64 << 20) + 1)
         cases = [  # command line, status, word in the message
@@ -369,12 +370,14 @@ class InstallTest(BoardCase):
             ("status set colour 1", 2, "colour"), ("status set update red", 2, "update"),
             ("status set update 77", 2, "update"), ("status set next-slot q", 2, "next-slot"),
             ("digest misc --garbage -1", 2, "--garbage: it must not be negative"),
-            ("digest nowhere", 4, "nowhere"), ("digest misc --offset 99999999", 1, "misc"),
+            ("digest nowhere", 1, "nowhere"), ("digest /nowhere", 1, "/nowhere: No such file"),
+            ("digest /etc", 1, "/etc is neither"), ("compare /userdata/fifo misc", 1, "fifo is neither"), ("digest misc --offset 99999999", 1, "misc"),
             ("digest misc --length x", 2, "length"), ("compare misc ubootenv", 1, "differ"),
             ("compare /dev/null /dev/zero", 4, "tells no size"), ("version compare abc V1", 1, "abc"),
-            ("version show /no", 1, "/no"), ("version show /userdata/long", 1, "long"), ("versions /no", 2, "/no"),
-            ("versions /etc/passwd --kind uboot", 3, "passwd"), ("efuse burn --yes", 1, "no installed package"),
-            ("flashcmd ../misc_write_cmd", 1, ".."), ("flashcmd no_such", 1, "no_such"),
+            ("version show /no", 1, "/no: No such file"), ("version show /userdata/long", 1, "is longer than"),
+            ("version show /userdata/fifo", 1, "fifo"), ("version show /etc/hostname", 1, "contains no version"), ("versions /no", 2, "/no"),
+            ("versions /etc/passwd --kind uboot", 3, "passwd"), ("versions /userdata/fifo --kind vbmeta", 1, "fifo"), ("efuse burn --yes", 1, "no installed package"),
+            ("flashcmd ../misc_write_cmd", 1, ".."), ("flashcmd no_such", 1, "no_such: No such file"),
             ("flashcmd misc_write_cmd --data /no", 1, "/no"), ("flashcmd a --offset 1", 2, "data"),
             ("flashcmd misc_write_cmd --data /dev/zero", 1, "/dev/zero is larger than 64.0 MiB"),
             ("versions /userdata/large_uboot", 1, "large_uboot is larger than 64.0 MiB"),
@@ -395,7 +398,7 @@ class InstallTest(BoardCase):
         self.assertRegex(self.expect("slots set-next 9", 1).stderr, "^tessera: [^\n]+\n")
         ten = self.expect("digest misc --length 10", 0).stdout
         self.assertEqual(self.expect("digest -v --length=0xA -- misc", 0).stdout, ten)
-        self.expect("digest -- --sha256", 4, "partition --sha256")
+        self.expect("digest -- --sha256", 1, "partition --sha256")
         self.expect("slots set-next --colour --help", 0, "Usage: tessera slots set-next [OPTIONS] SLOT")
 
     def test_confirm_and_rollback_and_what_is_unknown(self):
