@@ -41,9 +41,11 @@ static void arrived(const Plain& part, const Image& image) {
 static void arrived(const Plain& json, const Description& description) {
     const Plain& parts = json.at("partitions");
     must(description.version == json.at("version"));
+    must(description.boards == json.value("boards", std::vector<std::string>()));
+    must(json.count("boards") == !description.boards.empty());
     must(description.sec_up_flag == json.value("sec_up_flag", 0));
     must(description.nosec_up_flag == json.value("nosec_up_flag", 0));
-    must(json.size() == 2 + json.count("sec_up_flag") + json.count("nosec_up_flag"));
+    must(json.size() == 2 + json.count("boards") + json.count("sec_up_flag") + json.count("nosec_up_flag"));
     must(description.images.size() == parts.size());
     for (size_t i = 0; i < parts.size(); ++i) {
         arrived(parts[i], description.images[i]);

@@ -21,7 +21,8 @@ _tessera() {
     case "${command[*]}:$previous" in
     *:--kind) words=(miniboot uboot vbmeta) ;;
     *:--progress) words=(bar plain json) ;;
-    *:--data | *:--trust | *:--sign | *:--cert) ;;
+    *:--trust-time) words=(now signing) ;;
+    *:--data | *:--board | *:--trust | *:--sign | *:--cert) ;;
     digest:* | compare:*) mapfile -t words < <(ls "$by_name" 2>/dev/null && _tessera_words "${command[@]}") ;;
     "slots set-next:"* | "slots mark-good:"* | "slots mark-bad:"*) words=(a b) ;;
     "status set:set") words=(update system backup app middleware param owner next-slot) ;;

@@ -13,11 +13,20 @@
 namespace {
 
 constexpr size_t max_images = std::size(decltype(update_info_t::partition_info){});
+constexpr size_t max_boards = 16;
+constexpr size_t longest_board = 127;
 constexpr size_t md5_digits = 32;
 constexpr size_t sha256_digits = 64;
 
 Failure refusal(const std::string& sentence) {
     return {ExitCode::refused, std::string(description_entry) + ": " + sentence};
+}
+
+/** ASCII, whatever the locale. */
+bool is_board_name(const Json& name) {
+    const auto is_printable = [](char c) { return c >= '!' && c <= '~'; };
+    return name.is_string() && !name.text().empty() && name.text().size() <= longest_board &&
+           std::ranges::all_of(name.text(), is_printable);
 }
 
 /** Takes fields out of a JSON object, and knows in the end which of them nobody asked for. */
@@ -106,6 +115,27 @@ public:
             throw wrong(field, "must be 0 or 1");
         }
         return value == nullptr ? 0 : static_cast<int32_t>(value->number());
+    }
+
+    /** Names of boards; empty when the field is missing. */
+    std::vector<std::string> boards(const std::string& field) {
+        const Json* value = optional(field);
+        if (value == nullptr) {
+            return {};
+        }
+        if (!value->is_array() || value->empty() || value->size() > max_boards) {
+            throw wrong(field, format("must be a list of 1 to %zu names", max_boards));
+        }
+        std::vector<std::string> names;
+        names.reserve(value->size());
+        for (const Json& name : *value) {
+            if (!is_board_name(name)) {
+                throw wrong(field,
+                            format("must hold names of 1 to %zu printable characters without blanks", longest_board));
+            }
+            names.push_back(name.text());
+        }
+        return names;
     }
 
     void refuse_others() const {
@@ -215,6 +245,7 @@ Description parse_description(const Json& json, bool draft) {
     if (!partitions.is_array() || partitions.empty() || partitions.size() > max_images) {
         throw fields.wrong("partitions", format("must be a list of 1 to %zu partitions", max_images));
     }
+    description.boards = fields.boards("boards");
     description.sec_up_flag = fields.zero_or_one("sec_up_flag");
     description.nosec_up_flag = fields.zero_or_one("nosec_up_flag");
     fields.refuse_others();

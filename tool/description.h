@@ -51,6 +51,7 @@ struct Image {
 
 struct Description {
     std::string version;
+    std::vector<std::string> boards; /* that it is for; empty when it does not say */
     std::vector<Image> images;
     int32_t sec_up_flag;
     int32_t nosec_up_flag;

@@ -1,5 +1,6 @@
 #include "install_plan.h"
 
+#include "board_identity.h"
 #include "console.h"
 #include "interrupt.h"
 #include "names.h"
@@ -142,6 +143,7 @@ bool Plan::writes(bool ab) const {
 Plan begin_plan(const Package& package, const InstallOptions& options) {
     Plan plan;
     plan.description = read_description(package, options.trust, plan.signer);
+    check_board_name(plan.description, options.board);
     judge_images(package, plan.description, !options.trust.file.empty());
     plan.installed_version = read_installed_version(options);
     judge_version(plan, options.allow_downgrade);

@@ -15,6 +15,7 @@
 struct InstallOptions {
     std::string package;
     TrustOptions trust;
+    std::string board; /* in place of the board's own names; empty: its own */
     std::string lock_file = default_lock_file;
     std::string version_file = "/usr/velox/version";
     bool version_file_named = false; /* by the user, who expects it to be there */

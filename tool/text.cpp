@@ -66,6 +66,14 @@ std::string to_hex(std::span<const uint8_t> bytes) {
     return text;
 }
 
+std::string joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : ", ") + word;
+    }
+    return text;
+}
+
 std::string table(const std::vector<std::string>& heading, const std::vector<std::vector<std::string>>& rows) {
     std::vector<size_t> widths;
     widths.reserve(heading.size());

@@ -22,6 +22,9 @@ std::string to_hex(std::span<const uint8_t> bytes);
 /** Text from outside for a terminal: what would steer it is shown as a question mark. */
 std::string printable(std::string text);
 
+/** "a, b, c" */
+std::string joined(const std::vector<std::string>& words);
+
 /** Columns with a heading, each as wide as its widest cell. Cells that hold a number stand to the right. */
 std::string table(const std::vector<std::string>& heading, const std::vector<std::vector<std::string>>& rows);
 

@@ -30,6 +30,16 @@ Option& add_stored(Command& command, const char* names, std::string& text, const
     return option;
 }
 
+/** An empty value is that of an unset variable in a script, and must not switch a check off. */
+Option& add_filled(Command& command, const char* name, std::string& text, const char* help, const char* problem) {
+    Option& option = add_option(command, name, "TEXT", help);
+    option.take = [&text, problem](const std::string& value) {
+        text = value;
+        return std::string(value.empty() ? problem : "");
+    };
+    return option;
+}
+
 /** Decimal, or hexadecimal after 0x. */
 std::string to_number(std::string_view text, uint64_t most, uint64_t& number) {
     if (text.starts_with('-')) {
@@ -117,9 +127,10 @@ Option* add_flag(Command& command, const char* name, bool& flag, const char* hel
     return &option;
 }
 
-void add_choice(Command& command, const char* name, const char* type, const std::vector<std::string>& words,
-                const std::function<void(const std::string&)>& choose, const char* help) {
-    add_option(command, name, type, help).take = [words, choose](const std::string& word) {
+Option* add_choice(Command& command, const char* name, const char* type, const std::vector<std::string>& words,
+                   const std::function<void(const std::string&)>& choose, const char* help) {
+    Option& option = add_option(command, name, type, help);
+    option.take = [words, choose](const std::string& word) {
         if (std::ranges::find(words, word) != words.end()) {
             choose(word);
             return std::string();
@@ -130,26 +141,29 @@ void add_choice(Command& command, const char* name, const char* type, const std:
         }
         return problem;
     };
+    return &option;
 }
 
 void add_lock(Command& command, std::string& file) {
     add_text(command, "--lock", file, "Lock that only one command at a time holds");
 }
 
-/* An empty name is that of an unset variable in a script, and must not switch the check off. */
 void add_trust(Command& command, TrustOptions& trust) {
-    Option& option = add_stored(command, "--trust", trust.file,
-                                "PEM file of the authorities that may sign, and of their revocation lists");
+    Option& option =
+        add_filled(command, "--trust", trust.file,
+                   "PEM file of the authorities that may sign, and of their revocation lists", "it names no file");
     option.environment = "TESSERA_TRUST";
-    option.take = [&trust](const std::string& name) {
-        trust.file = name;
-        return std::string(name.empty() ? "it names no file" : "");
-    };
     const auto choose = [&trust](const std::string& word) {
         trust.time = word == "now" ? TrustTime::now : TrustTime::signing;
     };
-    add_choice(command, "--trust-time", "WHEN", {"now", "signing"}, choose,
-               "When the signer's certificate has to be valid: now, or at the time of signing");
+    Option* time = add_choice(command, "--trust-time", "WHEN", {"now", "signing"}, choose,
+                              "When the signer's certificate has to be valid: now (default) or signing");
+    add_need(time, &option);
+}
+
+void add_board(Command& command, std::string& name) {
+    add_filled(command, "--board", name, "Name of this board, in place of those in its device tree",
+               "it names no board");
 }
 
 void add_need(Option* option, Option* other) {

@@ -54,14 +54,17 @@ Option* add_number(Command& command, const char* name, std::optional<uint64_t>& 
 Option* add_flag(Command& command, const char* name, bool& flag, const char* help);
 
 /** One of several words; `choose` gets it. */
-void add_choice(Command& command, const char* name, const char* type, const std::vector<std::string>& words,
-                const std::function<void(const std::string&)>& choose, const char* help);
+Option* add_choice(Command& command, const char* name, const char* type, const std::vector<std::string>& words,
+                   const std::function<void(const std::string&)>& choose, const char* help);
 
 /** The lock that everything takes which changes what an update relies on. */
 void add_lock(Command& command, std::string& file);
 
 /** The authorities whose signatures are accepted, and the moment that counts. */
 void add_trust(Command& command, TrustOptions& trust);
+
+/** The name of the board, in place of those in its device tree. */
+void add_board(Command& command, std::string& name);
 
 void add_need(Option* option, Option* other);
 void add_exclusion(Option* option, Option* other);

@@ -1,5 +1,6 @@
 /** tessera board: what this board is, and whether it supplies what the library needs. */
 #include "board_check.h"
+#include "board_identity.h"
 #include "names.h"
 #include "text.h"
 #include "velox_ota_hl.h"
@@ -22,12 +23,15 @@ void show_board(const Context& context) {
         throw Failure(ExitCode::failed, "this is not a board: the kernel command line names no medium, mode or slot",
                       "tessera board --check");
     }
+    const auto names = read_board_names();
     const Json value = {{"medium", medium_names.word(medium)},
                         {"mode", mode_names.word(mode)},
                         {"running_slot", number_or_null(running)},
-                        {"update_slot", number_or_null(update)}};
+                        {"update_slot", number_or_null(update)},
+                        {"compatible", Json::array({names.begin(), names.end()})}};
     context.show(value, "medium        " + medium_names.word(medium) + "\nmode          " + mode_names.word(mode) +
-                            "\nrunning slot  " + slot_letter(running) + "\nupdate slot   " + slot_letter(update));
+                            "\nrunning slot  " + slot_letter(running) + "\nupdate slot   " + slot_letter(update) +
+                            "\ncompatible    " + (names.empty() ? "unknown" : joined(names)));
 }
 
 void show_check(const Context& context) {

@@ -1,4 +1,5 @@
 /** tessera install: the whole update, from the package to the switch of the slot. */
+#include "board_identity.h"
 #include "device_claim.h"
 #include "image_versions.h"
 #include "install.h"
@@ -48,7 +49,10 @@ void remark(const Options& options, const std::string& sentence) {
 
 void remark_on(const Plan& plan, const Options& options) {
     if (options.trust.file.empty()) {
-        remark(options, "no trusted certificate is named, so the package's integrity is checked and not its origin");
+        remark(options, "no --trust given: integrity is checked, authenticity is not");
+    }
+    if (plan.description.boards.empty()) {
+        remark(options, no_boards_remark);
     }
     if (plan.installed_version.empty()) {
         remark(options, "the installed version is unknown, because there is no readable " + options.version_file +
@@ -241,6 +245,7 @@ void declare_install(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "PACKAGE", options->package, "The package, a zip file");
     add_trust(verb, options->trust);
+    add_board(verb, options->board);
     add_flag(verb, "--allow-downgrade", options->allow_downgrade, "Install a version older than the installed one");
     add_flag(verb, "--dry-run", options->dry_run, "Judge everything, say what would happen, touch nothing");
     add_flag(verb, "--force", options->force, "Write images that stand on the board already too");

@@ -1,4 +1,5 @@
 /** tessera verify: whether a package is trusted and whole, and no version is below its counter. Changes nothing. */
+#include "board_identity.h"
 #include "image_versions.h"
 #include "install_plan.h"
 #include "interrupt.h"
@@ -11,6 +12,7 @@ namespace {
 struct Options {
     std::string package;
     TrustOptions trust;
+    std::string board; /* in place of the board's own names; empty: its own */
 };
 
 void check_images(const Package& package, const Description& description) {
@@ -66,7 +68,7 @@ std::optional<Counters> counters_of_board() {
 }
 
 std::string origin(const std::string& signer) {
-    return signer.empty() ? "integrity only, no trusted certificate was named" : "signed by " + signer;
+    return signer.empty() ? "integrity only, no --trust given" : "signed by " + signer;
 }
 
 void verify(const Context& context, const Options& options) {
@@ -74,6 +76,10 @@ void verify(const Context& context, const Options& options) {
     const Package package(options.package);
     std::string signer;
     const Description description = read_description(package, options.trust, signer);
+    check_board_name(description, options.board);
+    if (description.boards.empty()) {
+        console::note(no_boards_remark);
+    }
     judge_images(package, description, !options.trust.file.empty());
     check_images(package, description);
     const auto versions = read_image_versions(package, description);
@@ -99,5 +105,6 @@ void declare_verify(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "PACKAGE", options->package, "The package, a zip file");
     add_trust(verb, options->trust);
+    add_board(verb, options->board);
     on_command(verb, context, [&context, options] { verify(context, *options); });
 }

@@ -14,6 +14,7 @@ from . import BoardError
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 BY_NAME = "/dev/block/platform/by-name"
 FLASH_CONF = "/board/flash.conf"
+COMPATIBLE = "/sys/firmware/devicetree/base/compatible"
 # Directories of the host that the board has of its own, so that nothing of the host shows through.
 OWN_DIRECTORIES = {"board", "dev", "proc", "run", "sys", "tmp", "userdata", "usr"}
 SYSLOG_LEVELS = ("emerg", "alert", "crit", "err", "warning", "notice", "info", "debug")
@@ -58,6 +59,7 @@ def board_view(board, log_socket):
            "/userdata": "userdata"}
     view = ["--proc", "/proc", "--ro-bind", board.dir / "cmdline", "/proc/cmdline", "--dev", "/dev"]
     view += ["--bind", log_socket, "/dev/log", "--dir", "/sys"]
+    view += ["--ro-bind-try", board.dir / "compatible", COMPATIBLE]
     view += ["--ro-bind", board.dir / "velox", "/usr/velox", "--ro-bind", board.dir / "flash.conf", FLASH_CONF]
     view += [word for path, directory in own.items() for word in ("--bind", board.dir / directory, path)]
     for device in board.devices:

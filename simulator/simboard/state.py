@@ -125,6 +125,11 @@ class Board:
         path = self.dir / "efuse" / "counters"
         return ", ".join(path.read_text().splitlines()) if path.exists() else "sec 0, nosec 0"
 
+    def names(self):
+        """In the device tree, as the kernel shows it: NUL-terminated."""
+        path = self.dir / "compatible"
+        return path.read_text().split("\0")[:-1] if path.exists() else []
+
     def version_in_slot(self, slot):
         """The version file out of the slot's system image; empty when no ext4 image with one is there."""
         device = self.device(f"system_{slots.letter(slot)}")
@@ -164,7 +169,7 @@ def parse_device(line):
     return Device(name, node, tuple(int(number) for number in bad[0].split("=")[1].split(",")) if bad else ())
 
 
-def create(directory, medium, bad, system_size):
+def create(directory, medium, bad, system_size, names=()):
     if directory.exists() and any(directory.iterdir()):
         raise BoardError(f"{directory} is not empty")
     if bad and medium.name != "nand":
@@ -178,6 +183,8 @@ def create(directory, medium, bad, system_size):
     (directory / "cmdline").write_text(
         f"console=ttyS0,115200 veloxboot.medium={medium.word} veloxboot.mode=normal veloxboot.slot_suffix=_a\n"
     )
+    if names:
+        (directory / "compatible").write_text("".join(f"{name}\0" for name in names))
     write_devices(directory, medium, bad, sizes)
     write_flash_commands(directory / "velox" / "share" / "ota")
     fill(Board(directory))

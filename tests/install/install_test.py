@@ -2,6 +2,7 @@
 
 import json
 import os
+import pathlib
 import shutil
 import struct
 import subprocess
@@ -9,9 +10,10 @@ import unittest
 import zipfile
 
 from authority import DELTA, Authorities, make_clock
-from bench_board import MEDIA, BoardCase, describe, error_of, images, slots
+from bench_board import MEDIA, SIMULATOR, BoardCase, describe, error_of, images, slots
 
 RAISE_BOTH = {"sec_up_flag": 1, "nosec_up_flag": 1}
+BUILD = pathlib.Path(os.environ.get("TESSERA_BUILD", SIMULATOR.parent / "build" / "release")).resolve()
 
 
 class InstallTest(BoardCase):
@@ -321,7 +323,7 @@ class InstallTest(BoardCase):
             ("deep", "ours.pem", "", "", ""), ("deep", "ours.pem inter.crl", "", "", "certificate revoked: CN = inter"),
             ("deep", "ours.pem deep.crl", "", "", "CN = deep: certificate revoked"),
             ("both", "ours.pem", "", "", ""), ("both", "theirs.pem", "", "", ""), ("two", "theirs.pem", "", "", ""),
-            ("both", "ours.pem theirs.pem signer.crl", "", "", ""), ("both", "impostor.pem", "", "", "; signer CN = other"),
+            ("both", "ours.pem theirs.pem signer.crl", "", "", ""), ("both", "impostor.pem", "", "", "; signer"),
             ("both", "ours.pem signer.crl", "", "", "CN = signer: certificate revoked"),
             ("nocerts", "ours.pem", "", "", "lacks its certificate"),
             ("signer", "ours.pem", "", str(day), "hint: set the clock"), ("signer", "ours.pem", signing, str(day), ""),
@@ -340,6 +342,42 @@ class InstallTest(BoardCase):
                 line = f"install /userdata/{package}.zip --trust /userdata/trust {options}"
                 self.at(clock, line, 3 if words else 0, words or "slot b")
                 self.assertTrue(not words or self.board().slot_block().pack() == before)
+        files = [("/no.pem", "cannot open /no.pem: No such file"), ("/userdata", "Is a directory"),
+                 ("/userdata/draft.json", "no certificate"), ("/userdata/ours.key", "PRIVATE KEY is neither")]
+        for name, words in files:
+            self.at("", f"install /userdata/signer.zip --trust {name}", 1, words)
+
+        ca.issue("brief", "ours", days=60)
+        for key, cert, clock, words in (("brief", "brief", "", "in /userdata/brief.pem ends at"),
+                                        ("signer", "signer", f"+{400 * day}", "is not valid since"),
+                                        ("signer", "signer", str(day), "is not valid before"),
+                                        ("other", "signer", "", "/userdata/other.key is not the key")):
+            pair = f"--sign /userdata/{key}.key --cert /userdata/{cert}.pem"
+            self.at(clock, f"pack /userdata/draft.json /userdata -o /userdata/p.zip {pair}", int(key != cert), words)
+
+    def test_boards_that_a_package_names(self):
+        self.simulate("new", "--compatible", "a,b", "--compatible", "c,d")
+        shown = json.loads(self.expect("board --json", 0).stdout)
+        self.assertEqual(shown["compatible"], ["a,b", "c,d"])
+        cases = [  # names of the board, boards in the description, option, words of the refusal
+            ("a,b c,d", ["x", "c,d"], "", ""), ("a,b", ["a"], "", "is for a, and this board is a,b"),
+            ("", ["x", "y"], "", "hint: name the board: --board NAME"), ("", ["x", "y"], "--board y", ""),
+            ("a,b", ["a,b"], "--board y", "this board is y"), ("a,b", None, "", ""), ("", None, "", ""),
+            ("x", ["x"] * 17, "", "1 to 16"), ("x", [], "", "1 to 16"), ("x", "x", "", "1 to 16"),
+            ("x", ["x", 1], "", "without blanks"), ("x", ["x", "a b"], "", "without blanks"),
+            ("x", ["x", "\u00e4"], "", "without blanks"), ("x", ["x", "y" * 128], "", "without blanks"),
+            ("x", ["y" * 127, "x"], "", ""), ("x", ["x", ""], "", "without blanks"),
+        ]
+        good = images(1)
+        for names, boards, option, words in cases:
+            with self.subTest(names=names, boards=boards, option=option):
+                (self.dir / "compatible").write_text("".join(f"{name}\0" for name in names.split()) + "unfinished")
+                self.pack("p.zip", good, {**describe(good, "emmc"), **({} if boards is None else {"boards": boards})})
+                for verb in ("verify", "install"):
+                    run = self.expect_no_change if words else self.expect
+                    result = run(f"{verb} /userdata/p.zip {option}", 3 if words else 0, words)
+                    self.assertEqual("does not name its boards" in result.stderr, boards is None)
+                self.assertTrue(words or self.holds(good, 1))
 
     def test_a_device_that_fails(self):
         good = images(1)
@@ -364,6 +402,10 @@ class InstallTest(BoardCase):
             ("install /no.zip --lock /no/lock", 1, "/no/lock"), ("install /no.zip --progress loud", 2, "loud"),
             ("verify /no.zip", 3, "/no.zip"), ("slots set-next a --lock /userdata", 1, "cannot use the lock file"),
             ("pack /no.json /tmp -o /tmp/p.zip", 1, "/no.json"), ("pack /etc/passwd /tmp -o /tmp/p.zip", 3, "passwd"),
+            ("install /no.zip --board=", 2, "--board: it names no board"),
+            ("verify /no.zip --trust-time signing", 2, "--trust-time requires --trust"),
+            ("pack a b -o c --sign /no.key --cert d", 1, "cannot open /no.key: No such file"),
+            ("pack a b -o c --sign /etc/passwd --cert d", 1, "/etc/passwd holds no private key"),
             ("pack a b -o c --sign d", 2, "cert"), ("package open", 2, "open"), ("package list /no.zip", 3, "/no.zip"),
             ("package unpack /etc/passwd /tmp/out", 3, "zip"), ("package has /etc/passwd a", 3, "zip"),
             ("rollback b", 2, "b"), ("slots set-next 9", 1, "9"), ("slots mark-good x", 1, "x"),

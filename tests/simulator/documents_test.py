@@ -42,7 +42,7 @@ MEANT = {
     "LOG_INCLUDE_DIR=/path/include": f"LOG_INCLUDE_DIR={TOP}/platform/liblog",
     "EFUSE_INCLUDE_DIR=/path/include": f"EFUSE_INCLUDE_DIR={TOP}/platform/efuse",
 }
-VERBS_ALONE = {"tessera install", "tessera pack", "tessera flashcmd"}
+VERBS_ALONE = {"tessera install", "tessera verify", "tessera pack", "tessera flashcmd"}
 
 
 def fenced(text, wanted):
