@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-/** Refuses a time to check at without an authority to check. */
+/** Refuses an empty TESSERA_TRUST, which must not switch the check off. */
 void check_trust_options(const TrustOptions& trust);
 
 /** Checks every signer of every signature in the package; none where it is not signed. */
@@ -23,7 +23,7 @@ std::vector<Signer> check_signers(const Package& package, const std::string& tex
 /** One that was accepted; else null. */
 const Signer* find_accepted(const std::vector<Signer>& signers);
 
-/** Names every signer, and why it is not accepted. */
+/** Names every signer that is not accepted, and why. */
 Failure untrusted(const std::vector<Signer>& signers);
 
 /** The description, believed only after one of its signatures where an authority is named. */
@@ -37,6 +37,9 @@ void check_image(const Package& package, const Image& image, bool is_signed);
 
 /** Checks the names, and all images. */
 void judge_images(const Package& package, const Description& description, bool is_signed);
+
+/** Reads an entry to its end and drops it, with progress of the kind "check". Throws Failure where it is damaged. */
+void read_through(const Package& package, const Entry& entry, Progress& progress);
 
 Failure wrong_digest(const Image& image);
 

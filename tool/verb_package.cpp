@@ -1,7 +1,7 @@
 /** tessera package: what a package holds, whether it is whole, and unpacking it. */
 #include "interrupt.h"
-#include "package.h"
-#include "progress.h"
+#include "package_check.h"
+#include "package_info.h"
 #include "text.h"
 #include "velox_ota_hl.h"
 #include "verb.h"
@@ -158,13 +158,8 @@ void has(const Context& context, const std::string& file, std::string name) {
 
 /** Reads an entry through. @return what is wrong with it, or nothing */
 std::string check_entry(const Package& package, const Entry& entry, Progress& progress) {
-    progress.begin("check", entry.name);
     try {
-        package.read(entry, [&](std::span<const uint8_t> piece) {
-            stop_if_interrupted();
-            progress.advance("check", piece.size());
-            return true;
-        });
+        read_through(package, entry, progress);
     } catch (const Failure& failure) {
         if (failure.code == ExitCode::interrupted) {
             throw;
@@ -204,6 +199,7 @@ void check(const Context& context, const std::string& file) {
 struct Options {
     std::string file;
     std::string other; /* a directory or a name */
+    TrustOptions trust;
 };
 
 Command& declare_one(Command& verb, const char* name, const char* summary, const std::shared_ptr<Options>& options) {
@@ -217,6 +213,11 @@ Command& declare_one(Command& verb, const char* name, const char* summary, const
 void declare_package(Command& verb, Context& context) {
     demand_command(verb);
     auto options = std::make_shared<Options>();
+    Command& info_command =
+        declare_one(verb, "info", "Show version, boards, signers and images, and whether all is well", options);
+    add_trust(info_command, options->trust);
+    on_command(info_command, context,
+               [&context, options] { show_package_info(context, options->file, options->trust); });
     on_command(declare_one(verb, "list", "List the entries, and what unpacking needs", options), context,
                [&context, options] { list(context, options->file); });
     Command& unpack_command = declare_one(verb, "unpack", "Unpack all entries below a directory", options);

@@ -355,6 +355,21 @@ class InstallTest(BoardCase):
             pair = f"--sign /userdata/{key}.key --cert /userdata/{cert}.pem"
             self.at(clock, f"pack /userdata/draft.json /userdata -o /userdata/p.zip {pair}", int(key != cert), words)
 
+        with open(self.home / "signer.zip", "r+b") as package:
+            package.seek(-70_000, 2)
+            package.write(b"?")
+        for package, trusted, status, words in (
+            ("both", "", 0, "not checked"), ("none", "", 0, "nothing is wrong"), ("none", "ours", 3, "not signed"),
+            ("both", "theirs", 0, "other, signed at 20"), ("other", "ours", 3, "no authority"),
+            ("changed", "", 3, "does not match"), ("signer", "", 3, "system.img"),
+        ):
+            trust = ["--trust", f"{trusted}.pem"] if trusted else []
+            result = subprocess.run([BUILD / "tool" / "tessera", "package", "info", f"{package}.zip", *trust],
+                                    cwd=self.home, capture_output=True, text=True, check=False)
+            self.assertEqual(result.returncode, status, result.stderr)
+            self.assertIn(words, result.stdout + result.stderr)
+            self.assertRegex(result.stdout, "^version +V")
+
     def test_boards_that_a_package_names(self):
         self.simulate("new", "--compatible", "a,b", "--compatible", "c,d")
         shown = json.loads(self.expect("board --json", 0).stdout)
