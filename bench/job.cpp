@@ -14,14 +14,16 @@
  * Partitions are plain files here: OTA_RAW is plain access, to a file as to a block node. NAND is the
  * device simulator's, loaded into the process.
  */
-#include "ota_handle.h"
 
 #include "md5.h"
+#include "minizip_owner.h"
 #include "ota_partition.h"
 #include "vx_zip.h"
 
 #include <cinttypes>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 #include <vector>
 #include <zlib.h>
 

@@ -4,8 +4,9 @@
  */
 #include "fip_prase.h"
 
-#include "ota_handle.h"
+#include "openssl_owner.h"
 #include "ota_log.h"
+#include "ota_owner.h"
 
 #include <cstring>
 #include <openssl/err.h>

@@ -1,7 +1,7 @@
 /** The MD5 message digest of RFC 1321 over memory, files and devices. */
 #include "md5.h"
 
-#include "ota_handle.h"
+#include "ota_owner.h"
 #include "ubi_volume_info.h"
 
 #include <algorithm>
@@ -10,7 +10,9 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <mtd/mtd-user.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 static_assert(sizeof(md5_word_t) == 4 && sizeof(md5_state_t) == 88);
 static_assert(offsetof(md5_state_t, abcd) == 8 && offsetof(md5_state_t, buf) == 24);

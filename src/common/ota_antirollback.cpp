@@ -2,15 +2,18 @@
 #include "ota_antirollback.h"
 
 #include "fip_prase.h"
-#include "ota_handle.h"
 #include "ota_log.h"
+#include "ota_owner.h"
 #include "ota_paths.h"
 #include "veeprom_flag.h"
 #include "vx_zip_entry.h"
 
+#include <cstdio>
 #include <cstring>
 #include <endian.h>
 #include <kastor_efuse.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 

@@ -13,8 +13,8 @@
  */
 #include "ota_nand_update.h"
 
-#include "ota_handle.h"
 #include "ota_log.h"
+#include "ota_owner.h"
 #include "ubi_volume_info.h"
 
 #include <climits>
@@ -22,6 +22,7 @@
 #include <mtd/mtd-user.h>
 #include <mtd/ubi-user.h>
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace {
 

@@ -4,19 +4,22 @@
  */
 #include "ota_partition.h"
 
-#include "ota_handle.h"
+#include "minizip_owner.h"
 #include "ota_log.h"
 #include "ota_nand_update.h"
+#include "ota_owner.h"
 #include "ota_paths.h"
-#include "velox_ota_hl.h"
+#include "ota_types.h"
 #include "vx_zip_entry.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <endian.h>
 #include <fcntl.h>
 #include <span>
 #include <sys/stat.h>
+#include <unistd.h>
 
 static_assert(sizeof(fimage_update_t) == 2272);
 static_assert(offsetof(fimage_update_t, partinfo) == 8);

@@ -1,14 +1,16 @@
 /** Boot parameters from the kernel command line, device names, and the choice of the update slot. */
 #include "ota_boot_control.h"
-#include "ota_handle.h"
 #include "ota_log.h"
+#include "ota_owner.h"
 #include "ota_paths.h"
 #include "ota_utils.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <span>
+#include <unistd.h>
 
 namespace {
 

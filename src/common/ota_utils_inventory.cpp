@@ -1,11 +1,13 @@
 /** The board's partitions: A/B names from the device directory, and the raw GPT entries. */
-#include "ota_handle.h"
 #include "ota_log.h"
+#include "ota_owner.h"
 #include "ota_paths.h"
 #include "ota_utils.h"
 
 #include <cctype>
+#include <cstdio>
 #include <cstring>
+#include <dirent.h>
 
 static_assert(sizeof(gpt_entry) == 128);
 static_assert(offsetof(gpt_entry, part_name) == 56);

@@ -1,14 +1,13 @@
 /** File names and package files, staged unpacking, and small file-system queries. */
-#include "ota_handle.h" /* ahead of every other header that brings in minizip */
-
 #include "ota_log.h"
 #include "ota_paths.h"
+#include "ota_types.h"
 #include "ota_utils.h"
-#include "velox_ota_hl.h"
 #include "vx_zip.h"
 #include "vx_zip_entry.h"
 
 #include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
 #include <sys/statvfs.h>

@@ -1,13 +1,15 @@
 /** Comparison of partitions, the single-instance lock, and command execution. */
 #include "md5.h"
-#include "ota_handle.h"
 #include "ota_log.h"
+#include "ota_owner.h"
 #include "ota_utils.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 

@@ -1,10 +1,11 @@
 /** Version strings: taken out of a line, read from a file, compared. */
-#include "ota_handle.h"
 #include "ota_log.h"
+#include "ota_owner.h"
 #include "ota_paths.h"
 #include "ota_utils.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 namespace {

@@ -4,6 +4,7 @@
 #include "ota_log.h"
 #include "ota_partition.h"
 #include "ota_paths.h"
+#include "ota_types.h"
 
 #include <cstring>
 #include <endian.h>

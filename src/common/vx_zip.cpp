@@ -5,20 +5,23 @@
  * package is extracted. Before anything is touched for an entry, its name is checked: what lies outside
  * the destination is never written, nor is a mode set there, whatever links the package brought along.
  */
-#include "ota_handle.h" /* ahead of every other header that brings in minizip */
-
 #include "vx_zip.h"
 
+#include "minizip_owner.h"
 #include "ota_log.h"
+#include "ota_owner.h"
 #include "ota_paths.h"
 #include "ota_utils.h"
 #include "vx_zip_destination.h"
 #include "vx_zip_entry.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utime.h>
 
 namespace {

@@ -1,7 +1,7 @@
 #include "vx_zip_entry.h"
 
-#include "ota_handle.h"
 #include "ota_log.h"
+#include "ota_owner.h"
 
 #include <algorithm>
 #include <cstring>

@@ -10,8 +10,8 @@
 #ifndef VEEPROM_FLAG_H
 #define VEEPROM_FLAG_H
 
+#include "ota_types.h"
 #include "ota_utils.h"
-#include "velox_ota_hl.h"
 
 OTA_BEGIN_DECLS
 

@@ -4,7 +4,18 @@
 
 #include "ota_base.h"
 
+/* minizip's header makes 64-bit file calls of the plain ones in every system header that is included after it,
+ * so that what a program calls would depend on the order of its headers. */
+#include <stdio.h>
+#include <stdlib.h>
+#ifndef __USE_FILE_OFFSET64
+#define OTA_PLAIN_FILE_CALLS
+#endif
 #include <minizip/unzip.h>
+#ifdef OTA_PLAIN_FILE_CALLS
+#undef __USE_FILE_OFFSET64
+#undef OTA_PLAIN_FILE_CALLS
+#endif
 
 OTA_BEGIN_DECLS
 

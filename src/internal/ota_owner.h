@@ -1,21 +1,12 @@
 /** Owners of what a unit opens or allocates: released when they go out of scope, on every path. */
-#ifndef OTA_HANDLE_H
-#define OTA_HANDLE_H
-
-/* minizip's header makes 64-bit file calls of plain ones in every system header that follows it. The
- * board knows one kind only, so the system's headers come first. */
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
+#ifndef OTA_OWNER_H
+#define OTA_OWNER_H
 
 #include <cstdio>
 #include <cstdlib>
+#include <dirent.h>
 #include <memory>
-#include <minizip/unzip.h>
-#include <openssl/asn1.h>
-#include <openssl/x509.h>
+#include <unistd.h>
 #include <utility>
 
 template <auto Release>
@@ -28,9 +19,6 @@ struct ota_releaser {
 
 using ota_stream = std::unique_ptr<FILE, ota_releaser<std::fclose>>;
 using ota_directory = std::unique_ptr<DIR, ota_releaser<closedir>>;
-using ota_package = std::unique_ptr<void, ota_releaser<unzClose>>;
-using ota_certificate = std::unique_ptr<X509, ota_releaser<X509_free>>;
-using ota_asn1_integer = std::unique_ptr<ASN1_INTEGER, ota_releaser<ASN1_INTEGER_free>>;
 
 /** Memory from malloc or calloc: a failed allocation is a null pointer and not an exception. */
 template <class T>

@@ -3,10 +3,10 @@
 #define VX_ZIP_ENTRY_H
 
 #include "ota_paths.h"
+#include "vx_zip.h"
 #include "vx_zip_destination.h"
 
 #include <cstdint>
-#include <minizip/unzip.h>
 
 /** An entry of a package. A name of ota_entry_size bytes or more is cut; info.size_filename has its length. */
 struct zip_entry {

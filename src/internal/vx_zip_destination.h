@@ -13,7 +13,7 @@
 #ifndef VX_ZIP_DESTINATION_H
 #define VX_ZIP_DESTINATION_H
 
-#include "ota_handle.h"
+#include "ota_owner.h"
 #include "ota_paths.h"
 
 #include <sys/types.h>
