@@ -14,31 +14,15 @@
 #include "ota_partition.h"
 #include "ota_paths.h"
 #include "ota_utils.h"
+#include "slot_block.h"
 
 #include <algorithm>
 #include <cstring>
-#include <endian.h>
-
-static_assert(sizeof(slot_metadata) == 2);
-static_assert(sizeof(bootloader_control) == 32);
-static_assert(offsetof(bootloader_control, magic) == 4);
-static_assert(offsetof(bootloader_control, version) == 8);
-static_assert(offsetof(bootloader_control, reserved0) == 10);
-static_assert(offsetof(bootloader_control, slot_info) == 12);
-static_assert(offsetof(bootloader_control, reserved1) == 20);
-static_assert(offsetof(bootloader_control, crc32_le) == 28);
-static_assert(sizeof(bootloader_message) == 2048);
-static_assert(sizeof(bootloader_message_ab) == 4096);
-static_assert(offsetof(bootloader_message_ab, slot_suffix) == 2048);
 
 namespace {
 
 constexpr char misc_partition[] = "misc";
-constexpr uint64_t block_offset = offsetof(bootloader_message_ab, slot_suffix);
-constexpr uint32_t boot_ctrl_magic = 0x42414342; /* "BCAB" */
-constexpr uint8_t boot_ctrl_version = 1;
 constexpr uint32_t default_slots = 2;
-constexpr uint32_t max_slots = 4; /* entries of slot_info */
 constexpr uint32_t active_priority = 15;
 constexpr uint32_t active_tries = 1;
 constexpr slot_metadata default_metadata = {
@@ -49,7 +33,7 @@ int32_t is_bootctrl_valid(const bootloader_control* ctrl) {
         ota_log_error("Invalid input parameter, null ptr\n");
         return -1;
     }
-    return le32toh(ctrl->magic) == boot_ctrl_magic ? 1 : 0;
+    return ctrl->magic == slot_block_magic ? 1 : 0;
 }
 
 bool has_valid_info(const bootloader_control* boot_ctrl) {
@@ -61,7 +45,7 @@ bool has_valid_info(const bootloader_control* boot_ctrl) {
 }
 
 uint32_t usable_slots(const bootloader_control* boot_ctrl) {
-    return std::min(uint32_t{boot_ctrl->nb_slot}, max_slots);
+    return std::min(uint32_t{boot_ctrl->nb_slot}, slot_block_slots);
 }
 
 bool has_valid_slot(int32_t slot, const bootloader_control* boot_ctrl) {
@@ -91,8 +75,8 @@ int32_t bootctrl_get_curslot_from_misc(const bootloader_control* boot_ctrl) {
         return -1;
     }
     const uint32_t slots = boot_ctrl->nb_slot;
-    if (slots > max_slots) {
-        ota_log_error("Invalid nb_slot %d, max %ld\n", slots, long{max_slots});
+    if (slots > slot_block_slots) {
+        ota_log_error("Invalid nb_slot %d, max %ld\n", slots, long{slot_block_slots});
         return -1;
     }
     int32_t best = -1;
@@ -141,7 +125,7 @@ int32_t locate_block(ota_file_info_t* misc_info) {
         return ret;
     }
     misc_info->medium = static_cast<ota_medium_e>(get_boot_medium());
-    misc_info->offset = block_offset;
+    misc_info->offset = slot_block_offset;
     return 0;
 }
 
@@ -178,14 +162,13 @@ int32_t bootctrl_update_and_save(bootloader_control* ctrl) {
         ota_log_error("Invalid input parameter, null ptr");
         return -1;
     }
-    const char* bytes = reinterpret_cast<const char*>(ctrl);
-    ctrl->crc32_le = htole32(CRC32(reinterpret_cast<const uint8_t*>(bytes), offsetof(bootloader_control, crc32_le)));
+    seal_slot_block(ctrl);
     ota_file_info_t misc_info{};
     int32_t ret = locate_block(&misc_info);
     if (ret < 0) {
         return ret;
     }
-    ret = ota_buf_to_file(&misc_info, bytes, sizeof *ctrl);
+    ret = ota_buf_to_file(&misc_info, reinterpret_cast<const char*>(ctrl), sizeof *ctrl);
     if (ret < 0) {
         ota_log_error("misc data write failed, ret %d\n", ret);
     }
@@ -247,8 +230,8 @@ int32_t ab_control_default(bootloader_control* abc) {
         return -1;
     }
     std::memcpy(abc->slot_suffix, "a\0\0", sizeof abc->slot_suffix);
-    abc->magic = htole32(boot_ctrl_magic);
-    abc->version = boot_ctrl_version;
+    abc->magic = slot_block_magic;
+    abc->version = slot_block_version;
     abc->nb_slot = default_slots;
     std::memset(abc->reserved0, 0, sizeof abc->reserved0);
     for (uint32_t i = 0; i < default_slots; ++i) {

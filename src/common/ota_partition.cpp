@@ -4,6 +4,7 @@
  */
 #include "ota_partition.h"
 
+#include "flash_command.h"
 #include "minizip_owner.h"
 #include "ota_log.h"
 #include "ota_nand_update.h"
@@ -15,25 +16,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <endian.h>
 #include <fcntl.h>
 #include <span>
 #include <sys/stat.h>
 #include <unistd.h>
 
-static_assert(sizeof(fimage_update_t) == 2272);
-static_assert(offsetof(fimage_update_t, partinfo) == 8);
-static_assert(offsetof(fimage_update_t, partinfo.misc.length) == 12);
-static_assert(offsetof(fimage_update_t, reserved) == 204);
-static_assert(offsetof(fimage_update_t, signlen) == 220);
-static_assert(offsetof(fimage_update_t, signdata) == 224);
-static_assert(offsetof(fimage_update_t, miscdata) == 2272);
 static_assert(sizeof(size_t) == 8); /* a command with the largest data area can be counted */
 
 namespace {
-
-constexpr uint32_t flashcmd_magic = 0x46434D44;
-constexpr char misc_write_cmd[] = "misc_write_cmd";
 
 /* Every chunk opens and closes its devices, so chunks are large. */
 uint8_t g_flash_buf[2099200];
@@ -225,9 +215,8 @@ bool read_flashcmd(const char* cmd, fimage_update_t* cmd_raw) {
         ota_log_error("read cmd failed\n");
         return false;
     }
-    const uint32_t magic = le32toh(cmd_raw->magic);
-    if (magic != flashcmd_magic) {
-        ota_log_error("Invalid flash cmd magic: %x\n", magic);
+    if (check_flash_command(*cmd_raw).state != format_state::valid) {
+        ota_log_error("Invalid flash cmd magic: %x\n", cmd_raw->magic);
         return false;
     }
     return true;
@@ -326,8 +315,8 @@ int32_t ota_write_flashcmd(const char* cmd, char* misc_data, uint32_t data_len, 
     if (!read_flashcmd(cmd, &cmd_raw)) {
         return -1;
     }
-    const bool has_data_area = std::strcmp(cmd, misc_write_cmd) == 0;
-    const uint32_t area_size = le32toh(cmd_raw.partinfo.misc.length);
+    const bool has_data_area = std::strcmp(cmd, flash_command_with_data) == 0;
+    const uint32_t area_size = flash_command_area_size(cmd_raw);
     if (uint64_t{data_len} + offset > area_size) {
         ota_log_error("Misc data out of range\n");
         return -1;

@@ -1,4 +1,5 @@
 /** The board's partitions: A/B names from the device directory, and the raw GPT entries. */
+#include "gpt.h"
 #include "ota_log.h"
 #include "ota_owner.h"
 #include "ota_paths.h"
@@ -9,13 +10,8 @@
 #include <cstring>
 #include <dirent.h>
 
-static_assert(sizeof(gpt_entry) == 128);
-static_assert(offsetof(gpt_entry, part_name) == 56);
-
 namespace {
 
-constexpr long gpt_entries_offset = 1024; /* LBA 2 with sectors of 512 bytes */
-constexpr size_t gpt_entry_count = 128;
 constexpr size_t suffix_length = 2;
 
 /** Cuts the slot suffix off a name; false when it has none. */
@@ -86,7 +82,7 @@ int32_t emmc_gpt_entry_read(struct gpt_entry* gpt_entries) {
         ota_log_error("mmc:%s not found!\n", ota_gpt_device);
         return -1;
     }
-    (void)std::fseek(gpt_on_emmc.get(), gpt_entries_offset, SEEK_SET);
+    (void)std::fseek(gpt_on_emmc.get(), static_cast<long>(gpt_entries_offset), SEEK_SET);
     if (std::fread(gpt_entries, sizeof *gpt_entries, gpt_entry_count, gpt_on_emmc.get()) != gpt_entry_count) {
         ota_log_error("read short\n");
         return -1;
@@ -95,11 +91,10 @@ int32_t emmc_gpt_entry_read(struct gpt_entry* gpt_entries) {
 }
 
 void convert_partname(uint16_t* str, char* result) {
-    constexpr size_t units = sizeof(gpt_entry::part_name) / sizeof(uint16_t);
     if (str == nullptr || result == nullptr) {
         return;
     }
-    for (size_t label_count = 0; label_count < units; ++label_count) {
+    for (size_t label_count = 0; label_count < gpt_name_units; ++label_count) {
         const auto c = static_cast<unsigned char>(str[label_count] & 0xFF);
         result[label_count] = static_cast<char>(c != 0 && std::isprint(c) == 0 ? '!' : c);
     }

@@ -1,47 +1,20 @@
 /** The status record and the anti-rollback record: stored form, repair, and access by selector. */
 #include "veeprom_flag.h"
 
+#include "antirollback_record.h"
 #include "ota_log.h"
 #include "ota_partition.h"
 #include "ota_paths.h"
 #include "ota_types.h"
+#include "status_record.h"
 
 #include <cstring>
-#include <endian.h>
-
-static_assert(sizeof(update_part_t) == 1284);
-static_assert(offsetof(update_part_t, array) == 4);
-static_assert(offsetof(update_part_t, medium) == 1028);
-static_assert(offsetof(update_part_t, type) == 1156);
-static_assert(sizeof(ota_status_t) == 1356);
-static_assert(offsetof(ota_status_t, magic) == 0);
-static_assert(offsetof(ota_status_t, up) == 4);
-static_assert(offsetof(ota_status_t, up_system) == 8);
-static_assert(offsetof(ota_status_t, up_backup) == 12);
-static_assert(offsetof(ota_status_t, up_app) == 16);
-static_assert(offsetof(ota_status_t, up_middleware) == 20);
-static_assert(offsetof(ota_status_t, up_param) == 24);
-static_assert(offsetof(ota_status_t, owner) == 28);
-static_assert(offsetof(ota_status_t, next_slot) == 32);
-static_assert(offsetof(ota_status_t, update_part) == 36);
-static_assert(offsetof(ota_status_t, reserved) == 1320);
-static_assert(offsetof(ota_status_t, crc32_le) == 1352);
-static_assert(sizeof(antirollback_ver_t) == 16);
-static_assert(offsetof(antirollback_ver_t, nosec_up_flag) == 1);
-static_assert(offsetof(antirollback_ver_t, sec_ver) == 4);
-static_assert(offsetof(antirollback_ver_t, nosec_ver) == 8);
-static_assert(offsetof(antirollback_ver_t, crc32_le) == 12);
-/* The records are kept in memory as they are stored. */
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
 
 ota_update_owner_e g_ota_owner = NORMAL_BOOT;
 
 namespace {
 
 constexpr char veeprom_partition[] = "ubootenv";
-constexpr uint32_t status_offset = 0x30000;
-constexpr uint32_t anti_ver_offset = 0x30880;
-constexpr uint32_t status_magic = 0x4F544153; /* "SATO" */
 
 /** Where the value of a selector stands in the status record. */
 struct status_field {
@@ -67,19 +40,11 @@ bool is_status_selector(ota_veeprom_type_e flag) {
     return static_cast<uint32_t>(flag) <= OTA_VEEPROM_PART_ARRAY;
 }
 
-uint32_t status_crc(const ota_status_t* status) {
-    return CRC32(reinterpret_cast<const uint8_t*>(status), offsetof(ota_status_t, crc32_le));
-}
-
-uint32_t anti_ver_crc(const antirollback_ver_t* ver) {
-    return CRC32(reinterpret_cast<const uint8_t*>(ver), offsetof(antirollback_ver_t, crc32_le));
-}
-
 int32_t crc32_calculate(ota_status_t* status) {
     if (status == nullptr) {
         return -OTAERR_NULLPOINTER;
     }
-    status->crc32_le = htole32(status_crc(status));
+    seal_status_record(status);
     return 0;
 }
 
@@ -96,15 +61,14 @@ int32_t is_ota_status_valid(const ota_status_t* status) {
         ota_log_error("Invalid input parameter, null ptr\n");
         return -OTAERR_NULLPOINTER;
     }
-    if (le32toh(status->magic) != status_magic) {
+    const format_state state = check_status_record(*status).state;
+    if (state == format_state::absent || state == format_state::foreign) {
         ota_log_warning("magic number is wrong\n");
         return -1;
     }
-    const uint32_t stored = le32toh(status->crc32_le);
-    const uint32_t computed = status_crc(status);
-    ota_log_info("veeprom crc, oricrc[%x], newcrc[%x], offset[%ld]\n", stored, computed,
-                 static_cast<long>(offsetof(ota_status_t, crc32_le)));
-    return stored == computed ? 0 : -1;
+    ota_log_info("veeprom crc, oricrc[%x], newcrc[%x], offset[%ld]\n", status->crc32_le,
+                 status_record_checksum(*status), static_cast<long>(offsetof(ota_status_t, crc32_le)));
+    return state == format_state::valid ? 0 : -1;
 }
 
 int32_t locate_veeprom(ota_file_info_t* veeprom_info, uint32_t offset) {
@@ -147,7 +111,8 @@ int32_t ota_write_to_veeprom(const char* buffer, uint32_t buffer_len, uint32_t o
 }
 
 int32_t write_status(const ota_status_t* status) {
-    const int32_t ret = ota_write_to_veeprom(reinterpret_cast<const char*>(status), sizeof *status, status_offset);
+    const int32_t ret =
+        ota_write_to_veeprom(reinterpret_cast<const char*>(status), sizeof *status, status_record_offset);
     if (ret < 0) {
         ota_log_error("write ota status to veeprom failed\n");
     }
@@ -165,7 +130,7 @@ int32_t ota_init_status(ota_status_t* status) {
         ota_log_error("Get current slot failed\n");
         return -1;
     }
-    status->magic = htole32(status_magic);
+    status->magic = status_record_magic;
     status->up = OTA_FLAG_NORMAL;
     status->up_backup = OTA_FLAG_NORMAL;
     status->up_system = OTA_FLAG_NORMAL;
@@ -181,7 +146,7 @@ int32_t ota_init_status(ota_status_t* status) {
 
 /** Reads the status record and makes it anew when it is not valid. */
 int32_t fetch_status(ota_status_t* status) {
-    int32_t ret = ota_read_from_veeprom(reinterpret_cast<char*>(status), sizeof *status, status_offset);
+    int32_t ret = ota_read_from_veeprom(reinterpret_cast<char*>(status), sizeof *status, status_record_offset);
     if (ret < 0) {
         return ret;
     }
@@ -244,7 +209,8 @@ int32_t set_veeprom_other_status(ota_veeprom_type_e flag, const uint32_t* value)
     }
     int32_t ret = -1;
     if (flag == OTA_VEEPROM_ANTI_VER) {
-        ret = ota_write_to_veeprom(reinterpret_cast<const char*>(value), sizeof(antirollback_ver_t), anti_ver_offset);
+        ret = ota_write_to_veeprom(reinterpret_cast<const char*>(value), sizeof(antirollback_ver_t),
+                                   antirollback_record_offset);
     } else {
         ota_log_error("invalid veeprom flag\n");
     }
@@ -263,7 +229,7 @@ int32_t get_veeprom_other_status(ota_veeprom_type_e flag, uint32_t* value) {
     antirollback_ver_t stored{};
     int32_t ret = -1;
     if (flag == OTA_VEEPROM_ANTI_VER) {
-        ret = ota_read_from_veeprom(reinterpret_cast<char*>(&stored), sizeof stored, anti_ver_offset);
+        ret = ota_read_from_veeprom(reinterpret_cast<char*>(&stored), sizeof stored, antirollback_record_offset);
     } else {
         ota_log_error("invalid veeprom flag\n");
     }
@@ -292,9 +258,9 @@ int32_t ota_write_to_veeprom_force(ota_status_t* status, ota_file_info_t* veepro
         ota_log_error("ota status or veeprom info is NULL\n");
         return -OTAERR_NULLPOINTER;
     }
-    status->magic = htole32(status_magic);
+    status->magic = status_record_magic;
     status->owner = OTA_TOOL;
-    veeprom_info->offset += status_offset;
+    veeprom_info->offset += status_record_offset;
     int32_t ret = seal_status(status);
     if (ret < 0) {
         return ret;
@@ -394,7 +360,7 @@ int32_t ota_get_anti_ver_veeprom(antirollback_ver_t* ver) {
         ota_log_error("get antirollback version from veeprom failed\n");
         return ret;
     }
-    if (anti_ver_crc(ver) != le32toh(ver->crc32_le)) {
+    if (check_antirollback_record(*ver).state != format_state::valid) {
         ota_log_error("antirollback version CRC verify failed\n");
         std::memset(ver, 0, sizeof *ver);
         return -1;
@@ -406,7 +372,7 @@ int32_t ota_set_anti_ver_veeprom(antirollback_ver_t* ver) {
     if (ver == nullptr) {
         return -1;
     }
-    ver->crc32_le = htole32(anti_ver_crc(ver));
+    seal_antirollback_record(ver);
     const int32_t ret = set_value(OTA_VEEPROM_ANTI_VER, ver);
     if (ret != 0) {
         ota_log_error("set antirollback version to veeprom failed\n");

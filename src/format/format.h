@@ -1,0 +1,71 @@
+/** What the readers and writers of stored and foreign formats share. They only look at bytes: no I/O, no messages. */
+#ifndef FORMAT_H
+#define FORMAT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <type_traits>
+
+/* The library's own records are kept in memory as they are stored, little-endian. */
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
+
+/** What bytes are that should be of a format. */
+enum class format_state {
+    valid,
+    absent,  /* erased or empty: nothing was written there */
+    torn,    /* begins as the format does, but is incomplete or damaged */
+    foreign, /* something else */
+};
+
+/** The reason is a phrase such as "wrong checksum", and null for a valid record. */
+struct format_answer {
+    format_state state;
+    const char* reason;
+};
+
+inline constexpr format_answer format_valid = {format_state::valid, nullptr};
+inline constexpr format_answer format_erased = {format_state::absent, "erased"};
+inline constexpr format_answer format_too_short = {format_state::torn, "too short"};
+inline constexpr format_answer format_wrong_checksum = {format_state::torn, "wrong checksum"};
+inline constexpr format_answer format_wrong_magic = {format_state::foreign, "wrong magic number"};
+
+/** Whether every byte is 0, or every byte is 0xFF as after an erase. Also true of no bytes. */
+bool is_erased(std::span<const uint8_t> bytes);
+
+/** CRC-32/ISO-HDLC, the checksum of the stored records and of zip. */
+uint32_t crc32_of(std::span<const uint8_t> bytes);
+
+/** The stored form of a record. */
+template <class Record>
+std::span<const uint8_t, sizeof(Record)> record_bytes(const Record& record) {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    return std::span<const uint8_t, sizeof(Record)>(reinterpret_cast<const uint8_t*>(&record), sizeof record);
+}
+
+/**
+ * Takes a record out of bytes and checks it; what is missing at their end is 0.
+ * @param record  out: what the bytes hold, whatever it is
+ */
+template <class Record>
+format_answer decode_record(std::span<const uint8_t> bytes, Record* record, format_answer (*check)(const Record&)) {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    std::memset(static_cast<void*>(record), 0, sizeof *record);
+    const size_t length = bytes.size() < sizeof *record ? bytes.size() : sizeof *record;
+    if (length > 0) {
+        std::memcpy(static_cast<void*>(record), bytes.data(), length);
+    }
+    const format_answer answer = check(*record);
+    return length < sizeof *record && answer.state != format_state::absent ? format_too_short : answer;
+}
+
+/** A little-endian number at byte `at`, which the caller knows to be there. */
+template <class Number>
+Number load_le(std::span<const uint8_t> bytes, size_t at) {
+    Number number = 0;
+    std::memcpy(&number, bytes.data() + at, sizeof number);
+    return number;
+}
+
+#endif
