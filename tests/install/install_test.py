@@ -12,6 +12,7 @@ import zipfile
 from authority import DELTA, Authorities, make_clock
 from bench_board import MEDIA, SIMULATOR, BoardCase, describe, error_of, images, slots
 
+BUILD = pathlib.Path(os.environ["TESSERA_BUILD"])
 RAISE_BOTH = {"sec_up_flag": 1, "nosec_up_flag": 1}
 BUILD = pathlib.Path(os.environ.get("TESSERA_BUILD", SIMULATOR.parent / "build" / "release")).resolve()
 
@@ -799,6 +800,17 @@ class InstallTest(BoardCase):
         self.assertEqual(stored(), 3)  # of a package that is already installed
         self.expect("install /userdata/plain.zip", 0)
         self.assertEqual(stored(), 3)  # one without versions does not take them away
+
+    def test_verify_off_the_board_names_what_it_could_not_compare(self):
+        self.new()
+        firmware = self.firmware(3)
+        for medium, status in (("emmc", 0), ("nand", 3)):
+            self.pack("3.zip", firmware, describe(firmware, medium, anti_rollback=True))
+            told = subprocess.run([BUILD / "tool" / "tessera", "verify", "--json", self.home / "3.zip"],
+                                  capture_output=True, text=True, check=False)
+            self.assertEqual(told.returncode, status, told.stderr)
+            self.assertIn("were not compared with anti-rollback counters", told.stderr)
+            self.assertEqual(json.loads(told.stdout)["counters"], None)
 
     def test_a_flash_command_is_kept(self):
         self.new()
