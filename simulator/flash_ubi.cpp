@@ -1,18 +1,11 @@
 #include "flash_cell_device.h"
+#include "kernel_volume_info.h"
 
 #include <array>
 #include <mtd/ubi-user.h>
 #include <sys/ioctl.h>
 
 namespace {
-
-/** Answer to UBI_IOCVOLINFO, a request of the board's kernel that mainline Linux does not have. */
-struct __attribute__((packed)) ubi_info_user {
-    int64_t used_bytes;
-    int32_t usable_leb_size;
-};
-
-#define UBI_IOCVOLINFO _IOR('O', 9, struct ubi_info_user)
 
 void locate_leb(const void* argument, flash_operation& operation) {
     operation.position = static_cast<uint64_t>(as<int32_t>(argument));

@@ -1,5 +1,5 @@
 /** Answers UBI_IOCVOLINFO, which mainline Linux does not know, from what its sysfs tells of the volume. */
-#include "ubi_volume_info.h"
+#include "kernel_volume_info.h"
 
 #include <cstdarg>
 #include <dlfcn.h>

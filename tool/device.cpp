@@ -1,15 +1,12 @@
 #include "device.h"
 
+#include "device_request.h"
 #include "failure.h"
 #include "text.h"
-#include "ubi_volume_info.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <mtd/mtd-user.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,19 +25,19 @@ Device::Device(const std::string& path) : path_(path), fd_(open(path.c_str(), O_
 
 /** Asks the requests first: they tell what a node is whatever its type in the file system. */
 void Device::identify() {
-    mtd_info_user mtd{};
-    if (ioctl(fd_.get(), MEMGETINFO, &mtd) == 0 && mtd.erasesize > 0) {
+    mtd_geometry mtd{};
+    if (mtd_get_geometry(fd_.get(), &mtd) == 0 && mtd.erase_size > 0) {
         kind_ = DeviceKind::mtd;
         size_ = mtd.size;
-        block_size_ = mtd.erasesize;
+        block_size_ = mtd.erase_size;
         demand_size();
         find_good_blocks();
         return;
     }
-    ubi_info_user volume{};
-    if (ioctl(fd_.get(), UBI_IOCVOLINFO, &volume) == 0) {
+    ubi_geometry volume{};
+    if (ubi_get_geometry(fd_.get(), &volume) == 0) {
         kind_ = DeviceKind::ubi;
-        size_ = static_cast<uint64_t>(std::max<int64_t>(0, volume.used_bytes));
+        size_ = static_cast<uint64_t>(std::max<int64_t>(0, volume.used_size));
         demand_size();
         return;
     }
@@ -53,7 +50,7 @@ void Device::identify() {
         return;
     }
     kind_ = DeviceKind::block;
-    if (!S_ISBLK(status.st_mode) || ioctl(fd_.get(), BLKGETSIZE64, &size_) != 0) {
+    if (!S_ISBLK(status.st_mode) || block_get_size(fd_.get(), &size_) != 0) {
         size_ = 0;
     }
     demand_size();
@@ -68,8 +65,7 @@ void Device::demand_size() const {
 
 void Device::find_good_blocks() {
     for (uint64_t start = 0; start + block_size_ <= size_; start += block_size_) {
-        auto offset = static_cast<__kernel_loff_t>(start);
-        if (ioctl(fd_.get(), MEMGETBADBLOCK, &offset) == 0) {
+        if (mtd_get_bad_block(fd_.get(), start) == 0) {
             good_blocks_.push_back(start);
         }
     }
@@ -140,11 +136,11 @@ int Device::push(uint64_t begin, uint64_t end) const {
 }
 
 std::optional<uint32_t> Device::uncorrectable_reads() const {
-    mtd_ecc_stats stats{};
-    if (kind_ != DeviceKind::mtd || ioctl(fd_.get(), ECCGETSTATS, &stats) != 0) {
+    uint32_t failed = 0;
+    if (kind_ != DeviceKind::mtd || mtd_get_failed_reads(fd_.get(), &failed) != 0) {
         return std::nullopt;
     }
-    return stats.failed;
+    return failed;
 }
 
 bool Device::lost_reads_since(std::optional<uint32_t> before) const {

@@ -1,15 +1,13 @@
 #include "salvage.h"
 
 #include "device.h"
+#include "device_request.h"
 #include "failure.h"
 #include "text.h"
-#include "ubi_volume_info.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <mtd/ubi-user.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
@@ -49,13 +47,10 @@ void collect(const Volume& volume, int32_t lnum, std::vector<uint8_t>& leb) {
 }
 
 void write_anew(const Volume& volume, int32_t lnum, const std::vector<uint8_t>& leb) {
-    ubi_set_vol_prop_req request{};
-    request.property = UBI_VOL_PROP_DIRECT_WRITE;
-    request.value = 1;
-    if (ioctl(volume.fd.get(), UBI_IOCSETVOLPROP, &request) != 0) {
+    if (ubi_allow_direct_writes(volume.fd.get()) != 0) {
         fail(volume, lnum, "prepare");
     }
-    if (ioctl(volume.fd.get(), UBI_IOCEBER, &lnum) != 0) {
+    if (ubi_erase_leb(volume.fd.get(), lnum) != 0) {
         fail(volume, lnum, "erase");
     }
     if (pwrite(volume.fd.get(), leb.data(), leb.size(), volume.start_of(lnum)) != static_cast<ssize_t>(leb.size())) {
@@ -67,14 +62,14 @@ void write_anew(const Volume& volume, int32_t lnum, const std::vector<uint8_t>& 
 
 bool salvage(const std::string& path) {
     Volume volume{path, Descriptor(open(path.c_str(), O_RDWR | O_CLOEXEC)), 0};
-    ubi_info_user info{};
-    if (volume.fd.get() < 0 || ioctl(volume.fd.get(), UBI_IOCVOLINFO, &info) != 0 || info.usable_leb_size <= 0) {
+    ubi_geometry info{};
+    if (volume.fd.get() < 0 || ubi_get_geometry(volume.fd.get(), &info) != 0 || info.leb_size <= 0) {
         return false;
     }
-    volume.leb_size = static_cast<size_t>(info.usable_leb_size);
+    volume.leb_size = static_cast<size_t>(info.leb_size);
     std::vector<uint8_t> leb(volume.leb_size);
     bool wrote = false;
-    for (int32_t lnum = 0; volume.start_of(lnum) < info.used_bytes; ++lnum) {
+    for (int32_t lnum = 0; volume.start_of(lnum) < info.used_size; ++lnum) {
         if (!is_readable(volume, lnum, leb)) {
             collect(volume, lnum, leb);
             write_anew(volume, lnum, leb);

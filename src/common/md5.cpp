@@ -1,16 +1,13 @@
 /** The MD5 message digest of RFC 1321 over memory, files and devices. */
 #include "md5.h"
 
+#include "device_request.h"
 #include "ota_owner.h"
-#include "ubi_volume_info.h"
 
 #include <algorithm>
 #include <bit>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <mtd/mtd-user.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -188,17 +185,17 @@ void append_chunk(md5_state_t* pms, off_t bytes) {
 off_t target_size(int fd, const struct stat& status) {
     uint64_t bytes = 0;
     if (S_ISBLK(status.st_mode)) {
-        return ioctl(fd, BLKGETSIZE64, &bytes) == 0 && bytes > 0 ? static_cast<off_t>(bytes) : -1;
+        return block_get_size(fd, &bytes) == 0 && bytes > 0 ? static_cast<off_t>(bytes) : -1;
     }
     if (!S_ISCHR(status.st_mode)) {
         return status.st_size;
     }
-    mtd_info_user mtd{};
-    if (ioctl(fd, MEMGETINFO, &mtd) == 0) {
+    mtd_geometry mtd{};
+    if (mtd_get_geometry(fd, &mtd) == 0) {
         return mtd.size > 0 ? static_cast<off_t>(mtd.size) : -1;
     }
-    ubi_info_user volume{};
-    return ioctl(fd, UBI_IOCVOLINFO, &volume) == 0 && volume.used_bytes > 0 ? volume.used_bytes : -1;
+    ubi_geometry volume{};
+    return ubi_get_geometry(fd, &volume) == 0 && volume.used_size > 0 ? volume.used_size : -1;
 }
 
 } // namespace

@@ -13,24 +13,15 @@
  */
 #include "ota_nand_update.h"
 
+#include "device_request.h"
 #include "ota_log.h"
 #include "ota_owner.h"
-#include "ubi_volume_info.h"
 
 #include <climits>
 #include <cstring>
-#include <mtd/mtd-user.h>
-#include <mtd/ubi-user.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
-
-static_assert(sizeof(mtd_info_user) == 32 && MEMGETINFO == 0x80204D01);
-static_assert(MEMGETBADBLOCK == 0x40084D0B);
-static_assert(sizeof(erase_info_user64) == 16 && MEMERASE64 == 0x40104D14);
-static_assert(UBI_IOCEBER == 0x40044F01);
-static_assert(sizeof(ubi_set_vol_prop_req) == 16 && UBI_IOCSETVOLPROP == 0x40104F06);
 
 /** The blocks of a write in hand. A block is an erase block or a LEB; block numbers count from 0. */
 struct block_range {
@@ -61,8 +52,8 @@ int request_failure(int ret) {
 
 /* ---- MTD ---- */
 
-int get_mtd_info(int fd, mtd_info_user* info) {
-    const int ret = ioctl(fd, MEMGETINFO, info);
+int get_mtd_info(int fd, mtd_geometry* info) {
+    const int ret = mtd_get_geometry(fd, info);
     if (ret != 0) {
         ota_log_error("ioctl get MEMGETINFO failed, error%d\n", ret);
     }
@@ -70,8 +61,7 @@ int get_mtd_info(int fd, mtd_info_user* info) {
 }
 
 int mtd_ask_bad(int fd, long long ofs, size_t block_size) {
-    __kernel_loff_t offs = ofs * static_cast<long long>(block_size);
-    return ioctl(fd, MEMGETBADBLOCK, &offs);
+    return mtd_get_bad_block(fd, static_cast<uint64_t>(ofs) * block_size);
 }
 
 /** An error counts as bad. A block past the end of the device is not asked for: reading it ends the range. */
@@ -84,19 +74,16 @@ bool mtd_check_bad(const block_range& range, long long ofs) {
     return true;
 }
 
-int mtd_erase(const block_range& range, long long ofs) {
-    erase_info_user64 erase{};
-    erase.start = static_cast<uint64_t>(ofs) * range.block_size;
-    erase.length = range.block_size;
-    return ioctl(range.fd, MEMERASE64, &erase);
+int mtd_erase_block(const block_range& range, long long ofs) {
+    return mtd_erase(range.fd, static_cast<uint64_t>(ofs) * range.block_size, range.block_size);
 }
 
 int mtd_allow_writes(int /*fd*/) {
     return 0;
 }
 
-constexpr flash_medium mtd_medium = {"vx_mtd_read", vx_mtd_read, mtd_check_bad,
-                                     "MEMERASE64",  mtd_erase,   mtd_allow_writes};
+constexpr flash_medium mtd_medium = {"vx_mtd_read", vx_mtd_read,     mtd_check_bad,
+                                     "MEMERASE64",  mtd_erase_block, mtd_allow_writes};
 
 /**
  * Moves the range past the bad blocks before it, so that exactly range.start good blocks lie there:
@@ -122,8 +109,8 @@ void move_past_bad_blocks(block_range& range) {
 
 /* ---- UBI ---- */
 
-int get_ubi_info(int fd, ubi_info_user* info) {
-    const int ret = ioctl(fd, UBI_IOCVOLINFO, info);
+int get_ubi_info(int fd, ubi_geometry* info) {
+    const int ret = ubi_get_geometry(fd, info);
     if (ret != 0) {
         ota_log_error("ioctl get UBI_IOCVOLINFO failed, error%d\n", ret);
     }
@@ -134,24 +121,20 @@ bool ubi_check_bad(const block_range& /*range*/, long long /*ofs*/) {
     return false;
 }
 
-int ubi_erase(const block_range& range, long long ofs) {
-    const auto lnum = static_cast<int32_t>(ofs);
-    return ioctl(range.fd, UBI_IOCEBER, &lnum);
+int ubi_erase_block(const block_range& range, long long ofs) {
+    return ubi_erase_leb(range.fd, static_cast<int32_t>(ofs));
 }
 
 int ubi_allow_writes(int fd) {
-    ubi_set_vol_prop_req req{};
-    req.property = UBI_VOL_PROP_DIRECT_WRITE;
-    req.value = 1;
-    const int ret = ioctl(fd, UBI_IOCSETVOLPROP, &req);
+    const int ret = ubi_allow_direct_writes(fd);
     if (ret != 0) {
         ota_log_error("ioctl set UBI_IOCSETVOLPROP failed, error%d\n", ret);
     }
     return ret;
 }
 
-constexpr flash_medium ubi_medium = {"vx_ubi_read", vx_ubi_read, ubi_check_bad,
-                                     "UBI_IOCEBER", ubi_erase,   ubi_allow_writes};
+constexpr flash_medium ubi_medium = {"vx_ubi_read", vx_ubi_read,     ubi_check_bad,
+                                     "UBI_IOCEBER", ubi_erase_block, ubi_allow_writes};
 
 /* ---- the read-modify-write ---- */
 
@@ -329,7 +312,7 @@ ssize_t vx_mtd_read(int fd, void* in_buf, size_t in_size, size_t offset) {
     if (!check_size(in_size)) {
         return -1;
     }
-    mtd_info_user info{};
+    mtd_geometry info{};
     const int failed = get_mtd_info(fd, &info);
     if (failed != 0) {
         return request_failure(failed);
@@ -349,7 +332,7 @@ ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset) {
     if (!check_new_data(in_buf, in_size)) {
         return -1;
     }
-    mtd_info_user info{};
+    mtd_geometry info{};
     const int failed = get_mtd_info(fd, &info);
     if (failed != 0) {
         return request_failure(failed);
@@ -359,26 +342,26 @@ ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset) {
                       static_cast<unsigned long long>(offset), in_size, info.size);
         return -1;
     }
-    if (info.erasesize == 0) {
+    if (info.erase_size == 0) {
         ota_log_error("the device has erase blocks of 0 bytes\n");
         return -1;
     }
-    if (!check_block_numbers(info.erasesize, in_size, offset)) {
+    if (!check_block_numbers(info.erase_size, in_size, offset)) {
         return -1;
     }
-    block_range range = range_of(fd, info.erasesize, info.size, in_size, offset);
+    block_range range = range_of(fd, info.erase_size, info.size, in_size, offset);
     if (!allocate_old_data(range)) {
         return -1;
     }
     move_past_bad_blocks(range);
-    return rewrite(mtd_medium, range, in_buf, in_size, offset % info.erasesize);
+    return rewrite(mtd_medium, range, in_buf, in_size, offset % info.erase_size);
 }
 
 ssize_t vx_ubi_read(int fd, void* in_buf, size_t in_size, size_t offset) {
     if (!check_size(in_size)) {
         return -1;
     }
-    ubi_info_user info{};
+    ubi_geometry info{};
     const int failed = get_ubi_info(fd, &info);
     if (failed != 0) {
         return request_failure(failed);
@@ -390,16 +373,16 @@ ssize_t vx_ubi_write(int fd, void* in_buf, size_t in_size, size_t offset) {
     if (!check_new_data(in_buf, in_size)) {
         return -1;
     }
-    ubi_info_user info{};
+    ubi_geometry info{};
     const int failed = get_ubi_info(fd, &info);
     if (failed != 0) {
         return request_failure(failed);
     }
-    if (info.usable_leb_size <= 0) {
-        ota_log_error("the volume has LEBs of %d bytes\n", info.usable_leb_size);
+    if (info.leb_size <= 0) {
+        ota_log_error("the volume has LEBs of %d bytes\n", info.leb_size);
         return -1;
     }
-    const auto leb_size = static_cast<size_t>(info.usable_leb_size);
+    const auto leb_size = static_cast<size_t>(info.leb_size);
     if (!check_block_numbers(leb_size, in_size, offset)) {
         return -1;
     }

@@ -4,8 +4,8 @@
  *
  * usage: device_probe mtd|ubi DEVICE
  */
+#include "device_request.h"
 #include "flash_model.h"
-#include "ubi_volume_info.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <mtd/mtd-user.h>
 #include <mtd/ubi-user.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
@@ -97,19 +98,19 @@ void probe_mtd() {
 }
 
 void probe_ubi() {
-    ubi_info_user info{};
-    tell("UBI_IOCVOLINFO", ioctl(fd, UBI_IOCVOLINFO, &info));
+    ubi_geometry info{};
+    tell("UBI_IOCVOLINFO", ubi_get_geometry(fd, &info));
     tell("write before it is allowed", put(0, page));
     tell("set an unknown property", ask(UBI_IOCSETVOLPROP, ubi_set_vol_prop_req{77, {}, 1}));
     tell("allow direct writes", ask(UBI_IOCSETVOLPROP, ubi_set_vol_prop_req{UBI_VOL_PROP_DIRECT_WRITE, {}, 1}));
     tell("erase LEB -1", ask(UBI_IOCEBER, int32_t{-1}));
-    tell("erase behind the end", ask(UBI_IOCEBER, static_cast<int32_t>(info.used_bytes / info.usable_leb_size)));
+    tell("erase behind the end", ask(UBI_IOCEBER, static_cast<int32_t>(info.used_size / info.leb_size)));
     tell("erase read-only", ask(UBI_IOCEBER, int32_t{0}, read_only));
     tell("erase", ask(UBI_IOCEBER, int32_t{0}));
     tell("ask for an erased LEB", ask(UBI_IOCEBISMAP, int32_t{0}));
-    probe_transfers(info.used_bytes);
+    probe_transfers(info.used_size);
     tell("ask for a written LEB", ask(UBI_IOCEBISMAP, int32_t{0}));
-    tell("read the whole LEB", get(0, static_cast<size_t>(info.usable_leb_size)));
+    tell("read the whole LEB", get(0, static_cast<size_t>(info.leb_size)));
     tell("unmap", ask(UBI_IOCEBUNMAP, int32_t{0}));
     tell("read what is unmapped", holds(0, erased));
 }
