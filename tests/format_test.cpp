@@ -4,6 +4,7 @@
 #include "gpt.h"
 #include "slot_block.h"
 #include "status_record.h"
+#include "zip_entry.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -77,6 +78,23 @@ TEST(Format, the_data_area_of_a_flash_command) {
     fimage_update_t command;
     EXPECT_EQ(decode_flash_command(span_of(bytes("444d4346 00*8 00100000 00*2256 ff*9")), &command).reason, nullptr);
     EXPECT_EQ(flash_command_area_size(command), 4096U);
+}
+
+TEST(Format, sizes_in_the_extra_field_of_a_zip_entry) {
+    const std::tuple<std::string, format_state, uint64_t> rows[] = {
+        {"0100 0800 0100000001000000", format_state::valid, 0x100000001},
+        {"5554 0500 00*5 0100 1000 0200 00*14 ff", format_state::valid, 2},
+        {"0100 0000 0100 0800 03 00*7", format_state::valid, 3}, /* the first has no uncompressed size */
+        {"0100 0800 00*7", format_state::torn, 9},
+        {"5554 ffff 0100 0800 00*8", format_state::torn, 9},
+        {"0100 0400 00*4 010008", format_state::absent, 9},
+        {"", format_state::absent, 9},
+    };
+    for (const auto& [hex, state, wanted] : rows) {
+        uint64_t size = 9;
+        EXPECT_EQ(decode_zip64_size(span_of(bytes(hex)), &size).state, state) << hex;
+        EXPECT_EQ(size, wanted) << hex;
+    }
 }
 
 TEST(Format, entries_of_a_partition_table) {

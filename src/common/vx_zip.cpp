@@ -36,10 +36,6 @@ struct extraction {
     zip_destination dest;
 };
 
-mode_t permissions(const zip_entry& entry) {
-    return static_cast<mode_t>((entry.info.external_fa >> 16) & 0x1FF);
-}
-
 /* ---- extraction ---- */
 
 bool is_separator(char c) {
@@ -53,10 +49,11 @@ int32_t mymkdir(const char* dirname) {
 /** Opens the file of an entry, with its parent directories where they are missing. */
 FILE* open_output(zip_entry& entry) {
     FILE* fout = fopen64(entry.name, "wb");
-    if (fout != nullptr || entry.without_path == entry.name) {
+    const auto without_path = static_cast<size_t>(zip_last_component(entry.name) - entry.name);
+    if (fout != nullptr || without_path == 0) {
         return fout;
     }
-    char* const separator = entry.without_path - 1;
+    char* const separator = entry.name + without_path - 1;
     const char held = *separator;
     *separator = '\0';
     (void)makedir(entry.name);
@@ -86,7 +83,7 @@ void set_mode(extraction& walk, const zip_entry& entry) {
         ota_log_debug("mode of %s is not set: its target is not in the destination\n", entry.name);
         return;
     }
-    (void)chmod(entry.name, permissions(entry));
+    (void)chmod(entry.name, zip_permissions(entry.info.external_fa));
 }
 
 int32_t extract_link(zip_entry_data* data, const zip_entry& entry) {

@@ -4,53 +4,9 @@
 #include "ota_owner.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <zlib.h>
-
-namespace {
-
-constexpr uint32_t size_in_zip64 = 0xFFFFFFFF; /* "see the zip64 extra field" */
-constexpr unsigned zip64_header = 0x0001;
-constexpr uint64_t file_type_mask = 0xF0000000; /* of the Unix mode */
-constexpr uint64_t file_type_link = 0xA0000000;
-
-/** What is after the last separator of a name. */
-char* last_component(char* name) {
-    char* last = name;
-    for (char* p = name; *p != '\0'; ++p) {
-        if (*p == '/' || *p == '\\') {
-            last = p + 1;
-        }
-    }
-    return last;
-}
-
-uint64_t load_le(const uint8_t* p, size_t bytes) {
-    uint64_t value = 0;
-    for (size_t i = bytes; i > 0; --i) {
-        value = value << 8 | p[i - 1];
-    }
-    return value;
-}
-
-/** The uncompressed size in the zip64 record of an extra field; `otherwise` without one. */
-uint64_t zip64_size(const uint8_t* extra, size_t length, uint64_t otherwise) {
-    for (size_t at = 0; length - at >= 4;) {
-        const uint64_t header = load_le(extra + at, 2);
-        const uint64_t size = load_le(extra + at + 2, 2);
-        at += 4;
-        if (size > length - at) {
-            break;
-        }
-        if (header == zip64_header && size >= 8) {
-            return load_le(extra + at, 8); /* the uncompressed size comes first where it is present */
-        }
-        at += size;
-    }
-    return otherwise;
-}
-
-} // namespace
 
 int32_t zip_entry_read_info(unzFile uf, zip_entry* entry) {
     std::memset(entry->name, 0, sizeof entry->name);
@@ -61,15 +17,11 @@ int32_t zip_entry_read_info(unzFile uf, zip_entry* entry) {
         return err;
     }
     entry->name[sizeof entry->name - 1] = '\0'; /* minizip leaves a longer name without one */
-    entry->without_path = last_component(entry->name);
     return 0;
 }
 
 zip_kind zip_entry_kind(const zip_entry& entry) {
-    if (*entry.without_path == '\0') {
-        return zip_kind::directory;
-    }
-    return (entry.info.external_fa & file_type_mask) == file_type_link ? zip_kind::link : zip_kind::file;
+    return zip_kind_of(entry.name, entry.info.external_fa);
 }
 
 zip_walk zip_walk_begin(unzFile uf) {
@@ -107,7 +59,7 @@ bool zip_walk_next(zip_walk* walk, zip_entry* entry) {
 bool zip_entry_size(unzFile uf, const unz_file_info64& info, uint64_t* size) {
     *size = info.uncompressed_size;
     const size_t length = info.size_file_extra;
-    if (info.uncompressed_size != size_in_zip64 || length == 0) {
+    if (info.uncompressed_size != zip_size_in_extra || length == 0) {
         return true;
     }
     const ota_memory<uint8_t> extra(static_cast<uint8_t*>(std::calloc(length, 1))); /* at most 64 KiB */
@@ -117,17 +69,17 @@ bool zip_entry_size(unzFile uf, const unz_file_info64& info, uint64_t* size) {
     }
     unz_file_info64 again;
     if (unzGetCurrentFileInfo64(uf, &again, nullptr, 0, extra.get(), length, nullptr, 0) == UNZ_OK) {
-        *size = zip64_size(extra.get(), length, info.uncompressed_size);
+        (void)decode_zip64_size({extra.get(), length}, size); /* without one the package's own size stays */
     }
     return true;
 }
 
 bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info) {
-    return info.uncompressed_size != size_in_zip64 || size <= size_in_zip64;
+    return info.uncompressed_size != zip_size_in_extra || size <= zip_size_in_extra;
 }
 
 zip_entry_data zip_entry_begin(unzFile uf, uint64_t size, const unz_file_info64& info) {
-    return {uf, size, info.uncompressed_size == size_in_zip64, 0};
+    return {uf, size, info.uncompressed_size == zip_size_in_extra, 0};
 }
 
 int32_t zip_entry_read(zip_entry_data* data, void* buf, uint32_t size) {

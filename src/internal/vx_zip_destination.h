@@ -15,6 +15,7 @@
 
 #include "ota_owner.h"
 #include "ota_paths.h"
+#include "zip_entry.h"
 
 #include <sys/types.h>
 
@@ -24,8 +25,6 @@ struct zip_destination {
     char verified_dir[ota_entry_size] = {}; /* a parent directory that is known to be in the destination, */
     ota_descriptor verified{-1};            /* open: most entries share theirs with the entry before */
 };
-
-enum class zip_kind { directory, link, file };
 
 /** Takes the working directory as the destination. @return false when it cannot be identified */
 bool zip_destination_begin(zip_destination* dest);

@@ -4,7 +4,7 @@
 
 #include "ota_paths.h"
 #include "vx_zip.h"
-#include "vx_zip_destination.h"
+#include "zip_entry.h"
 
 #include <cstdint>
 
@@ -12,7 +12,6 @@
 struct zip_entry {
     unz_file_info64 info;
     char name[ota_entry_size];
-    char* without_path; /* after the last separator of the name */
 };
 
 /**
@@ -21,7 +20,6 @@ struct zip_entry {
  */
 int32_t zip_entry_read_info(unzFile uf, zip_entry* entry);
 
-/** The name decides first, then the file type of a Unix mode in the high half of the attributes. */
 zip_kind zip_entry_kind(const zip_entry& entry);
 
 /** How a walk over the entries of a package goes. */
@@ -48,8 +46,7 @@ bool zip_walk_next(zip_walk* walk, zip_entry* entry);
 
 /**
  * The uncompressed size of the current entry of `uf`. A minizip that does not read zip64 sizes shows
- * 0xFFFFFFFF for every entry packed with them; the true size then comes from the entry's extra field
- * (header 0x0001 of the central directory, PKWARE APPNOTE 4.5.3).
+ * 0xFFFFFFFF for every entry packed with them; the true size then comes from the entry's extra field.
  * @param info  of that entry, from unzGetCurrentFileInfo64()
  * @param size  out: the size; 0xFFFFFFFF where the package does not hold another
  * @return false without memory for the extra field, which has been logged: the size is unknown

@@ -1,0 +1,45 @@
+/**
+ * What the central directory of a zip package holds about an entry and minizip hands out as it is (PKWARE APPNOTE
+ * 4.4.15, 4.5.3), little-endian.
+ *
+ * The external attributes of a packer that knows Unix have a file mode in their upper half:
+ *
+ *   bit      meaning
+ *   31 - 28  file type; 0xA is a symbolic link
+ *   24 - 16  permissions
+ *
+ * A size that does not fit 32 bits is stored as 0xFFFFFFFF, and its true value in the extra field. That is a row of
+ * records, of which the one with the header 0x0001 has the sizes:
+ *
+ *   offset  size  meaning
+ *        0     2  header
+ *        2     2  length of what follows
+ *        4     8  uncompressed size, which comes first where it is present
+ */
+#ifndef ZIP_ENTRY_FORMAT_H
+#define ZIP_ENTRY_FORMAT_H
+
+#include "format.h"
+
+enum class zip_kind { directory, link, file };
+
+/** An uncompressed size of 32 bits that says "see the extra field". */
+inline constexpr uint32_t zip_size_in_extra = 0xFFFFFFFF;
+
+/** What follows the last separator of a name; '/' and '\\' separate. */
+const char* zip_last_component(const char* name);
+
+/** What an entry is: a directory by its name, which ends in a separator or is empty; a link by its attributes. */
+zip_kind zip_kind_of(const char* name, uint64_t attributes);
+
+/** The nine permission bits of an entry's mode. */
+uint32_t zip_permissions(uint64_t attributes);
+
+/**
+ * The uncompressed size in an extra field.
+ * @param size  out: the size, where the answer is valid
+ * @return valid; absent, when no record has it; torn, when a record before it ends past the field
+ */
+format_answer decode_zip64_size(std::span<const uint8_t> extra, uint64_t* size);
+
+#endif
