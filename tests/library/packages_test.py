@@ -5,8 +5,12 @@ the packages, and bubblewrap runs programs with that directory as the root.
 """
 
 import os
+import pathlib
 import re
+import shutil
+import subprocess
 import sys
+import tempfile
 import unittest
 
 from library_test import BUILD, BUILD_BOTH, TOP, run, write_example
@@ -91,6 +95,23 @@ class PackagesTest(BoardCase):
         return run("bwrap", "--unshare-all", "--unshare-user", "--uid", "0", "--gid", "0", "--die-with-parent",
                    "--bind", MACHINE, "/", *box.board_view(self.board(), nobody_listens), "--chdir", "/userdata",
                    "--clearenv", "--setenv", "PATH", "/usr/sbin:/usr/bin", "--", "/usr/bin/bash", "-c", script)
+
+
+class ServiceTest(unittest.TestCase):
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "there is no systemd")
+    def test_a_check_may_wait_for_all_services(self):
+        system = pathlib.Path("/usr/lib/systemd/system")
+        unit = (TOP / "packaging" / "tessera-confirm.service").read_text().replace("=tessera", "=/bin/true")
+        with tempfile.TemporaryDirectory() as units:
+            wants, requires = (pathlib.Path(units, name) for name in
+                               ("multi-user.target.wants", "boot-complete.target.requires"))
+            for directory, file in (wants, "tessera-confirm"), (requires, "systemd-boot-check-no-failures"):
+                directory.mkdir()
+                (directory / f"{file}.service").symlink_to(system / f"{file}.service")
+            pathlib.Path(units, "tessera-confirm.service").write_text(unit)
+            told = subprocess.run(["systemd-analyze", "--man=no", "verify", "multi-user.target"], capture_output=True,
+                                  text=True, env={**os.environ, "SYSTEMD_UNIT_PATH": f"{units}:{system}"}, check=True)
+        self.assertNotIn("cycle", told.stderr)
 
 
 unittest.main()
