@@ -225,7 +225,7 @@ void run_plan(const Plan& plan, const Package& package, Progress& progress, Grou
     if (plan.versions) {
         store_versions(*plan.versions);
     }
-    if (plan.switches()) {
+    if (plan.switches) {
         progress.begin("switch", "slot " + slot_letter(*plan.slot));
         switch_slot(*plan.slot);
     }

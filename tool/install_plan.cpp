@@ -114,6 +114,11 @@ std::string how_to_confirm(const SlotBlock& block, const Plan& plan, int32_t kep
     return "boot slot " + slot_letter(bootable) + " and run tessera confirm there";
 }
 
+/** The running slot, which is on trial then, is made the next one only where something has put another before it. */
+bool needs_switch(const SlotBlock& block, int32_t slot, std::optional<int32_t> running) {
+    return slot != running || !block.has_highest_priority(slot) || block.find(slot)->corrupted;
+}
+
 bool stands_already(const Target& target, const Package& package, Progress& progress) {
     uint64_t compared = 0;
     bool is_equal = false;
@@ -169,6 +174,7 @@ void add_targets(Plan& plan, const Package& package, const InstallOptions& optio
         const int32_t running = running_slot();
         plan.running = get_boot_mode() == RECOVERY_MODE ? std::nullopt : std::optional(running);
         plan.slot = require(ExitCode::device, "cannot tell the update slot", [] { return ota_get_update_slot(); });
+        plan.switches = needs_switch(require_slot_block(), *plan.slot, plan.running);
     }
 }
 
@@ -231,7 +237,7 @@ void judge_record(Plan& plan) {
 
 bool is_done(const Plan& plan) {
     return !plan.writes(true) && !plan.writes(false) &&
-           (!plan.switches() || read_slot_block().is_alone_in_front(*plan.slot));
+           (!plan.switches || read_slot_block().is_alone_in_front(*plan.slot));
 }
 
 void judge_slots(const Plan& plan) {

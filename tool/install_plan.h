@@ -44,16 +44,13 @@ struct Plan {
     bool record_is_valid = true;    /* the update status tells whether an installation was cut */
     std::optional<int32_t> slot;    /* the update slot, when an image goes to a slot */
     std::optional<int32_t> running; /* known whenever `slot` is, but in recovery mode no slot's system runs */
+    bool switches = false;          /* the slot is made the next one in the end */
     std::vector<Descriptor> claims; /* keep others off the targets for as long as they are open */
 
     std::optional<antirollback_ver_t> versions; /* of the package, for burning the fuses later; may have none */
 
     /** Whether an image of this kind has to be written. */
     [[nodiscard]] bool writes(bool ab) const;
-    /** Whether the slot is made the next one in the end. */
-    [[nodiscard]] bool switches() const {
-        return slot && slot != running;
-    }
 };
 
 /** Judges the package by itself and its version, without reading images whole. Throws Failure. */

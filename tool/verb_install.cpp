@@ -88,7 +88,7 @@ Json to_json(const Outcome& outcome, bool dry_run) {
             {"signer", plan.signer.empty() ? Json() : Json(plan.signer)},
             {"dry_run", dry_run},
             {"slot", plan.slot ? Json(*plan.slot) : Json()},
-            {"switched", !dry_run && outcome.needed && plan.switches()},
+            {"switched", !dry_run && outcome.needed && plan.switches},
             {"partitions", partitions},
             {"bytes_written", outcome.bytes(true)},
             {"bytes_kept", outcome.bytes(false)},
@@ -100,7 +100,7 @@ std::string slot_sentence(const Plan& plan) {
         return "";
     }
     const std::string slot = "slot " + slot_letter(*plan.slot);
-    return plan.switches() ? "; " + slot + " boots next" : "; " + slot + " is running it";
+    return plan.switches ? "; " + slot + " boots next" : "; " + slot + " is running it";
 }
 
 std::string summary(const Outcome& outcome) {
@@ -130,7 +130,7 @@ std::string plan_text(const Outcome& outcome) {
     std::string text = "would install " + plan.description.version + " over " +
                        (plan.installed_version.empty() ? "an unknown version" : plan.installed_version) + "\n" +
                        table({"image", "size", "partition", ""}, rows);
-    if (plan.switches()) {
+    if (plan.switches) {
         text += "slot " + slot_letter(*plan.slot) + " would boot next\n";
     }
     return text + (outcome.needed ? "nothing was touched" : "nothing would have to be done");

@@ -35,6 +35,8 @@ class InstallTest(BoardCase):
                 self.expect("rollback", 1)  # slot b is only on trial
                 self.simulate("reboot")
                 self.assertEqual(self.board().running_slot(), 1)
+                self.expect("rollback", 0)
+                self.expect("install /userdata/1.zip", 0, "slot b boots next")
                 self.expect("install /userdata/1.zip", 0, "slot b is on trial until tessera confirm keeps it")
                 for line in ("confirm", "rollback"):
                     self.expect(line, 0)
