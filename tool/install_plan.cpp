@@ -100,6 +100,19 @@ bool holds_image(const Target& target, const Package& package, uint64_t& done, P
     return is_equal && !device.lost_reads_since(lost);
 }
 
+/** An update needs two slots, the running one and its neighbour: a and b, or c and d. */
+void check_update_slot(const SlotBlock& block) {
+    const int32_t running = running_slot();
+    for (const int32_t slot : {running, running ^ 1}) {
+        if (block.find(slot) == nullptr) {
+            throw Failure(ExitCode::failed,
+                          "slot " + slot_letter(running) + " is running, and the slot block has no slot " +
+                              slot_letter(slot),
+                          "tessera slots");
+        }
+    }
+}
+
 /** How the slot that is not written becomes a confirmed one. Where no slot's system runs, one has to boot first. */
 std::string how_to_confirm(const SlotBlock& block, const Plan& plan, int32_t kept) {
     const Slot* slot = block.find(kept);
@@ -158,12 +171,7 @@ Plan begin_plan(const Package& package, const InstallOptions& options) {
 void add_targets(Plan& plan, const Package& package, const InstallOptions& options) {
     const std::vector<Image>& images = plan.description.images;
     if (std::any_of(images.begin(), images.end(), [](const Image& image) { return image.is_ab(); })) {
-        const SlotBlock block = require_slot_block();
-        if (const int32_t running = ota_get_cur_slot(); running >= 0 && block.find(running) == nullptr) {
-            throw Failure(ExitCode::failed,
-                          "slot " + slot_letter(running) + " runs, and the slot block does not have it",
-                          "tessera slots");
-        }
+        check_update_slot(require_slot_block());
     }
     for (const Image& image : images) {
         plan.targets.push_back(make_target(package, image, options));

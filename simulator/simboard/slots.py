@@ -51,9 +51,9 @@ class SlotBlock:
             raise BoardError("misc holds no slot block")
         if zlib.crc32(raw[:28]) != int.from_bytes(raw[28:], "little"):
             raise BoardError("the slot block in misc has a wrong checksum")
-        *self._head, self._counts, self._rest, s0, s1, s2, s3, self._tail = LAYOUT.unpack(raw[:28])
+        *self._head, self.count, self._rest, s0, s1, s2, s3, self._tail = LAYOUT.unpack(raw[:28])
         self._entries = [Slot.from_word(word) for word in (s0, s1, s2, s3)]
-        self.slots = self._entries[: self._counts & 7]
+        self.slots = self._entries[: self.count & 7]
 
     @classmethod
     def factory(cls):
@@ -72,7 +72,7 @@ class SlotBlock:
 
     def pack(self):
         words = [slot.to_word() for slot in self._entries]
-        return seal(LAYOUT.pack(*self._head, self._counts, self._rest, *words, self._tail))
+        return seal(LAYOUT.pack(*self._head, self.count, self._rest, *words, self._tail))
 
     def best(self):
         """The number of the slot to boot, None without a candidate. On a tie the lower number wins."""

@@ -514,6 +514,19 @@ class InstallTest(BoardCase):
                     self.assertEqual((block.slots[running].marked, block.best()), (True, running))
                     self.assertFalse(block.slots[1 - running].marked)
 
+    def test_an_update_needs_the_running_slot_and_its_neighbour(self):
+        self.new()
+        self.pack("p.zip", images(1), describe(images(1), "emmc"))
+        command_line = (self.dir / "cmdline").read_text()
+        block = self.board().slot_block()
+        cases = [("suffix=_a", 1, "has no slot b"), ("suffix=_c", 2, "has no slot c"), ("suffix=_c", 3, "has no slot d"),
+                 ("", 2, "hint: tessera board --check")]
+        for running, block.count, told in cases:
+            with self.subTest(running=running, count=block.count):
+                self.board().save_slot_block(block)
+                (self.dir / "cmdline").write_text(command_line.replace("suffix=_a", running))
+                self.expect_no_change("install /userdata/p.zip", 1, told)
+
     def test_a_slot_on_trial_and_one_that_was_given_up(self):
         trial, spent, good, first = (slots.Slot(15, 2, False), slots.Slot(15, 0, False), slots.Slot(14, 1, True),
                                      slots.Slot(15, 1, True))
