@@ -4,9 +4,12 @@
 #include "text.h"
 
 #include <cerrno>
-#include <filesystem>
+#include <cstdio>
+#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -30,13 +33,18 @@ bool PemBlock::is_revocation_list() const {
     return kind == PEM_STRING_X509_CRL;
 }
 
+/** A pipe is as good as a file, but the opening does not wait for somebody to write to a FIFO. */
 Bio open_pem(const std::string& path) {
-    Bio file(BIO_new_file(path.c_str(), "r"));
-    const int error = errno;
-    std::error_code ignored;
-    ERR_clear_error();
-    if (file == nullptr || std::filesystem::is_directory(path, ignored)) {
-        throw Failure(ExitCode::failed, "cannot open " + path + because(file == nullptr ? error : EISDIR));
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        throw Failure(ExitCode::failed, "cannot open " + path + because(errno));
+    }
+    (void)fcntl(fd, F_SETFL, 0);
+    std::FILE* stream = fdopen(fd, "r");
+    Bio file(stream != nullptr ? BIO_new_fp(stream, BIO_CLOSE) : nullptr);
+    struct stat status {};
+    if (file == nullptr || fstat(fd, &status) != 0 || S_ISDIR(status.st_mode)) {
+        throw Failure(ExitCode::failed, "cannot open " + path + because(file == nullptr ? ENOMEM : EISDIR));
     }
     return file;
 }

@@ -346,7 +346,9 @@ class InstallTest(BoardCase):
                 self.at(clock, line, 3 if words else 0, words or "slot b")
                 self.assertTrue(not words or self.board().slot_block().pack() == before)
         files = [("/no.pem", "cannot open /no.pem: No such file"), ("/userdata", "Is a directory"),
-                 ("/userdata/draft.json", "no certificate"), ("/userdata/ours.key", "PRIVATE KEY is neither")]
+                 ("/userdata/draft.json", "no certificate"), ("/userdata/ours.key", "PRIVATE KEY is neither"),
+                 ("/userdata/fifo", "no certificate")]
+        os.mkfifo(self.home / "fifo")
         for name, words in files:
             self.at("", f"install /userdata/signer.zip --trust {name}", 1, words)
 
