@@ -4,6 +4,7 @@
 #include "gpt.h"
 #include "slot_block.h"
 #include "status_record.h"
+#include "verified_boot.h"
 #include "zip_entry.h"
 
 #include <gtest/gtest.h>
@@ -94,6 +95,20 @@ TEST(Format, sizes_in_the_extra_field_of_a_zip_entry) {
         uint64_t size = 9;
         EXPECT_EQ(decode_zip64_size(span_of(bytes(hex)), &size).state, state) << hex;
         EXPECT_EQ(size, wanted) << hex;
+    }
+}
+
+TEST(Format, the_rollback_index_of_a_verified_boot_image) {
+    const std::tuple<std::string, format_state, uint64_t> rows[] = {
+        {"41564230 00 ff*107 0000000000000102 ff*8", format_state::valid, 0x102},
+        {"41564230 00 ff*107 00*7", format_state::torn, 9},
+        {"41564230", format_state::torn, 9},
+        {"41564230 01 ff*107 00*8", format_state::foreign, 9},
+    };
+    for (const auto& [hex, state, wanted] : rows) {
+        uint64_t index = 9;
+        EXPECT_EQ(decode_verified_boot(span_of(bytes(hex)), &index).state, state) << hex;
+        EXPECT_EQ(index, wanted) << hex;
     }
 }
 

@@ -1,28 +1,18 @@
 /**
  * Firmware Image Packages and the certificates in them. A package is bytes from outside: every size and
- * offset is judged before it is used, and wire records are read by explicit loads.
+ * offset is checked before it is used.
  */
 #include "fip_prase.h"
 
-#include "openssl_owner.h"
+#include "certificate.h"
+#include "firmware_package.h"
 #include "ota_log.h"
 #include "ota_owner.h"
 
 #include <cstring>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <sys/stat.h>
-
-/*
- * Wire format, little-endian. A package begins with a header of 16 bytes (magic, serial number, flags),
- * followed by table entries of 40 bytes, the last of which has a UUID of zeros:
- *
- *   offset  size  meaning
- *        0    16  uuid
- *       16     8  where the image starts, from the start of the package
- *       24     8  length of the image
- *       32     8  flags, carried along
- */
-static_assert(sizeof(uuid_t) == 16);
 
 const toc_entry_t toc_entries[10] = {
     {"SoC Firmware key certificate",
@@ -57,33 +47,10 @@ const toc_entry_t toc_entries[10] = {
 
 namespace {
 
-constexpr uint32_t toc_header_name = 0xaa640001;
-constexpr size_t toc_header_size = 16;
-constexpr size_t toc_offset_at = sizeof(uuid_t);
-constexpr size_t toc_size_at = toc_offset_at + 8;
-constexpr size_t toc_flags_at = toc_size_at + 8;
-constexpr size_t toc_entry_size = toc_flags_at + 8;
-static_assert(toc_offset_at == 16 && toc_size_at == 24 && toc_flags_at == 32 && toc_entry_size == 40);
-
-/* The two packages of a miniboot file. */
-constexpr size_t miniboot_first_size = 0x40000;
-constexpr size_t miniboot_second_size = 0x200000;
-constexpr size_t miniboot_file_size = miniboot_first_size + miniboot_second_size;
-
 constexpr uint32_t no_version = 255; /* no certificate has set a version yet */
-constexpr char trusted_counter_oid[] = "1.3.6.1.4.1.4128.2100.1";
-constexpr char non_trusted_counter_oid[] = "1.3.6.1.4.1.4128.2100.2";
-
-/** A table entry as loaded from the wire. */
-struct fip_toc_entry {
-    uuid_t uuid;
-    uint64_t offset_address;
-    uint64_t size;
-    uint64_t flags;
-};
 
 struct image_t {
-    fip_toc_entry toc_e;
+    fip_toc_entry_t toc_e;
     void* buffer; /* the image's bytes, owned, toc_e.size long */
 };
 
@@ -104,7 +71,6 @@ struct image_desc_t {
 /* One list per process, in the order of toc_entries; empty between two reads. */
 image_desc_t* image_desc_head;
 size_t nr_image_descs;
-constexpr uuid_t uuid_null = {};
 
 /* ---- memory ---- */
 
@@ -219,24 +185,6 @@ struct image_desc_list {
 
 /* ---- packages ---- */
 
-template <class T>
-T load_le(const uint8_t* p) {
-    T value = 0;
-    for (size_t i = sizeof(T); i > 0; --i) {
-        value = static_cast<T>(value << 8 | p[i - 1]);
-    }
-    return value;
-}
-
-fip_toc_entry load_toc_entry(const uint8_t* p) {
-    fip_toc_entry entry;
-    std::memcpy(&entry.uuid, p, sizeof entry.uuid);
-    entry.offset_address = load_le<uint64_t>(p + toc_offset_at);
-    entry.size = load_le<uint64_t>(p + toc_size_at);
-    entry.flags = load_le<uint64_t>(p + toc_flags_at);
-    return entry;
-}
-
 /** Loads a file whole and tests that it begins like a package. */
 int open_fip(const char* filename, ota_memory<uint8_t>* buffer_out, size_t* fip_size) {
     ota_stream fip(std::fopen(filename, "rb"));
@@ -259,11 +207,12 @@ int open_fip(const char* filename, ota_memory<uint8_t>* buffer_out, size_t* fip_
         return -1;
     }
     fip.reset();
-    if (size < toc_header_size) {
+    const format_answer answer = check_firmware_package({buffer.get(), size});
+    if (answer.state == format_state::torn) {
         ota_log_error("FIP %s is truncated\n", filename);
         return -1;
     }
-    if (load_le<uint32_t>(buffer.get()) != toc_header_name) {
+    if (answer.state != format_state::valid) {
         ota_log_error("%s is not a FIP file\n", filename);
         return -1;
     }
@@ -275,7 +224,7 @@ int open_fip(const char* filename, ota_memory<uint8_t>* buffer_out, size_t* fip_
 enum class copy_result { copied, corrupted, no_memory };
 
 /** Copies the image of `entry` out of the package and hangs it on its descriptor. */
-copy_result copy_image(const uint8_t* package, size_t fip_size, const fip_toc_entry& entry, image_desc_t* desc) {
+copy_result copy_image(const uint8_t* package, size_t fip_size, const fip_toc_entry_t& entry, image_desc_t* desc) {
     ota_memory<image_t> image(static_cast<image_t*>(xzalloc(sizeof(image_t), "failed to allocate memory for image")));
     if (image == nullptr) {
         return copy_result::no_memory;
@@ -285,12 +234,9 @@ copy_result copy_image(const uint8_t* package, size_t fip_size, const fip_toc_en
     if (buffer == nullptr) {
         return copy_result::no_memory;
     }
-    if (entry.size > ~entry.offset_address) {
-        ota_log_error("FIP is corrupted\n");
-        return copy_result::corrupted;
-    }
-    if (entry.size + entry.offset_address > fip_size) {
-        ota_log_error("FI is corrupted\n");
+    const firmware_place place = check_firmware_place(entry, fip_size);
+    if (place != firmware_place::inside) {
+        ota_log_error("%s is corrupted\n", place == firmware_place::wraps ? "FIP" : "FI");
         return copy_result::corrupted;
     }
     if (desc->image != nullptr) { /* a known image a second time */
@@ -306,11 +252,9 @@ copy_result copy_image(const uint8_t* package, size_t fip_size, const fip_toc_en
 
 /** Walks one package of `fip_size` bytes. */
 int parse_fip(const uint8_t* package, size_t fip_size) {
-    for (size_t at = toc_header_size; at + toc_entry_size <= fip_size; at += toc_entry_size) {
-        const fip_toc_entry entry = load_toc_entry(package + at);
-        if (uuid_match(&entry.uuid, &uuid_null)) {
-            return 0;
-        }
+    firmware_walk walk{{package, fip_size}};
+    fip_toc_entry_t entry;
+    while (next_firmware_entry(&walk, &entry)) {
         image_desc_t* const desc = lookup_image_desc_from_uuid(&entry.uuid);
         if (desc == nullptr) {
             continue;
@@ -324,7 +268,9 @@ int parse_fip(const uint8_t* package, size_t fip_size) {
             return 0; /* the walk stops as at a terminator, and the images so far stay */
         }
     }
-    ota_log_error("FIP does not have a ToC terminator entry\n");
+    if (!walk.is_terminated) {
+        ota_log_error("FIP does not have a ToC terminator entry\n");
+    }
     return 0;
 }
 
@@ -337,66 +283,38 @@ int parse_image_file(const uint8_t* file, size_t size, uint32_t img_type) {
         ota_log_error("error image type: %d\n", img_type);
         return -1;
     }
-    if (size < miniboot_file_size) {
+    if (size < firmware_pair_size) {
         ota_log_error("miniboot fip file is error size. %ld\n", static_cast<long>(size));
         return -1;
     }
-    if (parse_fip(file, miniboot_first_size) != 0) {
+    if (parse_fip(file, firmware_first_size) != 0) {
         return -1;
     }
-    return parse_fip(file + miniboot_first_size, miniboot_second_size);
+    return parse_fip(file + firmware_first_size, firmware_second_size);
 }
 
 /* ---- certificates ---- */
 
-ota_certificate load_cert_from_der(const unsigned char* buf, size_t size) {
-    ota_certificate cert(d2i_X509(nullptr, &buf, static_cast<long>(size)));
-    if (cert == nullptr) {
+/**
+ * Compares the certificate of `desc` with the version so far. One without a version of its own counts as
+ * having `local_ver`, that of the certificate before it.
+ */
+int32_t check_certificate(const image_desc_t* desc, uint32_t* local_ver, uint32_t* ab_ver) {
+    const char* name = desc->cmdline_name;
+    const certificate_version found =
+        read_certificate_version({static_cast<const uint8_t*>(desc->image->buffer), desc->image->toc_e.size});
+    if (found.certificate.state != format_state::valid) {
         ota_log_error("cert DER decode failed\n");
         ERR_print_errors_fp(stderr);
-    }
-    return cert;
-}
-
-bool is_counter_extension(X509_EXTENSION* extension) {
-    char oid[80] = {};
-    (void)OBJ_obj2txt(oid, sizeof oid, X509_EXTENSION_get_object(extension), 0);
-    return std::strcmp(oid, trusted_counter_oid) == 0 || std::strcmp(oid, non_trusted_counter_oid) == 0;
-}
-
-/** Stores the version of the first counter extension; without one `ver` stays as it is. */
-void get_ver_from_extensions(X509* cert, uint32_t* ver) {
-    const int count = X509_get_ext_count(cert);
-    for (int i = 0; i < count; ++i) {
-        X509_EXTENSION* const extension = X509_get_ext(cert, i);
-        if (!is_counter_extension(extension)) {
-            continue;
-        }
-        const ASN1_OCTET_STRING* octets = X509_EXTENSION_get_data(extension);
-        const unsigned char* data = ASN1_STRING_get0_data(octets);
-        const ota_asn1_integer integer(d2i_ASN1_INTEGER(nullptr, &data, ASN1_STRING_length(octets)));
-        if (integer == nullptr) {
-            ota_log_error("ASN1_INTEGER decode failed\n");
-            return;
-        }
-        *ver = static_cast<uint32_t>(ASN1_INTEGER_get(integer.get()));
-        return;
-    }
-}
-
-/**
- * Holds the certificate of `desc` against the version so far. One without a version of its own counts
- * as showing `local_ver`, that of the certificate before it.
- */
-int32_t judge_certificate(const image_desc_t* desc, uint32_t* local_ver, uint32_t* ab_ver) {
-    const char* name = desc->cmdline_name;
-    const ota_certificate cert =
-        load_cert_from_der(static_cast<const unsigned char*>(desc->image->buffer), desc->image->toc_e.size);
-    if (cert == nullptr) {
         ota_log_error("invalid cert, %s\n", name);
         return -1;
     }
-    get_ver_from_extensions(cert.get(), local_ver);
+    if (found.counter.state == format_state::torn) {
+        ota_log_error("ASN1_INTEGER decode failed\n");
+    }
+    if (found.counter.state == format_state::valid) {
+        *local_ver = found.version;
+    }
     if (*ab_ver == no_version) {
         *ab_ver = *local_ver;
     } else if (*ab_ver != *local_ver) {
@@ -406,13 +324,13 @@ int32_t judge_certificate(const image_desc_t* desc, uint32_t* local_ver, uint32_
     return 0;
 }
 
-int32_t judge_certificates(uint32_t* ab_ver) {
+int32_t check_certificates(uint32_t* ab_ver) {
     OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
     OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
     *ab_ver = no_version;
     uint32_t local_ver = 0;
     for (const image_desc_t* desc = image_desc_head; desc != nullptr; desc = desc->next) {
-        if (desc->image != nullptr && judge_certificate(desc, &local_ver, ab_ver) != 0) {
+        if (desc->image != nullptr && check_certificate(desc, &local_ver, ab_ver) != 0) {
             return -1;
         }
     }
@@ -437,7 +355,7 @@ int32_t vx_fip_img_anti_read(const char* img_path, uint32_t img_type, uint32_t* 
     }
     file.reset(); /* the images are copies of their own */
     ERR_set_mark();
-    const int32_t ret = judge_certificates(ab_ver);
+    const int32_t ret = check_certificates(ab_ver);
     ERR_pop_to_mark(); /* errors of the caller's stay, but where a certificate's have been printed with them */
     return ret;
 }

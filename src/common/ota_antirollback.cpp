@@ -6,21 +6,16 @@
 #include "ota_owner.h"
 #include "ota_paths.h"
 #include "veeprom_flag.h"
+#include "verified_boot.h"
 #include "vx_zip_entry.h"
 
 #include <cstdio>
 #include <cstring>
-#include <endian.h>
 #include <kastor_efuse.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
-
-/* Of the Android Verified Boot vbmeta header only these bytes are read. The fifth byte of the magic is
- * the top byte of the big-endian required major version. */
-constexpr char avb_magic[5] = {'A', 'V', 'B', '0', '\0'};
-constexpr long rollback_index_offset = 112;
 
 constexpr int32_t max_partitions = 32;
 
@@ -30,22 +25,22 @@ int32_t read_avb_img_anti_ver(const char* img_file_path, uint64_t* ver) {
         ota_log_error("open file %s failed!\n", img_file_path);
         return -1;
     }
-    char magic[sizeof avb_magic] = {};
+    uint8_t magic[verified_boot_magic_size] = {};
     if (std::fread(magic, sizeof magic, 1, image.get()) != 1) {
         ota_log_error("get avb image magic error!\n");
         return -1;
     }
-    if (std::memcmp(magic, avb_magic, sizeof magic) != 0) {
+    if (check_verified_boot_magic(magic).state != format_state::valid) {
         ota_log_warning("%s is not avb image!\n", img_file_path);
         return -1;
     }
-    (void)std::fseek(image.get(), rollback_index_offset, SEEK_SET);
-    uint64_t index = 0;
-    if (std::fread(&index, sizeof index, 1, image.get()) != 1) {
+    (void)std::fseek(image.get(), verified_boot_index_offset, SEEK_SET);
+    uint8_t index[verified_boot_index_size] = {};
+    if (std::fread(index, sizeof index, 1, image.get()) != 1) {
         ota_log_error("get avb image antirollback version error!\n");
         return -1;
     }
-    *ver = be64toh(index);
+    *ver = load_rollback_index(index);
     return 0;
 }
 
