@@ -1,60 +1,34 @@
-/**
- * Reading a partition's device in the order in which the library writes it. On MTD that order leaves
- * out bad blocks, so that byte n here is byte n of what was written.
- */
+/** Devices as the verbs use them: what src/medium reports as a value ends a verb with a sentence here. */
 #ifndef TOOL_DEVICE_H
 #define TOOL_DEVICE_H
 
-#include <cstdint>
-#include <optional>
-#include <span>
+#include "medium_device.h"
+
 #include <string>
-#include <utility>
-#include <vector>
 
-/** An open file descriptor, or -1. */
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {
-    }
-    Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {
-    }
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor();
-    [[nodiscard]] int get() const {
-        return fd_;
-    }
+using Descriptor = ota_descriptor;
+using DeviceKind = medium_kind;
 
-private:
-    int fd_;
-};
-
-enum class DeviceKind { file, block, mtd, ubi };
-
+/** A medium_device that throws Failure. On MTD a read leaves out bad blocks, as the library does when it writes. */
 class Device {
 public:
-    /** Opens the device for reading. Throws Failure where a device tells no size. */
+    /** Opens and identifies it; its bad blocks are looked for when they first matter. */
     explicit Device(const std::string& path);
 
     [[nodiscard]] DeviceKind kind() const {
-        return kind_;
+        return medium_.kind();
     }
     [[nodiscard]] bool is_flash() const {
-        return kind_ == DeviceKind::mtd || kind_ == DeviceKind::ubi;
+        return kind() == DeviceKind::mtd || kind() == DeviceKind::ubi;
     }
     /** Bytes that can be written: on MTD those of the good blocks. */
     [[nodiscard]] uint64_t capacity() const;
     /** Bytes from the first to the last, bad blocks included. */
     [[nodiscard]] uint64_t raw_size() const {
-        return size_;
+        return medium_.raw_size();
     }
 
-    /** Whether no bad block lies in front of byte `end`, so that it does not matter who leaves them out. */
+    /** Whether no bad block precedes byte `end`, so that leaving them out makes no difference. */
     [[nodiscard]] bool is_straight(uint64_t end) const;
 
     /** Reads the bytes at `offset`, all of them. */
@@ -66,26 +40,31 @@ public:
     void sync() const;
     /**
      * Has the kernel begin to store the bytes up to `end`, and waits for those before `begin`.
-     * @return 0, or the errno value of a device's error, which sync() will not tell once more
+     * @return 0, or the errno value of a device's error, which sync() will not report again
      */
-    [[nodiscard]] int push(uint64_t begin, uint64_t end) const;
+    [[nodiscard]] int push(uint64_t begin, uint64_t end) const {
+        return medium_.push(begin, end).error;
+    }
 
-    /** Count of reads that the ECC could not mend so far; nothing where the device does not count. */
-    [[nodiscard]] std::optional<uint32_t> uncorrectable_reads() const;
-    /** Whether it counted such reads since it told `before`. */
+    /** Count of reads that the ECC could not correct so far; nothing where the device does not count. */
+    [[nodiscard]] std::optional<uint32_t> uncorrectable_reads() const {
+        return medium_.uncorrectable_reads();
+    }
+    /** Whether it counted such reads since it reported `before`. */
     [[nodiscard]] bool lost_reads_since(std::optional<uint32_t> before) const;
 
 private:
-    void identify();
-    void demand_size() const;
-    void find_good_blocks();
-
     std::string path_;
-    Descriptor fd_;
-    DeviceKind kind_ = DeviceKind::file;
-    uint64_t size_ = 0;
-    uint64_t block_size_ = 0;           /* MTD only */
-    std::vector<uint64_t> good_blocks_; /* MTD only: where each good block starts */
+    mutable medium_device medium_; /* what it has learnt of the bad blocks is no change of the device */
 };
+
+/** Waits until the medium holds everything. Asks the device nothing else. */
+void sync_device(const std::string& path);
+
+/**
+ * Rewrites what a power cut has made unreadable of a UBI volume, so that it can be written again; see ubi_repair().
+ * @return whether anything had to be written
+ */
+bool repair_device(const std::string& path);
 
 #endif

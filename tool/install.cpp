@@ -4,7 +4,6 @@
 #include "interrupt.h"
 #include "names.h"
 #include "partition.h"
-#include "salvage.h"
 #include "slot_block.h"
 #include "status_record.h"
 #include "text.h"
@@ -86,7 +85,7 @@ void on_chunk(int32_t bytes) {
 void write_image(const Target& target, const Package& package, Progress& progress) {
     stop_if_interrupted();
     progress.begin("write", target.partition());
-    salvage(target.device);
+    repair_device(target.device);
     const Device device(target.device);
     Stream current;
     target.device.copy(current.place.path, sizeof current.place.path - 1);

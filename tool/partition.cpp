@@ -95,5 +95,5 @@ void read_record(const std::string& partition, uint64_t offset, std::span<uint8_
 }
 
 void sync_partition(const std::string& name) {
-    Device(partition_path(name)).sync();
+    sync_device(partition_path(name));
 }

@@ -4,7 +4,6 @@
 #include "device.h"
 #include "names.h"
 #include "partition.h"
-#include "salvage.h"
 #include "text.h"
 
 #include <algorithm>
@@ -202,7 +201,7 @@ void mark_slot_unbootable(int32_t slot) {
 }
 
 bool repair_slot_block() {
-    return salvage(existing_partition(block_partition));
+    return repair_device(existing_partition(block_partition));
 }
 
 void reset_slot_block() {

@@ -90,7 +90,7 @@ void set_next_slot(int32_t slot);
 void mark_slot_good(int32_t slot);
 void mark_slot_unbootable(int32_t slot);
 
-/** Makes the partition writable again after a power cut in a write, see salvage(). @return whether that was needed */
+/** Makes the partition writable again after a power cut in a write. @return whether that was needed */
 bool repair_slot_block();
 
 /** Writes a new block, also where the old one cannot be read. */

@@ -6,7 +6,6 @@
 #include "interrupt.h"
 #include "names.h"
 #include "partition.h"
-#include "salvage.h"
 #include "slot_block.h"
 #include "status_record.h"
 #include "text.h"
@@ -140,7 +139,7 @@ std::string plan_text(const Outcome& outcome) {
 bool mend_records(const Options& options) {
     bool mended = false;
     for (const char* name : {"misc", "ubootenv"}) {
-        if (salvage(partition_path(name))) {
+        if (repair_device(partition_path(name))) {
             mended = true;
             remark(options, std::string(name) + " could not be read after a power cut; what was left of it was kept");
         }

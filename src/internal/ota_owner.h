@@ -29,6 +29,12 @@ class ota_descriptor {
 public:
     explicit ota_descriptor(int fd) : fd_(fd) {
     }
+    ota_descriptor(ota_descriptor&& other) noexcept : fd_(other.release()) {
+    }
+    ota_descriptor& operator=(ota_descriptor&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
     ota_descriptor(const ota_descriptor&) = delete;
     ota_descriptor& operator=(const ota_descriptor&) = delete;
     ~ota_descriptor() {
