@@ -681,7 +681,7 @@ class InstallTest(BoardCase):
                 script = f"{line}; echo $?; find /mnt -type f -o -name 'tess*'"
                 result = self.simulate("run", "--", *small, script)
                 self.assertEqual(result.stdout.split(), ["1"], result.stderr)
-                self.assertRegex(result.stderr, "^tessera: .*(/mnt|[Nn]o space)")
+                self.assertRegex(result.stderr, "(?m)^tessera: .*(/mnt|[Nn]o space)")
 
     def test_packages(self):
         self.new()
