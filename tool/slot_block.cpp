@@ -7,6 +7,8 @@
 #include "text.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <unistd.h>
 
 namespace {
 
@@ -59,6 +61,9 @@ void read_with_ecc(const std::string& path, bootloader_control& raw) {
 bootloader_control read_raw_block() {
     bootloader_control raw{};
     const std::string path = existing_partition(block_partition);
+    if (access(path.c_str(), R_OK) != 0) { /* of this user: the block may be a good one */
+        throw Failure(ExitCode::device, "cannot open " + path + because(errno));
+    }
     try {
         read_with_ecc(path, raw);
     } catch (const Failure& failure) {
