@@ -77,6 +77,14 @@ StoredStatus read_status() {
     return stored;
 }
 
+bool is_half_written(int32_t slot) {
+    try {
+        return read_status().is_cut_in(slot);
+    } catch (const Failure&) {
+        return false;
+    }
+}
+
 StoredVersions read_stored_versions() {
     StoredVersions stored{};
     stored.is_valid = read_sealed(versions_offset, stored.record);

@@ -44,6 +44,10 @@ std::string partition_name(const update_part_t& list, size_t i);
 bool can_keep_status();
 
 StoredStatus read_status();
+
+/** Whether the status shows an installation that was cut in this slot; false where there is no status to read. */
+bool is_half_written(int32_t slot);
+
 StoredVersions read_stored_versions();
 
 /** Writes a whole record in the name of this tool, in one write, and waits until the medium holds it. */

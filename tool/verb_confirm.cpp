@@ -13,15 +13,6 @@ namespace {
 /** A boot script has nobody to ask again: time enough for whatever does not write images. */
 constexpr std::chrono::seconds patience{30};
 
-/** What the update status says, where it says anything. */
-bool is_half_written(int32_t slot) {
-    try {
-        return read_status().is_cut_in(slot);
-    } catch (const Failure&) {
-        return false;
-    }
-}
-
 /**
  * Where the block is lost, or its checksum is wrong, nothing in it is known. A new one has the running slot
  * first and the other on trial, unless an installation was cut in it.

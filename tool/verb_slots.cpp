@@ -1,6 +1,7 @@
 /** tessera slots: the table of A/B slots and the changes to it. */
 #include "names.h"
 #include "slot_block.h"
+#include "status_record.h"
 #include "text.h"
 #include "update_lock.h"
 #include "velox_ota_hl.h"
@@ -96,37 +97,58 @@ void demand_other_good_slot(int32_t slot) {
     }
 }
 
-void declare_mark_bad(Command& verb, Context& context) {
+bool runs(int32_t slot) {
+    return slot == ota_get_cur_slot() && get_boot_mode() != RECOVERY_MODE;
+}
+
+void demand_whole(int32_t slot) {
+    if (!runs(slot) && is_half_written(slot)) {
+        throw Failure(ExitCode::failed,
+                      "slot " + slot_letter(slot) + " is half written: an installation in it was interrupted",
+                      "tessera status shows the installation");
+    }
+}
+
+/** A slot that is marked good is never given up: a system that does not come up would hold the board. */
+void demand_bootable(int32_t slot) {
+    demand_whole(slot);
+    const SlotBlock block = require_slot_block();
+    if (const Slot* entry = block.find(slot); !runs(slot) && !entry->is_bootable()) {
+        throw Failure(ExitCode::failed, "cannot mark " + entry->name() + " good: it is " + block.state_of(*entry),
+                      "tessera slots set-next " + slot_letter(slot) + " tries it; tessera confirm there keeps it");
+    }
+}
+
+/** Half an image must not be tried. */
+void write_new_block() {
+    reset_slot_block();
+    for (int32_t slot = 0; slot < new_block_slots; ++slot) {
+        if (!runs(slot) && is_half_written(slot)) {
+            mark_slot_unbootable(slot);
+        }
+    }
+}
+
+/** A change that is refused without --yes where `check` throws. */
+void declare_change(Command& verb, Context& context, const char* name, const char* summary, const char* help,
+                    void (*check)(int32_t), void (*change)(int32_t)) {
     struct Options {
         std::string word;
         std::string lock_file = default_lock_file;
         bool yes = false;
     };
-    Command& command = add_command(verb, "mark-bad", "Make this slot unbootable");
+    Command& command = add_command(verb, name, summary);
     auto options = std::make_shared<Options>();
     add_word(command, "SLOT", options->word, "Number or letter of the slot");
-    add_flag(command, "--yes", options->yes, "Even the running slot, where no other is confirmed");
+    add_flag(command, "--yes", options->yes, help);
     add_lock(command, options->lock_file);
-    on_command(command, context, [&context, options] {
+    on_command(command, context, [&context, options, check, change] {
         const UpdateLock lock(options->lock_file, "tessera slots");
         const int32_t slot = existing_slot(options->word);
         if (!options->yes) {
-            demand_other_good_slot(slot);
+            check(slot);
         }
-        mark_slot_unbootable(slot);
-        show_slots(context);
-    });
-}
-
-void declare_change(Command& verb, Context& context, const char* name, const char* summary, void (*change)(int32_t)) {
-    Command& command = add_command(verb, name, summary);
-    auto word = std::make_shared<std::string>();
-    auto lock_file = std::make_shared<std::string>(default_lock_file);
-    add_word(command, "SLOT", *word, "Number or letter of the slot");
-    add_lock(command, *lock_file);
-    on_command(command, context, [&context, word, lock_file, change] {
-        const UpdateLock lock(*lock_file, "tessera slots");
-        change(existing_slot(*word));
+        change(slot);
         show_slots(context);
     });
 }
@@ -136,15 +158,18 @@ void declare_change(Command& verb, Context& context, const char* name, const cha
 void declare_slots(Command& verb, Context& context) {
     allow_command(verb);
     on_command(verb, context, [&context] { show_slots(context); });
-    declare_change(verb, context, "set-next", "Boot this slot next, with one try", set_next_slot);
-    declare_change(verb, context, "mark-good", "Mark this slot as booted successfully", mark_slot_good);
-    declare_mark_bad(verb, context);
+    declare_change(verb, context, "set-next", "Boot this slot next, with one try", "Even a slot that is half written",
+                   demand_whole, set_next_slot);
+    declare_change(verb, context, "mark-good", "Mark this slot as booted successfully",
+                   "Even a slot that is unbootable or half written", demand_bootable, mark_slot_good);
+    declare_change(verb, context, "mark-bad", "Make this slot unbootable",
+                   "Even the running slot, where no other is confirmed", demand_other_good_slot, mark_slot_unbootable);
     Command& reset = add_command(verb, "reset", "Write a new block: two slots on trial, with 7 tries each");
     auto lock_file = std::make_shared<std::string>(default_lock_file);
     add_lock(reset, *lock_file);
     on_command(reset, context, [&context, lock_file] {
         const UpdateLock lock(*lock_file, "tessera slots reset");
-        reset_slot_block();
+        write_new_block();
         show_slots(context);
     });
 }

@@ -554,6 +554,8 @@ class InstallTest(BoardCase):
         self.expect("install /userdata/p.zip", 0)
         self.simulate("reboot", "--fail")
         self.assertEqual(json.loads(self.expect("status --json", 0).stdout)["given_up_slot"], 1)
+        self.expect_no_change("slots mark-good b", 1, "it is unbootable")
+        self.expect("slots mark-good --yes b", 0)
 
     def test_off_a_board_and_with_stand_ins(self):
         self.new()
@@ -623,9 +625,13 @@ class InstallTest(BoardCase):
         self.assertEqual(json.loads(self.expect("status --json", 0).stdout)["status"]["owner"], "nobody")
         self.expect("install /userdata/1.zip --force", 137, fault="raise pwrite 5 9")  # in the middle of slot b
         self.expect_no_change("install /userdata/2.zip", 1, "no image for its partition system")
-        self.damage_slot_block()
-        self.expect("confirm", 0)
-        self.assertEqual(self.board().slot_block().slots[1].tries, 0)  # not on trial half written
+        for line in ("slots mark-good b", "slots set-next b"):
+            self.expect_no_change(line, 1, "slot b is half written")
+        for line in ("slots reset", "confirm"):
+            self.damage_slot_block()
+            self.expect(line, 0)
+            self.assertEqual(self.board().slot_block().slots[1].tries, 0)  # not on trial half written
+        self.expect("slots set-next --yes b", 0)
         self.expect("status", 0, "has not ended")
         self.expect("install /userdata/1.zip", 0, "slot b boots next")
         self.expect("status", 0, "no update is under way")
