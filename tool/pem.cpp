@@ -3,6 +3,8 @@
 #include "failure.h"
 #include "text.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -13,6 +15,8 @@
 
 namespace {
 
+constexpr size_t largest_file = size_t{64} << 20; /* with lists of a million certificates */
+
 template <class T>
 T* whole(T* thing, const unsigned char* end, const PemBlock& block, void (*release)(T*)) {
     ERR_clear_error();
@@ -21,6 +25,30 @@ T* whole(T* thing, const unsigned char* end, const PemBlock& block, void (*relea
         return nullptr;
     }
     return thing;
+}
+
+std::string read_text(const std::string& path) {
+    const Bio file = open_pem(path);
+    std::string text;
+    std::array<char, 4096> piece;
+    for (int got = 0; (got = BIO_read(file.get(), piece.data(), piece.size())) > 0;) {
+        text.append(piece.data(), static_cast<size_t>(got));
+        if (text.size() > largest_file) {
+            throw Failure(ExitCode::failed, path + " is larger than " + human_bytes(largest_file));
+        }
+    }
+    if (text.find('\0') != std::string::npos) {
+        throw Failure(ExitCode::failed, path + " holds binary data, and only PEM can be read");
+    }
+    return text;
+}
+
+ptrdiff_t count(const std::string& text, std::string_view word) {
+    ptrdiff_t found = 0;
+    for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
+        ++found;
+    }
+    return found;
 }
 
 } // namespace
@@ -50,7 +78,8 @@ Bio open_pem(const std::string& path) {
 }
 
 std::vector<PemBlock> read_pem(const std::string& path) {
-    const Bio file = open_pem(path);
+    const std::string text = read_text(path);
+    const Bio file(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
     std::vector<PemBlock> blocks;
     char* kind = nullptr;
     char* header = nullptr;
@@ -64,7 +93,9 @@ std::vector<PemBlock> read_pem(const std::string& path) {
     }
     const bool is_at_end = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
     ERR_clear_error();
-    if (!is_at_end) {
+    /* A list that is left out revokes nothing, so whatever may be one has to be read. */
+    const auto lists = std::ranges::count_if(blocks, &PemBlock::is_revocation_list);
+    if (!is_at_end || count(text, "BEGIN " PEM_STRING_X509_CRL) != lists) {
         throw Failure(ExitCode::failed, path + ": a PEM block is damaged");
     }
     return blocks;

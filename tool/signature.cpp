@@ -4,7 +4,6 @@
 #include "pem.h"
 #include "text.h"
 
-#include <algorithm>
 #include <array>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -101,21 +100,24 @@ std::vector<Signer> check_signature(const std::string& text, const std::string& 
     /* A signature that brings a content of its own vouches for that and not for the description. */
     if (cms == nullptr || OBJ_obj2nid(CMS_get0_type(cms.get())) != NID_pkcs7_signed ||
         CMS_is_detached(cms.get()) != 1) {
-        return {unknown_signer("it is not a detached CMS signature")};
+        return {unknown_signer("the signature is not a detached CMS signature")};
+    }
+    STACK_OF(CMS_SignerInfo)* infos = CMS_get0_SignerInfos(cms.get());
+    if (sk_CMS_SignerInfo_num(infos) <= 0) {
+        return {unknown_signer("the signature has no signer")};
     }
     const Bio digests = digested(cms.get(), text);
     if (digests == nullptr) {
-        return {unknown_signer("the digest of its signature is not a known one")};
+        return {unknown_signer("the signature uses an unknown digest")};
     }
     (void)CMS_set1_signers_certs(cms.get(), nullptr, 0);
-    STACK_OF(CMS_SignerInfo)* infos = CMS_get0_SignerInfos(cms.get());
     std::vector<Signer> signers;
-    signers.reserve(static_cast<size_t>(std::max(0, sk_CMS_SignerInfo_num(infos))));
+    signers.reserve(static_cast<size_t>(sk_CMS_SignerInfo_num(infos)));
     for (int i = 0; i < sk_CMS_SignerInfo_num(infos); ++i) {
         signers.push_back(check_signer(cms.get(), sk_CMS_SignerInfo_value(infos, i), digests.get(), trust));
     }
     ERR_clear_error();
-    return signers.empty() ? std::vector{unknown_signer("the signature has no signer")} : signers;
+    return signers;
 }
 
 SigningKey::SigningKey(const std::string& key_file, const std::string& certificate_file)

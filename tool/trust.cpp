@@ -124,10 +124,8 @@ std::optional<Rejection> Trust::check(X509* signer, STACK_OF(X509) * others, std
         return chain_rejection(context.get(), signer, moment);
     }
     STACK_OF(X509)* chain = X509_STORE_CTX_get0_chain(context.get());
-    const int last = sk_X509_num(chain) - 1;
-    for (int i = 0; i <= last; ++i) {
-        const X509* certificate = sk_X509_value(chain, i);
-        if (auto rejection = revocation(certificate, sk_X509_value(chain, std::min(i + 1, last)), now)) {
+    for (int i = 0; i < sk_X509_num(chain); ++i) {
+        if (auto rejection = revocation(chain, i, now)) {
             return rejection;
         }
     }
@@ -165,7 +163,9 @@ bool Trust::is_signed(X509_CRL* list, X509* issuer) const {
 }
 
 /** Every list of the issuer revokes, and one of them has to be up to date. */
-std::optional<Rejection> Trust::revocation(const X509* certificate, X509* issuer, time_t now) const {
+std::optional<Rejection> Trust::revocation(STACK_OF(X509) * chain, int index, time_t now) const {
+    const X509* certificate = sk_X509_value(chain, index);
+    X509* issuer = sk_X509_value(chain, std::min(index + 1, sk_X509_num(chain) - 1));
     std::optional<Rejection> outdated;
     bool is_current = false;
     for (const RevocationList& list : lists_) {
@@ -173,12 +173,13 @@ std::optional<Rejection> Trust::revocation(const X509* certificate, X509* issuer
             continue;
         }
         if (!is_signed(list.get(), issuer)) {
-            return Rejection{"the revocation list of " + subject_of(issuer) + " in " + file_ + " is not signed by it",
+            return Rejection{"the revocation list of " + subject_of(issuer) + " in " + file_ +
+                                 " is not signed by it, or by a certificate that may not sign lists",
                              ""};
         }
         X509_REVOKED* entry = nullptr;
         if (X509_CRL_get0_by_serial(list.get(), &entry, X509_get0_serialNumber(certificate)) != 0) {
-            return Rejection{"certificate revoked: " + subject_of(certificate), ""};
+            return Rejection{"certificate revoked" + (index == 0 ? "" : ": " + subject_of(certificate)), ""};
         }
         const auto rejection = date_rejection(list.get(), now);
         is_current = is_current || !rejection;

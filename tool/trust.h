@@ -47,7 +47,7 @@ private:
     void add_certificate(X509Certificate certificate);
     void add_list(RevocationList list);
     [[nodiscard]] Rejection chain_rejection(X509_STORE_CTX* context, const X509* signer, time_t moment) const;
-    [[nodiscard]] std::optional<Rejection> revocation(const X509* certificate, X509* issuer, time_t now) const;
+    [[nodiscard]] std::optional<Rejection> revocation(STACK_OF(X509) * chain, int index, time_t now) const;
     [[nodiscard]] std::optional<Rejection> date_rejection(const X509_CRL* list, time_t now) const;
     [[nodiscard]] bool is_signed(X509_CRL* list, X509* issuer) const;
 

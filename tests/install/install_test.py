@@ -345,11 +345,15 @@ class InstallTest(BoardCase):
                 line = f"install /userdata/{package}.zip --trust /userdata/trust {options}"
                 self.at(clock, line, 3 if words else 0, words or "slot b")
                 self.assertTrue(not words or self.board().slot_block().pack() == before)
-        files = [("/no.pem", "cannot open /no.pem: No such file"), ("/userdata", "Is a directory"),
-                 ("/userdata/draft.json", "no certificate"), ("/userdata/ours.key", "PRIVATE KEY is neither"),
-                 ("/userdata/fifo", "no certificate")]
+        whole = (self.home / "ours.pem").read_text() + (self.home / "signer.crl").read_text()
+        (self.home / "torn").write_text(whole.replace("-----BEGIN X509", "----BEGIN X509"))
         os.mkfifo(self.home / "fifo")
-        for name, words in files:
+        for name, words in (
+            ("/no.pem", "cannot open /no.pem: No such file"), ("/userdata", "Is a directory"),
+            ("/userdata/draft.json", "no certificate"), ("/userdata/ours.key", "PRIVATE KEY is neither"),
+            ("/userdata/torn", "a PEM block is damaged"), ("/userdata/signer.zip", "binary data"),
+            ("/userdata/fifo", "no certificate"),
+        ):
             self.at("", f"install /userdata/signer.zip --trust {name}", 1, words)
 
         ca.issue("brief", "ours", days=60)
