@@ -36,7 +36,7 @@ int32_t is_bootctrl_valid(const bootloader_control* ctrl) {
     return ctrl->magic == slot_block_magic ? 1 : 0;
 }
 
-bool has_valid_info(const bootloader_control* boot_ctrl) {
+bool check_info(const bootloader_control* boot_ctrl) {
     if (is_bootctrl_valid(boot_ctrl) != 1) {
         ota_log_error("Invalid boot ctrl info\n");
         return false;
@@ -48,8 +48,8 @@ uint32_t usable_slots(const bootloader_control* boot_ctrl) {
     return std::min(uint32_t{boot_ctrl->nb_slot}, slot_block_slots);
 }
 
-bool has_valid_slot(int32_t slot, const bootloader_control* boot_ctrl) {
-    if (!has_valid_info(boot_ctrl)) {
+bool check_slot(int32_t slot, const bootloader_control* boot_ctrl) {
+    if (!check_info(boot_ctrl)) {
         return false;
     }
     if (slot < 0 || static_cast<uint32_t>(slot) >= usable_slots(boot_ctrl)) {
@@ -71,7 +71,7 @@ int32_t ab_compare_slots(const slot_metadata* a, const slot_metadata* b) {
 }
 
 int32_t bootctrl_get_curslot_from_misc(const bootloader_control* boot_ctrl) {
-    if (!has_valid_info(boot_ctrl)) {
+    if (!check_info(boot_ctrl)) {
         return -1;
     }
     const uint32_t slots = boot_ctrl->nb_slot;
@@ -94,11 +94,11 @@ int32_t bootctrl_get_curslot_from_misc(const bootloader_control* boot_ctrl) {
 }
 
 uint32_t bootctrl_get_number_slots(const bootloader_control* boot_ctrl) {
-    return has_valid_info(boot_ctrl) ? boot_ctrl->nb_slot : static_cast<uint32_t>(-1);
+    return check_info(boot_ctrl) ? boot_ctrl->nb_slot : static_cast<uint32_t>(-1);
 }
 
 uint32_t bootctrl_get_slot_remainig_times(int32_t slot, const bootloader_control* boot_ctrl) {
-    return has_valid_slot(slot, boot_ctrl) ? boot_ctrl->slot_info[slot].tries_remaining : static_cast<uint32_t>(-1);
+    return check_slot(slot, boot_ctrl) ? boot_ctrl->slot_info[slot].tries_remaining : static_cast<uint32_t>(-1);
 }
 
 int32_t bootctrl_is_slot_bootable(int32_t slot, const bootloader_control* boot_ctrl) {
@@ -111,7 +111,7 @@ bool is_marked_successful(const slot_metadata* slot) {
 }
 
 int32_t bootctrl_is_slot_marked_successful(int32_t slot, const bootloader_control* boot_ctrl) {
-    if (!has_valid_slot(slot, boot_ctrl)) {
+    if (!check_slot(slot, boot_ctrl)) {
         return -1;
     }
     return is_marked_successful(&boot_ctrl->slot_info[slot]) ? 1 : 0;
@@ -184,7 +184,7 @@ int32_t save_change(bootloader_control* boot_ctrl) {
 }
 
 int32_t bootctrl_set_active_boot_slot(uint32_t slot, bootloader_control* boot_ctrl) {
-    if (!has_valid_slot(static_cast<int32_t>(slot), boot_ctrl)) {
+    if (!check_slot(static_cast<int32_t>(slot), boot_ctrl)) {
         return -1;
     }
     const uint32_t slots = usable_slots(boot_ctrl);
@@ -202,7 +202,7 @@ int32_t bootctrl_set_active_boot_slot(uint32_t slot, bootloader_control* boot_ct
 }
 
 int32_t bootctrl_mark_boot_successful(int32_t slot, bootloader_control* boot_ctrl) {
-    if (!has_valid_slot(slot, boot_ctrl)) {
+    if (!check_slot(slot, boot_ctrl)) {
         return -1;
     }
     slot_metadata* marked = &boot_ctrl->slot_info[slot];
@@ -216,7 +216,7 @@ int32_t bootctrl_mark_boot_successful(int32_t slot, bootloader_control* boot_ctr
 }
 
 int32_t bootctrl_set_slot_as_unbootable(int32_t slot, bootloader_control* boot_ctrl) {
-    if (!has_valid_slot(slot, boot_ctrl)) {
+    if (!check_slot(slot, boot_ctrl)) {
         return -1;
     }
     boot_ctrl->slot_info[slot].successful_boot = 0;

@@ -29,7 +29,7 @@ int64_t needed_space(int64_t size) {
     return (size + headroom) / 1024 + 1024;
 }
 
-bool has_room_for(const char* zip_path, uint64_t* img_size) {
+bool check_room(const char* zip_path, uint64_t* img_size) {
     char userdata[] = "/userdata/ota/unzip_dir";
     static_assert(sizeof userdata == sizeof ota_userdata_unzip_dir);
     const int64_t ota_need_size = needed_space(vx_get_zip_size(zip_path, img_size));
@@ -115,7 +115,7 @@ int32_t unzip_ota_file(const char* zip_path, const char* unzip_dir, uint64_t* im
         ota_log_error("make ota unzip file dir error!\n");
         return -1;
     }
-    if (!exempt && !has_room_for(zip_path, img_size)) {
+    if (!exempt && !check_room(zip_path, img_size)) {
         return -1;
     }
     if (vx_uncompress(zip_path, unzip_dir) < 0) {
