@@ -2,6 +2,8 @@
 #include "board.h"
 #include "flash_model.h"
 #include "flash_sim.h"
+#include "medium_device.h"
+#include "ubi_repair.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -343,6 +345,61 @@ constexpr Record slots = {
     "misc", 2048, 32, ota_set_slotmeta_to_default, [] { return ota_set_next_expected_slot(1); }, found_slot};
 constexpr Record status = {"ubootenv",  0x30000, 1356, make_status, [] { return ota_set_up_status(OTA_FLAG_BURN); },
                            found_status};
+
+/** Rows: bad blocks, and the bytes before the first of them. The device is read in pieces across its blocks. */
+TEST_F(Flash, a_medium_is_asked_once_and_read_past_its_bad_blocks) {
+    const std::tuple<const char*, medium_kind, std::set<size_t>, size_t> rows[] = {
+        {"mtd", medium_kind::mtd, {}, 12},
+        {"mtd", medium_kind::mtd, {3, 4, 6, 11}, 3},
+        {"mtd", medium_kind::mtd, {0}, 0},
+        {"ubi", medium_kind::ubi, {}, 12}};
+    for (const auto& [kind, is, bad, straight] : rows) {
+        make_device(kind, bad);
+        medium_device device;
+        ASSERT_TRUE(device.open(path_.c_str()).is_ok() && device.sync().is_ok());
+        EXPECT_EQ(operations().size(), 1U); /* the sync alone */
+        ASSERT_TRUE(device.find_bad_blocks().is_ok() && device.find_bad_blocks().is_ok());
+        EXPECT_EQ(std::ranges::count(operations(), "MEMGETBADBLOCK", &Operation::kind),
+                  is == medium_kind::mtd ? ssize_t{blocks} : 0);
+        const size_t capacity = (blocks - bad.size()) * block;
+        EXPECT_EQ(std::tuple(device.kind(), device.raw_size(), device.capacity()),
+                  std::tuple(is, blocks * block, capacity));
+        for (size_t end = 0; end <= blocks * block; end += block / 2) {
+            EXPECT_EQ(device.is_straight(end), end <= straight * block) << end;
+        }
+        const bytes image = random_bytes(capacity, 2);
+        ASSERT_EQ(write_device(image, 0), ssize(image));
+        for (const auto& [offset, length] :
+             {std::pair(size_t{0}, capacity), {block / 2, 4 * block}, {capacity - 1, 1}}) {
+            bytes found(length);
+            EXPECT_TRUE(device.read(offset, found).is_ok());
+            EXPECT_TRUE(std::ranges::equal(found, std::span(image).subspan(offset, length))) << offset;
+        }
+        bytes too_much(2);
+        EXPECT_EQ(device.read(capacity - 1, too_much).failed,
+                  is == medium_kind::ubi ? medium_step::end : medium_step::good_blocks);
+    }
+}
+
+TEST_F(Flash, a_torn_leb_is_repaired_and_nothing_else) {
+    make_device("ubi");
+    const bytes data = random_bytes(block, 2);
+    ASSERT_EQ(write_device(data, block), ssize(data));
+    ASSERT_EQ(flash_sim_fault(("cut " + std::to_string(operations().size()) + " tear=1000").c_str()), 0);
+    (void)write_device(data, block);
+    flash_sim_reboot();
+    ASSERT_LT(write_device(data, block), 0); /* what it reads first cannot be read */
+    bytes expected = before_;
+    fill(expected, block, block, 0xFF);
+    std::ranges::copy(std::span(data).first(512), &expected[block]); /* the page that was written whole */
+    for (const bool wanted : {true, false}) {
+        bool repaired = !wanted;
+        EXPECT_TRUE(ubi_repair(path_.c_str(), &repaired).is_ok());
+        EXPECT_EQ(repaired, wanted);
+        EXPECT_TRUE(holds(expected));
+    }
+    EXPECT_EQ(write_device(data, block), ssize(data));
+}
 
 class PowerLoss : public Flash {
 protected:

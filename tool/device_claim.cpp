@@ -144,8 +144,8 @@ Descriptor claim_block(const std::string& path, const std::string& name) {
 
 } // namespace
 
-Descriptor claim_device(const std::string& path, const std::string& name) {
-    switch (Device(path).kind()) {
+Descriptor claim_device(const Device& device, const std::string& path, const std::string& name) {
+    switch (device.kind()) {
     case DeviceKind::block:
         return claim_block(path, name);
     case DeviceKind::mtd:

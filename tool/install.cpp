@@ -86,7 +86,7 @@ void write_image(const Target& target, const Package& package, Progress& progres
     stop_if_interrupted();
     progress.begin("write", target.partition());
     repair_device(target.device);
-    const Device device(target.device);
+    const Device& device = *target.opened;
     Stream current;
     target.device.copy(current.place.path, sizeof current.place.path - 1);
     current.place.medium = target.image.medium;
@@ -169,7 +169,7 @@ Failure explain_difference(const Target& target, const Package& package) {
 
 void verify_image(const Target& target, const Package& package, Progress& progress) {
     progress.begin("verify", target.partition());
-    const Device device(target.device);
+    const Device& device = *target.opened;
     device.sync();
     const auto lost = device.uncorrectable_reads();
     const Digests found = read_back(device, target, progress);

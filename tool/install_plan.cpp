@@ -24,12 +24,13 @@ std::string device_path(const Image& image) {
     return path;
 }
 
-void judge_device(const Target& target) {
+void open_device(Target& target) {
     const std::string& name = target.image.name;
     if (!std::filesystem::exists(target.device)) {
         throw Failure(ExitCode::refused, "the board has no partition " + target.partition(), "tessera partitions");
     }
-    const Device device(target.device);
+    target.opened = std::make_unique<const Device>(target.device);
+    const Device& device = *target.opened;
     const bool wants_flash = target.image.medium != OTA_EMMC;
     if (device.is_flash() != wants_flash) {
         throw Failure(ExitCode::refused, name + " is described as lying on " + medium_names.word(target.image.medium) +
@@ -44,7 +45,7 @@ void judge_device(const Target& target) {
 Target make_target(const Package& package, const Image& image, const InstallOptions& options) {
     const bool read_first = options.dry_run || image.has_version || !image.is_ab();
     Target target{image, package.at(image.file).size, device_path(image), read_first};
-    judge_device(target);
+    open_device(target);
     return target;
 }
 
@@ -80,7 +81,7 @@ void judge_version(const Plan& plan, bool allow_downgrade) {
 
 /** Whether the device holds the image. Stops at the first difference. `done` counts the bytes compared. */
 bool holds_image(const Target& target, const Package& package, uint64_t& done, Progress& progress) {
-    const Device device(target.device);
+    const Device& device = *target.opened;
     device.sync(); /* what a killed run left in the page cache is no proof */
     const auto lost = device.uncorrectable_reads();
     Digester digester(target.image.strongest_digest());

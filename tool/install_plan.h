@@ -8,6 +8,7 @@
 #include "update_lock.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,10 +28,11 @@ struct InstallOptions {
 /** An image and where it goes. */
 struct Target {
     Image image;
-    uint64_t size;       /* bytes of the image */
-    std::string device;  /* path */
-    bool read_first;     /* its digest is compared before anything is done with it */
-    bool stands = false; /* the device holds the image already */
+    uint64_t size;                             /* bytes of the image */
+    std::string device;                        /* path */
+    bool read_first;                           /* its digest is compared before anything is done with it */
+    bool stands = false;                       /* the device holds the image already */
+    std::unique_ptr<const Device> opened = {}; /* once for all that is read of it; the library writes by the path */
 
     /** "system_b", or the plain name of a partition that exists once */
     [[nodiscard]] std::string partition() const;

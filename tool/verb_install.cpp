@@ -153,7 +153,7 @@ void claim_targets(Plan& plan, bool dry_run) {
         if (target.stands) {
             continue;
         }
-        Descriptor claim = claim_device(target.device, target.partition());
+        Descriptor claim = claim_device(*target.opened, target.device, target.partition());
         if (!dry_run) {
             plan.claims.push_back(std::move(claim));
         }
