@@ -159,7 +159,7 @@ void judge_name(const Fields& fields, const Image& image) {
     if (image.name.find('/') != std::string::npos || image.name.starts_with('.')) {
         throw fields.wrong("name", "must be the name of a partition");
     }
-    if (image.name.ends_with("_a") || image.name.ends_with("_b")) {
+    if (image.name.ends_with("_a") || image.name.ends_with("_b") || image.name.ends_with("_c")) {
         throw fields.wrong("name", "must not carry a slot suffix: the type ab chooses the slot");
     }
     if (std::find(untouchable.begin(), untouchable.end(), image.name) != untouchable.end()) {

@@ -52,7 +52,8 @@ class InstallTest(BoardCase):
         fields = [  # of the description or of its first image, value, words in the error
             ("version", None, "version"), ("version", "V0.9", "older"), ("partitions", [], "partitions"),
             ("name", "nowhere", "nowhere"), ("name", "misc", "misc"), ("name", "../boot", "name"),
-            ("name", "boot_b", "suffix"), ("name", "system", "described twice"), ("medium", "nand", "nand"),
+            ("name", "boot_b", "suffix"), ("name", "boot_c", "suffix"), ("name", "system", "described twice"),
+            ("medium", "nand", "nand"),
             ("medium", "tape", "medium"), ("type", "abc", "type"), ("method", "diff", "method"), ("md5", "12", "md5"),
             ("size", -1, "size"), ("size", 70_001, "boot.img"), ("file", "absent.img", "absent.img"),
             ("colour", "red", "colour"),
