@@ -2,6 +2,9 @@
 
 #include "console.h"
 #include "device.h"
+#include "format/antirollback_record.h"
+#include "format/flash_command.h"
+#include "format/slot_block.h"
 #include "names.h"
 #include "partition.h"
 #include "slot_block.h"
@@ -13,7 +16,6 @@
 #include <array>
 #include <cerrno>
 #include <dlfcn.h>
-#include <endian.h>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -23,9 +25,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uint64_t misc_size = 2080;        /* the slot block ends there */
-constexpr uint64_t ubootenv_size = 0x30890; /* the anti-rollback record ends there */
-constexpr uint32_t flash_command_magic = 0x46434D44;
+constexpr uint64_t misc_size = slot_block_offset + sizeof(bootloader_control);
+constexpr uint64_t ubootenv_size = antirollback_record_offset + sizeof(antirollback_ver_t); /* its last record */
 constexpr char staging_directory[] = "/userdata/ota/unzip_dir";
 
 BoardItem number_item(const char* name, int32_t value, const std::string& word, const char* mend) {
@@ -183,7 +184,7 @@ bool is_flash_command(const fs::path& path) {
     fimage_update_t record{};
     std::ifstream file(path, std::ios::binary);
     file.read(reinterpret_cast<char*>(&record), sizeof record);
-    return file && le32toh(record.magic) == flash_command_magic;
+    return file && check_flash_command(record).state == format_state::valid;
 }
 
 BoardItem check_flash_commands(const std::set<std::string>& names) {

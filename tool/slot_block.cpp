@@ -2,6 +2,7 @@
 
 #include "console.h"
 #include "device.h"
+#include "format/slot_block.h"
 #include "names.h"
 #include "partition.h"
 #include "text.h"
@@ -13,8 +14,6 @@
 namespace {
 
 constexpr char block_partition[] = "misc";
-constexpr uint64_t block_offset = offsetof(bootloader_message_ab, slot_suffix);
-constexpr uint32_t block_magic = 0x42414342;
 
 /**
  * Changes the block and reads it back. The library writes past bad blocks and reads at a fixed place: with
@@ -52,7 +51,7 @@ bool runs_slot(const SlotBlock& block) {
 void read_with_ecc(const std::string& path, bootloader_control& raw) {
     const Device device(path);
     const auto lost = device.uncorrectable_reads();
-    read_record(block_partition, block_offset, {reinterpret_cast<uint8_t*>(&raw), sizeof raw});
+    read_record(block_partition, slot_block_offset, {reinterpret_cast<uint8_t*>(&raw), sizeof raw});
     if (device.lost_reads_since(lost)) {
         throw Failure(ExitCode::device, "the slot block is in a page of misc that its ECC cannot correct");
     }
@@ -68,9 +67,6 @@ bootloader_control read_raw_block() {
         read_with_ecc(path, raw);
     } catch (const Failure& failure) {
         throw LostBlock(failure.code, failure.what(), way_to_new_block());
-    }
-    if (raw.magic != block_magic) {
-        throw LostBlock(ExitCode::device, "misc holds no slot block", way_to_new_block());
     }
     return raw;
 }
@@ -140,8 +136,11 @@ const Slot* given_up_slot(const SlotBlock& block) {
 
 SlotBlock read_slot_block() {
     const bootloader_control raw = read_raw_block();
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&raw);
-    SlotBlock block{{}, raw.nb_slot, CRC32(bytes, offsetof(bootloader_control, crc32_le)) == raw.crc32_le};
+    const format_state state = check_slot_block(raw).state;
+    if (state == format_state::absent || state == format_state::foreign) {
+        throw LostBlock(ExitCode::device, "misc holds no slot block", way_to_new_block());
+    }
+    SlotBlock block{{}, raw.nb_slot, state == format_state::valid};
     const auto count = std::min<size_t>(raw.nb_slot, std::size(raw.slot_info));
     for (size_t i = 0; i < count; ++i) {
         const slot_metadata& slot = raw.slot_info[i];

@@ -2,32 +2,30 @@
 
 #include "console.h"
 #include "device.h"
+#include "format/antirollback_record.h"
+#include "format/status_record.h"
 #include "partition.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <span>
 
 namespace {
 
-constexpr uint64_t status_offset = 0x30000;
-constexpr uint64_t versions_offset = 0x30880;
-constexpr uint32_t status_magic = 0x4F544153;
 constexpr char cannot_store[] = "cannot store the update status";
 
-template <class Record>
-bool read_sealed(uint64_t offset, Record& record) {
-    const std::span<uint8_t> bytes(reinterpret_cast<uint8_t*>(&record), sizeof record);
-    read_record(status_partition, offset, bytes);
-    return CRC32(bytes.data(), offsetof(Record, crc32_le)) == record.crc32_le;
+/** A record as it is stored, and whether it is valid. */
+template <class Stored, class Record>
+Stored read_stored(uint64_t offset, format_answer (*check)(const Record&)) {
+    Stored stored{};
+    read_record(status_partition, offset, {reinterpret_cast<uint8_t*>(&stored.record), sizeof stored.record});
+    const format_answer answer = check(stored.record);
+    stored.is_valid = answer.state == format_state::valid;
+    stored.fault = answer.reason;
+    return stored;
 }
 
 } // namespace
-
-const char* StoredStatus::fault() const {
-    return record.magic != status_magic ? "wrong magic number" : "wrong checksum";
-}
 
 size_t listed_partitions(const ota_status_t& record) {
     return std::min<size_t>(record.update_part.num, std::size(record.update_part.array));
@@ -67,14 +65,11 @@ bool StoredStatus::is_cut_in(int32_t slot) const {
 }
 
 bool can_keep_status() {
-    return Device(existing_partition(status_partition)).is_straight(status_offset + sizeof(ota_status_t));
+    return Device(existing_partition(status_partition)).is_straight(status_record_offset + sizeof(ota_status_t));
 }
 
 StoredStatus read_status() {
-    StoredStatus stored{};
-    const bool is_sealed = read_sealed(status_offset, stored.record);
-    stored.is_valid = is_sealed && stored.record.magic == status_magic;
-    return stored;
+    return read_stored<StoredStatus>(status_record_offset, check_status_record);
 }
 
 bool is_half_written(int32_t slot) {
@@ -86,9 +81,7 @@ bool is_half_written(int32_t slot) {
 }
 
 StoredVersions read_stored_versions() {
-    StoredVersions stored{};
-    stored.is_valid = read_sealed(versions_offset, stored.record);
-    return stored;
+    return read_stored<StoredVersions>(antirollback_record_offset, check_antirollback_record);
 }
 
 void write_status(ota_status_t& record) {

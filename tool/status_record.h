@@ -1,6 +1,6 @@
 /**
- * The update status as it lies in "ubootenv". The library mends a bad record on reading; to tell
- * whether there was a good one, it has to be read past the library's own calls.
+ * The records in "ubootenv" as they are stored. The library's calls replace a bad record when they read it, so
+ * whether there was a good one is found out without them.
  */
 #ifndef TOOL_STATUS_RECORD_H
 #define TOOL_STATUS_RECORD_H
@@ -14,9 +14,8 @@ inline constexpr char status_partition[] = "ubootenv";
 struct StoredStatus {
     ota_status_t record;
     bool is_valid;
+    const char* fault; /* what is wrong with a record that is not valid, else null */
 
-    /** What is wrong with a record that is not valid. */
-    [[nodiscard]] const char* fault() const;
     /** Whether an installation was cut before all that it wrote was read back. */
     [[nodiscard]] bool is_cut() const;
     /** Whether no update is under way, and none was cut. */
@@ -30,6 +29,7 @@ struct StoredStatus {
 struct StoredVersions {
     antirollback_ver_t record;
     bool is_valid;
+    const char* fault; /* as above */
 
     /** Whether no package has left its versions: no valid record, or one of zeros. */
     [[nodiscard]] bool is_missing() const;

@@ -97,7 +97,7 @@ void demand_no_update() {
     const StoredStatus status = read_status();
     if (!status.is_valid) {
         refuse(format("the update status is not valid (%s), so whether an update was interrupted is unknown",
-                      status.fault()),
+                      status.fault),
                "tessera install PACKAGE of the installed package writes it again");
     }
     if (!status.is_idle()) {

@@ -1,5 +1,6 @@
 /** tessera flashcmd: hands a prepared command of the board to its flash command node. */
 #include "device.h"
+#include "format/flash_command.h"
 #include "partition.h"
 #include "small_file.h"
 #include "text.h"
@@ -8,7 +9,6 @@
 #include "verb.h"
 
 #include <cerrno>
-#include <endian.h>
 #include <fstream>
 #include <optional>
 #include <unistd.h>
@@ -16,7 +16,6 @@
 namespace {
 
 constexpr char node[] = "flashcmd";
-constexpr char command_with_data[] = "misc_write_cmd";
 
 struct Options {
     std::string name;
@@ -40,8 +39,8 @@ void judge(const Options& options) {
     if (options.name.empty() || options.name.find('/') != std::string::npos || options.name.starts_with('.')) {
         throw Failure(ExitCode::failed, "\"" + options.name + "\" is no name of a flash command");
     }
-    if (options.name != command_with_data && (!options.data_file.empty() || options.offset != 0)) {
-        throw Failure(ExitCode::usage, options.name + " takes no data, only " + command_with_data + " does");
+    if (options.name != flash_command_with_data && (!options.data_file.empty() || options.offset != 0)) {
+        throw Failure(ExitCode::usage, options.name + " takes no data, only " + flash_command_with_data + " does");
     }
     const std::string file = std::string(flash_command_directory) + "/" + options.name;
     if (access(file.c_str(), R_OK) != 0) {
@@ -55,14 +54,14 @@ std::string read_back(const Device& device, size_t offset, size_t length) {
     return bytes;
 }
 
-/** What the library writes: the record, and behind it the data area with the data in its place. */
+/** What the library writes: the record, then the data area with the data in its place. */
 std::string whole_command(const Options& options, const std::string& data) {
     fimage_update_t record{};
     std::ifstream(std::string(flash_command_directory) + "/" + options.name, std::ios::binary)
         .read(reinterpret_cast<char*>(&record), sizeof record);
     std::string command(reinterpret_cast<const char*>(&record), sizeof record);
-    if (options.name == command_with_data) {
-        command.resize(sizeof record + le32toh(record.partinfo.misc.length));
+    if (options.name == flash_command_with_data) {
+        command.resize(sizeof record + flash_command_area_size(record));
         command.replace(sizeof record + options.offset, data.size(), data);
     }
     return command;

@@ -67,7 +67,7 @@ Json partitions_json(const update_part_t& list, size_t count) {
 Json status_json(const StoredStatus& status) {
     Json json = {{"valid", status.is_valid}};
     if (!status.is_valid) {
-        json["fault"] = status.fault();
+        json["fault"] = status.fault;
         return json;
     }
     for (const Field& field : fields) {
@@ -79,7 +79,7 @@ Json status_json(const StoredStatus& status) {
 
 Json versions_json(const StoredVersions& versions) {
     if (!versions.is_valid) {
-        return {{"valid", false}, {"fault", "wrong checksum"}};
+        return {{"valid", false}, {"fault", versions.fault}};
     }
     return {{"valid", true},
             {"secure_version", versions.record.sec_ver},
@@ -123,7 +123,7 @@ std::string headline(const ota_status_t& record) {
 
 std::string status_text(const StoredStatus& status) {
     if (!status.is_valid) {
-        return std::string("the stored update status is not valid (") + status.fault() +
+        return std::string("the stored update status is not valid (") + status.fault +
                "), so what it was is unknown; the next change makes a new one\n";
     }
     std::string text = headline(status.record) + "\n\n";
@@ -144,7 +144,8 @@ std::string status_text(const StoredStatus& status) {
 
 std::string versions_text(const StoredVersions& versions) {
     if (!versions.is_valid) {
-        return "\nthe stored anti-rollback versions are not valid (wrong checksum), so what they were is unknown";
+        return std::string("\nthe stored anti-rollback versions are not valid (") + versions.fault +
+               "), so what they were is unknown";
     }
     const antirollback_ver_t& record = versions.record;
     if (versions.is_missing()) {
