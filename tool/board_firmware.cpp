@@ -2,6 +2,8 @@
 
 #include "device.h"
 #include "failure.h"
+#include "format/firmware_package.h"
+#include "format/verified_boot.h"
 #include "names.h"
 #include "partition.h"
 #include "status_record.h"
@@ -18,10 +20,8 @@ constexpr size_t piece_size = size_t{256} << 10;
 
 /** Bytes of a partition that are looked at. */
 uint64_t bytes_to_read(FirmwareKind kind, uint64_t capacity) {
-    constexpr uint64_t miniboot_size = 0x240000; /* its two packages */
-    constexpr uint64_t vbmeta_head_size = 120;   /* up to the end of the rollback index */
-    const uint64_t most = kind == FirmwareKind::miniboot ? miniboot_size
-                          : kind == FirmwareKind::vbmeta ? vbmeta_head_size
+    const uint64_t most = kind == FirmwareKind::miniboot ? firmware_pair_size
+                          : kind == FirmwareKind::vbmeta ? verified_boot_head_size
                                                          : firmware_limit;
     return std::min(most, capacity);
 }

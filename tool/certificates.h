@@ -1,4 +1,4 @@
-/** The certificates in a firmware image, one by one. The library tells only what they agree on. */
+/** The certificates in a firmware image, one by one. The library returns only what they agree on. */
 #ifndef TOOL_CERTIFICATES_H
 #define TOOL_CERTIFICATES_H
 

@@ -1,36 +1,32 @@
 #include "image_versions.h"
 
 #include "console.h"
+#include "format/verified_boot.h"
 #include "scratch.h"
 #include "text.h"
 
 #include <algorithm>
 #include <array>
-#include <endian.h>
 #include <fstream>
 
 namespace {
 
 constexpr std::array kinds = {FirmwareKind::miniboot, FirmwareKind::uboot, FirmwareKind::vbmeta};
 
-/* The head of a verified-boot image: magic, then the top byte of the required version. */
-constexpr std::string_view vbmeta_head("AVB0\0", 5);
-constexpr std::streamoff rollback_index_offset = 112;
-
 uint64_t read_rollback_index(const std::string& path) {
     std::ifstream image(path, std::ios::binary);
-    std::array<char, vbmeta_head.size()> head{};
-    image.read(head.data(), head.size());
-    if (!image || std::string_view(head.data(), head.size()) != vbmeta_head) {
+    std::array<uint8_t, verified_boot_head_size> head{};
+    image.read(reinterpret_cast<char*>(head.data()), head.size());
+    uint64_t index = 0;
+    const auto length = static_cast<size_t>(image.gcount());
+    switch (decode_verified_boot({head.data(), length}, &index).state) {
+    case format_state::valid:
+        return index;
+    case format_state::torn:
+        throw Failure(ExitCode::refused, path + " ends before its rollback index");
+    default:
         throw Failure(ExitCode::refused, path + " is not a verified-boot image");
     }
-    uint64_t index = 0;
-    image.seekg(rollback_index_offset);
-    image.read(reinterpret_cast<char*>(&index), sizeof index);
-    if (!image) {
-        throw Failure(ExitCode::refused, path + " ends before its rollback index");
-    }
-    return be64toh(index);
 }
 
 /** What an image shows a version for; nothing where it is not described as having one, or is no firmware. */

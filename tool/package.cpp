@@ -12,8 +12,6 @@
 namespace {
 
 constexpr size_t piece_size = size_t{256} << 10;
-constexpr uint64_t size_in_zip64 = 0xFFFFFFFF;
-constexpr unsigned zip64_field = 0x0001;
 
 Failure damaged(const std::string& what) {
     return {ExitCode::refused, what, "tessera package check tells which entries are damaged"};
@@ -31,34 +29,13 @@ Descriptor open_regular_file(const std::string& path) {
     return fd;
 }
 
-uint64_t little_endian(std::span<const uint8_t> bytes) {
-    uint64_t value = 0;
-    for (size_t i = bytes.size(); i > 0; --i) {
-        value = value << 8 | bytes[i - 1];
+/** The unpacked size; where the extra field should have it and does not, it stays as it is, as in the library. */
+uint64_t true_size(const unz_file_info64& info, std::span<const uint8_t> extra) {
+    uint64_t size = info.uncompressed_size;
+    if (size == zip_size_in_extra) {
+        (void)decode_zip64_size(extra, &size);
     }
-    return value;
-}
-
-/** The unpacked size in the zip64 field, which it opens when the 32-bit size is all ones. */
-uint64_t zip64_size(std::span<const uint8_t> extra) {
-    while (extra.size() >= 4) {
-        const size_t length = little_endian(extra.subspan(2, 2));
-        if (length > extra.size() - 4) {
-            break; /* a field that ends behind all of them counts for nothing, as in the library */
-        }
-        if (little_endian(extra.first(2)) == zip64_field && length >= 8) {
-            return little_endian(extra.subspan(4, 8));
-        }
-        extra = extra.subspan(4 + length);
-    }
-    return size_in_zip64;
-}
-
-EntryKind kind_of(const std::string& name, uint32_t attributes) {
-    if (name.empty() || name.ends_with('/') || name.ends_with('\\')) {
-        return EntryKind::directory;
-    }
-    return (attributes & 0xF0000000) == 0xA0000000 ? EntryKind::link : EntryKind::file;
+    return size;
 }
 
 } // namespace
@@ -106,12 +83,12 @@ Entry Package::current_entry() const {
         throw Failure(ExitCode::refused, "the directory of the package is damaged");
     }
     (void)unzGetFilePos64(zip_.get(), &entry.position);
-    entry.kind = kind_of(entry.name.c_str(), static_cast<uint32_t>(info.external_fa)); /* up to a NUL, as the library */
-    entry.size = info.uncompressed_size == size_in_zip64 ? zip64_size(extra) : info.uncompressed_size;
-    entry.in_zip64 = info.uncompressed_size == size_in_zip64;
+    entry.kind = zip_kind_of(entry.name.c_str(), info.external_fa); /* up to a NUL, as the library */
+    entry.size = true_size(info, extra);
+    entry.in_zip64 = info.uncompressed_size == zip_size_in_extra;
     entry.crc = static_cast<uint32_t>(info.crc);
     entry.packed_size = info.compressed_size;
-    entry.mode = static_cast<uint32_t>(info.external_fa >> 16 & 0x1FF);
+    entry.mode = zip_permissions(info.external_fa);
     entry.date = info.tmu_date;
     return entry;
 }

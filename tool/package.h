@@ -6,6 +6,7 @@
 #define TOOL_PACKAGE_H
 
 #include "device.h"
+#include "format/zip_entry.h"
 
 #include <cstdint>
 #include <functional>
@@ -16,11 +17,9 @@
 #include <string_view>
 #include <vector>
 
-enum class EntryKind { file, directory, link };
-
 struct Entry {
     std::string name;
-    EntryKind kind;
+    zip_kind kind;
     uint64_t size; /* unpacked bytes, also where only the zip64 field tells them */
     bool in_zip64; /* so it is with this entry */
     uint32_t crc;

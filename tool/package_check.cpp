@@ -86,7 +86,7 @@ void check_names(const Package& package) {
 
 void check_image(const Package& package, const Image& image, bool is_signed) {
     const Entry& entry = package.at(image.file);
-    if (entry.kind != EntryKind::file || entry.size == 0) {
+    if (entry.kind != zip_kind::file || entry.size == 0) {
         throw Failure(ExitCode::refused, image.file + " is empty or not a regular file");
     }
     if (entry.size > largest_image) {

@@ -14,7 +14,7 @@ namespace {
 
 std::string mode_text(const Entry& entry) {
     static constexpr std::string_view letters = "rwxrwxrwx";
-    std::string text(1, entry.kind == EntryKind::directory ? 'd' : entry.kind == EntryKind::link ? 'l' : '-');
+    std::string text(1, entry.kind == zip_kind::directory ? 'd' : entry.kind == zip_kind::link ? 'l' : '-');
     for (size_t i = 0; i < letters.size(); ++i) {
         text += (entry.mode >> (letters.size() - 1 - i) & 1) != 0 ? letters[i] : '-';
     }
@@ -25,8 +25,8 @@ std::string date_text(const tm_unz& date) {
     return format("%04u-%02u-%02u %02u:%02u", date.tm_year, date.tm_mon + 1, date.tm_mday, date.tm_hour, date.tm_min);
 }
 
-const char* kind_word(EntryKind kind) {
-    return kind == EntryKind::directory ? "directory" : kind == EntryKind::link ? "link" : "file";
+const char* kind_word(zip_kind kind) {
+    return kind == zip_kind::directory ? "directory" : kind == zip_kind::link ? "link" : "file";
 }
 
 struct Totals {

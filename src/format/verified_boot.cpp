@@ -24,7 +24,7 @@ format_answer decode_verified_boot(std::span<const uint8_t> head, uint64_t* inde
     if (answer.state != format_state::valid) {
         return answer;
     }
-    if (head.size() < verified_boot_index_offset + verified_boot_index_size) {
+    if (head.size() < verified_boot_head_size) {
         return format_too_short;
     }
     *index = load_rollback_index(head.subspan<verified_boot_index_offset, verified_boot_index_size>());

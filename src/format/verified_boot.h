@@ -14,6 +14,7 @@
 inline constexpr size_t verified_boot_magic_size = 5;
 inline constexpr size_t verified_boot_index_offset = 112;
 inline constexpr size_t verified_boot_index_size = 8;
+inline constexpr size_t verified_boot_head_size = verified_boot_index_offset + verified_boot_index_size;
 
 /** Whether an image begins as one: valid, torn (too short), or foreign (another magic). */
 format_answer check_verified_boot_magic(std::span<const uint8_t> head);
@@ -22,7 +23,7 @@ format_answer check_verified_boot_magic(std::span<const uint8_t> head);
 uint64_t load_rollback_index(std::span<const uint8_t, verified_boot_index_size> bytes);
 
 /**
- * The rollback index of an image, from its first 120 bytes or more.
+ * The rollback index of an image, from the first verified_boot_head_size bytes or more.
  * @param index  out: the index, where the answer is valid
  */
 format_answer decode_verified_boot(std::span<const uint8_t> head, uint64_t* index);
