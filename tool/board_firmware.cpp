@@ -65,7 +65,7 @@ ImageVersion read_partition(const std::string& name, FirmwareKind kind) {
     } catch (const Failure& failure) {
         result.problem = "cannot read " + name + ": " + failure.what();
     }
-    if (kind != FirmwareKind::vbmeta && result.version == version_of_nothing) {
+    if (kind != FirmwareKind::vbmeta && result.version == version_without_certificates) {
         result.version.reset();
         result.problem = name + " holds no certificate with a version";
     }
@@ -88,7 +88,7 @@ std::vector<BoardFirmware> read_board_firmware(const SlotBlock& block,
                                                const std::function<bool(FirmwareKind)>& wanted) {
     std::vector<BoardFirmware> firmware;
     for (const std::string& name : list_partitions_by_name()) {
-        const auto kind = name.starts_with(status_partition) ? std::nullopt : firmware_kind(name);
+        const auto kind = name.starts_with(status_partition) ? std::nullopt : firmware_kind_of(name);
         if (kind && wanted(*kind)) {
             firmware.push_back({slot_of(name, block), read_partition(name, *kind)});
         }

@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr std::array kinds = {FirmwareKind::miniboot, FirmwareKind::uboot, FirmwareKind::vbmeta};
-
 uint64_t read_rollback_index(const std::string& path) {
     std::ifstream image(path, std::ios::binary);
     std::array<uint8_t, verified_boot_head_size> head{};
@@ -31,7 +29,7 @@ uint64_t read_rollback_index(const std::string& path) {
 
 /** What an image shows a version for; nothing where it is not described as having one, or is no firmware. */
 std::optional<FirmwareKind> versioned_kind(const Image& image) {
-    return image.has_version ? firmware_kind(image.name) : std::nullopt;
+    return image.has_version ? firmware_kind_of(image.name) : std::nullopt;
 }
 
 /** The library reads a firmware package whole into memory. */
@@ -93,30 +91,9 @@ ImageVersion read_one(const Package& package, const Image& image, FirmwareKind k
     return result;
 }
 
-/** The version of the last image of a kind, in the 32 bits that the library keeps; nothing without one. */
-std::optional<uint32_t> last_version(const std::vector<ImageVersion>& versions, FirmwareKind kind) {
-    std::optional<uint32_t> last;
-    for (const ImageVersion& image : versions) {
-        last = image.kind == kind ? static_cast<uint32_t>(image.version.value_or(0)) : last;
-    }
-    return last;
-}
-
-/** Several verified-boot images have to agree; a version of 0 says nothing. */
-std::string disagreement(const std::vector<ImageVersion>& versions) {
-    uint32_t held = 0;
-    for (const ImageVersion& image : versions) {
-        if (image.kind != FirmwareKind::vbmeta) {
-            continue;
-        }
-        const uint64_t version = image.version.value_or(0);
-        if (held != 0 && held != version) {
-            return format("%s shows version %llu, and a verified-boot image before it %u", image.partition.c_str(),
-                          static_cast<unsigned long long>(version), held);
-        }
-        held = static_cast<uint32_t>(version);
-    }
-    return {};
+std::string disagreement(const ImageVersion& image, const firmware_versions& before) {
+    return format("%s shows version %llu, and a verified-boot image before it %u", image.partition.c_str(),
+                  static_cast<unsigned long long>(*image.version), before.vbmeta.value_or(0));
 }
 
 /** An image that the package does not have counts as version 0. */
@@ -127,16 +104,24 @@ std::string lower_than(const char* what, bool is_there, uint32_t version, const 
     return format("the package's %s version %u is below the board's %s counter %u", what, version, which, counter);
 }
 
-} // namespace
-
-std::optional<FirmwareKind> firmware_kind(std::string_view name) {
-    for (const FirmwareKind kind : kinds) {
-        if (name.find(firmware_name(kind)) != std::string_view::npos) {
-            return kind;
-        }
+std::string in_words(const antirollback_verdict& verdict, const firmware_versions& versions,
+                     const std::optional<Counters>& counters) {
+    switch (verdict.reason) {
+    case antirollback_reason::kinds_differ:
+        return format("the versions of uboot (%u) and vbmeta (%u) differ", versions.uboot.value_or(0),
+                      versions.vbmeta.value_or(0));
+    case antirollback_reason::secure_below:
+        return lower_than("miniboot", versions.miniboot.has_value(), verdict.secure, "secure", counters->secure);
+    case antirollback_reason::non_secure_below:
+        return lower_than("uboot and vbmeta", versions.uboot || versions.vbmeta, verdict.non_secure, "non-secure",
+                          counters->non_secure);
+    case antirollback_reason::none:
+        break;
     }
-    return std::nullopt;
+    return {};
 }
+
+} // namespace
 
 const char* firmware_name(FirmwareKind kind) {
     static constexpr std::array names = {"miniboot", "uboot", "vbmeta"};
@@ -182,35 +167,25 @@ Counters read_counters() {
     return {record.sec_ver, record.nosec_ver};
 }
 
-std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const std::optional<Counters>& counters) {
-    for (const ImageVersion& image : versions) {
+VersionCheck compare_versions(const std::vector<ImageVersion>& images, const std::optional<Counters>& counters) {
+    firmware_versions versions;
+    for (const ImageVersion& image : images) {
         if (!image.version) {
-            return image.partition + ": " + image.problem;
+            return {{}, image.partition + ": " + image.problem};
+        }
+        if (!add_firmware_version(&versions, image.kind, *image.version)) {
+            return {{}, disagreement(image, versions)};
         }
     }
-    if (std::string differ = disagreement(versions); !differ.empty()) {
-        return differ;
-    }
-    const auto secure = last_version(versions, FirmwareKind::miniboot);
-    const auto uboot = last_version(versions, FirmwareKind::uboot);
-    const auto vbmeta = last_version(versions, FirmwareKind::vbmeta);
-    const uint32_t non_secure = uboot.value_or(0);
-    if (non_secure != vbmeta.value_or(0)) {
-        return format("the versions of uboot (%u) and vbmeta (%u) differ", non_secure, vbmeta.value_or(0));
-    }
-    if (counters && secure.value_or(0) < counters->secure) {
-        return lower_than("miniboot", secure.has_value(), secure.value_or(0), "secure", counters->secure);
-    }
-    if (counters && non_secure < counters->non_secure) {
-        return lower_than("uboot and vbmeta", uboot || vbmeta, non_secure, "non-secure", counters->non_secure);
-    }
-    return {};
+    const antirollback_verdict verdict = check_firmware_versions(versions, counters);
+    return {verdict, in_words(verdict, versions, counters)};
 }
 
 std::optional<antirollback_ver_t> check_versions(const Package& package, const Description& description) {
     const std::vector<ImageVersion> versions = read_image_versions(package, description);
-    if (const std::string refusal = refusal_by_versions(versions, read_counters()); !refusal.empty()) {
-        throw Failure(ExitCode::refused, refusal);
+    const VersionCheck check = compare_versions(versions, read_counters());
+    if (!check.refusal.empty()) {
+        throw Failure(ExitCode::refused, check.refusal);
     }
     if (versions.empty()) {
         return std::nullopt;
@@ -218,7 +193,7 @@ std::optional<antirollback_ver_t> check_versions(const Package& package, const D
     antirollback_ver_t record{};
     record.sec_up_flag = static_cast<uint8_t>(description.sec_up_flag);
     record.nosec_up_flag = static_cast<uint8_t>(description.nosec_up_flag);
-    record.sec_ver = last_version(versions, FirmwareKind::miniboot).value_or(0);
-    record.nosec_ver = last_version(versions, FirmwareKind::uboot).value_or(0);
+    record.sec_ver = check.verdict.secure;
+    record.nosec_ver = check.verdict.non_secure;
     return record;
 }

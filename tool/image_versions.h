@@ -2,6 +2,7 @@
 #ifndef TOOL_IMAGE_VERSIONS_H
 #define TOOL_IMAGE_VERSIONS_H
 
+#include "antirollback_verdict.h"
 #include "description.h"
 #include "package.h"
 
@@ -11,13 +12,9 @@
 #include <string_view>
 #include <vector>
 
-/** What the library reads of a firmware package without any certificate. */
-inline constexpr uint32_t version_of_nothing = 255;
+using FirmwareKind = firmware_kind;
+using Counters = antirollback_counters;
 
-enum class FirmwareKind { miniboot, uboot, vbmeta };
-
-/** What an image is by the name of its partition or file; nothing when the name does not tell. */
-std::optional<FirmwareKind> firmware_kind(std::string_view name);
 const char* firmware_name(FirmwareKind kind);
 
 /** Firmware packages are read whole into memory; larger ones are refused. */
@@ -42,21 +39,17 @@ void read_image_version(FirmwareKind kind, const std::string& path, const std::s
 /** The versions of all firmware images of a package that are described as having one, in the description's order. */
 std::vector<ImageVersion> read_image_versions(const Package& package, const Description& description);
 
-struct Counters {
-    uint32_t secure;
-    uint32_t non_secure;
-
-    bool operator==(const Counters&) const = default;
-};
-
 /** The counters in the board's fuses. */
 Counters read_counters();
 
-/**
- * Why images are refused, in one sentence; empty when they pass. Without counters, off the board, they only have
- * to agree with each other.
- */
-std::string refusal_by_versions(const std::vector<ImageVersion>& versions, const std::optional<Counters>& counters);
+/** The verdict over images, in words too. */
+struct VersionCheck {
+    antirollback_verdict verdict;
+    std::string refusal; /* the first reason, in one sentence; empty when the images pass */
+};
+
+/** Without counters, off the board, images only have to agree with each other. */
+VersionCheck compare_versions(const std::vector<ImageVersion>& versions, const std::optional<Counters>& counters);
 
 /**
  * Throws Failure for a package that the library would refuse, in better words. Touches nothing.

@@ -25,18 +25,32 @@ struct Options {
 
 /* ---- what to burn ---- */
 
-/** Refuses before the first fuse: the library burns one counter before it finds that the other is wrong. */
-void check_raise(const char* which, bool raise, uint32_t version, uint32_t counter) {
-    if (!raise) {
-        return;
-    }
-    if (version < counter) {
-        refuse(format("the stored %s version %u is below the counter %u", which, version, counter),
-               "tessera install PACKAGE stores the versions of another package");
-    }
-    if (version == version_of_nothing) {
+[[noreturn]] void refuse_lower(const char* which, uint32_t version, uint32_t counter) {
+    refuse(format("the stored %s version %u is below the counter %u", which, version, counter),
+           "tessera install PACKAGE stores the versions of another package");
+}
+
+void refuse_unversioned(const char* which, bool raise, uint32_t version) {
+    if (raise && version == version_without_certificates) {
         refuse(format("the stored %s version is %u, which means an image without certificates", which, version));
     }
+}
+
+/** Refuses before the first fuse: the library burns one counter before it finds that the other is wrong. */
+void check_raise(const antirollback_ver_t& record, const Counters& counters) {
+    const bool secure = record.sec_up_flag == 1;
+    const bool non_secure = record.nosec_up_flag == 1;
+    const Counters raised = {secure ? counters.secure : 0, non_secure ? counters.non_secure : 0};
+    switch (check_firmware_versions({record.sec_ver, record.nosec_ver, record.nosec_ver}, raised).reason) {
+    case antirollback_reason::secure_below:
+        refuse_lower("secure", record.sec_ver, counters.secure);
+    case antirollback_reason::non_secure_below:
+        refuse_lower("non-secure", record.nosec_ver, counters.non_secure);
+    default:
+        break;
+    }
+    refuse_unversioned("secure", secure, record.sec_ver);
+    refuse_unversioned("non-secure", non_secure, record.nosec_ver);
 }
 
 /** The record of the last package that was installed. */
@@ -50,8 +64,7 @@ antirollback_ver_t versions_to_burn(const Counters& counters) {
     if (record.sec_up_flag != 1 && record.nosec_up_flag != 1) {
         refuse("the installed package does not ask for it");
     }
-    check_raise("secure", record.sec_up_flag == 1, record.sec_ver, counters.secure);
-    check_raise("non-secure", record.nosec_up_flag == 1, record.nosec_ver, counters.non_secure);
+    check_raise(record, counters);
     return record;
 }
 

@@ -90,7 +90,7 @@ void verify(const Context& context, const Options& options) {
                   {"signer", signer.empty() ? Json() : Json(signer)},
                   {"images", versions_json(versions)},
                   {"counters", counters_json(counters)}};
-    if (const std::string refusal = refusal_by_versions(versions, counters); !refusal.empty()) {
+    if (const std::string refusal = compare_versions(versions, counters).refusal; !refusal.empty()) {
         value["passes"] = false;
         context.show(value, table);
         throw Failure(ExitCode::refused, refusal);

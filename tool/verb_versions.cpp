@@ -16,7 +16,7 @@ struct Options {
 FirmwareKind kind_of(const Options& options) {
     const std::string name =
         options.kind.empty() ? std::filesystem::path(options.file).filename().string() : options.kind;
-    const auto kind = firmware_kind(name);
+    const auto kind = firmware_kind_of(name);
     if (!kind) {
         throw Failure(ExitCode::usage, "the name " + options.file + " does not tell what kind of image it is",
                       "--kind miniboot, uboot or vbmeta says it");

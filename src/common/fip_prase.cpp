@@ -4,6 +4,7 @@
  */
 #include "fip_prase.h"
 
+#include "antirollback_verdict.h"
 #include "certificate.h"
 #include "firmware_package.h"
 #include "ota_log.h"
@@ -47,7 +48,7 @@ const toc_entry_t toc_entries[10] = {
 
 namespace {
 
-constexpr uint32_t no_version = 255; /* no certificate has set a version yet */
+constexpr uint32_t no_version = version_without_certificates; /* no certificate has set a version yet */
 
 struct image_t {
     fip_toc_entry_t toc_e;

@@ -1,6 +1,7 @@
 /** The rollback index of verified-boot images, the eFuse counters, and the verdict over a package. */
 #include "ota_antirollback.h"
 
+#include "antirollback_verdict.h"
 #include "fip_prase.h"
 #include "ota_log.h"
 #include "ota_owner.h"
@@ -44,9 +45,9 @@ int32_t read_avb_img_anti_ver(const char* img_file_path, uint64_t* ver) {
     return 0;
 }
 
-/** Merges the index of one image into `value`, in which 0 means that none has been read yet. */
+/** Adds the index of one image to the versions so far. */
 int32_t vx_avb_img_anti_read(const update_info_t* update_info, const char* img_file_path, ota_medium_e medium,
-                             uint32_t* value) {
+                             firmware_versions* versions) {
     if (update_info == nullptr) {
         ota_log_error("'update_info' is a null pointer.\n");
         return -1;
@@ -59,21 +60,24 @@ int32_t vx_avb_img_anti_read(const update_info_t* update_info, const char* img_f
     if (read_avb_img_anti_ver(img_file_path, &tmp_ver) != 0) {
         return -1;
     }
-    if (*value != 0 && *value != tmp_ver) {
+    if (!add_firmware_version(versions, firmware_kind::vbmeta, tmp_ver)) {
         ota_log_error("image %s antirollback versions %ld:%d is inconsistent\n", img_file_path,
-                      static_cast<long>(tmp_ver), *value);
+                      static_cast<long>(tmp_ver), versions->vbmeta.value_or(0));
         return -1;
     }
-    *value = static_cast<uint32_t>(tmp_ver);
     return 0;
 }
 
-/** The versions that the images of a package show. */
-struct package_versions {
-    uint32_t miniboot;
-    uint32_t uboot;
-    uint32_t vbmeta;
-};
+int32_t read_fip_img_anti_ver(const char* img_file_path, firmware_kind kind, firmware_versions* versions) {
+    const bool is_miniboot = kind == firmware_kind::miniboot;
+    uint32_t version = 0;
+    if (vx_fip_img_anti_read(img_file_path, is_miniboot ? SEC_MINIBOOT_IMG : NOSEC_UBOOT_IMG, &version) != 0) {
+        return -1;
+    }
+    (void)add_firmware_version(versions, kind, version);
+    ota_log_info("%s image file version: %d\n", is_miniboot ? "miniboot" : "uboot", version);
+    return 0;
+}
 
 /** A name that fills its array has no terminator there; this copy always has one. */
 template <size_t Size>
@@ -86,26 +90,19 @@ struct terminated {
 
 /** Reads the version of an extracted image; what it is follows from the partition's name. */
 int32_t read_image_version(const update_info_t* update_info, int32_t i, const char* img_file_path,
-                           package_versions* versions) {
+                           firmware_versions* versions) {
     const terminated partition(update_info->update_partition[i]);
-    const char* name = partition.text;
-    if (std::strstr(name, "miniboot") != nullptr) {
-        if (vx_fip_img_anti_read(img_file_path, SEC_MINIBOOT_IMG, &versions->miniboot) != 0) {
-            return -1;
-        }
-        ota_log_info("miniboot image file version: %d\n", versions->miniboot);
-    } else if (std::strstr(name, "uboot") != nullptr) {
-        if (vx_fip_img_anti_read(img_file_path, NOSEC_UBOOT_IMG, &versions->uboot) != 0) {
-            return -1;
-        }
-        ota_log_info("uboot image file version: %d\n", versions->uboot);
-    } else if (std::strstr(name, "vbmeta") != nullptr) {
-        const ota_medium_e medium = update_info->partition_info[i].medium;
-        if (vx_avb_img_anti_read(update_info, img_file_path, medium, &versions->vbmeta) != 0) {
-            return -1;
-        }
-        ota_log_info("vbmeta image file version: %d\n", versions->vbmeta);
+    const auto kind = firmware_kind_of(partition.text);
+    if (!kind) {
+        return 0;
     }
+    if (*kind != firmware_kind::vbmeta) {
+        return read_fip_img_anti_ver(img_file_path, *kind, versions);
+    }
+    if (vx_avb_img_anti_read(update_info, img_file_path, update_info->partition_info[i].medium, versions) != 0) {
+        return -1;
+    }
+    ota_log_info("vbmeta image file version: %d\n", versions->vbmeta.value_or(0));
     return 0;
 }
 
@@ -132,7 +129,7 @@ int32_t extract_image(const char* part_file, const char* zip_path, const char* u
 
 /** Extracts one image, reads its version and removes it. An image that cannot be read stays. */
 int32_t visit_image(const update_info_t* update_info, int32_t i, const char* zip_path, const char* unzip_path,
-                    package_versions* versions) {
+                    firmware_versions* versions) {
     const terminated part_file(update_info->partition_info[i].part_file);
     char img_file_path[ota_entry_size];
     if (extract_image(part_file.text, zip_path, unzip_path, img_file_path) != 0) {
@@ -147,27 +144,24 @@ int32_t visit_image(const update_info_t* update_info, int32_t i, const char* zip
     return 0;
 }
 
-int32_t get_image_antirollback(const update_info_t* update_info, antirollback_ver_t* ver, const char* zip_path,
+int32_t get_image_antirollback(const update_info_t* update_info, firmware_versions* versions, const char* zip_path,
                                const char* unzip_path) {
     if (update_info->update_size < 0 || update_info->update_size > max_partitions) {
         ota_log_error("update partition number %d is out of range\n", update_info->update_size);
         return -1;
     }
-    package_versions versions{};
     for (int32_t i = 0; i < update_info->update_size; ++i) {
         if (update_info->partition_info[i].have_anti_ver == 0) {
             continue;
         }
-        if (visit_image(update_info, i, zip_path, unzip_path, &versions) != 0) {
+        if (visit_image(update_info, i, zip_path, unzip_path, versions) != 0) {
             return -1;
         }
     }
-    if (versions.uboot != versions.vbmeta) {
+    if (check_firmware_versions(*versions, std::nullopt).reason == antirollback_reason::kinds_differ) {
         ota_log_error("uboot and vbmeta versions are inconsistent\n");
         return -1;
     }
-    ver->sec_ver = versions.miniboot;
-    ver->nosec_ver = versions.uboot;
     return 0;
 }
 
@@ -207,8 +201,7 @@ int32_t set_efuse_antirollback(antirollback_ver_t* ver) {
 }
 
 int32_t verify_antirollback_version(update_info_t* update_info, const char* zip_path, const char* unzip_path) {
-    antirollback_ver_t image_ver;
-    std::memset(&image_ver, 0, sizeof image_ver); /* the two bytes between the fields are stored too */
+    firmware_versions versions;
     antirollback_ver_t efuse_ver{};
     if (update_info == nullptr) {
         ota_log_error("'update_info' is a null pointer.\n");
@@ -218,15 +211,21 @@ int32_t verify_antirollback_version(update_info_t* update_info, const char* zip_
         ota_log_info("no parse json file!\n");
         return -1;
     }
-    if (get_image_antirollback(update_info, &image_ver, zip_path, unzip_path) != 0 ||
+    if (get_image_antirollback(update_info, &versions, zip_path, unzip_path) != 0 ||
         get_efuse_antirollback(&efuse_ver) != 0) {
         ota_log_error("antirollback version get failed!\n");
         return -1;
     }
-    if (image_ver.sec_ver < efuse_ver.sec_ver || image_ver.nosec_ver < efuse_ver.nosec_ver) {
+    const auto verdict =
+        check_firmware_versions(versions, antirollback_counters{efuse_ver.sec_ver, efuse_ver.nosec_ver});
+    if (verdict.reason != antirollback_reason::none) {
         ota_log_error("antirollback version check failed!\n");
         return -1;
     }
+    antirollback_ver_t image_ver;
+    std::memset(&image_ver, 0, sizeof image_ver); /* the two bytes between the fields are stored too */
+    image_ver.sec_ver = verdict.secure;
+    image_ver.nosec_ver = verdict.non_secure;
     image_ver.nosec_up_flag = static_cast<uint8_t>(update_info->nosec_up_flag);
     image_ver.sec_up_flag = static_cast<uint8_t>(update_info->sec_up_flag);
     const int32_t ret = ota_set_anti_ver_veeprom(&image_ver);
