@@ -62,12 +62,12 @@ bool Json::Field::operator==(const Field& other) const {
 }
 
 Json::Json(std::initializer_list<Pair> fields) {
-    Object object;
-    object.reserve(fields.size());
+    Object members;
+    members.reserve(fields.size());
     for (const Pair& field : fields) {
-        object.push_back({field.key, field.value});
+        members.push_back({field.key, field.value});
     }
-    value_ = std::move(object);
+    value_ = std::move(members);
 }
 
 Json::Json(const std::vector<std::string>& texts) : value_(Array(texts.begin(), texts.end())) {
@@ -200,14 +200,14 @@ Json& Json::operator[](std::string_view key) {
     if (is_null()) {
         value_ = Object();
     }
-    auto& object = std::get<Object>(value_);
-    for (Field& field : object) {
+    auto& members = std::get<Object>(value_);
+    for (Field& field : members) {
         if (field.key == key) {
             return field.value;
         }
     }
-    object.push_back({std::string(key), Json()});
-    return object.back().value;
+    members.push_back({std::string(key), Json()});
+    return members.back().value;
 }
 
 bool Json::operator==(const Json& other) const {

@@ -8,12 +8,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <memory>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
+
+using Stream = std::unique_ptr<std::FILE, decltype([](std::FILE* stream) { (void)std::fclose(stream); })>;
 
 constexpr size_t largest_file = size_t{64} << 20; /* with lists of a million certificates */
 
@@ -68,12 +71,18 @@ Bio open_pem(const std::string& path) {
         throw Failure(ExitCode::failed, "cannot open " + path + because(errno));
     }
     (void)fcntl(fd, F_SETFL, 0);
-    std::FILE* stream = fdopen(fd, "r");
-    Bio file(stream != nullptr ? BIO_new_fp(stream, BIO_CLOSE) : nullptr);
     struct stat status {};
-    if (file == nullptr || fstat(fd, &status) != 0 || S_ISDIR(status.st_mode)) {
-        throw Failure(ExitCode::failed, "cannot open " + path + because(file == nullptr ? ENOMEM : EISDIR));
+    const bool is_directory = fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+    Stream stream(is_directory ? nullptr : fdopen(fd, "r"));
+    if (stream == nullptr) {
+        close(fd);
+        throw Failure(ExitCode::failed, "cannot open " + path + because(is_directory ? EISDIR : ENOMEM));
     }
+    Bio file(BIO_new_fp(stream.get(), BIO_CLOSE));
+    if (file == nullptr) {
+        throw Failure(ExitCode::failed, "cannot open " + path + because(ENOMEM));
+    }
+    (void)stream.release(); /* closed with `file` */
     return file;
 }
 

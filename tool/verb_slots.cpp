@@ -22,9 +22,9 @@ Json to_json(const Slot& slot, const char* state, int32_t running, std::optional
 }
 
 std::string remark(const Slot& slot, int32_t running, std::optional<int32_t> next) {
-    const bool runs = slot.number == running;
+    const bool is_running = slot.number == running;
     const bool is_next = slot.number == next;
-    return runs && is_next ? "running, boots next" : runs ? "running" : is_next ? "boots next" : "";
+    return is_running && is_next ? "running, boots next" : is_running ? "running" : is_next ? "boots next" : "";
 }
 
 std::vector<std::string> to_row(const Slot& slot, const char* state, const std::string& remarks) {
