@@ -1,29 +1,25 @@
 #include "version_file.h"
 
 #include "failure.h"
+#include "small_file.h"
 #include "text.h"
 #include "velox_ota_hl.h"
 
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cerrno>
 #include <filesystem>
-#include <unistd.h>
 
 namespace {
 
-constexpr uintmax_t longest_file = 127; /* what the library reads of it */
+constexpr uintmax_t longest_file = 127; /* what the library keeps of a version */
 
-/** The library gives no reasons, and opening a FIFO would block. */
+/** Opening a FIFO would block. */
 void demand_version_file(const std::string& path) {
     std::error_code error;
     const auto size = std::filesystem::file_size(path, error);
     if (error) {
         throw Failure(ExitCode::failed, "cannot read the version file " + path + ": " + error.message());
-    }
-    if (access(path.c_str(), R_OK) != 0) {
-        throw Failure(ExitCode::failed, "cannot read the version file " + path + because(errno));
     }
     if (size > longest_file) {
         throw Failure(ExitCode::failed, format("%s is longer than a version file, which has %ju bytes at most",
@@ -35,8 +31,9 @@ void demand_version_file(const std::string& path) {
 
 std::string read_version_file(const std::string& path) {
     demand_version_file(path);
+    std::string line = read_small_file(path, longest_file);
     std::array<char, longest_file + 1> buffer{};
-    if (get_system_version(path.c_str(), buffer.data()) < 0) {
+    if (parse_version_info(line.data(), buffer.data()) < 0) {
         throw Failure(ExitCode::failed, path + " contains no version such as board_V1.2.0");
     }
     /* The library ends a version at a blank: a second line, or the CR of another system, is still there. */
