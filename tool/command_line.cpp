@@ -129,7 +129,9 @@ private:
     }
 
     void enter_command(const std::string& name) {
-        const auto found = std::ranges::find(command_->commands, name, &Command::name);
+        const auto found = std::ranges::find_if(command_->commands, [&](const Command& command) {
+            return name == command.name || (name == command.old_name && !name.empty());
+        });
         if (found == command_->commands.end()) {
             throw wrong("there is no command " + name);
         }

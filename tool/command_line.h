@@ -32,6 +32,7 @@ struct Command {
 
     std::string_view name;
     std::string_view summary;
+    std::string_view old_name; /* names it too, but no help shows it; empty: it has none */
     Command* parent = nullptr; /* its options are taken as well */
     Below below = Below::none;
     std::function<void(Command&)> declare; /* adds all that follows, once the command has been named */

@@ -11,7 +11,7 @@ namespace {
 
 constexpr Verb verbs[] = {
     {"install", "Install a package into the update slot", declare_install},
-    {"verify", "Check a package: its origin, its images, and that it lowers no version", declare_verify},
+    {"verify", "Check whether this board would accept a package, and change nothing", declare_verify},
     {"pack", "Make a package out of a description and images", declare_pack},
     {"package", "List, search, check or unpack a package", declare_package},
     {"confirm", "Mark the running slot as good", declare_confirm},
@@ -23,7 +23,7 @@ constexpr Verb verbs[] = {
     {"digest", "Digest a file or partition", declare_digest},
     {"compare", "Tell whether two partitions hold the same bytes", declare_compare},
     {"version", "Compare versions, or read one from a file", declare_version},
-    {"versions", "Show the anti-rollback versions in an image", declare_versions},
+    {"firmware", "Show the anti-rollback versions in a firmware image", declare_firmware, "versions"},
     {"efuse", "Show or raise the anti-rollback counters", declare_efuse},
     {"flashcmd", "Write a prepared flash command", declare_flashcmd},
 };
@@ -49,7 +49,9 @@ void declare_all(Command& root, Context& context) {
     add_flag(root, "--json", context.json, "Print results and errors as JSON");
     add_flag(root, "-v,--verbose", context.verbose, "Let the library's log lines through to stderr");
     for (const Verb& verb : verbs) {
-        root.add(verb.name, verb.summary).declare = [&](Command& command) { verb.declare(command, context); };
+        Command& command = root.add(verb.name, verb.summary);
+        command.old_name = verb.old_name;
+        command.declare = [&](Command& named) { verb.declare(named, context); };
     }
 }
 

@@ -14,7 +14,7 @@ namespace {
 constexpr size_t piece_size = size_t{256} << 10;
 
 Failure damaged(const std::string& what) {
-    return {ExitCode::refused, what, "tessera package check tells which entries are damaged"};
+    return {ExitCode::refused, what, "tessera package check-zip reports which entries are damaged"};
 }
 
 Descriptor open_regular_file(const std::string& path) {

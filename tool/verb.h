@@ -30,6 +30,7 @@ struct Verb {
     const char* name;
     const char* summary;
     void (*declare)(Command& verb, Context& context); /* adds options, and what to do */
+    std::string_view old_name = {};                   /* also accepted, but not shown */
 };
 
 /* What a verb declares. */
@@ -75,6 +76,7 @@ void declare_compare(Command& verb, Context& context);
 void declare_confirm(Command& verb, Context& context);
 void declare_digest(Command& verb, Context& context);
 void declare_efuse(Command& verb, Context& context);
+void declare_firmware(Command& verb, Context& context);
 void declare_flashcmd(Command& verb, Context& context);
 void declare_install(Command& verb, Context& context);
 void declare_pack(Command& verb, Context& context);
@@ -85,6 +87,5 @@ void declare_slots(Command& verb, Context& context);
 void declare_status(Command& verb, Context& context);
 void declare_verify(Command& verb, Context& context);
 void declare_version(Command& verb, Context& context);
-void declare_versions(Command& verb, Context& context);
 
 #endif

@@ -1,4 +1,4 @@
-/** tessera versions: what the anti-rollback check would read from an image, certificate by certificate. */
+/** tessera firmware: what the anti-rollback check would read from an image, certificate by certificate. */
 #include "certificates.h"
 #include "image_versions.h"
 #include "text.h"
@@ -32,7 +32,7 @@ std::string problem_of(const Certificate& certificate) {
     return certificate.problem.empty() ? "" : "  (" + certificate.problem + ")";
 }
 
-void show_versions(const Context& context, const Options& options) {
+void show_firmware(const Context& context, const Options& options) {
     const FirmwareKind kind = kind_of(options);
     const std::vector<Certificate> found = list_certificates(kind, options.file); /* refuses what is not a file */
     ImageVersion whole{options.file, kind, std::nullopt, {}};
@@ -63,12 +63,12 @@ void show_versions(const Context& context, const Options& options) {
 
 } // namespace
 
-void declare_versions(Command& verb, Context& context) {
+void declare_firmware(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "FILE", options->file, "An image of firmware or of verified boot");
     add_choice(
         verb, "--kind", "KIND", {"miniboot", "uboot", "vbmeta"},
         [options](const std::string& kind) { options->kind = kind; },
         "miniboot, uboot or vbmeta, where the file's name does not tell");
-    on_command(verb, context, [&context, options] { show_versions(context, *options); });
+    on_command(verb, context, [&context, options] { show_firmware(context, *options); });
 }

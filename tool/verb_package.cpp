@@ -226,6 +226,8 @@ void declare_package(Command& verb, Context& context) {
     Command& has_command = declare_one(verb, "has", "Tell whether the name of an entry begins so", options);
     add_word(has_command, "NAME", options->other, "The name, or its beginning");
     on_command(has_command, context, [&context, options] { has(context, options->file, options->other); });
-    on_command(declare_one(verb, "check", "Read every entry through, and report those that are damaged", options),
-               context, [&context, options] { check(context, options->file); });
+    Command& check_command =
+        declare_one(verb, "check-zip", "Read every entry of the zip file and compare its checksum", options);
+    check_command.old_name = "check";
+    on_command(check_command, context, [&context, options] { check(context, options->file); });
 }

@@ -442,7 +442,7 @@ class InstallTest(BoardCase):
             ("digest misc --length x", 2, "length"), ("compare misc ubootenv", 1, "differ"),
             ("compare /dev/null /dev/zero", 4, "tells no size"), ("version compare abc V1", 1, "abc"),
             ("version show /no", 1, "/no: No such file"), ("version show /userdata/long", 1, "is longer than"),
-            ("version show /userdata/fifo", 1, "fifo"), ("version show /etc/hostname", 1, "contains no version"), ("versions /no", 2, "/no"),
+            ("version show /userdata/fifo", 1, "fifo"), ("version show /etc/hostname", 1, "contains no version"), ("firmware /no", 2, "/no"), ("versions /no", 2, "/no"),
             ("versions /etc/passwd --kind uboot", 3, "passwd"), ("versions /userdata/fifo --kind vbmeta", 1, "fifo"), ("efuse burn --yes", 1, "no installed package"),
             ("flashcmd ../misc_write_cmd", 1, ".."), ("flashcmd no_such", 1, "no_such: No such file"),
             ("flashcmd misc_write_cmd --data /no", 1, "/no"), ("flashcmd a --offset 1", 2, "data"),
@@ -708,7 +708,7 @@ class InstallTest(BoardCase):
         named = (self.home / "named.zip").read_bytes().replace(b"text", b"\xff\xe2\x82(")
         (self.home / "named.zip").write_bytes(named)
         for line, status, told in (
-            ("check /userdata/wide.zip", 0, "all 1 entries are whole"),
+            ("check-zip /userdata/wide.zip", 0, "all 1 entries are whole"),
             ("check /userdata/flipped.zip", 3, "wrong checksum"),
             ("unpack /userdata/flipped.zip /tmp/u", 3, "error -105"),
             ("unpack /userdata/cut.zip /tmp/u", 3, "no entries"),
