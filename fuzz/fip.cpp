@@ -2,7 +2,7 @@
  * A package reads the same as a file of its own and as the first one of a miniboot file. Where it has a version the
  * command sees a certificate.
  */
-#include "certificates.h"
+#include "firmware/certificates.h"
 #include "image.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -1,8 +1,8 @@
 /** Whatever the package: search, sum and streaming agree with each other, and the command's own reader with them. */
 #include "box.h"
-#include "failure.h"
+#include "console/failure.h"
 #include "ota_partition.h"
-#include "package.h"
+#include "package/package.h"
 #include "vx_zip.h"
 #include "vx_zip_entry.h"
 

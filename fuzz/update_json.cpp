@@ -1,8 +1,8 @@
 /** A description is refused by a Failure, or each of its fields arrives. */
+#include "board/names.h"
 #include "box.h"
-#include "description.h"
-#include "failure.h"
-#include "names.h"
+#include "console/failure.h"
+#include "package/description.h"
 
 #include <algorithm>
 #include <cctype>

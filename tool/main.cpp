@@ -1,5 +1,5 @@
 /** tessera: dispatches to the verbs and turns whatever goes wrong into one plain sentence. */
-#include "verb.h"
+#include "verbs/verb.h"
 
 #include <algorithm>
 #include <csignal>

@@ -1,0 +1,103 @@
+#include "board/device.h"
+
+#include "console/failure.h"
+#include "console/text.h"
+#include "ubi_repair.h"
+
+namespace {
+
+std::string sentence(const medium_result& result, const std::string& path) {
+    const std::string cause = because(result.error);
+    switch (result.failed) {
+    case medium_step::open:
+        return "cannot open " + path + cause;
+    case medium_step::identify:
+        return "cannot look at " + path + cause;
+    case medium_step::size:
+        return path + " tells no size";
+    case medium_step::good_blocks:
+        return path + " has too few good blocks";
+    case medium_step::read:
+        return "cannot read " + path + format(" at byte %llu", static_cast<unsigned long long>(result.place)) + cause;
+    case medium_step::end:
+        return "cannot read " + path +
+               format(" at byte %llu: it ends there", static_cast<unsigned long long>(result.place));
+    case medium_step::sync:
+        return "cannot sync " + path + cause;
+    default:
+        return "cannot use " + path + cause;
+    }
+}
+
+void demand(const medium_result& result, const std::string& path) {
+    if (!result.is_ok()) {
+        throw Failure(ExitCode::device, sentence(result, path));
+    }
+}
+
+const char* repair_step(medium_step step) {
+    switch (step) {
+    case medium_step::prepare:
+        return "prepare";
+    case medium_step::erase:
+        return "erase";
+    default:
+        return "write";
+    }
+}
+
+} // namespace
+
+Device::Device(const std::string& path) : path_(path) {
+    demand(medium_.open(path.c_str()), path_);
+    demand(medium_.identify(), path_);
+}
+
+uint64_t Device::capacity() const {
+    demand(medium_.find_bad_blocks(), path_);
+    return medium_.capacity();
+}
+
+bool Device::is_straight(uint64_t end) const {
+    demand(medium_.find_bad_blocks(), path_);
+    return medium_.is_straight(end);
+}
+
+void Device::read(uint64_t offset, std::span<uint8_t> bytes) const {
+    demand(medium_.read(offset, bytes), path_);
+}
+
+void Device::read_raw(uint64_t offset, std::span<uint8_t> bytes) const {
+    demand(medium_.read_raw(offset, bytes), path_);
+}
+
+void Device::sync() const {
+    demand(medium_.sync(), path_);
+}
+
+bool Device::lost_reads_since(std::optional<uint32_t> before) const {
+    const auto now = uncorrectable_reads();
+    return before && now && *now > *before;
+}
+
+void sync_device(const std::string& path) {
+    medium_device device;
+    demand(device.open(path.c_str()), path);
+    demand(device.sync(), path);
+}
+
+bool repair_device(const std::string& path) {
+    bool repaired = false;
+    const medium_result result = ubi_repair(path.c_str(), &repaired);
+    if (result.failed == medium_step::memory) {
+        demand(result, path);
+    }
+    if (!result.is_ok()) {
+        throw Failure(ExitCode::device,
+                      format("cannot %s LEB %llu of %s", repair_step(result.failed),
+                             static_cast<unsigned long long>(result.place), path.c_str()) +
+                          because(result.error),
+                      "", "what stands in " + path + " is unknown");
+    }
+    return repaired;
+}

@@ -1,0 +1,33 @@
+/** The digests of an image: MD5 for the board's records, SHA-256 for trust. */
+#ifndef TOOL_DIGEST_H
+#define TOOL_DIGEST_H
+
+#include "board/openssl_handle.h"
+#include "velox_ota_hl.h"
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+/** Lower-case hexadecimal; a digest that was not asked for is empty. */
+struct Digests {
+    std::string md5;
+    std::string sha256;
+};
+
+class Digester {
+public:
+    enum class Kind { md5, sha256, both };
+
+    explicit Digester(Kind kind);
+    void add(std::span<const uint8_t> bytes);
+    /** Ends the message. */
+    Digests finish();
+
+private:
+    Kind kind_;
+    md5_state_t md5_{};
+    DigestContext sha256_; /* null when not asked for */
+};
+
+#endif

@@ -1,0 +1,114 @@
+#include "board/status_record.h"
+
+#include "board/device.h"
+#include "board/partition.h"
+#include "console/console.h"
+#include "format/antirollback_record.h"
+#include "format/status_record.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+namespace {
+
+constexpr char cannot_store[] = "cannot store the update status";
+
+/** A record as it is stored, and whether it is valid. */
+template <class Stored, class Record>
+Stored read_stored(uint64_t offset, format_answer (*check)(const Record&)) {
+    Stored stored{};
+    read_record(status_partition, offset, {reinterpret_cast<uint8_t*>(&stored.record), sizeof stored.record});
+    const format_answer answer = check(stored.record);
+    stored.is_valid = answer.state == format_state::valid;
+    stored.fault = answer.reason;
+    return stored;
+}
+
+} // namespace
+
+size_t listed_partitions(const ota_status_t& record) {
+    return std::min<size_t>(record.update_part.num, std::size(record.update_part.array));
+}
+
+std::string partition_name(const update_part_t& list, size_t i) {
+    return {list.array[i], strnlen(list.array[i], sizeof list.array[i])};
+}
+
+bool StoredStatus::is_cut() const {
+    return is_valid && (record.up == OTA_FLAG_BURN || record.up == OTA_FLAG_VERIFY);
+}
+
+bool StoredStatus::is_idle() const {
+    const ota_update_flag_e flags[] = {record.up,     record.up_system, record.up_backup, record.up_middleware,
+                                       record.up_app, record.up_param};
+    return is_valid && std::all_of(std::begin(flags), std::end(flags),
+                                   [](ota_update_flag_e flag) { return flag == OTA_FLAG_NORMAL; });
+}
+
+bool StoredVersions::is_missing() const {
+    return !is_valid || (record.sec_up_flag | record.nosec_up_flag | record.sec_ver | record.nosec_ver) == 0;
+}
+
+bool StoredVersions::holds(const antirollback_ver_t& other) const {
+    return is_valid && std::memcmp(&record, &other, offsetof(antirollback_ver_t, crc32_le)) == 0;
+}
+
+bool StoredStatus::lists_slot() const {
+    const auto& types = record.update_part.type;
+    const auto* end = types + listed_partitions(record);
+    return std::find(types, end, AB) != end;
+}
+
+bool StoredStatus::is_cut_in(int32_t slot) const {
+    return is_cut() && lists_slot() && record.next_slot == static_cast<uint32_t>(slot);
+}
+
+bool can_keep_status() {
+    return Device(existing_partition(status_partition)).is_straight(status_record_offset + sizeof(ota_status_t));
+}
+
+StoredStatus read_status() {
+    return read_stored<StoredStatus>(status_record_offset, check_status_record);
+}
+
+bool is_half_written(int32_t slot) {
+    try {
+        return read_status().is_cut_in(slot);
+    } catch (const Failure&) {
+        return false;
+    }
+}
+
+StoredVersions read_stored_versions() {
+    return read_stored<StoredVersions>(antirollback_record_offset, check_antirollback_record);
+}
+
+void write_status(ota_status_t& record) {
+    ota_file_info_t place = locate(status_partition);
+    require(ExitCode::device, cannot_store, [&] { return ota_write_to_veeprom_force(&record, &place); });
+    sync_partition(status_partition);
+}
+
+void store_versions(antirollback_ver_t record) {
+    constexpr char sentence[] = "cannot store the package's anti-rollback versions";
+    if (read_stored_versions().holds(record)) {
+        return;
+    }
+    require(ExitCode::device, sentence, [&] { return ota_set_anti_ver_veeprom(&record); });
+    sync_partition(status_partition);
+    if (!read_stored_versions().holds(record) && can_keep_status()) {
+        throw Failure(ExitCode::device, std::string(sentence) + ": " + status_partition + " did not keep them");
+    }
+}
+
+void set_status_flag(ota_update_flag_e flag) {
+    require(ExitCode::device, cannot_store, [&] { return ota_set_up_status(flag); });
+    sync_partition(status_partition);
+}
+
+void clear_status_flag() {
+    require(ExitCode::device, cannot_store, [&] { return ota_set_up_status(OTA_FLAG_NORMAL); });
+    require(ExitCode::device, cannot_store, [&] { return ota_set_owner(NORMAL_BOOT); });
+    sync_partition(status_partition);
+}

@@ -1,0 +1,66 @@
+/**
+ * The streams of the command. The library logs on the process's own standard streams, so the command
+ * takes those away from it at the start and keeps the real ones for itself: stdout carries results and
+ * nothing else, stderr the command's own sentences and progress.
+ */
+#ifndef TOOL_CONSOLE_H
+#define TOOL_CONSOLE_H
+
+#include "console/failure.h"
+
+#include <cstdio>
+#include <string>
+
+namespace console {
+
+/** Takes the standard streams over. Called once, before any call of the library. */
+void open();
+
+/** Lets the library's log lines through to stderr, from now on. */
+void be_verbose();
+
+/** From now on every line on stderr is one JSON object, but for a progress bar that was asked for. */
+void speak_json();
+bool speaks_json();
+
+/** Gives the standard streams back. @return false when results could not be written */
+bool close();
+
+/** Prints to stdout. A missing line end is added. */
+void print(const std::string& text);
+
+/** Prints a remark to stderr, behind the command's name. */
+void note(const std::string& sentence);
+
+/** Prints why the command ends. */
+void report(const Failure& failure);
+
+/** The stream for progress. */
+std::FILE* progress_stream();
+
+/** Passes the library's lines so far on to stderr, or drops them where nobody asked for them. */
+void pass_log_on();
+
+/** The same, and forgets the library's errors so far. */
+void forget_errors();
+
+/** The first error that the library logged since forget_errors(), else its first warning, behind ": "; or nothing. */
+std::string logged_cause();
+
+} // namespace console
+
+/**
+ * Makes one call of the library. A negative result ends the verb with `sentence` and the first error
+ * that the library logged for it.
+ */
+template <class Call>
+auto require(ExitCode code, const std::string& sentence, Call call) {
+    console::forget_errors();
+    const auto result = call();
+    if (result < 0) {
+        throw Failure(code, sentence + console::logged_cause());
+    }
+    return result;
+}
+
+#endif

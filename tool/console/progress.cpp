@@ -1,0 +1,212 @@
+#include "console/progress.h"
+
+#include "console/console.h"
+#include "console/json.h"
+#include "console/text.h"
+
+#include <algorithm>
+#include <cmath>
+#include <unistd.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto bar_interval = 100ms;
+constexpr auto line_interval = 3s;
+constexpr unsigned bar_width = 24;
+
+Progress::Clock::duration interval(ProgressMode mode) {
+    return mode == ProgressMode::plain ? Progress::Clock::duration(line_interval) : bar_interval;
+}
+
+std::string human_seconds(double seconds) {
+    const auto whole = static_cast<unsigned long>(std::ceil(seconds));
+    return whole < 60 ? format("%lu s", whole) : format("%lu:%02lu min", whole / 60, whole % 60);
+}
+
+std::string human_rate(double bytes_per_second) {
+    return human_bytes(static_cast<uint64_t>(bytes_per_second)) + "/s";
+}
+
+} // namespace
+
+ProgressMode default_progress_mode() {
+    const bool has_room_for_bar = !console::speaks_json() && isatty(fileno(console::progress_stream())) == 1;
+    return has_room_for_bar ? ProgressMode::bar : ProgressMode::plain;
+}
+
+std::optional<double> Progress::Work::rate() const {
+    return done > 0 && seconds > 0 ? std::optional(static_cast<double>(done) / seconds) : std::nullopt;
+}
+
+Progress::~Progress() {
+    if (visible_ && !finished_) {
+        std::fputs("\r\x1b[K", console::progress_stream());
+        std::fflush(console::progress_stream()); /* the result follows on another stream */
+    }
+}
+
+Progress::Work& Progress::find(std::string_view name) {
+    const auto found = std::find_if(works_.begin(), works_.end(), [&](const Work& work) { return work.name == name; });
+    if (found != works_.end()) {
+        return *found;
+    }
+    works_.push_back({std::string(name)});
+    return works_.back();
+}
+
+void Progress::expect(std::string_view work, uint64_t bytes) {
+    find(work).total += bytes;
+}
+
+void Progress::spare(std::string_view work, uint64_t bytes) {
+    Work& spared = find(work);
+    spared.total -= std::min(bytes, spared.total - spared.done);
+}
+
+/** The time since the last call goes to the work in hand. Syncing counts for the work before it. */
+void Progress::charge_time() {
+    const auto now = Clock::now();
+    if (charged_ < works_.size()) {
+        works_[charged_].seconds += std::chrono::duration<double>(now - since_).count();
+    }
+    since_ = now;
+}
+
+void Progress::begin(std::string_view phase, const std::string& subject) {
+    charge_time();
+    const auto found = std::find_if(works_.begin(), works_.end(), [&](const Work& work) { return work.name == phase; });
+    if (found != works_.end()) {
+        charged_ = static_cast<size_t>(found - works_.begin());
+    }
+    phase_ = phase;
+    subject_ = printable(subject);
+    if (mode_ != ProgressMode::plain) {
+        show();
+    }
+}
+
+void Progress::advance(std::string_view work, uint64_t bytes) {
+    Work& advanced = find(work);
+    advanced.done += std::min(bytes, advanced.total - advanced.done);
+    tick();
+}
+
+void Progress::tick() {
+    charge_time();
+    if (Clock::now() - shown_ >= interval(mode_)) {
+        show();
+    }
+}
+
+uint64_t Progress::done() const {
+    uint64_t sum = 0;
+    for (const Work& work : works_) {
+        sum += work.done;
+    }
+    return sum;
+}
+
+uint64_t Progress::total() const {
+    uint64_t sum = 0;
+    for (const Work& work : works_) {
+        sum += work.total;
+    }
+    return sum;
+}
+
+unsigned Progress::percent() const {
+    if (finished_) {
+        return 100;
+    }
+    const uint64_t all = total();
+    return all == 0 ? 0 : static_cast<unsigned>(std::min<uint64_t>(99, done() * 100 / all));
+}
+
+/** From the rate of each kind of work; a kind that has not begun is taken for as fast as the others. */
+std::optional<double> Progress::seconds_left() const {
+    Work all;
+    for (const Work& work : works_) {
+        all.done += work.done;
+        all.seconds += work.seconds;
+    }
+    if (!all.rate()) {
+        return std::nullopt;
+    }
+    double left = 0;
+    for (const Work& work : works_) {
+        left += static_cast<double>(work.total - work.done) / work.rate().value_or(*all.rate());
+    }
+    return left;
+}
+
+void Progress::finish() {
+    finished_ = true;
+    phase_ = "done";
+    subject_.clear();
+    if (mode_ == ProgressMode::bar && visible_) {
+        show();
+        std::fputc('\n', console::progress_stream());
+    } else if (mode_ == ProgressMode::json) {
+        show();
+    }
+}
+
+void Progress::show() {
+    shown_ = Clock::now();
+    switch (mode_) {
+    case ProgressMode::none:
+        return;
+    case ProgressMode::bar:
+        show_bar();
+        break;
+    case ProgressMode::plain:
+        console::speaks_json() ? show_json() : show_line();
+        break;
+    case ProgressMode::json:
+        show_json();
+        break;
+    }
+    std::fflush(console::progress_stream());
+    visible_ = mode_ == ProgressMode::bar;
+}
+
+void Progress::show_bar() const {
+    const unsigned filled = bar_width * percent() / 100;
+    std::string tail;
+    if (!finished_ && charged_ < works_.size() && works_[charged_].rate()) {
+        tail = "  " + human_rate(*works_[charged_].rate());
+    }
+    if (const auto left = seconds_left(); !finished_ && left) {
+        tail += "  " + human_seconds(*left) + " left";
+    }
+    std::fprintf(console::progress_stream(), "\r\x1b[K[%s%s] %3u %%  %s %.24s%s", std::string(filled, '#').c_str(),
+                 std::string(bar_width - filled, ' ').c_str(), percent(), phase_.c_str(), subject_.c_str(),
+                 tail.c_str());
+}
+
+void Progress::show_line() const {
+    std::string line = format("%u %%, %s %s", percent(), phase_.c_str(), subject_.c_str());
+    if (charged_ < works_.size() && works_[charged_].rate()) {
+        line += ", " + human_rate(*works_[charged_].rate());
+    }
+    if (const auto left = seconds_left()) {
+        line += ", " + human_seconds(*left) + " left";
+    }
+    std::fprintf(console::progress_stream(), "%s\n", line.c_str());
+}
+
+void Progress::show_json() const {
+    Json line = {{"percent", percent()}, {"phase", phase_}, {"done", done()}, {"total", total()}};
+    if (!subject_.empty()) {
+        line["subject"] = subject_;
+    }
+    if (charged_ < works_.size() && works_[charged_].rate()) {
+        line["bytes_per_second"] = std::llround(*works_[charged_].rate());
+    }
+    if (const auto left = seconds_left()) {
+        line["seconds_left"] = std::llround(std::ceil(*left));
+    }
+    std::fprintf(console::progress_stream(), "%s\n", to_text(Json{{"progress", line}}).c_str());
+}

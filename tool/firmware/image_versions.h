@@ -1,0 +1,61 @@
+/** The anti-rollback versions that images show, and what they mean against the board's counters. */
+#ifndef TOOL_IMAGE_VERSIONS_H
+#define TOOL_IMAGE_VERSIONS_H
+
+#include "antirollback_verdict.h"
+#include "package/description.h"
+#include "package/package.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+using FirmwareKind = firmware_kind;
+using Counters = antirollback_counters;
+
+const char* firmware_name(FirmwareKind kind);
+
+/** Firmware packages are read whole into memory; larger ones are refused. */
+inline constexpr uint64_t firmware_limit = uint64_t{64} << 20;
+
+struct ImageVersion {
+    std::string partition;
+    FirmwareKind kind;
+    std::optional<uint64_t> version;
+    std::string problem; /* why there is no version */
+};
+
+/**
+ * The one version that an image shows, 64 bits wide in a verified-boot image. Throws with the library's
+ * reason when there is none.
+ */
+uint64_t read_image_version(FirmwareKind kind, const std::string& path);
+
+/** The same of a temporary copy, into `result`: a problem is described under the image's own name. */
+void read_image_version(FirmwareKind kind, const std::string& path, const std::string& name, ImageVersion& result);
+
+/** The versions of all firmware images of a package that are described as having one, in the description's order. */
+std::vector<ImageVersion> read_image_versions(const Package& package, const Description& description);
+
+/** The counters in the board's fuses. */
+Counters read_counters();
+
+/** The verdict over images, in words too. */
+struct VersionCheck {
+    antirollback_verdict verdict;
+    std::string refusal; /* the first reason, in one sentence; empty when the images pass */
+};
+
+/** Without counters, off the board, images only have to agree with each other. */
+VersionCheck compare_versions(const std::vector<ImageVersion>& versions, const std::optional<Counters>& counters);
+
+/**
+ * Throws Failure for a package that the library would refuse, in better words. Touches nothing.
+ * @return the record for burning the fuses later, to be stored once the package is installed; nothing for a
+ *         package without versions
+ */
+std::optional<antirollback_ver_t> check_versions(const Package& package, const Description& description);
+
+#endif

@@ -1,0 +1,272 @@
+#include "install/install_plan.h"
+
+#include "board/names.h"
+#include "board/partition.h"
+#include "board/slot_block.h"
+#include "board/status_record.h"
+#include "board/version_file.h"
+#include "console/console.h"
+#include "console/interrupt.h"
+#include "console/text.h"
+#include "package/board_identity.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+
+namespace {
+
+std::string device_path(const Image& image) {
+    char untouched[sizeof ota_file_info_t::path];
+    char path[sizeof ota_file_info_t::path];
+    require(ExitCode::device, "cannot tell where " + image.name + " goes",
+            [&] { return get_part_device_name(image.name.c_str(), untouched, path, image.type); });
+    return path;
+}
+
+void open_device(Target& target) {
+    const std::string& name = target.image.name;
+    if (!std::filesystem::exists(target.device)) {
+        throw Failure(ExitCode::refused, "the board has no partition " + target.partition(), "tessera partitions");
+    }
+    target.opened = std::make_unique<const Device>(target.device);
+    const Device& device = *target.opened;
+    const bool wants_flash = target.image.medium != OTA_EMMC;
+    if (device.is_flash() != wants_flash) {
+        throw Failure(ExitCode::refused, name + " is described as lying on " + medium_names.word(target.image.medium) +
+                                             ", and " + target.device + " does not");
+    }
+    if (target.size > device.capacity()) {
+        throw Failure(ExitCode::refused, target.image.file + " has " + human_bytes(target.size) + ", and " +
+                                             target.partition() + " has room for " + human_bytes(device.capacity()));
+    }
+}
+
+Target make_target(const Package& package, const Image& image, const InstallOptions& options) {
+    const bool read_first = options.dry_run || image.has_version || !image.is_ab();
+    Target target{image, package.at(image.file).size, device_path(image), read_first};
+    open_device(target);
+    return target;
+}
+
+/** The version of the running system; empty when the board has no file that tells. */
+std::string read_installed_version(const InstallOptions& options) {
+    std::error_code ignored; /* a file that cannot be looked up is no file that is not there */
+    const auto type = std::filesystem::status(options.version_file, ignored).type();
+    if (!options.version_file_named && type == std::filesystem::file_type::not_found) {
+        return "";
+    }
+    try {
+        return read_version_file(options.version_file);
+    } catch (const Failure& failure) {
+        if (options.allow_downgrade) {
+            return "";
+        }
+        throw Failure(ExitCode::failed, std::string("cannot tell the installed version: ") + failure.what(),
+                      "--allow-downgrade installs without comparing");
+    }
+}
+
+void judge_version(const Plan& plan, bool allow_downgrade) {
+    const std::string& offered = plan.description.version;
+    if (allow_downgrade || plan.installed_version.empty()) {
+        return;
+    }
+    if (compare_sys_versions(offered.c_str(), plan.installed_version.c_str()) == 1) {
+        throw Failure(ExitCode::refused,
+                      "version " + offered + " is older than the installed " + plan.installed_version,
+                      "--allow-downgrade installs it all the same");
+    }
+}
+
+/** Whether the device holds the image. Stops at the first difference. `done` counts the bytes compared. */
+bool holds_image(const Target& target, const Package& package, uint64_t& done, Progress& progress) {
+    const Device& device = *target.opened;
+    device.sync(); /* what a killed run left in the page cache is no proof */
+    const auto lost = device.uncorrectable_reads();
+    Digester digester(target.image.strongest_digest());
+    std::vector<uint8_t> held;
+    const bool is_equal = package.read(package.at(target.image.file), [&](std::span<const uint8_t> piece) {
+        stop_if_interrupted();
+        held.resize(piece.size());
+        device.read(done, held);
+        done += piece.size();
+        progress.advance("compare", piece.size());
+        digester.add(held);
+        return std::memcmp(held.data(), piece.data(), piece.size()) == 0;
+    });
+    if (is_equal && !target.image.matches(digester.finish())) {
+        throw wrong_digest(target.image);
+    }
+    return is_equal && !device.lost_reads_since(lost);
+}
+
+/** An update needs two slots, the running one and its neighbour: a and b, or c and d. */
+void check_update_slot(const SlotBlock& block) {
+    const int32_t running = running_slot();
+    for (const int32_t slot : {running, running ^ 1}) {
+        if (block.find(slot) == nullptr) {
+            throw Failure(ExitCode::failed,
+                          "slot " + slot_letter(running) + " is running, and the slot block has no slot " +
+                              slot_letter(slot),
+                          "tessera slots");
+        }
+    }
+}
+
+/** How the slot that is not written becomes a confirmed one. Where no slot's system runs, one has to boot first. */
+std::string how_to_confirm(const SlotBlock& block, const Plan& plan, int32_t kept) {
+    const Slot* slot = block.find(kept);
+    if (plan.running == kept && slot != nullptr && !slot->corrupted) {
+        return "tessera confirm";
+    }
+    if (plan.running) {
+        return "if this system is sound, tessera slots set-next " + slot_letter(*plan.running) +
+               ", then tessera confirm";
+    }
+    const int32_t bootable = slot != nullptr && slot->is_bootable() ? kept : *plan.slot;
+    return "boot slot " + slot_letter(bootable) + " and run tessera confirm there";
+}
+
+/** The running slot, which is on trial then, is made the next one only where something has put another before it. */
+bool needs_switch(const SlotBlock& block, int32_t slot, std::optional<int32_t> running) {
+    return slot != running || !block.has_highest_priority(slot) || block.find(slot)->corrupted;
+}
+
+bool stands_already(const Target& target, const Package& package, Progress& progress) {
+    uint64_t compared = 0;
+    bool is_equal = false;
+    try {
+        is_equal = holds_image(target, package, compared, progress);
+    } catch (const Failure& failure) {
+        /* A flash that cannot be read where it was never written has still to be written. */
+        if (failure.code != ExitCode::device) {
+            throw;
+        }
+    }
+    progress.spare("compare", target.size - compared);
+    return is_equal;
+}
+
+} // namespace
+
+std::string Target::partition() const {
+    return std::filesystem::path(device).filename();
+}
+
+bool Plan::writes(bool ab) const {
+    return std::any_of(targets.begin(), targets.end(),
+                       [&](const Target& target) { return target.image.is_ab() == ab && !target.stands; });
+}
+
+Plan begin_plan(const Package& package, const InstallOptions& options) {
+    Plan plan;
+    plan.description = read_description(package, options.trust, plan.signer);
+    check_board_name(plan.description, options.board);
+    judge_images(package, plan.description, !options.trust.file.empty());
+    plan.installed_version = read_installed_version(options);
+    judge_version(plan, options.allow_downgrade);
+    return plan;
+}
+
+void add_targets(Plan& plan, const Package& package, const InstallOptions& options) {
+    const std::vector<Image>& images = plan.description.images;
+    if (std::any_of(images.begin(), images.end(), [](const Image& image) { return image.is_ab(); })) {
+        check_update_slot(require_slot_block());
+    }
+    for (const Image& image : images) {
+        plan.targets.push_back(make_target(package, image, options));
+    }
+    std::stable_partition(plan.targets.begin(), plan.targets.end(),
+                          [](const Target& target) { return target.image.is_ab(); });
+    if (plan.targets.front().image.is_ab()) {
+        const int32_t running = running_slot();
+        plan.running = get_boot_mode() == RECOVERY_MODE ? std::nullopt : std::optional(running);
+        plan.slot = require(ExitCode::device, "cannot tell the update slot", [] { return ota_get_update_slot(); });
+        plan.switches = needs_switch(require_slot_block(), *plan.slot, plan.running);
+    }
+}
+
+void announce(const Plan& plan, const InstallOptions& options, Progress& progress) {
+    for (const Target& target : plan.targets) {
+        const uint64_t written = options.dry_run ? 0 : target.size;
+        progress.expect("compare", options.force ? 0 : target.size);
+        progress.expect("check", target.read_first ? target.size : 0);
+        progress.expect("write", written);
+        progress.expect("verify", written);
+    }
+}
+
+void survey(Plan& plan, const Package& package, Progress& progress) {
+    for (Target& target : plan.targets) {
+        progress.begin("compare", target.partition());
+        target.stands = stands_already(target, package, progress);
+        if (target.stands) {
+            progress.spare("check", target.read_first ? target.size : 0);
+            progress.spare("write", target.size);
+            progress.spare("verify", target.size);
+        }
+    }
+}
+
+void check_images(const Plan& plan, const Package& package, Progress& progress) {
+    for (const Target& target : plan.targets) {
+        if (!target.read_first || target.stands) {
+            continue;
+        }
+        if (!target.image.matches(digest_entry(package, target.image, target.image.strongest_digest(), progress))) {
+            throw wrong_digest(target.image);
+        }
+    }
+}
+
+std::string left_behind(const Plan& plan, const ota_status_t& record) {
+    for (size_t i = 0; i < listed_partitions(record); ++i) {
+        std::string name = partition_name(record.update_part, i);
+        if (std::none_of(plan.targets.begin(), plan.targets.end(),
+                         [&](const Target& target) { return target.image.name == name; })) {
+            return name;
+        }
+    }
+    return "";
+}
+
+void judge_record(Plan& plan) {
+    const StoredStatus stored = read_status();
+    plan.record_is_valid = stored.is_valid;
+    if (!stored.is_cut()) {
+        return;
+    }
+    if (std::string name = left_behind(plan, stored.record); !name.empty()) {
+        throw Failure(ExitCode::failed,
+                      "an earlier installation has not ended, and this package has no image for its partition " + name,
+                      "install one that has; tessera status shows the record");
+    }
+}
+
+bool is_done(const Plan& plan) {
+    return !plan.writes(true) && !plan.writes(false) &&
+           (!plan.switches || read_slot_block().is_alone_in_front(*plan.slot));
+}
+
+void judge_slots(const Plan& plan) {
+    if (!plan.slot || is_done(plan)) {
+        return;
+    }
+    if (plan.slot == plan.running && plan.writes(true)) {
+        throw Failure(ExitCode::failed,
+                      "slot " + slot_letter(*plan.slot) + " is the one to write, and it is running on trial",
+                      "tessera confirm keeps this system, tessera rollback goes back if it can; then install");
+    }
+    const SlotBlock block = read_slot_block();
+    const int32_t kept = *plan.slot ^ 1;
+    const Slot* slot = block.find(kept);
+    const bool is_confirmed = slot != nullptr && slot->is_confirmed();
+    const bool has_nothing_to_lose = !plan.running && !block.has_bootable_slot();
+    if (!is_confirmed && !has_nothing_to_lose) {
+        throw Failure(ExitCode::failed,
+                      "slot " + slot_letter(kept) + " is not confirmed, so slot " + slot_letter(*plan.slot) +
+                          " cannot be updated",
+                      how_to_confirm(block, plan, kept));
+    }
+}

@@ -1,0 +1,257 @@
+#include "package/description.h"
+
+#include "board/names.h"
+#include "console/failure.h"
+#include "console/text.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <initializer_list>
+#include <set>
+
+namespace {
+
+constexpr size_t max_images = std::size(decltype(update_info_t::partition_info){});
+constexpr size_t max_boards = 16;
+constexpr size_t longest_board = 127;
+constexpr size_t md5_digits = 32;
+constexpr size_t sha256_digits = 64;
+
+Failure refusal(const std::string& sentence) {
+    return {ExitCode::refused, std::string(description_entry) + ": " + sentence};
+}
+
+/** ASCII, whatever the locale. */
+bool is_board_name(const Json& name) {
+    const auto is_printable = [](char c) { return c >= '!' && c <= '~'; };
+    return name.is_string() && !name.text().empty() && name.text().size() <= longest_board &&
+           std::ranges::all_of(name.text(), is_printable);
+}
+
+/** Takes fields out of a JSON object, and knows in the end which of them nobody asked for. */
+class Fields {
+public:
+    Fields(const Json& object, std::string where) : object_(object), where_(std::move(where)) {
+        if (!object_.is_object()) {
+            throw refusal(where_ + "must be an object");
+        }
+    }
+
+    [[nodiscard]] Failure wrong(const std::string& field, const std::string& what) const {
+        return refusal(where_ + "\"" + field + "\" " + what);
+    }
+
+    const Json* optional(const std::string& field) {
+        taken_.insert(field);
+        return object_.find(field);
+    }
+
+    const Json& required(const std::string& field) {
+        const Json* value = optional(field);
+        if (value == nullptr) {
+            throw wrong(field, "is missing");
+        }
+        return *value;
+    }
+
+    /** A text that fits an array of `room` bytes with its NUL. */
+    std::string text(const std::string& field, size_t room) {
+        const Json& value = required(field);
+        if (!value.is_string() || value.text().empty()) {
+            throw wrong(field, "must be a text");
+        }
+        const std::string& text = value.text();
+        if (text.size() >= room || text.find('\0') != std::string::npos) {
+            throw wrong(field, format("must be shorter than %zu bytes", room));
+        }
+        return text;
+    }
+
+    int32_t choice(const std::string& field, const Names& names) {
+        const auto value = names.value(text(field, 32));
+        if (!value) {
+            throw wrong(field, "must be " + names.choices());
+        }
+        return *value;
+    }
+
+    /** Hexadecimal digits; empty when the field may be missing and is. */
+    std::string digest(const std::string& field, size_t digits, bool may_be_missing) {
+        if (may_be_missing && optional(field) == nullptr) {
+            return {};
+        }
+        std::string text = this->text(field, 128);
+        const auto is_digit = [](unsigned char c) { return std::isxdigit(c) != 0; };
+        if (text.size() != digits || !std::all_of(text.begin(), text.end(), is_digit)) {
+            throw wrong(field, format("must be %zu hexadecimal digits", digits));
+        }
+        std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+        return text;
+    }
+
+    bool flag(const std::string& field) {
+        const Json* value = optional(field);
+        if (value != nullptr && !value->is_boolean()) {
+            throw wrong(field, "must be true or false");
+        }
+        return value != nullptr && value->flag();
+    }
+
+    std::optional<uint64_t> size(const std::string& field) {
+        const Json* value = optional(field);
+        if (value == nullptr) {
+            return std::nullopt;
+        }
+        if (!value->is_number_unsigned() || value->number() == 0) {
+            throw wrong(field, "must be a number of bytes above 0");
+        }
+        return value->number();
+    }
+
+    int32_t zero_or_one(const std::string& field) {
+        const Json* value = optional(field);
+        if (value != nullptr && (!value->is_number_unsigned() || value->number() > 1)) {
+            throw wrong(field, "must be 0 or 1");
+        }
+        return value == nullptr ? 0 : static_cast<int32_t>(value->number());
+    }
+
+    /** Names of boards; empty when the field is missing. */
+    std::vector<std::string> boards(const std::string& field) {
+        const Json* value = optional(field);
+        if (value == nullptr) {
+            return {};
+        }
+        if (!value->is_array() || value->empty() || value->size() > max_boards) {
+            throw wrong(field, format("must be a list of 1 to %zu names", max_boards));
+        }
+        std::vector<std::string> names;
+        names.reserve(value->size());
+        for (const Json& name : *value) {
+            if (!is_board_name(name)) {
+                throw wrong(field,
+                            format("must hold names of 1 to %zu printable characters without blanks", longest_board));
+            }
+            names.push_back(name.text());
+        }
+        return names;
+    }
+
+    void refuse_others() const {
+        for (const Json::Field& field : object_.fields()) {
+            if (!taken_.contains(field.key)) {
+                throw wrong(field.key, "is not a known field");
+            }
+        }
+    }
+
+private:
+    const Json& object_;
+    std::string where_;
+    std::set<std::string> taken_;
+};
+
+/** Partitions that an update relies on while it runs, or that hold all others. */
+constexpr std::array untouchable = {"misc", "ubootenv", "blk"};
+
+void judge_name(const Fields& fields, const Image& image) {
+    if (image.name.find('/') != std::string::npos || image.name.starts_with('.')) {
+        throw fields.wrong("name", "must be the name of a partition");
+    }
+    if (image.name.ends_with("_a") || image.name.ends_with("_b") || image.name.ends_with("_c")) {
+        throw fields.wrong("name", "must not carry a slot suffix: the type ab chooses the slot");
+    }
+    if (std::find(untouchable.begin(), untouchable.end(), image.name) != untouchable.end()) {
+        throw fields.wrong("name", "must not be " + image.name + ", which an update relies on");
+    }
+}
+
+void judge_file(const Fields& fields, const Image& image) {
+    const std::string around = "/" + image.file + "/";
+    if (image.file.starts_with('/') || around.find("/../") != std::string::npos || image.file.ends_with('/')) {
+        throw fields.wrong("file", "must be the name of a file in the package");
+    }
+    if (image.file == description_entry || is_signature_name(image.file)) {
+        throw fields.wrong("file", "must not be " + image.file);
+    }
+}
+
+Image parse_image(const Json& json, size_t index, bool draft) {
+    std::string where = format("partition %zu: ", index + 1);
+    if (const Json* name = json.find("name"); name != nullptr && name->is_string()) {
+        where = "partition " + name->text() + ": ";
+    }
+    Fields fields(json, where);
+    Image image{};
+    image.name = fields.text("name", sizeof partition_info_t::part_name);
+    image.file = fields.text("file", sizeof partition_info_t::part_file);
+    image.medium = static_cast<ota_medium_e>(fields.choice("medium", described_medium_names));
+    image.type = static_cast<ota_part_type_e>(fields.choice("type", type_names));
+    (void)fields.choice("method", method_names);
+    image.digests.md5 = fields.digest("md5", md5_digits, draft);
+    image.digests.sha256 = fields.digest("sha256", sha256_digits, true);
+    image.size = fields.size("size");
+    image.has_version = fields.flag("anti_rollback");
+    fields.refuse_others();
+    judge_name(fields, image);
+    judge_file(fields, image);
+    return image;
+}
+
+void refuse_repeated_names(const std::vector<Image>& images) {
+    std::set<std::string> names;
+    for (const Image& image : images) {
+        if (!names.insert(image.name).second) {
+            throw refusal("partition " + image.name + " is described twice");
+        }
+    }
+}
+
+void judge_version(const Fields& fields, const std::string& version) {
+    const bool is_plain =
+        std::none_of(version.begin(), version.end(), [](unsigned char c) { return std::isgraph(c) == 0; });
+    if (!is_plain || version[0] != 'V') {
+        throw fields.wrong("version", "must begin with a V and hold no blanks, as V1.2.0_20240101");
+    }
+}
+
+} // namespace
+
+std::string signature_name(size_t index) {
+    return description_entry + (index == 0 ? "" : "." + std::to_string(index + 1)) + ".p7s";
+}
+
+bool is_signature_name(const std::string& name) {
+    size_t index = 0;
+    while (index < signature_count && signature_name(index) != name) {
+        ++index;
+    }
+    return index < signature_count;
+}
+
+bool Image::matches(const Digests& found) const {
+    const bool has_strongest = !(digests.sha256.empty() ? found.md5 : found.sha256).empty();
+    return has_strongest && (found.md5.empty() || digests.md5 == found.md5) &&
+           (found.sha256.empty() || digests.sha256 == found.sha256);
+}
+
+Description parse_description(const Json& json, bool draft) {
+    Fields fields(json, "");
+    Description description{};
+    description.version = fields.text("version", 128);
+    judge_version(fields, description.version);
+    const Json& partitions = fields.required("partitions");
+    if (!partitions.is_array() || partitions.empty() || partitions.size() > max_images) {
+        throw fields.wrong("partitions", format("must be a list of 1 to %zu partitions", max_images));
+    }
+    description.boards = fields.boards("boards");
+    description.sec_up_flag = fields.zero_or_one("sec_up_flag");
+    description.nosec_up_flag = fields.zero_or_one("nosec_up_flag");
+    fields.refuse_others();
+    for (size_t i = 0; i < partitions.size(); ++i) {
+        description.images.push_back(parse_image(partitions[i], i, draft));
+    }
+    refuse_repeated_names(description.images);
+    return description;
+}

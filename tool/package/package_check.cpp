@@ -1,0 +1,137 @@
+#include "package/package_check.h"
+
+#include "console/interrupt.h"
+#include "console/json.h"
+#include "console/text.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <set>
+
+namespace {
+
+constexpr size_t signature_limit = size_t{64} << 10;
+constexpr uint64_t largest_image = 0xFFFFFFFE; /* what the library can take out of a package */
+
+} // namespace
+
+void check_trust_options(const TrustOptions& trust) {
+    if (trust.file.empty() && std::getenv("TESSERA_TRUST") != nullptr) {
+        throw Failure(ExitCode::usage, "TESSERA_TRUST names no file", "unset it, or have it name the trusted ones");
+    }
+}
+
+std::vector<Signer> check_signers(const Package& package, const std::string& text, const Trust* trust) {
+    std::vector<Signer> signers;
+    for (size_t i = 0; i < signature_count; ++i) {
+        const std::string name = signature_name(i);
+        if (package.has(name)) {
+            const auto found = check_signature(text, package.text(name, signature_limit), trust);
+            signers.insert(signers.end(), found.begin(), found.end());
+        }
+    }
+    return signers;
+}
+
+const Signer* find_accepted(const std::vector<Signer>& signers) {
+    const auto found = std::ranges::find_if(signers, [](const Signer& signer) { return !signer.problem; });
+    return found != signers.end() ? &*found : nullptr;
+}
+
+Failure untrusted(const std::vector<Signer>& signers) {
+    std::string causes;
+    std::string hint;
+    for (const Signer& signer : signers) {
+        if (!signer.problem) {
+            continue;
+        }
+        causes += (causes.empty() ? "signer " : "; signer ") + signer.name + ": " + signer.problem->cause;
+        hint = hint.empty() ? signer.problem->hint : hint;
+    }
+    return {ExitCode::refused, signers.empty() ? "the package is not signed" : "the package is not trusted: " + causes,
+            hint};
+}
+
+Description read_description(const Package& package, const TrustOptions& trust, std::string& signer) {
+    check_trust_options(trust);
+    const std::string text = package.text(description_entry, description_limit);
+    if (!trust.file.empty()) {
+        const Trust authorities(trust);
+        const auto signers = check_signers(package, text, &authorities);
+        const Signer* accepted = find_accepted(signers);
+        if (accepted == nullptr) {
+            throw untrusted(signers);
+        }
+        signer = accepted->name;
+    }
+    return parse_description(parse_json(text, description_entry));
+}
+
+/**
+ * The library looks entries up by the C string of their name: behind a null character a second entry could
+ * hide, and the one that is written would not be the one that was judged.
+ */
+void check_names(const Package& package) {
+    std::set<std::string_view> names;
+    for (const Entry& entry : package.entries()) {
+        if (entry.name.find('\0') != std::string::npos) {
+            throw Failure(ExitCode::refused, std::string("the name of the entry ") + entry.name.c_str() +
+                                                 " goes on behind a null character");
+        }
+        if (!names.insert(entry.name).second) {
+            throw Failure(ExitCode::refused, "the package has more than one entry " + entry.name);
+        }
+    }
+}
+
+void check_image(const Package& package, const Image& image, bool is_signed) {
+    const Entry& entry = package.at(image.file);
+    if (entry.kind != zip_kind::file || entry.size == 0) {
+        throw Failure(ExitCode::refused, image.file + " is empty or not a regular file");
+    }
+    if (entry.size > largest_image) {
+        throw Failure(ExitCode::refused,
+                      image.file + " of " + human_bytes(entry.size) + " is too large to be unpacked");
+    }
+    if (image.size.value_or(entry.size) != entry.size) {
+        throw Failure(ExitCode::refused, format("%s has %llu bytes, and the description says %llu", image.file.c_str(),
+                                                static_cast<unsigned long long>(entry.size),
+                                                static_cast<unsigned long long>(*image.size)));
+    }
+    if (is_signed && image.digests.sha256.empty()) {
+        throw Failure(ExitCode::refused,
+                      "the description gives no SHA-256 of " + image.file + ", so the signature does not cover it");
+    }
+}
+
+void judge_images(const Package& package, const Description& description, bool is_signed) {
+    check_names(package);
+    for (const Image& image : description.images) {
+        check_image(package, image, is_signed);
+    }
+}
+
+void read_through(const Package& package, const Entry& entry, Progress& progress) {
+    progress.begin("check", entry.name);
+    package.read(entry, [&](std::span<const uint8_t> piece) {
+        stop_if_interrupted();
+        progress.advance("check", piece.size());
+        return true;
+    });
+}
+
+Failure wrong_digest(const Image& image) {
+    return {ExitCode::refused, image.file + ": digest mismatch"};
+}
+
+Digests digest_entry(const Package& package, const Image& image, Digester::Kind kind, Progress& progress) {
+    Digester digester(kind);
+    progress.begin("check", image.file);
+    package.read(package.at(image.file), [&](std::span<const uint8_t> piece) {
+        stop_if_interrupted();
+        digester.add(piece);
+        progress.advance("check", piece.size());
+        return true;
+    });
+    return digester.finish();
+}

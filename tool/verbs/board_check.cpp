@@ -1,0 +1,246 @@
+#include "verbs/board_check.h"
+
+#include "board/device.h"
+#include "board/names.h"
+#include "board/partition.h"
+#include "board/slot_block.h"
+#include "console/console.h"
+#include "console/text.h"
+#include "format/antirollback_record.h"
+#include "format/flash_command.h"
+#include "format/slot_block.h"
+#include "install/update_lock.h"
+#include "velox_ota_hl.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <dlfcn.h>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint64_t misc_size = slot_block_offset + sizeof(bootloader_control);
+constexpr uint64_t ubootenv_size = antirollback_record_offset + sizeof(antirollback_ver_t); /* its last record */
+constexpr char staging_directory[] = "/userdata/ota/unzip_dir";
+
+BoardItem number_item(const char* name, int32_t value, const std::string& word, const char* mend) {
+    return {name, value >= 0, value >= 0 ? word : "the kernel command line does not tell", mend};
+}
+
+/** A system on trial may be another one at the next boot. */
+std::string trial_addition() {
+    try {
+        const SlotBlock block = read_slot_block();
+        const Slot* trial = running_trial(block);
+        return trial != nullptr ? "; " + trial_remark(*trial) : "";
+    } catch (const Failure&) {
+        return ""; /* the item of its partition says more */
+    }
+}
+
+std::vector<BoardItem> check_command_line() {
+    const int32_t medium = get_boot_medium();
+    const int32_t mode = get_boot_mode();
+    const int32_t slot = ota_get_cur_slot();
+    return {number_item("boot medium", medium, medium_names.word(medium),
+                        "have the bootloader put veloxboot.medium=MMC, nand or nor on the kernel command line"),
+            number_item("boot mode", mode, mode_names.word(mode),
+                        "have the bootloader put veloxboot.mode=normal or recovery on the kernel command line"),
+            number_item("running slot", slot, slot_letter(slot) + trial_addition(),
+                        "have the bootloader put veloxboot.slot_suffix=_a, _b or _c into the first 1023 bytes of the "
+                        "kernel command line")};
+}
+
+std::set<std::string> partition_names() {
+    std::set<std::string> names;
+    std::error_code error;
+    for (fs::directory_iterator entry(partition_directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        names.insert(entry->path().filename());
+    }
+    return names;
+}
+
+/** An item over many names: it is there when none of them is wrong. */
+BoardItem list_item(const char* name, const std::vector<std::string>& wrong, const std::string& found,
+                    const std::string& mend) {
+    std::string all;
+    for (const std::string& one : wrong) {
+        all += (all.empty() ? "" : ", ") + one;
+    }
+    return {name, wrong.empty(), wrong.empty() ? found : all, mend};
+}
+
+/** Every A/B partition is there for both slots. */
+BoardItem check_slots(const std::set<std::string>& names) {
+    std::vector<std::string> missing;
+    size_t pairs = 0;
+    for (const std::string& name : names) {
+        if (!name.ends_with("_a") && !name.ends_with("_b")) {
+            continue;
+        }
+        std::string other = name;
+        other.back() = name.back() == 'a' ? 'b' : 'a';
+        if (!names.contains(other)) {
+            missing.push_back("no " + other);
+        }
+        ++pairs;
+    }
+    if (pairs == 0) {
+        missing.emplace_back("no partition has a slot suffix");
+    }
+    return list_item("both slots", missing, format("%zu pairs", pairs / 2),
+                     "each A/B partition stands there twice, as name_a and name_b");
+}
+
+BoardItem check_room(const std::string& name, uint64_t need) {
+    const std::string mend =
+        format("supply a partition %s of at least %llu bytes", name.c_str(), static_cast<unsigned long long>(need));
+    try {
+        const Device device(partition_path(name));
+        if (!device.is_straight(need)) {
+            return {"partition " + name, false, "a bad block lies in front of the end of its records",
+                    "let the partition begin with good blocks: records are written past bad ones and read at a fixed "
+                    "place"};
+        }
+        return {"partition " + name, device.capacity() >= need, human_bytes(device.capacity()), mend};
+    } catch (const Failure& failure) {
+        return {"partition " + name, false, failure.what(), mend};
+    }
+}
+
+/** What is wrong with a node of the flash, if anything. */
+std::string flash_complaint(const std::string& name) {
+    const std::string path = partition_path(name);
+    std::error_code error;
+    const std::string target = fs::read_symlink(path, error).string();
+    const bool is_mtd = target.find("mtd") != std::string::npos;
+    if (!is_mtd && target.find("ubi") == std::string::npos) {
+        return name + " is no link to a name with mtd or ubi in it";
+    }
+    try {
+        const DeviceKind kind = Device(path).kind();
+        return kind == (is_mtd ? DeviceKind::mtd : DeviceKind::ubi) ? "" : name + " does not answer";
+    } catch (const Failure& failure) {
+        return failure.what();
+    }
+}
+
+BoardItem check_flash(const std::set<std::string>& names) {
+    std::vector<std::string> wrong;
+    for (const std::string& name : names) {
+        if (const std::string complaint = flash_complaint(name); !complaint.empty()) {
+            wrong.push_back(complaint);
+        }
+    }
+    return list_item("flash devices", wrong, format("%zu answer", names.size()),
+                     "each partition is a link to an MTD node, which answers MEMGETINFO, or to a UBI volume, which "
+                     "answers UBI_IOCVOLINFO (0x800C4F09)");
+}
+
+/** The file that the loader took a symbol from; empty when nothing has it. */
+std::string origin(const char* symbol) {
+    Dl_info info{};
+    void* const address = dlsym(RTLD_DEFAULT, symbol);
+    return address != nullptr && dladdr(address, &info) != 0 ? info.dli_fname : "";
+}
+
+/** Each of the desktop's libraries has a symbol that says so, and no board's library has it. */
+bool is_stand_in(const std::string& file) {
+    void* const library = file.empty() ? nullptr : dlopen(file.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+    if (library == nullptr) {
+        return false;
+    }
+    const bool says_so = dlsym(library, "tessera_stand_in") != nullptr;
+    (void)dlclose(library);
+    return says_so;
+}
+
+BoardItem check_log_library() {
+    const std::string file = origin("__android_log_print");
+    return {"log library", !file.empty(), file.empty() ? "nothing has __android_log_print" : file,
+            "install the board's liblog.so where the loader finds it", is_stand_in(file)};
+}
+
+BoardItem check_fuses() {
+    antirollback_ver_t counters{};
+    console::forget_errors();
+    const bool answers = get_efuse_antirollback(&counters) == 0;
+    const std::string file = origin("kastor_efuse_sec_anti_read");
+    return {"eFuse library", answers,
+            answers ? format("secure %u, non-secure %u, from %s", counters.sec_ver, counters.nosec_ver, file.c_str())
+                    : "the counters cannot be read" + console::logged_cause(),
+            "install the board's libkastor_efuse.so where the loader finds it, and let it reach its counters",
+            is_stand_in(file)};
+}
+
+bool is_flash_command(const fs::path& path) {
+    fimage_update_t record{};
+    std::ifstream file(path, std::ios::binary);
+    file.read(reinterpret_cast<char*>(&record), sizeof record);
+    return file && check_flash_command(record).state == format_state::valid;
+}
+
+BoardItem check_flash_commands(const std::set<std::string>& names) {
+    std::error_code error;
+    size_t commands = 0;
+    for (fs::directory_iterator entry(flash_command_directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        commands += is_flash_command(entry->path()) ? size_t{1} : 0;
+    }
+    const bool has_node = names.contains("flashcmd");
+    return {"flash commands", has_node && commands > 0,
+            format("%zu in %s", commands, flash_command_directory) + (has_node ? "" : ", and no partition flashcmd"),
+            format("supply command files in %s and a partition flashcmd", flash_command_directory)};
+}
+
+/** The library makes the directory, but not the file system that it lies on. */
+BoardItem check_staging() {
+    std::string path =
+        fs::is_directory(staging_directory) ? staging_directory : fs::path(staging_directory).parent_path().string();
+    const uint64_t room = access(path.c_str(), W_OK) == 0 ? get_free_space(path.data()) : UINT64_MAX;
+    const bool is_there = room != UINT64_MAX;
+    return {"room to unpack", is_there, is_there ? human_bytes(room) + " in " + path : path + " cannot be written to",
+            format("mount a file system and make %s on it", staging_directory)};
+}
+
+BoardItem check_lock() {
+    const std::string place = fs::path(default_lock_file).parent_path();
+    const std::string mend = format("have %s mounted before the boot script runs tessera confirm", place.c_str());
+    if (access(place.c_str(), W_OK) != 0) {
+        return {"lock", false, place + because(errno), mend};
+    }
+    try {
+        check_lock_file(default_lock_file);
+        return {"lock", true, place + " can be written to", mend};
+    } catch (const Failure& failure) {
+        return {"lock", false, failure.what(), std::string("remove ") + default_lock_file};
+    }
+}
+
+} // namespace
+
+std::vector<BoardItem> check_board() {
+    std::vector<BoardItem> items = check_command_line();
+    const std::set<std::string> names = partition_names();
+    items.push_back({"partitions", !names.empty(), format("%zu in %s", names.size(), partition_directory),
+                     "have a link for each partition made there"});
+    items.push_back(check_slots(names));
+    items.push_back(check_room("misc", misc_size));
+    items.push_back(check_room("ubootenv", ubootenv_size));
+    if (const int32_t medium = get_boot_medium(); medium == OTA_NAND || medium == OTA_NOR) {
+        items.push_back(check_flash(names));
+    }
+    items.push_back(check_log_library());
+    items.push_back(check_fuses());
+    items.push_back(check_flash_commands(names));
+    items.push_back(check_staging());
+    items.push_back(check_lock());
+    return items;
+}

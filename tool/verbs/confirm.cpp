@@ -1,0 +1,86 @@
+/** tessera confirm: for the script that finds the system well after a boot. */
+#include "board/names.h"
+#include "board/slot_block.h"
+#include "board/status_record.h"
+#include "install/update_lock.h"
+#include "velox_ota_hl.h"
+#include "verbs/verb.h"
+
+#include <chrono>
+
+namespace {
+
+/** A boot script has nobody to ask again: time enough for whatever does not write images. */
+constexpr std::chrono::seconds patience{30};
+
+/**
+ * Where the block is lost, or its checksum is wrong, nothing in it is known. A new one has the running slot
+ * first and the other on trial, unless an installation was cut in it.
+ */
+void recreate_block(int32_t running) {
+    if (running >= new_block_slots) {
+        throw Failure(ExitCode::failed,
+                      "slot " + slot_letter(running) + " runs, and a new slot block has the slots a and b only",
+                      "tessera slots reset writes one without " + slot_letter(running));
+    }
+    reset_slot_block();
+    set_next_slot(running);
+    if (const int32_t other = running ^ 1; is_half_written(other)) {
+        mark_slot_unbootable(other);
+    }
+    console::note("the slot block was missing or damaged, and a new one was written");
+}
+
+const Slot& find_running(const SlotBlock& block, int32_t running) {
+    const Slot* slot = block.find(running);
+    if (slot == nullptr) {
+        throw Failure(ExitCode::failed, "slot " + slot_letter(running) + " runs, and the slot block does not have it");
+    }
+    return *slot;
+}
+
+bool is_confirmed(int32_t running) {
+    const auto block = find_slot_block();
+    return block && find_running(*block, running).is_confirmed();
+}
+
+void make_confirmed(int32_t running) {
+    repair_slot_block(); /* a page that a power cut tore may be another than that of the block */
+    if (const auto block = find_slot_block(); !block) {
+        recreate_block(running);
+    } else if (const Slot& slot = find_running(*block, running); slot.corrupted) {
+        throw Failure(ExitCode::failed, slot.name() + " runs, and the slot block says that it is corrupted",
+                      "tessera slots set-next " + slot_letter(running) + " takes that back");
+    }
+    mark_slot_good(running);
+}
+
+/** @return whether that changed anything */
+bool confirm_alone(int32_t running, const std::string& lock_file) {
+    const UpdateLock lock(lock_file, "tessera confirm", patience);
+    if (is_confirmed(running)) {
+        return false;
+    }
+    make_confirmed(running);
+    return true;
+}
+
+void confirm(const Context& context, const std::string& lock_file) {
+    if (get_boot_mode() == RECOVERY_MODE) {
+        throw Failure(ExitCode::failed, "this is the recovery system, and no slot's system is running",
+                      "tessera slots shows what the slots are");
+    }
+    const int32_t running = running_slot();
+    /* The first look is without the lock. On flash the block is missing while another command writes it. */
+    const bool changed = !is_confirmed(running) && confirm_alone(running, lock_file);
+    context.show({{"slot", running}, {"changed", changed}},
+                 "slot " + slot_letter(running) + (changed ? " is confirmed" : " was confirmed already"));
+}
+
+} // namespace
+
+void declare_confirm(Command& verb, Context& context) {
+    auto lock_file = std::make_shared<std::string>(default_lock_file);
+    add_lock(verb, *lock_file);
+    on_command(verb, context, [&context, lock_file] { confirm(context, *lock_file); });
+}

@@ -1,0 +1,262 @@
+/** tessera install: the whole update, from the package to the switch of the slot. */
+#include "install/install.h"
+#include "board/names.h"
+#include "board/partition.h"
+#include "board/slot_block.h"
+#include "board/status_record.h"
+#include "console/interrupt.h"
+#include "console/text.h"
+#include "firmware/image_versions.h"
+#include "install/device_claim.h"
+#include "install/update_lock.h"
+#include "package/board_identity.h"
+#include "verbs/verb.h"
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+
+namespace {
+
+struct Options : InstallOptions {
+    std::optional<ProgressMode> progress;
+    bool quiet = false;
+};
+
+constexpr char untouched[] = "nothing was written, and the board is as it was";
+
+/** What was done, or would be. */
+struct Outcome {
+    const Plan& plan;
+    bool needed; /* something had to be done */
+    double seconds;
+
+    [[nodiscard]] uint64_t bytes(bool written) const {
+        uint64_t sum = 0;
+        for (const Target& target : plan.targets) {
+            sum += target.stands != written ? target.size : 0;
+        }
+        return sum;
+    }
+};
+
+void remark(const Options& options, const std::string& sentence) {
+    if (!options.quiet) {
+        console::note(sentence);
+    }
+}
+
+void remark_on(const Plan& plan, const Options& options) {
+    if (options.trust.file.empty()) {
+        remark(options, "no --trust given: integrity is checked, authenticity is not");
+    }
+    if (plan.description.boards.empty()) {
+        remark(options, no_boards_remark);
+    }
+    if (plan.installed_version.empty()) {
+        remark(options, "the installed version is unknown, because there is no readable " + options.version_file +
+                            ": a downgrade is not noticed until an installed system image contains that file");
+    }
+    if (!can_keep_status()) {
+        remark(options, "a bad block in ubootenv keeps the update status from being read, so tessera status cannot "
+                        "tell where this installation stands");
+    }
+}
+
+/** Whether an installation may have been cut in the slot, and nobody knows which one. */
+bool may_hide_another(const Plan& plan, bool needed) {
+    if (plan.record_is_valid || !can_keep_status()) {
+        return false;
+    }
+    const SlotBlock block = plan.slot ? read_slot_block() : SlotBlock{};
+    const Slot* entry = plan.slot ? block.find(*plan.slot) : nullptr;
+    return !needed || (entry != nullptr && entry->is_given_up());
+}
+
+Json to_json(const Outcome& outcome, bool dry_run) {
+    const Plan& plan = outcome.plan;
+    Json partitions = Json::array();
+    for (const Target& target : plan.targets) {
+        partitions.push_back({{"partition", target.partition()},
+                              {"file", target.image.file},
+                              {"bytes", target.size},
+                              {"written", !target.stands}});
+    }
+    return {{"version", plan.description.version},
+            {"installed_version", plan.installed_version.empty() ? Json() : Json(plan.installed_version)},
+            {"signer", plan.signer.empty() ? Json() : Json(plan.signer)},
+            {"dry_run", dry_run},
+            {"slot", plan.slot ? Json(*plan.slot) : Json()},
+            {"switched", !dry_run && outcome.needed && plan.switches},
+            {"partitions", partitions},
+            {"bytes_written", outcome.bytes(true)},
+            {"bytes_kept", outcome.bytes(false)},
+            {"seconds", outcome.seconds}};
+}
+
+std::string slot_sentence(const Plan& plan) {
+    if (!plan.slot) {
+        return "";
+    }
+    const std::string slot = "slot " + slot_letter(*plan.slot);
+    return plan.switches ? "; " + slot + " boots next" : "; " + slot + " is running it";
+}
+
+std::string summary(const Outcome& outcome) {
+    const std::string& version = outcome.plan.description.version;
+    if (!outcome.needed) {
+        return version + " is already installed" + slot_sentence(outcome.plan);
+    }
+    const uint64_t written = outcome.bytes(true);
+    std::string text = "installed " + version + ": " + human_bytes(written) + " written";
+    if (const uint64_t kept = outcome.bytes(false); kept > 0) {
+        text += ", " + human_bytes(kept) + " stood already";
+    }
+    text += format(", in %.1f s", outcome.seconds);
+    if (written > 0 && outcome.seconds > 0) {
+        text += " (" + human_bytes(static_cast<uint64_t>(static_cast<double>(written) / outcome.seconds)) + "/s)";
+    }
+    return text + slot_sentence(outcome.plan);
+}
+
+std::string plan_text(const Outcome& outcome) {
+    const Plan& plan = outcome.plan;
+    std::vector<std::vector<std::string>> rows;
+    for (const Target& target : plan.targets) {
+        rows.push_back({target.image.file, human_bytes(target.size), target.partition(),
+                        target.stands ? "already installed" : "would be written"});
+    }
+    std::string text = "would install " + plan.description.version + " over " +
+                       (plan.installed_version.empty() ? "an unknown version" : plan.installed_version) + "\n" +
+                       table({"image", "size", "partition", ""}, rows);
+    if (plan.switches) {
+        text += "slot " + slot_letter(*plan.slot) + " would boot next\n";
+    }
+    return text + (outcome.needed ? "nothing was touched" : "nothing would have to be done");
+}
+
+/** A run that lost its power may have left records that nobody can write any more. @return whether it did */
+bool mend_records(const Options& options) {
+    bool mended = false;
+    for (const char* name : {"misc", "ubootenv"}) {
+        if (repair_device(partition_path(name))) {
+            mended = true;
+            remark(options, std::string(name) + " could not be read after a power cut; what was left of it was kept");
+        }
+    }
+    return mended;
+}
+
+/** What is not written may be in use. A dry run keeps nobody off the devices. */
+void claim_targets(Plan& plan, bool dry_run) {
+    for (const Target& target : plan.targets) {
+        if (target.stands) {
+            continue;
+        }
+        Descriptor claim = claim_device(*target.opened, target.device, target.partition());
+        if (!dry_run) {
+            plan.claims.push_back(std::move(claim));
+        }
+    }
+}
+
+void judge_board(Plan& plan, const Package& package, const Options& options, Progress& progress) {
+    add_targets(plan, package, options);
+    judge_record(plan);
+    announce(plan, options, progress);
+    if (!options.force) {
+        survey(plan, package, progress);
+    }
+    judge_slots(plan);
+    claim_targets(plan, options.dry_run);
+    check_images(plan, package, progress);
+    stop_if_interrupted();
+    progress.begin("check", "versions");
+    plan.versions = check_versions(package, plan.description);
+}
+
+/** Judges everything, in the order in which it can be believed. */
+Plan judge(const Package& package, const Options& options, Progress& progress) {
+    Plan plan = begin_plan(package, options);
+    remark_on(plan, options);
+    const bool mended = !options.dry_run && mend_records(options);
+    try {
+        judge_board(plan, package, options, progress);
+    } catch (Failure& failure) {
+        if (mended && failure.state.empty()) {
+            failure.state = "no image was written; records that could not be read were mended";
+        }
+        throw;
+    }
+    return plan;
+}
+
+void install(const Context& context, const Options& options) {
+    const auto start = std::chrono::steady_clock::now();
+    std::optional<UpdateLock> lock;
+    if (!options.dry_run) {
+        lock.emplace(options.lock_file, "tessera install " + options.package);
+    }
+    const Package package(options.package);
+    Progress progress(options.quiet ? ProgressMode::none : options.progress.value_or(default_progress_mode()));
+    const Plan plan = judge(package, options, progress);
+    const bool needed = !is_done(plan);
+    if (may_hide_another(plan, needed)) {
+        remark(options, "the update status is not valid, so whether another installation was cut is unknown");
+    }
+    if (!options.dry_run) {
+        carry_out(plan, needed, package, progress);
+    }
+    progress.finish();
+    if (plan.slot && plan.slot == plan.running) { /* only where the other slot is confirmed and this one is not */
+        remark(options, "slot " + slot_letter(*plan.slot) + " is on trial until tessera confirm keeps it");
+    }
+    const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
+    const Outcome outcome{plan, needed, spent.count()};
+    context.show(to_json(outcome, options.dry_run), options.dry_run ? plan_text(outcome) : summary(outcome));
+}
+
+void install_or_say_untouched(const Context& context, const Options& options) {
+    watch_interrupts();
+    try {
+        install(context, options);
+    } catch (Failure& failure) {
+        if (failure.state.empty()) { /* whatever writes says itself what it leaves */
+            failure.state = untouched;
+        }
+        throw;
+    }
+}
+
+const std::map<std::string, ProgressMode> progress_modes = {
+    {"bar", ProgressMode::bar}, {"plain", ProgressMode::plain}, {"json", ProgressMode::json}};
+
+void choose_progress(Options& options, const std::string& mode) {
+    options.progress = progress_modes.at(mode);
+    if (options.progress == ProgressMode::json) {
+        console::speak_json();
+    }
+}
+
+} // namespace
+
+void declare_install(Command& verb, Context& context) {
+    auto options = std::make_shared<Options>();
+    add_word(verb, "PACKAGE", options->package, "The package, a zip file");
+    add_trust(verb, options->trust);
+    add_board(verb, options->board);
+    add_flag(verb, "--allow-downgrade", options->allow_downgrade, "Install a version older than the installed one");
+    add_flag(verb, "--dry-run", options->dry_run, "Judge everything, say what would happen, touch nothing");
+    add_flag(verb, "--force", options->force, "Write images that stand on the board already too");
+    add_flag(verb, "-q,--quiet", options->quiet, "No progress and no remarks");
+    const auto choose = [options](const std::string& mode) { choose_progress(*options, mode); };
+    add_choice(verb, "--progress", "MODE", {"bar", "plain", "json"}, choose,
+               "How to show progress: bar, plain or json, on stderr");
+    const Option* version =
+        add_text(verb, "--version-file", options->version_file, "Where the installed version stands");
+    add_lock(verb, options->lock_file);
+    on_command(verb, context, [&context, options, version] {
+        options->version_file_named = is_given(version);
+        install_or_say_untouched(context, *options);
+    });
+}

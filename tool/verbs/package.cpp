@@ -1,0 +1,233 @@
+/** tessera package: what a package holds, whether it is whole, and unpacking it. */
+#include "console/interrupt.h"
+#include "console/text.h"
+#include "package/package_check.h"
+#include "velox_ota_hl.h"
+#include "verbs/package_info.h"
+#include "verbs/verb.h"
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+namespace {
+
+std::string mode_text(const Entry& entry) {
+    static constexpr std::string_view letters = "rwxrwxrwx";
+    std::string text(1, entry.kind == zip_kind::directory ? 'd' : entry.kind == zip_kind::link ? 'l' : '-');
+    for (size_t i = 0; i < letters.size(); ++i) {
+        text += (entry.mode >> (letters.size() - 1 - i) & 1) != 0 ? letters[i] : '-';
+    }
+    return text;
+}
+
+std::string date_text(const tm_unz& date) {
+    return format("%04u-%02u-%02u %02u:%02u", date.tm_year, date.tm_mon + 1, date.tm_mday, date.tm_hour, date.tm_min);
+}
+
+const char* kind_word(zip_kind kind) {
+    return kind == zip_kind::directory ? "directory" : kind == zip_kind::link ? "link" : "file";
+}
+
+struct Totals {
+    int64_t all;
+    uint64_t images;
+
+    /** What unpacking asks of a file system. */
+    [[nodiscard]] int64_t need_kib() const {
+        constexpr int64_t mib = 1048576;
+        return all / 1024 + (all % 1024 + mib - 1) / 1024 + 1024;
+    }
+};
+
+Totals read_totals(const Package& package) {
+    Totals totals{};
+    totals.all = require(ExitCode::refused, "cannot add up the sizes in the package",
+                         [&] { return vx_get_zip_size(package.path().c_str(), &totals.images); });
+    return totals;
+}
+
+void list(const Context& context, const std::string& file) {
+    const Package package(file);
+    const Totals totals = read_totals(package);
+    Json entries = Json::array();
+    std::vector<std::vector<std::string>> rows;
+    for (const Entry& entry : package.entries()) {
+        rows.push_back({std::to_string(entry.size), std::to_string(entry.packed_size), mode_text(entry),
+                        date_text(entry.date), entry.is_image() ? "image" : "", entry.name});
+        entries.push_back({{"name", entry.name},
+                           {"kind", kind_word(entry.kind)},
+                           {"image", entry.is_image()},
+                           {"size", entry.size},
+                           {"packed", entry.packed_size},
+                           {"mode", format("%04o", entry.mode)},
+                           {"date", date_text(entry.date)}});
+    }
+    const auto all = static_cast<uint64_t>(totals.all);
+    const std::string sums =
+        format("%zu entries, %s, of which %s are images; unpacking needs %lld KiB\n", package.entries().size(),
+               human_bytes(all).c_str(), human_bytes(totals.images).c_str(), static_cast<long long>(totals.need_kib()));
+    context.show(
+        {{"entries", entries}, {"bytes", all}, {"image_bytes", totals.images}, {"need_kib", totals.need_kib()}},
+        table({"size", "packed", "mode", "date", "", "name"}, rows) + sums);
+}
+
+/** Bytes that this process has written so far, by the kernel's own count. */
+uint64_t bytes_written() {
+    std::ifstream file("/proc/self/io");
+    std::string word;
+    uint64_t count = 0;
+    while (file >> word >> count && word != "wchar:") {
+    }
+    return word == "wchar:" ? count : 0;
+}
+
+/** Shows how far the library has come, which tells nobody while it unpacks. */
+class UnpackProgress {
+public:
+    explicit UnpackProgress(uint64_t total)
+        : progress_(default_progress_mode()),
+          thread_([this, total](const std::stop_token& stop) { watch(stop, total); }) {
+    }
+
+private:
+    void watch(const std::stop_token& stop, uint64_t total) {
+        const uint64_t start = bytes_written();
+        progress_.expect("unpack", total);
+        progress_.begin("unpack", "");
+        for (uint64_t shown = 0; !stop.stop_requested();) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            const uint64_t now = bytes_written() - start;
+            progress_.advance("unpack", now - shown);
+            shown = now;
+        }
+    }
+
+    Progress progress_;
+    std::jthread thread_;
+};
+
+/** A package that does not fit would be left unpacked by half. */
+void demand_room(const std::string& directory, const Totals& totals) {
+    if (makedir(directory.c_str()) != 0 || !std::filesystem::is_directory(directory)) {
+        std::error_code error; /* for the reason */
+        std::filesystem::create_directories(directory, error);
+        throw Failure(ExitCode::failed, "cannot make the directory " + directory +
+                                            (error ? ": " + error.message() : ": it is not a directory"));
+    }
+    std::string path = directory;
+    const uint64_t room = get_free_space(path.data());
+    const auto need = static_cast<uint64_t>(totals.all);
+    if (room != UINT64_MAX && need > room) {
+        throw Failure(ExitCode::failed, "the package unpacks to " + human_bytes(need) + ", and the file system of " +
+                                            directory + " has " + human_bytes(room));
+    }
+}
+
+/** A package that was cut inside its end record can look empty. */
+void demand_entries(const Package& package, const std::string& file) {
+    if (package.entries().empty()) {
+        throw Failure(ExitCode::refused, file + " holds no entries");
+    }
+}
+
+void unpack(const Context& context, const std::string& file, const std::string& directory) {
+    const Package package(file);
+    demand_entries(package, file);
+    const Totals totals = read_totals(package);
+    demand_room(directory, totals);
+    {
+        const UnpackProgress progress(static_cast<uint64_t>(totals.all));
+        require(ExitCode::refused, "cannot unpack " + file + " to " + directory,
+                [&] { return vx_uncompress(package.path().c_str(), directory.c_str()); });
+    }
+    context.show({{"entries", package.entries().size()}, {"bytes", totals.all}, {"directory", directory}},
+                 format("unpacked %zu entries, %s, to %s", package.entries().size(),
+                        human_bytes(static_cast<uint64_t>(totals.all)).c_str(), directory.c_str()));
+}
+
+void has(const Context& context, const std::string& file, std::string name) {
+    const Package package(file);
+    const bool found = require(ExitCode::refused, "cannot search " + file,
+                               [&] { return vx_zip_has_file(package.path().c_str(), name.data()); }) == 1;
+    if (!found) {
+        throw Failure(ExitCode::failed, "no entry of " + file + " begins with " + name);
+    }
+    context.show({{"found", true}}, file + " has an entry that begins with " + name);
+}
+
+/** Reads an entry through. @return what is wrong with it, or nothing */
+std::string check_entry(const Package& package, const Entry& entry, Progress& progress) {
+    try {
+        read_through(package, entry, progress);
+    } catch (const Failure& failure) {
+        if (failure.code == ExitCode::interrupted) {
+            throw;
+        }
+        return failure.what();
+    }
+    return {};
+}
+
+void check(const Context& context, const std::string& file) {
+    watch_interrupts();
+    const Package package(file);
+    demand_entries(package, file);
+    Progress progress(default_progress_mode());
+    for (const Entry& entry : package.entries()) {
+        progress.expect("check", entry.size);
+    }
+    std::vector<std::string> problems;
+    for (const Entry& entry : package.entries()) {
+        if (const std::string problem = check_entry(package, entry, progress); !problem.empty()) {
+            problems.push_back(problem);
+        }
+    }
+    progress.finish();
+    std::string text;
+    for (const std::string& problem : problems) {
+        text += problem + "\n";
+    }
+    text += problems.empty() ? format("all %zu entries are whole", package.entries().size()) : "";
+    context.show({{"entries", package.entries().size()}, {"problems", problems}}, text);
+    if (!problems.empty()) {
+        throw Failure(ExitCode::refused, format("%zu of %zu entries of ", problems.size(), package.entries().size()) +
+                                             file + " are damaged");
+    }
+}
+
+struct Options {
+    std::string file;
+    std::string other; /* a directory or a name */
+    TrustOptions trust;
+};
+
+Command& declare_one(Command& verb, const char* name, const char* summary, const std::shared_ptr<Options>& options) {
+    Command& command = add_command(verb, name, summary);
+    add_word(command, "FILE", options->file, "The package, a zip file");
+    return command;
+}
+
+} // namespace
+
+void declare_package(Command& verb, Context& context) {
+    demand_command(verb);
+    auto options = std::make_shared<Options>();
+    Command& info_command =
+        declare_one(verb, "info", "Show version, boards, signers and images, and whether all is well", options);
+    add_trust(info_command, options->trust);
+    on_command(info_command, context,
+               [&context, options] { show_package_info(context, options->file, options->trust); });
+    on_command(declare_one(verb, "list", "List the entries, and what unpacking needs", options), context,
+               [&context, options] { list(context, options->file); });
+    Command& unpack_command = declare_one(verb, "unpack", "Unpack all entries below a directory", options);
+    add_word(unpack_command, "DIR", options->other, "The directory, made when it is missing");
+    on_command(unpack_command, context, [&context, options] { unpack(context, options->file, options->other); });
+    Command& has_command = declare_one(verb, "has", "Tell whether the name of an entry begins so", options);
+    add_word(has_command, "NAME", options->other, "The name, or its beginning");
+    on_command(has_command, context, [&context, options] { has(context, options->file, options->other); });
+    Command& check_command =
+        declare_one(verb, "check-zip", "Read every entry of the zip file and compare its checksum", options);
+    check_command.old_name = "check";
+    on_command(check_command, context, [&context, options] { check(context, options->file); });
+}

@@ -1,0 +1,49 @@
+/** tessera rollback: back to the other slot, if that one is known to boot. */
+#include "board/names.h"
+#include "board/slot_block.h"
+#include "board/status_record.h"
+#include "install/update_lock.h"
+#include "verbs/verb.h"
+
+namespace {
+
+/** Why a slot is nothing to go back to. */
+std::string reason_against(const Slot& slot) {
+    if (slot.corrupted) {
+        return "it is corrupted";
+    }
+    if (slot.tries == 0) {
+        return "it is unbootable";
+    }
+    return "it is on trial, and nobody has marked it good";
+}
+
+void roll_back(const Context& context, const std::string& lock_file) {
+    const UpdateLock lock(lock_file, "tessera rollback");
+    const int32_t other = running_slot() ^ 1;
+    const SlotBlock block = require_slot_block();
+    const Slot* slot = block.find(other);
+    if (slot == nullptr) {
+        throw Failure(ExitCode::failed, "there is no slot " + slot_letter(other) + " to go back to");
+    }
+    if (!slot->is_confirmed()) {
+        throw Failure(ExitCode::failed, "cannot go back to " + slot->name() + ": " + reason_against(*slot),
+                      read_status().is_cut_in(other)
+                          ? "tessera status shows the installation that was cut in it"
+                          : "tessera slots set-next " + slot_letter(other) + " tries it all the same");
+    }
+    const bool was_next = block.is_alone_in_front(other);
+    if (!was_next) {
+        set_next_slot(other);
+    }
+    context.show({{"slot", other}, {"changed", !was_next}},
+                 slot->name() + (was_next ? " boots next already" : " boots next"));
+}
+
+} // namespace
+
+void declare_rollback(Command& verb, Context& context) {
+    auto lock_file = std::make_shared<std::string>(default_lock_file);
+    add_lock(verb, *lock_file);
+    on_command(verb, context, [&context, lock_file] { roll_back(context, *lock_file); });
+}
