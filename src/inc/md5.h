@@ -19,7 +19,7 @@ typedef struct md5_state_s {
 extern OTA_API unsigned char buffer_md5file[1048576];
 extern OTA_API unsigned char buffer_md5dev[1048576];
 
-/* No pointer may be null, but in the three operations on files, which then give -1. */
+/* No pointer may be null, except in the three operations on files, which then return -1. */
 
 /** Begins a message. */
 OTA_API void md5_init(md5_state_t* pms);
@@ -27,7 +27,7 @@ OTA_API void md5_init(md5_state_t* pms);
 /** Adds `nbytes` bytes to the message; 0 or less does nothing. */
 OTA_API void md5_append(md5_state_t* pms, const md5_byte_t* data, int nbytes);
 
-/** Ends the message and writes its 16 bytes. The state needs a new md5_init() afterwards. */
+/** Ends the message and writes its digest of 16 bytes. The state needs a new md5_init() afterwards. */
 OTA_API void md5_finish(md5_state_t* pms, md5_byte_t* digest);
 
 /** Digest of a whole file. @return 0; -1 when it cannot be opened. A read error ends the digest early. */
@@ -35,19 +35,18 @@ OTA_API int MD5File(const char* filename, md5_byte_t* digest);
 
 /**
  * Digest of a file or device without its last `garbage` bytes. The size of a block or character device
- * comes from the device itself (BLKGETSIZE64, MEMGETINFO, which counts up to 4 GiB, or the volume's used
- * bytes), that of everything else from fstat(), so a directory or a pipe gives the digest of the empty
+ * comes from the device itself (BLKGETSIZE64, MEMGETINFO, which reaches 4 GiB, or the volume's used
+ * bytes), that of anything else from fstat(), so a directory or a pipe gives the digest of the empty
  * message. NAND is read raw, bad blocks included: the same image on two devices gives different digests
  * when their bad blocks differ.
- * @return 0; -1 when it cannot be opened, or is a device that reports no size or ends before its size less
- *         `garbage`. A file that ends early, or a read error in it, ends the digest there.
+ * @return 0; -1 when it cannot be opened, or is a device that reports no size or ends before its size minus
+ *         `garbage`. In a file, an early end or a read error ends the digest there.
  */
 OTA_API int MD5Dev(const char* filename, md5_byte_t* digest, int32_t garbage);
 
 /**
- * Digest of `checklen` bytes from `offset`, or of what is there when the file ends before. NAND is read
- * raw.
- * @param offset    a negative one is ignored: the digest starts at byte 0
+ * Digest of `checklen` bytes from `offset`, or of fewer when the file ends early. NAND is read raw.
+ * @param offset    a negative value is ignored: the digest starts at byte 0
  * @param checklen  0 or less gives the digest of the empty message
  * @return 0; -1 when it cannot be opened
  */

@@ -9,7 +9,7 @@
 #ifdef __cplusplus
 #define OTA_BEGIN_DECLS extern "C" {
 #define OTA_END_DECLS }
-/* Enumerations travel as 32-bit numbers and may hold any of them, also ones without a name. */
+/* Enumerations are passed as 32-bit numbers and may hold any value, even one without a name. */
 #define OTA_ENUM_BASE : int32_t
 #else
 #define OTA_BEGIN_DECLS

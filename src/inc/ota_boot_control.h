@@ -1,8 +1,8 @@
 /**
  * A/B slots. One 32-byte block at byte 2048 of the partition "misc" tells the bootloader which slot
- * to boot and how often to try. It is read, changed and written whole, without a lock or a journal,
- * and nothing of it is cached. Only a negative result of the device fails a call: where a device stores
- * less than the block and says so, the call succeeds.
+ * to boot and how often to try. It is read, changed and written as a whole, without a lock, a journal or
+ * a cache. Only a negative result from the device fails a call: a short write that the device reports is
+ * not treated as a failure.
  *
  * A slot is in one of four states:
  *
@@ -11,7 +11,8 @@
  *   unbootable  no tries left                           never booted
  *   corrupted   verity_corrupted set                    never booted
  *
- * Among candidates the higher priority wins, then the mark, then the tries left, then the lower number.
+ * Among candidates the highest priority wins, then the successful mark, then the most tries left, then the
+ * lowest number.
  */
 #ifndef OTA_BOOT_CONTROL_H
 #define OTA_BOOT_CONTROL_H
@@ -23,10 +24,10 @@ OTA_BEGIN_DECLS
 /* Stored on the medium and read by the bootloader: do not change. Bit 0 is the least significant. */
 
 typedef struct __attribute__((packed)) slot_metadata {
-    uint32_t priority : 4;         /**< 0 to 15, the higher the better */
-    uint32_t tries_remaining : 3;  /**< 0 to 7; 0 makes the slot no candidate */
+    uint32_t priority : 4;         /**< 0 to 15, the highest is booted */
+    uint32_t tries_remaining : 3;  /**< 0 to 7; with 0 the slot is not a candidate */
     uint32_t successful_boot : 1;  /**< the slot has been marked as booted successfully */
-    uint32_t verity_corrupted : 1; /**< 1 makes the slot no candidate */
+    uint32_t verity_corrupted : 1; /**< with 1 the slot is not a candidate */
     uint32_t reserved : 7;
 } slot_metadata;
 
@@ -61,7 +62,7 @@ typedef struct bootloader_message_ab {
 } bootloader_message_ab;
 
 /* All but ota_set_slotmeta_to_default() return -1 when the block cannot be read or its magic is wrong. Slots
- * count from 0 to nb_slot - 1, at most to 3; any other slot gives -1. */
+ * are numbered from 0 to nb_slot - 1, at most 3; any other number gives -1. */
 
 /** The slot that the block designates for the next boot; -1 when there is no candidate. */
 OTA_API int32_t ota_get_next_expected_slot(void);
@@ -79,25 +80,25 @@ OTA_API int32_t ota_get_slot_num(void);
 OTA_API int32_t ota_get_slot_remaining_times(int32_t slot);
 
 /**
- * Makes `slot` the next boot slot: priority 15, one try, not corrupted; the mark stays. Any other slot
- * at priority 15 goes to 14.
- * @return 0; -1 on failure. Before the write nothing has changed; after a failed write the contents of the
- *         block are undefined.
+ * Makes `slot` the next boot slot: priority 15, one try, not corrupted; the successful mark is kept.
+ * Any other slot at priority 15 is lowered to 14.
+ * @return 0; -1 on failure. A failure before the write changes nothing; after a failed write the contents of
+ *         the block are undefined.
  */
 OTA_API int32_t ota_set_next_expected_slot(int32_t slot);
 
-/** Takes the mark and all tries from `slot`. @return 0, or -1 as ota_set_next_expected_slot(). */
+/** Clears the successful mark and the tries of `slot`. @return 0, or -1 as ota_set_next_expected_slot(). */
 OTA_API int32_t ota_set_slot_unbootable(int32_t slot);
 
 /**
- * Marks `slot` as booted successfully and gives it one try. A slot that is marked and has tries left
- * stays as it is and nothing is written.
+ * Marks `slot` as booted successfully and gives it one try. Nothing is written for a slot that is
+ * already marked and has tries left.
  * @return 0, or -1 as ota_set_next_expected_slot()
  */
 OTA_API int32_t ota_mark_slot_boot_successful(int32_t slot);
 
 /**
- * Writes a default block: two slots in trial with priority 15 and 7 tries. The old block is not read, so
+ * Writes a default block: two slots on trial with priority 15 and 7 tries. The old block is not read, so
  * this also repairs a block with a wrong magic.
  * @return 0, or -1 when the write fails
  */

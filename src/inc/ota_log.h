@@ -2,12 +2,12 @@
  * Diagnostics of the library: four levels, each a macro with a printf format.
  *
  * A line reads "[OTA_<LEVEL>][<source file>:<line>] <message>". It goes to a standard stream first and
- * then to the system log. Errors and warnings go to stderr. Info and debug go to stdout behind
- * "\r\x1b[K", which returns to column 0 and clears whatever a progress display left there; the
- * system log never gets that prefix. Debug reaches stdout only at a debug level above 0, and the
- * system log always. A warning has the system log priority of an error.
+ * then to the system log. Errors and warnings go to stderr. Info and debug go to stdout after
+ * "\r\x1b[K", which returns to column 0 and clears what a progress display left there; the system log
+ * never gets that prefix. Debug lines always reach the system log, but stdout only at a debug level
+ * above 0. A warning has the system log priority of an error.
  *
- * The message carries its own line end. Arguments are evaluated twice: pass plain values.
+ * The message includes its newline. Arguments are evaluated twice: pass plain values.
  */
 #ifndef OTA_LOG_H
 #define OTA_LOG_H
@@ -18,7 +18,7 @@
 
 /**
  * The debug level: 0, or the positive number in the environment variable OTA_DEBUG_FLAG.
- * The environment is read once in the life of the process.
+ * The environment is read once per process.
  */
 int32_t check_debug_level();
 

@@ -1,15 +1,15 @@
 /**
  * Access to MTD character devices (NAND, NOR) and UBI volumes through an open descriptor.
  *
- * A flash block is written only after it was erased, whole. A write is therefore a read-modify-write
+ * A flash block has to be erased as a whole before it is written. A write is therefore a read-modify-write
  * of whole erase blocks (MTD) or logical eraseblocks (UBI): read and erase each block, merge the new
  * bytes in memory, write all of them back. From its erase to its write-back the only copy of a block
  * is in memory.
  *
- * On MTD the two directions count differently. A read is raw: its offset is a byte of the device. A
- * write is logical: its offset counts good blocks, so bad blocks before it move the range towards the end
- * of the device and bad blocks inside stretch it. UBI hides bad blocks: both directions use the same plain
- * offsets.
+ * On MTD, reads and writes use different offsets. A read is raw: its offset is a byte of the device. A
+ * write is logical: its offset counts only good blocks, so bad blocks before it move the range towards the
+ * end of the device and bad blocks inside stretch it. UBI hides bad blocks: reads and writes use the same
+ * plain offsets.
  *
  * The descriptor is opened for reading and writing, is not closed, and its file position is not used.
  */
@@ -21,8 +21,8 @@
 OTA_BEGIN_DECLS
 
 /**
- * Reads from an MTD device at a raw byte offset; bad blocks are not skipped. A range that passes the
- * end of the device is shortened.
+ * Reads from an MTD device at a raw byte offset; bad blocks are not skipped. A range that extends
+ * past the end of the device is shortened.
  * @param in_size  bytes, above 0
  * @return bytes read, 0 at the end of the device; negative on failure or beyond the end
  */
@@ -31,11 +31,11 @@ OTA_API ssize_t vx_mtd_read(int fd, void* in_buf, size_t in_size, size_t offset)
 /**
  * Writes to an MTD device at a logical offset, skipping bad blocks.
  * @param in_size  bytes, above 0; offset + in_size must not exceed the size of the device
- * @return in_size: every block was passed to the driver, and the bytes around the range are the old ones. A
- *         driver that reports a block as written in part is not noticed: read back what has to be certain.
- *         Negative: do not take anything as stored. After a failed read or erase, the blocks erased so far
- *         have their old content back. After a failed write-back, the failing block and those after it in
- *         the range have lost theirs: write the range again.
+ * @return in_size: every block was passed to the driver, and the bytes around the range are unchanged. A
+ *         partial write that the driver reports is not detected: read back what has to be certain.
+ *         Negative: treat nothing as stored. After a failed read or erase, the old content of the blocks
+ *         erased so far has been written back. After a failed write-back, the failing block and those after
+ *         it in the range have lost their content: write the range again.
  */
 OTA_API ssize_t vx_mtd_write(int fd, void* in_buf, size_t in_size, size_t offset);
 

@@ -24,8 +24,8 @@ typedef enum OTA_ENUM_BASE {
     OTAERR_VEEPROM = 13,
     OTAERR_FILE_TYPE = 14,
     OTAERR_UNZIP = 15,     /**< a package could not be unpacked */
-    OTAERR_NO_EXISTS = 16, /**< a file is not there */
-    OTAERR_MALLOC = 17,    /**< no memory */
+    OTAERR_NO_EXISTS = 16, /**< a file does not exist */
+    OTAERR_MALLOC = 17,    /**< out of memory */
     OTAERR_VERIFY = 18,
     OTAERR_IMG_SIZE = 19,
     OTAERR_UPDATE_STATUS = 20,
@@ -33,7 +33,7 @@ typedef enum OTA_ENUM_BASE {
 
 /** Who runs an update; stored in the update status. The numbers are stored: do not change them. */
 typedef enum OTA_ENUM_BASE {
-    NORMAL_BOOT = 0, /**< nobody: no update is under way */
+    NORMAL_BOOT = 0, /**< none: no update is in progress */
     OTA_TOOL = 1,
     OTA_SERVICE = 2,
     OTA_N_OWNER = 3, /**< count of the enumeration, not an owner */

@@ -4,8 +4,8 @@
 
 #include "ota_base.h"
 
-/* minizip's header makes 64-bit file calls of the plain ones in every system header that is included after it,
- * so that what a program calls would depend on the order of its headers. */
+/* minizip's header turns the plain file calls of every system header included after it into 64-bit ones, so the
+ * functions that a program calls would depend on the order of its headers. */
 #include <stdio.h>
 #include <stdlib.h>
 #ifndef __USE_FILE_OFFSET64
@@ -20,30 +20,30 @@
 OTA_BEGIN_DECLS
 
 /**
- * Extracts all entries of a package under a directory, which is created when it is missing.
+ * Extracts all entries of a package under a directory, which is created if missing.
  *
  * A name that ends in a separator is a directory, an entry with the Unix file type 0xA a symbolic
  * link, everything else a regular file, which replaces an existing one, gets the entry's date and the
  * nine permission bits of its mode. An entry whose name leads out of `dest` is refused before
- * anything is touched for it (docs/security.md), and one whose data ends before the size that the
- * package claims has failed. The working directory is `dest` during the call; where it was before is
- * kept as a path of at most 127 bytes.
- * @return 0; -1 when the path of the working directory is longer, and nothing is touched; -1 at the first
+ * anything is touched for it (docs/security.md). An entry whose data ends before the size that the
+ * package claims is an error. The working directory is `dest` during the call; the previous one is
+ * remembered as a path of at most 127 bytes.
+ * @return 0; -1 when the path of the working directory is longer, with nothing touched; -1 at the first
  *         entry that fails: what was extracted before stays, and the working directory is restored
  */
 OTA_API int32_t vx_uncompress(const char* src, const char* dest);
 
 /**
- * Extracts the one entry named exactly `file_name` to `dest`/`file_name`. The working directory is kept as
- * vx_uncompress() keeps it.
+ * Extracts the one entry named exactly `file_name` to `dest`/`file_name`. The working directory is handled as
+ * by vx_uncompress().
  * @return 0; -1 on failure: the working directory is then `dest`, if `dest` could be entered
  */
 OTA_API int32_t vx_uncompress_one(const char* src, const char* dest, const char* file_name);
 
 /**
  * Creates a directory with its parents, mode 0775 less the umask. '/' and '\\' separate.
- * @return 0, also when it exists and when mkdir() was refused for another reason than a missing
- *         parent; -1 for null, an empty name, "/" alone, or a parent that could not be created; -104 when
+ * @return 0, even when it exists already or mkdir() failed for a reason other than a missing parent; -1
+ *         for a null argument, an empty name, "/" alone, or a parent that could not be created; -104 when
  *         out of memory
  */
 OTA_API int32_t makedir(const char* newdir);
@@ -51,8 +51,7 @@ OTA_API int32_t makedir(const char* newdir);
 /**
  * Sets access and modification time of a file from a local time.
  * @param dosdate   not read
- * @param tmu_date  tm_mon counts from 0; a tm_year above 1900 is a full year, any other is stored as
- *                  it is
+ * @param tmu_date  tm_mon counts from 0; a tm_year above 1900 is a full year, any other is stored as is
  */
 OTA_API void change_file_date(const char* filename, uLong dosdate, tm_unz tmu_date);
 
@@ -63,11 +62,11 @@ OTA_API void change_file_date(const char* filename, uLong dosdate, tm_unz tmu_da
 OTA_API int32_t vx_zip_has_file(const char* zipfile, char* file_name);
 
 /**
- * The bytes that a package unpacks to.
+ * The unpacked size of a package in bytes.
  * @param img_size  the sizes of the image entries (extension img, bin or ubifs) are added to this
  *                  value; the caller clears it
  * @return the sum over all entries; -1 for a null argument, a package that cannot be read or sizes
- *         past 63 bits: what was added up to then stays in `img_size`
+ *         beyond 63 bits: what had been added by then stays in `img_size`
  */
 OTA_API int64_t vx_get_zip_size(const char* zipfile, uint64_t* img_size);
 

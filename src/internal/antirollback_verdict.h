@@ -1,6 +1,6 @@
 /**
  * The anti-rollback verdict: whether firmware images agree with each other, and none of their versions is below the
- * board's counter. The one place where this is decided; who asks for it puts it into words.
+ * board's counter. This is decided here only; the callers write the messages.
  */
 #ifndef ANTIROLLBACK_VERDICT_H
 #define ANTIROLLBACK_VERDICT_H
@@ -12,13 +12,13 @@
 /** Firmware with a version. miniboot has the secure version, uboot and vbmeta share the non-secure one. */
 enum class firmware_kind { miniboot, uboot, vbmeta };
 
-/** What a partition's name says: the first of the three words that it contains; nothing without one. */
+/** The kind in a partition's name: the first of the three words that it contains; nullopt without one. */
 std::optional<firmware_kind> firmware_kind_of(std::string_view name);
 
 /** The version of a firmware package without any of the known certificates. */
 inline constexpr uint32_t version_without_certificates = 255;
 
-/** The versions of the images so far; one that was not met counts as 0. */
+/** The versions of the images so far; a missing one counts as 0. */
 struct firmware_versions {
     std::optional<uint32_t> miniboot;
     std::optional<uint32_t> uboot;
@@ -27,7 +27,7 @@ struct firmware_versions {
 
 /**
  * Adds the version of one more image, in the order of the description. A second miniboot or uboot replaces the
- * first; verified-boot images have to agree, where a version of 0 does not count and 32 bits are kept.
+ * first; verified-boot images have to agree; a version of 0 is ignored and 32 bits are kept.
  * @return false, with nothing changed, for a verified-boot image whose version differs from the one before it
  */
 bool add_firmware_version(firmware_versions* versions, firmware_kind kind, uint64_t version);
@@ -43,16 +43,16 @@ enum class antirollback_reason {
     none,             /* the versions pass */
     kinds_differ,     /* uboot and vbmeta have different versions */
     secure_below,     /* the secure version is below its counter */
-    non_secure_below, /* the non-secure version is */
+    non_secure_below, /* the non-secure version is below its counter */
 };
 
 struct antirollback_verdict {
     uint32_t secure;
-    uint32_t non_secure;        /* has no meaning where the kinds differ */
+    uint32_t non_secure;        /* meaningless where the kinds differ */
     antirollback_reason reason; /* the first that applies */
 };
 
-/** @param counters  nothing: the versions only have to agree with each other */
+/** @param counters  with nullopt, the versions only have to agree with each other */
 antirollback_verdict check_firmware_versions(const firmware_versions& versions,
                                              const std::optional<antirollback_counters>& counters);
 

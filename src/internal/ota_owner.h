@@ -20,7 +20,7 @@ struct ota_releaser {
 using ota_stream = std::unique_ptr<FILE, ota_releaser<std::fclose>>;
 using ota_directory = std::unique_ptr<DIR, ota_releaser<closedir>>;
 
-/** Memory from malloc or calloc: a failed allocation is a null pointer and not an exception. */
+/** Memory from malloc or calloc: a failed allocation gives a null pointer, not an exception. */
 template <class T>
 using ota_memory = std::unique_ptr<T, ota_releaser<std::free>>;
 
@@ -47,7 +47,7 @@ public:
     [[nodiscard]] bool is_open() const {
         return fd_ >= 0;
     }
-    /** Closes what is held and takes `fd`. */
+    /** Closes the descriptor held and takes ownership of `fd`. */
     void reset(int fd) {
         if (fd_ >= 0) {
             close(fd_);

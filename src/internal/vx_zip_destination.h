@@ -1,14 +1,14 @@
 /**
- * What a package may reach: the names of its entries, checked against the destination.
+ * Checks where the names of a package's entries lead: only into the destination.
  *
  * 1. The destination is the working directory, and its identity is device and inode. A name is followed
- *    one component at a time, as the kernel follows it, and never compared as text: a text has limits
- *    that the kernel does not have, and there are links whose text is not where they lead.
+ *    one component at a time, as the kernel follows it, and never compared as text: text has limits
+ *    that the kernel does not have, and some links do not lead where their text says.
  * 2. While a package is extracted nothing is removed or renamed, so what resolves stays where it is.
- * 3. A name that does not resolve reaches nothing, unless the parent directories that are made for a file
- *    let it resolve: then it is refused.
- * 4. Nobody else changes the destination meanwhile, or what lies on a path out of it and back. Nothing
- *    here protects against that.
+ * 3. A name that does not resolve reaches nothing, unless it would resolve once the parent directories of
+ *    a file have been created: then it is refused.
+ * 4. No other process changes the destination, or anything on a path out of it and back, in the meantime.
+ *    There is no protection against that here.
  */
 #ifndef VX_ZIP_DESTINATION_H
 #define VX_ZIP_DESTINATION_H
@@ -26,13 +26,13 @@ struct zip_destination {
     ota_descriptor verified{-1};            /* open: most entries share theirs with the entry before */
 };
 
-/** Takes the working directory as the destination. @return false when it cannot be identified */
+/** Makes the working directory the destination. @return false when it cannot be identified */
 bool zip_destination_begin(zip_destination* dest);
 
 /**
- * Whether making the entry would reach outside the destination. A file is also followed through the links
- * in the last component of its name, to a target that does not exist yet too; a directory or a link entry
- * replaces nothing there. A name that leads nowhere does not lead out.
+ * Whether creating the entry would reach outside the destination. A file is also followed through a link
+ * in the last component of its name, even to a target that does not exist yet; a directory or a link entry
+ * does not replace what is there. A name that leads nowhere does not lead out.
  */
 bool zip_name_leads_out(zip_destination* dest, const char* name, zip_kind kind);
 

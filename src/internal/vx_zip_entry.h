@@ -1,4 +1,4 @@
-/** The entries of a package as minizip shows them: one after the other, their kinds, sizes and data. */
+/** The entries of a package as minizip reports them: a walk over them, their kinds, sizes and data. */
 #ifndef VX_ZIP_ENTRY_H
 #define VX_ZIP_ENTRY_H
 
@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-/** An entry of a package. A name of ota_entry_size bytes or more is cut; info.size_filename has its length. */
+/** An entry of a package. A name of ota_entry_size bytes or more is truncated; info.size_filename is its length. */
 struct zip_entry {
     unz_file_info64 info;
     char name[ota_entry_size];
@@ -16,13 +16,13 @@ struct zip_entry {
 
 /**
  * Reads the name and the attributes of the current entry.
- * @return 0; a minizip code, which has been logged
+ * @return 0; a minizip code on failure, which has been logged
  */
 int32_t zip_entry_read_info(unzFile uf, zip_entry* entry);
 
 zip_kind zip_entry_kind(const zip_entry& entry);
 
-/** How a walk over the entries of a package goes. */
+/** The state of a walk over the entries of a package. */
 enum class zip_walk_state {
     under_way,
     at_end,     /* every entry was visited */
@@ -41,21 +41,21 @@ struct zip_walk {
 /** Begins a walk over an opened package. Failures are logged, here and in zip_walk_next(). */
 zip_walk zip_walk_begin(unzFile uf);
 
-/** Moves to the next entry and reads it. @return false where the walk ends; its state tells why */
+/** Moves to the next entry and reads it. @return false where the walk ends; its state gives the reason */
 bool zip_walk_next(zip_walk* walk, zip_entry* entry);
 
 /**
- * The uncompressed size of the current entry of `uf`. A minizip that does not read zip64 sizes shows
+ * The uncompressed size of the current entry of `uf`. A minizip that does not read zip64 sizes reports
  * 0xFFFFFFFF for every entry packed with them; the true size then comes from the entry's extra field.
  * @param info  of that entry, from unzGetCurrentFileInfo64()
- * @param size  out: the size; 0xFFFFFFFF where the package does not hold another
- * @return false without memory for the extra field, which has been logged: the size is unknown
+ * @param size  out: the size; 0xFFFFFFFF where the package has no other
+ * @return false when out of memory for the extra field, which has been logged: the size is unknown
  */
 bool zip_entry_size(unzFile uf, const unz_file_info64& info, uint64_t* size);
 
 /**
- * Whether minizip can deliver the entry whole. One that it shows as 0xFFFFFFFF bytes and that is larger
- * would end there as if it were complete.
+ * Whether minizip can deliver the whole entry. A larger one that it reports as 0xFFFFFFFF bytes would end
+ * there as if it were complete.
  */
 bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info);
 
@@ -64,7 +64,7 @@ struct zip_entry_data {
     unzFile uf;
     uint64_t left; /* bytes still to come */
     bool in_zip64; /* minizip knows neither where it ends nor whether its checksum is right */
-    uint32_t crc;  /* of what has come so far, for an entry in_zip64 */
+    uint32_t crc;  /* of the bytes read so far, for an entry in_zip64 */
 };
 
 zip_entry_data zip_entry_begin(unzFile uf, uint64_t size, const unz_file_info64& info);
@@ -72,21 +72,21 @@ zip_entry_data zip_entry_begin(unzFile uf, uint64_t size, const unz_file_info64&
 /**
  * Reads the next bytes.
  * @return their number, 0 at the end; a negative minizip code, UNZ_BADZIPFILE also for data that ends
- *         before the size that the package claims, which minizip takes as the end
+ *         before the size that the package claims, which minizip treats as the end
  */
 int32_t zip_entry_read(zip_entry_data* data, void* buf, uint32_t size);
 
 /**
  * Ends reading.
- * @return 0; a negative minizip code, UNZ_CRCERROR for an entry that was read to its end and has another
- *         checksum
+ * @return 0; a negative minizip code, UNZ_CRCERROR for an entry that was read to its end and whose
+ *         checksum differs
  */
 int32_t zip_entry_end(const zip_entry_data& data, const unz_file_info64& info);
 
 /**
  * Extracts the one entry named exactly `file_name`, as vx_uncompress_one() does, but only when it is a
- * regular file. What a link leads to does not come out of the package, and a link or a directory that was
- * extracted would be in the way of later packages.
+ * regular file. The target of a link is not part of the package, and an extracted link or directory would
+ * get in the way of later packages.
  */
 int32_t zip_extract_regular_file(const char* src, const char* dest, const char* file_name);
 
