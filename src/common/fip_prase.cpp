@@ -55,10 +55,10 @@ struct image_t {
     void* buffer; /* the image's bytes, owned, toc_e.size long */
 };
 
-/* What is to be done with an image. Reading leaves all at DO_UNSPEC. */
+/* The action for an image. Reading leaves all at DO_UNSPEC. */
 enum { DO_UNSPEC = 0, DO_PACK = 1, DO_UNPACK = 2, DO_REMOVE = 3 };
 
-/** Stands for one row of toc_entries and holds at most one image. Owns all that it points to. */
+/** Describes one row of toc_entries and holds at most one image. Owns everything it points to. */
 struct image_desc_t {
     uuid_t uuid;
     char* name;
@@ -186,7 +186,7 @@ struct image_desc_list {
 
 /* ---- packages ---- */
 
-/** Loads a file whole and tests that it begins like a package. */
+/** Loads a whole file and checks that it begins like a package. */
 int open_fip(const char* filename, ota_memory<uint8_t>* buffer_out, size_t* fip_size) {
     ota_stream fip(std::fopen(filename, "rb"));
     if (fip == nullptr) {
@@ -224,13 +224,13 @@ int open_fip(const char* filename, ota_memory<uint8_t>* buffer_out, size_t* fip_
 
 enum class copy_result { copied, corrupted, no_memory };
 
-/** Copies the image of `entry` out of the package and hangs it on its descriptor. */
+/** Copies the image of `entry` out of the package and attaches it to its descriptor. */
 copy_result copy_image(const uint8_t* package, size_t fip_size, const fip_toc_entry_t& entry, image_desc_t* desc) {
     ota_memory<image_t> image(static_cast<image_t*>(xzalloc(sizeof(image_t), "failed to allocate memory for image")));
     if (image == nullptr) {
         return copy_result::no_memory;
     }
-    /* Allocated ahead of the tests: a size past all memory is reported as such. */
+    /* Allocated before the checks, so that a size beyond all memory is reported as such. */
     ota_memory<void> buffer(xmalloc(entry.size, "failed to allocate image buffer, is FIP file corrupted?"));
     if (buffer == nullptr) {
         return copy_result::no_memory;
@@ -275,7 +275,7 @@ int parse_fip(const uint8_t* package, size_t fip_size) {
     return 0;
 }
 
-/** Walks the packages of a file, as its type lays them out. */
+/** Walks the packages of a file in the layout of its type. */
 int parse_image_file(const uint8_t* file, size_t size, uint32_t img_type) {
     if (img_type == NOSEC_UBOOT_IMG) {
         return parse_fip(file, size);
@@ -297,8 +297,8 @@ int parse_image_file(const uint8_t* file, size_t size, uint32_t img_type) {
 /* ---- certificates ---- */
 
 /**
- * Compares the certificate of `desc` with the version so far. One without a version of its own counts as
- * having `local_ver`, that of the certificate before it.
+ * Compares the certificate of `desc` with the version so far. A certificate without a version counts as
+ * having `local_ver`, the version of the one before it.
  */
 int32_t check_certificate(const image_desc_t* desc, uint32_t* local_ver, uint32_t* ab_ver) {
     const char* name = desc->cmdline_name;
@@ -354,9 +354,9 @@ int32_t vx_fip_img_anti_read(const char* img_path, uint32_t img_type, uint32_t* 
     if (open_fip(img_path, &file, &size) != 0 || parse_image_file(file.get(), size, img_type) != 0) {
         return -1;
     }
-    file.reset(); /* the images are copies of their own */
+    file.reset(); /* the images are separate copies */
     ERR_set_mark();
     const int32_t ret = check_certificates(ab_ver);
-    ERR_pop_to_mark(); /* errors of the caller's stay, but where a certificate's have been printed with them */
+    ERR_pop_to_mark(); /* the caller's errors stay, unless they were printed with a certificate's */
     return ret;
 }

@@ -39,8 +39,8 @@ enum {
  * Reads the version that all certificates of a firmware image agree on.
  * @param img_type  SEC_MINIBOOT_IMG or NOSEC_UBOOT_IMG
  * @param ab_ver    out: the version; 255 when the file holds none of the known certificates
- * @return 0; -1 for a null argument, an unknown type, a file that is no sound package, a certificate
- *         that does not decode, or versions that differ: `ab_ver` then has no meaning
+ * @return 0; -1 for a null argument, an unknown type, a file that is not a sound package, a certificate
+ *         that does not decode, or versions that differ: `ab_ver` is then meaningless
  */
 OTA_API int32_t vx_fip_img_anti_read(const char* img_path, uint32_t img_type, uint32_t* ab_ver);
 

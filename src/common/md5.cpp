@@ -20,7 +20,7 @@ unsigned char buffer_md5dev[1048576];
 namespace {
 
 constexpr size_t block_size = 64;
-constexpr size_t length_offset = 56; /* where the length stands in the last block */
+constexpr size_t length_offset = 56; /* of the message length in the last block */
 
 /** A word from four bytes, low byte first, whatever the host's order and the data's alignment. */
 md5_word_t load_word(const md5_byte_t* p) {
@@ -34,9 +34,10 @@ void store_word(md5_byte_t* p, md5_word_t word) {
 }
 
 /**
- * A value that the compiler has to compute as it stands, apart from what it is used in. The operations
- * of a message form one chain, and only this keeps compilers from putting additions into the chain
- * that could have been done ahead of it: up to a fifth of the speed, by compiler and options.
+ * Makes the compiler compute a value on its own, separately from the expression that uses it. The
+ * operations of a message form one dependency chain. Only this keeps compilers from moving additions into
+ * the chain that could be done ahead of it, which costs up to a fifth of the speed, depending on compiler
+ * and options.
  */
 inline md5_word_t ahead(md5_word_t value) {
     __asm__("" : "+r"(value));
@@ -44,9 +45,9 @@ inline md5_word_t ahead(md5_word_t value) {
 }
 
 /*
- * One operation of each round: a = b + ((a + f(b, c, d) + x + t) <<< s). Nothing but what is left of f
- * waits for b, which the operation before has only just computed: two steps in rounds 1 and 4, one in
- * 2 and 3. In G the two halves have no bit in common, so a sum serves as well as an OR and can be split.
+ * One operation of each round: a = b + ((a + f(b, c, d) + x + t) <<< s). Only the rest of f
+ * waits for b, which the previous operation has just computed: two steps in rounds 1 and 4, one in 2 and
+ * 3. In G the two halves have no bit in common, so a sum works as well as an OR and can be split.
  */
 
 inline void round_f(md5_word_t& a, md5_word_t b, md5_word_t c, md5_word_t d, md5_word_t x, int s, md5_word_t t) {
@@ -151,8 +152,8 @@ inline void md5_process(md5_state_t* pms, const md5_byte_t* data) {
 }
 
 /**
- * Runs `count` whole blocks. The chaining words stay in registers from one to the next; not inlined,
- * because registers run out where the callers' own values compete.
+ * Runs `count` whole blocks. The chaining words stay in registers from one block to the next. Not inlined,
+ * because the callers' own values would compete for the registers.
  */
 [[gnu::noinline]] void md5_process_blocks(md5_state_t* pms, const md5_byte_t* data, size_t count) {
     md5_state_t state;
@@ -163,7 +164,7 @@ inline void md5_process(md5_state_t* pms, const md5_byte_t* data) {
     std::memcpy(pms->abcd, state.abcd, sizeof state.abcd);
 }
 
-/** Bytes of the block that is not yet full. */
+/** Number of bytes in the block that is not yet full. */
 size_t pending_bytes(const md5_state_t* pms) {
     return (pms->count[0] >> 3) % block_size;
 }
@@ -179,8 +180,8 @@ void append_chunk(md5_state_t* pms, off_t bytes) {
 }
 
 /**
- * The size of what `fd` is open on. A device node reports none through fstat, so each kind is asked with
- * its own request. Negative when a device does not report a size.
+ * The size of the file or device that `fd` refers to. fstat() reports none for a device node, so each kind
+ * of device is asked with its own request. Negative when a device does not report a size.
  */
 off_t target_size(int fd, const struct stat& status) {
     uint64_t bytes = 0;

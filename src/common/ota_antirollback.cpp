@@ -79,7 +79,7 @@ int32_t read_fip_img_anti_ver(const char* img_file_path, firmware_kind kind, fir
     return 0;
 }
 
-/** A name that fills its array has no terminator there; this copy always has one. */
+/** A name that fills its array is not terminated there; this copy always is. */
 template <size_t Size>
 struct terminated {
     explicit terminated(const char (&name)[Size]) {
@@ -88,7 +88,7 @@ struct terminated {
     char text[Size + 1] = {};
 };
 
-/** Reads the version of an extracted image; what it is follows from the partition's name. */
+/** Reads the version of an extracted image; the partition's name gives its kind. */
 int32_t read_image_version(const update_info_t* update_info, int32_t i, const char* img_file_path,
                            firmware_versions* versions) {
     const terminated partition(update_info->update_partition[i]);
@@ -107,9 +107,9 @@ int32_t read_image_version(const update_info_t* update_info, int32_t i, const ch
 }
 
 /**
- * Extracts one image and returns its path. What is verified has to come out of the package: neither an
- * older file under the name of a link or directory entry, nor what a link leads to, nor what happens to
- * be at a path that was cut.
+ * Extracts one image and returns its path. The verified file has to come from the package: it must not be
+ * an older file under the name of a link or directory entry, the target of a link, or whatever is at a
+ * truncated path.
  */
 int32_t extract_image(const char* part_file, const char* zip_path, const char* unzip_path,
                       char (&img_file_path)[ota_entry_size]) {
@@ -138,7 +138,7 @@ int32_t visit_image(const update_info_t* update_info, int32_t i, const char* zip
     if (read_image_version(update_info, i, img_file_path, versions) != 0) {
         return -1;
     }
-    if (unlink(img_file_path) != 0) { /* a cut path can be that of a directory, which stays */
+    if (unlink(img_file_path) != 0) { /* a truncated path may be that of a directory, which stays */
         ota_log_error("Remove %s failed\n", img_file_path);
     }
     return 0;

@@ -1,12 +1,12 @@
 /**
- * The slot block: reading, judging, changing and saving it.
+ * The slot block: reading, checking, changing and saving it.
  *
- * What holds at every step:
+ * Invariants:
  *  1. The magic alone decides whether a block is valid. The CRC is written, never verified here.
  *  2. A change works on a copy and reaches the partition whole, in the one write that ends the call.
  *  3. Every refusal comes before the first field changes.
- *  4. Entries 0 to 3 exist, whatever the stored number of slots says.
- *  5. After a slot was made active, it alone stands at the highest priority.
+ *  4. Entries 0 to 3 exist, whatever the stored number of slots.
+ *  5. After a slot was made active, it alone has the highest priority.
  */
 #include "ota_boot_control.h"
 
@@ -117,7 +117,7 @@ int32_t bootctrl_is_slot_marked_successful(int32_t slot, const bootloader_contro
     return is_marked_successful(&boot_ctrl->slot_info[slot]) ? 1 : 0;
 }
 
-/** Fills in where the block lies. */
+/** Fills in the location of the block. */
 int32_t locate_block(ota_file_info_t* misc_info) {
     char cur_dev_path[ota_path_size];
     const int32_t ret = get_part_device_name(misc_partition, cur_dev_path, misc_info->path, PERMANENT);
@@ -147,9 +147,9 @@ int32_t bootctrl_get_info(bootloader_control* boot_ctrl) {
     return 0;
 }
 
-/** How each public operation but the reset begins. */
+/** The first step of every public operation except the reset. */
 bool fetch_block(bootloader_control* boot_ctrl) {
-    std::memset(boot_ctrl, 0, sizeof *boot_ctrl); /* bits of no field too */
+    std::memset(boot_ctrl, 0, sizeof *boot_ctrl); /* including the bits between the fields */
     if (bootctrl_get_info(boot_ctrl) != 0) {
         ota_log_error("get boot ctrl info failed!\n");
         return false;
@@ -224,7 +224,7 @@ int32_t bootctrl_set_slot_as_unbootable(int32_t slot, bootloader_control* boot_c
     return save_change(boot_ctrl);
 }
 
-/** Expects a zeroed block: entries behind the default slots stay as they are. */
+/** Expects a zeroed block: entries after the default slots stay as they are. */
 int32_t ab_control_default(bootloader_control* abc) {
     if (abc == nullptr) {
         return -1;

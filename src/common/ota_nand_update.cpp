@@ -1,14 +1,14 @@
 /**
- * Access to MTD devices and UBI volumes. One read-modify-write with two media behind it.
+ * Access to MTD devices and UBI volumes. One read-modify-write for both media.
  *
- * What holds at every step of a write:
+ * Invariants of a write:
  *  1. Every refusal comes before the first erase.
- *  2. A block is erased only after it was read whole.
- *  3. old_data holds the good blocks of the range one after the other, and `blocks` says which they are:
- *     each goes back to the block it came from, or nowhere.
- *  4. When reading or erasing fails, the blocks erased so far get their own content back and nothing of
+ *  2. A block is erased only after all of it was read.
+ *  3. old_data holds the good blocks of the range one after the other, and `blocks` holds their numbers:
+ *     each is written back to the block it came from, or not at all.
+ *  4. When reading or erasing fails, the old content of the blocks erased so far is written back and none of
  *     the new data reaches the medium. The block that failed is not written.
- *  5. A negative result means that the new data must not be taken as stored.
+ *  5. After a negative result the new data must not be treated as stored.
  *  6. A status is an int: 0, or the negative number that the call returns. A ssize_t counts bytes.
  */
 #include "ota_nand_update.h"
@@ -23,13 +23,13 @@
 
 namespace {
 
-/** The blocks of a write in hand. A block is an erase block or a LEB; block numbers count from 0. */
+/** The blocks of the current write. A block is an erase block or a LEB; block numbers count from 0. */
 struct block_range {
     int fd;
     size_t block_size;
-    size_t device_size; /* bad blocks are looked for below this; 0 on a medium without any */
+    size_t device_size; /* end of the search for bad blocks; 0 on a medium without any */
     long long start;
-    long long end; /* one past the last; rises with each bad block met */
+    long long end; /* one past the last; increases with each bad block found */
     size_t count;  /* good blocks in the range */
     ota_memory<uint8_t> old_data;
     ota_memory<long long> blocks; /* number of the block that each piece of old_data came from */
@@ -45,7 +45,7 @@ struct flash_medium {
     int (*allow_writes)(int fd);
 };
 
-/** The status of a request that did not return 0: a positive result must not be mistaken for a byte count. */
+/** The status of a request that did not return 0. A positive result must not be mistaken for a byte count. */
 int request_failure(int ret) {
     return ret < 0 ? ret : -1;
 }
@@ -64,7 +64,7 @@ int mtd_ask_bad(int fd, long long ofs, size_t block_size) {
     return mtd_get_bad_block(fd, static_cast<uint64_t>(ofs) * block_size);
 }
 
-/** An error counts as bad. A block past the end of the device is not asked for: reading it ends the range. */
+/** An error counts as bad. A block past the end of the device is not checked: reading it ends the range. */
 bool mtd_check_bad(const block_range& range, long long ofs) {
     if (static_cast<size_t>(ofs) * range.block_size >= range.device_size ||
         mtd_ask_bad(range.fd, ofs, range.block_size) == 0) {
@@ -86,8 +86,8 @@ constexpr flash_medium mtd_medium = {"vx_mtd_read", vx_mtd_read,     mtd_check_b
                                      "MEMERASE64",  mtd_erase_block, mtd_allow_writes};
 
 /**
- * Moves the range past the bad blocks before it, so that exactly range.start good blocks lie there:
- * neighbouring ranges then agree on where each block lies. On a device with fewer good blocks the range
+ * Moves the range past the bad blocks before it, so that exactly range.start good blocks come before it:
+ * adjacent ranges then agree on the place of each block. On a device with fewer good blocks the range
  * starts at the end of the device, where reading its first block ends the write.
  */
 void move_past_bad_blocks(block_range& range) {
@@ -138,7 +138,7 @@ constexpr flash_medium ubi_medium = {"vx_ubi_read", vx_ubi_read,     ubi_check_b
 
 /* ---- the read-modify-write ---- */
 
-/** The blocks of the bytes from `offset` to `offset` + `in_size`, whose sum is known not to wrap. */
+/** The blocks of the bytes from `offset` to `offset` + `in_size`, which does not overflow. */
 block_range range_of(int fd, size_t block_size, size_t device_size, size_t in_size, size_t offset) {
     const size_t end = offset + in_size;
     block_range range{};
@@ -171,7 +171,7 @@ bool allocate_old_data(block_range& range) {
     return true;
 }
 
-/** Reads block `ofs` whole into piece `slot` of old_data. A short read goes on where it stopped. */
+/** Reads all of block `ofs` into piece `slot` of old_data. A short read is continued where it stopped. */
 int read_block(const flash_medium& medium, const block_range& range, long long ofs, size_t slot) {
     uint8_t* const piece = range.old_data.get() + slot * range.block_size;
     const size_t offs = static_cast<size_t>(ofs) * range.block_size;
@@ -295,7 +295,7 @@ bool check_new_data(const void* in_buf, size_t in_size) {
     return true;
 }
 
-/** One pread, whose result goes to the caller as it is. */
+/** One pread, whose result is passed to the caller unchanged. */
 ssize_t read_at(const flash_medium& medium, int fd, void* in_buf, size_t in_size, size_t offset) {
     const auto ret = static_cast<int32_t>(pread(fd, in_buf, in_size, static_cast<off_t>(offset)));
     if (ret < 0) {

@@ -21,7 +21,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static_assert(sizeof(size_t) == 8); /* a command with the largest data area can be counted */
+static_assert(sizeof(size_t) == 8); /* the size of a command with the largest data area fits */
 
 namespace {
 
@@ -31,7 +31,7 @@ uint8_t g_mmc_buf[10485760];
 
 /* ---- block branch ---- */
 
-/** Moves a fresh descriptor to where the transfer starts. */
+/** Seeks a newly opened descriptor to the start of the transfer. */
 bool seek_to_offset(const ota_descriptor& fd, const ota_file_info_t* file) {
     const auto offset = static_cast<off_t>(file->offset);
     if (lseek(fd.get(), offset, SEEK_SET) < 0) {
@@ -79,7 +79,7 @@ ssize_t vx_block_write(ota_file_info_t* dest_file, const void* in_buf, size_t in
 
 using flash_transfer = ssize_t (*)(int fd, void* in_buf, size_t in_size, size_t offset);
 
-/** The text that tells the kind of a flash device: the target of a link, else the path itself. */
+/** The text that identifies the kind of a flash device: the target of a link, else the path itself. */
 bool read_kind_text(const char* path, std::span<char> rel_path) {
     std::fill(rel_path.begin(), rel_path.end(), '\0');
     struct stat status {};
@@ -145,7 +145,7 @@ int32_t write_chunk(ota_file_info_t* dest_file, std::span<const uint8_t> chunk) 
     return ota_buf_to_file(dest_file, reinterpret_cast<const char*>(chunk.data()), chunk.size());
 }
 
-/** Stands `uf` on the entry and opens it. */
+/** Locates the entry in `uf` and opens it. */
 int32_t open_entry(unzFile uf, const char* file, zip_entry_data* data) {
     int32_t ret = unzLocateFile(uf, file, 0);
     if (ret != UNZ_OK) {
@@ -175,7 +175,7 @@ int32_t open_entry(unzFile uf, const char* file, zip_entry_data* data) {
     return 0;
 }
 
-/** Moves the open entry to the destination, chunk by chunk. */
+/** Copies the open entry to the destination, chunk by chunk. */
 int32_t stream_entry(zip_entry_data* data, ota_file_info_t* dest_file, void (*read_cb)(int32_t)) {
     const std::span<uint8_t> burn_buf = burn_buffer(dest_file->medium);
     while (true) {
@@ -202,7 +202,7 @@ int32_t stream_entry(zip_entry_data* data, ota_file_info_t* dest_file, void (*re
 
 /* ---- flash command ---- */
 
-/** Loads and judges the fixed part of a command file. */
+/** Loads and checks the fixed part of a command file. */
 bool read_flashcmd(const char* cmd, fimage_update_t* cmd_raw) {
     char cmd_path[256];
     (void)std::snprintf(cmd_path, sizeof cmd_path, "%s/%s", ota_flashcmd_dir, cmd);

@@ -1,11 +1,11 @@
-/** Diagnostics and checksums. The other concerns of this unit stand in the ota_utils_*.cpp beside it. */
+/** Diagnostics and checksums. The rest of this unit is in ota_utils_*.cpp. */
 #include "ota_utils.h"
 
 #include "ota_log.h"
 
 #include <cstdlib>
 
-/* The stored records and the contract with the tools depend on these sizes and places. */
+/* The stored records and the contract with the tools depend on these sizes and offsets. */
 static_assert(sizeof(ota_medium_e) == 4 && sizeof(ota_part_type_e) == 4 && sizeof(ota_update_flag_e) == 4);
 static_assert(sizeof(ota_file_info_t) == 152 && offsetof(ota_file_info_t, path) == 20);
 static_assert(sizeof(partition_info_t) == 208 && offsetof(partition_info_t, part_name) == 24);

@@ -18,9 +18,9 @@ constexpr char medium_key[] = "veloxboot.medium=";
 constexpr char mode_key[] = "veloxboot.mode=";
 constexpr char slot_key[] = "veloxboot.slot_suffix=_";
 
-constexpr size_t value_size = 16; /* bytes of a value that are searched for its end */
+constexpr size_t value_size = 16; /* bytes of a value in which its end is searched */
 
-/** Reads the head of the command line, all but the last byte of `text`; an unreadable one is empty. */
+/** Reads the start of the command line into all but the last byte of `text`; empty when it cannot be read. */
 bool read_cmdline(std::span<char> text) {
     std::fill(text.begin(), text.end(), '\0');
     const ota_descriptor cmdline(open(ota_cmdline_path, O_RDONLY));
@@ -34,7 +34,7 @@ bool read_cmdline(std::span<char> text) {
     return true;
 }
 
-/** The word behind `key`, with each blank and line end near it turned into a NUL; null without the key. */
+/** The word after `key`, with each blank and line end near it turned into a NUL; null without the key. */
 const char* find_value(std::span<char> text, const char* key) {
     const char* found = std::strstr(text.data(), key);
     if (found == nullptr) {
@@ -147,7 +147,7 @@ int32_t ota_get_update_slot() {
     if (cur_state < 0 || other_state < 0) {
         return -1;
     }
-    /* The one slot that is known to boot must survive: only then is the running slot written. */
+    /* The only slot that is known to boot must survive: only in this case is the running slot written. */
     const int32_t slot = cur_state == 0 && other_state == 1 ? cur : other;
     ota_log_info("this update slot is:%d!\n", slot);
     return slot;

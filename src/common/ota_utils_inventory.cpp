@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t suffix_length = 2;
 
-/** Cuts the slot suffix off a name; false when it has none. */
+/** Removes the slot suffix of a name; false when it has none. */
 bool cut_slot_suffix(char* name) {
     const size_t len = std::strlen(name);
     if (len < suffix_length) {
@@ -37,7 +37,7 @@ bool is_listed(char (*rows)[ota_path_size], size_t count, const char* name) {
     return false;
 }
 
-/** The mask lets links, device nodes and files pass, and no directories. */
+/** The mask accepts links, device nodes and files, but not directories. */
 bool is_partition_entry(const dirent* entry) {
     return std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0 &&
            (entry->d_type & DT_LNK) != 0;

@@ -18,13 +18,13 @@ namespace {
 constexpr uint64_t no_free_space_known = UINT64_MAX;
 
 /**
- * KiB that have to be free for `size` bytes: the size and one MiB less one byte in whole KiB, and
- * 1024 KiB on top.
+ * KiB that have to be free for `size` bytes: the size plus one MiB less one byte, in whole KiB, plus
+ * 1024 KiB.
  */
 int64_t needed_space(int64_t size) {
     constexpr int64_t headroom = 0xFFFFF;
     if (size > INT64_MAX - headroom) {
-        return INT64_MAX; /* more than any file system has */
+        return INT64_MAX; /* larger than any file system */
     }
     return (size + headroom) / 1024 + 1024;
 }
@@ -48,7 +48,7 @@ bool check_room(const char* zip_path, uint64_t* img_size) {
     return true;
 }
 
-/** Takes the program out of the package that `token` names. */
+/** Extracts the program from the package that `token` names. */
 int32_t extract_ota_process(const char* token, char* process_path, uint32_t len) {
     if (token[0] != '/') {
         ota_log_error("Please use absolute path: %s\n", token);
@@ -58,7 +58,7 @@ int32_t extract_ota_process(const char* token, char* process_path, uint32_t len)
         ota_log_error("cannot read file: %s\n", token);
         return -OTAERR_NO_EXISTS;
     }
-    /* The caller runs it: what a link leads to is not the package's. */
+    /* The caller runs it, and the target of a link is not part of the package. */
     if (zip_extract_regular_file(token, ota_process_dir, ota_process_name) != 0) {
         ota_log_error("get system upgrade process [%s] failed\n", ota_process_name);
         return -OTAERR_UNZIP;

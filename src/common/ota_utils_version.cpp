@@ -1,4 +1,4 @@
-/** Version strings: taken out of a line, read from a file, compared. */
+/** Version strings: extracted from a line, read from a file, compared. */
 #include "ota_log.h"
 #include "ota_owner.h"
 #include "ota_paths.h"
@@ -16,7 +16,7 @@ bool is_end_of_version(char c) {
     return c == '\0' || c == '_';
 }
 
-/** The value of the segment at `*version`, which moves on to the next. Any character counts. */
+/** The value of the segment at `*version`, which is advanced to the next. Any character is accepted. */
 int32_t parse_segment(const char** version) {
     const char* at = *version;
     uint32_t num = 0;
@@ -39,7 +39,7 @@ int32_t parse_version_info(const char* in_version, char* out_version) {
         ota_log_error("version:%s is format error!\n", in_version);
         return -1;
     }
-    /* The line is the caller's and writable, in spite of its type. */
+    /* The line belongs to the caller and is writable, in spite of its type. */
     char* rest = const_cast<char*>(marker) + 1;
     char* const token = strsep(&rest, " ");
     char* const last = token + std::strlen(token) - 1;

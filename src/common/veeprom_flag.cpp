@@ -16,13 +16,13 @@ namespace {
 
 constexpr char veeprom_partition[] = "ubootenv";
 
-/** Where the value of a selector stands in the status record. */
+/** The place of a selector's value in the status record. */
 struct status_field {
     size_t offset;
     size_t size;
 };
 
-/* By selector. Selectors 3 and 4 run against the order of their fields. */
+/* By selector. Selectors 3 and 4 are in the reverse order of their fields. */
 constexpr status_field status_fields[] = {
     {offsetof(ota_status_t, up), 4},            /* OTA_VEEPROM_UPDATE_FLAG */
     {offsetof(ota_status_t, up_system), 4},     /* OTA_VEEPROM_SYS_UPDATE_FLAG */
@@ -119,7 +119,7 @@ int32_t write_status(const ota_status_t* status) {
     return ret;
 }
 
-/** Makes a new record in `status`, whose reserved bytes stay as they are, and stores it. */
+/** Creates a new record in `status`, whose reserved bytes are kept, and stores it. */
 int32_t ota_init_status(ota_status_t* status) {
     if (status == nullptr) {
         ota_log_error("ota status is NULL\n");
@@ -144,7 +144,7 @@ int32_t ota_init_status(ota_status_t* status) {
     return ret < 0 ? ret : write_status(status);
 }
 
-/** Reads the status record and makes it anew when it is not valid. */
+/** Reads the status record and recreates it when it is not valid. */
 int32_t fetch_status(ota_status_t* status) {
     int32_t ret = ota_read_from_veeprom(reinterpret_cast<char*>(status), sizeof *status, status_record_offset);
     if (ret < 0) {
@@ -225,7 +225,7 @@ int32_t get_veeprom_other_status(ota_veeprom_type_e flag, uint32_t* value) {
         ota_log_error("veeprom flag value is NULL\n");
         return -1;
     }
-    /* Read aside: after a short read the caller must not find its own old bytes in the record. */
+    /* Read into a local: after a short read the caller must not find its own old bytes in the record. */
     antirollback_ver_t stored{};
     int32_t ret = -1;
     if (flag == OTA_VEEPROM_ANTI_VER) {
@@ -241,7 +241,7 @@ int32_t get_veeprom_other_status(ota_veeprom_type_e flag, uint32_t* value) {
     return ret;
 }
 
-/* A value of any type travels as a pointer to its first 32-bit word. */
+/* A value of any type is passed as a pointer to its first 32-bit word. */
 
 int32_t set_value(ota_veeprom_type_e flag, void* value) {
     return ota_set_veeprom_flag(flag, static_cast<uint32_t*>(value));

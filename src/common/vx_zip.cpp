@@ -1,9 +1,9 @@
 /**
  * Extraction and inventory of zip packages.
  *
- * An entry's name serves as a path relative to the working directory, which is the destination while a
- * package is extracted. Before anything is touched for an entry, its name is checked: what lies outside
- * the destination is never written, nor is a mode set there, whatever links the package brought along.
+ * An entry's name is a path relative to the working directory, which is the destination while a package is
+ * extracted. Before anything is touched for an entry, its name is checked: nothing outside the destination
+ * is written and no mode is set there, whatever links the package contains.
  */
 #include "vx_zip.h"
 
@@ -77,7 +77,7 @@ int32_t copy_data(zip_entry_data* data, FILE* fout) {
     return 0;
 }
 
-/** Sets the mode of what the name holds. Of a file it is known where it leads; a link may have any target. */
+/** Sets the mode of what the name refers to. A file has been checked already; a link may have any target. */
 void set_mode(extraction& walk, const zip_entry& entry) {
     if (zip_entry_kind(entry) == zip_kind::link && zip_name_leads_out(&walk.dest, entry.name, zip_kind::file)) {
         ota_log_debug("mode of %s is not set: its target is not in the destination\n", entry.name);
@@ -107,7 +107,7 @@ int32_t extract_file(zip_entry_data* data, zip_entry& entry) {
         ota_log_error("error opening %s\n", entry.name);
         return -1;
     }
-    /* The result of fclose() is not looked at, so nothing may wait for it; and nothing is copied twice. */
+    /* The result of fclose() is ignored, so no data may be left for it. This also saves a copy. */
     (void)std::setvbuf(fout, nullptr, _IONBF, 0);
     const int32_t err = copy_data(data, fout);
     (void)std::fclose(fout);
@@ -117,7 +117,7 @@ int32_t extract_file(zip_entry_data* data, zip_entry& entry) {
     return err;
 }
 
-/** Extracts a link or a regular file, and sets the mode of what the name then holds, also after a failure. */
+/** Extracts a link or a regular file, and sets the mode of what the name then refers to, even after a failure. */
 int32_t extract_data(extraction& walk, zip_entry& entry) {
     uint64_t size = 0;
     if (!zip_entry_size(walk.uf, entry.info, &size)) {
@@ -149,7 +149,7 @@ int32_t extract_data(extraction& walk, zip_entry& entry) {
     return err;
 }
 
-/** Checks that the name of an entry can be extracted, and logs why it cannot. */
+/** Checks that the name of an entry can be extracted, and logs the reason when it cannot. */
 bool check_name(extraction& walk, const zip_entry& entry) {
     if (entry.info.size_filename >= sizeof entry.name) {
         ota_log_error("entry name of %u bytes is too long\n", static_cast<unsigned>(entry.info.size_filename));
@@ -162,7 +162,7 @@ bool check_name(extraction& walk, const zip_entry& entry) {
     return true;
 }
 
-/** Extracts the entry that was read last. */
+/** Extracts the entry read last. */
 int32_t extract_entry(extraction& walk, zip_entry& entry) {
     if (!check_name(walk, entry)) {
         return -1;
@@ -204,7 +204,7 @@ unzFile open_package(const char* src) {
     return uf;
 }
 
-/** Enters `dest` after it was found missing. Whether it could be made shows when it is entered. */
+/** Creates and enters a missing `dest`. A failure to create it shows when it is entered. */
 bool enter_made_directory(const char* dest) {
     (void)makedir(dest);
     if (chdir(dest) != 0) {
@@ -286,7 +286,7 @@ int32_t uncompress_one(const char* src, const char* dest, const char* file_name,
 
 /* ---- inventory ---- */
 
-/** A name that is too long to be checked counts as an image. */
+/** A name too long to be checked counts as an image. */
 bool is_image(const char* name) {
     return is_xxx_file(name, "img") != 0 || is_xxx_file(name, "bin") != 0 || is_xxx_file(name, "ubifs") != 0;
 }
@@ -301,7 +301,7 @@ bool add_size(uint64_t* sum, uint64_t size) {
     return true;
 }
 
-/** Adds up an entry. What the caller had in `img_size` may be anything and is not checked. */
+/** Adds up an entry. The caller's initial value of `img_size` is not checked. */
 bool add_entry(const char* zipfile, unzFile uf, const zip_entry& entry, uint64_t* img_size, uint64_t* total_size) {
     uint64_t size = 0;
     if (!zip_entry_size(uf, entry.info, &size)) {
@@ -334,8 +334,8 @@ const char* next_package(DIR* dir) {
 }
 
 /**
- * The largest total of the packages in the working directory, which `path` leads to as well: their names
- * are opened from the working directory.
+ * The largest total of the packages in the working directory, which `path` also names. The packages are
+ * opened relative to the working directory.
  */
 int64_t max_package_size(const char* path) {
     const ota_directory dir(opendir(path));

@@ -15,12 +15,12 @@ constexpr int max_links = 40; /* the kernel's own limit for one path */
 constexpr int directory_flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
 /**
- * What following a component comes to. A whole path is never handed to the kernel: it starts a walk that a
- * mount elsewhere disturbs again with the links already counted, and may report ELOOP for that alone.
+ * The result of following a component. A whole path is never passed to the kernel: when a mount elsewhere
+ * disturbs its walk, it starts over with the links already counted, and may report ELOOP for that alone.
  */
 enum class reach { found, missing, nowhere, unknown };
 
-/** A path on its way. Link targets wait at the end of `text` for their components to be followed. */
+/** A path being followed. Link targets are kept at the end of `text` until their components are followed. */
 struct path_walk {
     explicit path_walk(const zip_destination& destination) : dest(destination) {
     }
@@ -32,7 +32,7 @@ struct path_walk {
     const zip_destination& dest;
     int at = AT_FDCWD; /* the directory reached so far */
     ota_descriptor owned{-1};
-    bool strayed = false; /* through a link, ".." or the root: only the way up says where it is */
+    bool strayed = false; /* through a link, ".." or the root: only its parents show where it is */
     int links = 0;
     size_t pending = sizeof text; /* where the rest of the link targets begins */
     char text[PATH_MAX + ota_entry_size] = {};
@@ -51,7 +51,7 @@ reach reach_of_error() {
     }
 }
 
-/** Whether the way up from the directory reached meets the destination. */
+/** Whether the directory reached is the destination or has it among its parents. */
 bool is_inside(const path_walk& walk) {
     if (!walk.strayed) {
         return true;
@@ -79,7 +79,7 @@ reach open_component(path_walk& walk, const char* part, int flags) {
     return reach::found;
 }
 
-/** Whether links in the directory reached lead elsewhere than their text. */
+/** Whether links in the directory reached may not lead where their text says. */
 bool has_magic_links(const path_walk& walk) {
     struct statfs system {};
     const int failed = walk.at == AT_FDCWD ? statfs(".", &system) : fstatfs(walk.at, &system);
@@ -98,7 +98,7 @@ reach follow_link(path_walk& walk, const char* part) {
     }
     const auto size = static_cast<size_t>(length);
     if (size >= walk.pending || has_magic_links(walk)) {
-        const reach result = open_component(walk, part, O_PATH | O_CLOEXEC); /* nothing is made through it */
+        const reach result = open_component(walk, part, O_PATH | O_CLOEXEC); /* nothing is created through it */
         return result == reach::missing ? reach::nowhere : result;
     }
     const bool is_absolute = walk.text[0] == '/';
@@ -110,7 +110,7 @@ reach follow_link(path_walk& walk, const char* part) {
     return is_absolute ? open_component(walk, "/", directory_flags) : reach::found;
 }
 
-/** Follows one component. Of the last one only a link is followed: what it names may be no directory. */
+/** Follows one component. The last one is followed only if it is a link: it need not be a directory. */
 reach step(path_walk& walk, const char* part, bool is_last) {
     if (std::strcmp(part, ".") == 0) {
         return open_component(walk, part, directory_flags);
@@ -129,7 +129,7 @@ reach step(path_walk& walk, const char* part, bool is_last) {
     return is_last ? reach::found : open_component(walk, part, O_PATH | O_NOFOLLOW | O_CLOEXEC);
 }
 
-/** The length of the next component at `*path`, which moves past the separators before it; 0 at the end. */
+/** The length of the next component at `*path`, which is advanced past the separators before it; 0 at the end. */
 size_t next_component(const char** path, const char* end) {
     while (*path < end && **path == '/') {
         ++*path;
@@ -154,7 +154,7 @@ bool take_pending(path_walk& walk, char (&part)[NAME_MAX + 1], size_t* length) {
     return *length > 0;
 }
 
-/** Follows the targets of links to their end, where a file that is missing may still be made. */
+/** Follows the targets of links to their end, where a missing file may still be created. */
 reach follow_pending(path_walk& walk, bool is_last) {
     char part[NAME_MAX + 1];
     size_t length = 0;
@@ -171,7 +171,7 @@ reach follow_pending(path_walk& walk, bool is_last) {
     return reach::found;
 }
 
-/** Where the parent of the last component of `name` ends; 0 without one. */
+/** The end of the parent directory in `name`; 0 without one. */
 size_t parent_length(const char* name, size_t length) {
     while (length > 0 && name[length - 1] == '/') {
         --length;
@@ -180,15 +180,15 @@ size_t parent_length(const char* name, size_t length) {
     return last == nullptr ? 0 : static_cast<size_t>(last - name);
 }
 
-/** A name on its way. */
+/** An entry's name being followed. */
 struct name_walk {
     path_walk path;
     zip_kind kind;
-    bool makes = false; /* parents of the file may have to be made, and let more resolve than does now */
+    bool makes = false; /* parents of the file may have to be created, after which more names resolve */
     size_t made = 0;    /* components down from `path` that do not exist yet: there are no links in them */
 };
 
-/** Whether to go on with the next component, or how the name ends. */
+/** Whether to continue with the next component, or where the name leads. */
 enum class course { on, in, out };
 
 course follow_component(name_walk& walk, const char* part, bool is_last) {
@@ -202,7 +202,7 @@ course follow_component(name_walk& walk, const char* part, bool is_last) {
     if (is_last && !is_file && !is_parent) {
         return is_inside(walk.path) ? course::in : course::out; /* neither mkdir() nor symlink() follows it */
     }
-    if (is_file && std::strchr(part, '\\') != nullptr) { /* makedir() makes what is before it too */
+    if (is_file && std::strchr(part, '\\') != nullptr) { /* makedir() also creates what is before it */
         walk.makes = true;
         if (!is_inside(walk.path)) {
             return course::out;
@@ -228,7 +228,7 @@ bool is_verified(const zip_destination& dest, const char* name, size_t parent) {
     return parent > 0 && std::strlen(dest.verified_dir) == parent && std::memcmp(name, dest.verified_dir, parent) == 0;
 }
 
-/** Keeps the parent directory that the walk has reached, when it is in the destination as it is. */
+/** Keeps the parent directory that the walk has reached, if it exists inside the destination. */
 void keep_verified(zip_destination* dest, name_walk& walk, const char* name, size_t parent) {
     if (parent == 0 || walk.makes || !walk.path.owned.is_open() || !is_inside(walk.path)) {
         return;

@@ -16,7 +16,7 @@ int32_t zip_entry_read_info(unzFile uf, zip_entry* entry) {
         ota_log_error("error %d with zipfile in unzGetCurrentFileInfo\n", err);
         return err;
     }
-    entry->name[sizeof entry->name - 1] = '\0'; /* minizip leaves a longer name without one */
+    entry->name[sizeof entry->name - 1] = '\0'; /* minizip does not terminate a longer name */
     return 0;
 }
 
@@ -69,7 +69,7 @@ bool zip_entry_size(unzFile uf, const unz_file_info64& info, uint64_t* size) {
     }
     unz_file_info64 again;
     if (unzGetCurrentFileInfo64(uf, &again, nullptr, 0, extra.get(), length, nullptr, 0) == UNZ_OK) {
-        (void)decode_zip64_size({extra.get(), length}, size); /* without one the package's own size stays */
+        (void)decode_zip64_size({extra.get(), length}, size); /* without one the entry's own size stays */
     }
     return true;
 }
