@@ -5,7 +5,7 @@
  *   offset  size  meaning
  *        0     1  1: the secure counter is to be raised
  *        1     1  1: the non-secure counter is to be raised
- *        2     2  no field, covered by the checksum; 0 in records that this library makes
+ *        2     2  padding, covered by the checksum; 0 in records that this library creates
  *        4     4  secure version
  *        8     4  non-secure version
  *       12     4  CRC-32 of bytes 0 to 11
@@ -21,10 +21,10 @@ inline constexpr uint32_t antirollback_record_offset = 0x30880;
 /** Valid, torn (wrong checksum) or absent (erased). The format has no magic number. */
 format_answer check_antirollback_record(const antirollback_ver_t& record);
 
-/** The same of bytes; too few of them are torn. @param record  out: what the bytes hold, whatever it is */
+/** The same for raw bytes; too few are torn. @param record  out: what the bytes hold, even if not valid */
 format_answer decode_antirollback_record(std::span<const uint8_t> bytes, antirollback_ver_t* record);
 
-/** Sets the checksum. The record is then as it is stored: record_bytes(). */
+/** Sets the checksum. The record then has its stored form: record_bytes(). */
 void seal_antirollback_record(antirollback_ver_t* record);
 
 #endif

@@ -1,7 +1,7 @@
 /**
  * The anti-rollback version in an X.509 certificate of the Trusted Firmware-A scheme: an extension with one of the
  * object identifiers 1.3.6.1.4.1.4128.2100.1 (trusted firmware) and .2 (non-trusted firmware), whose value is a DER
- * INTEGER. The first extension with either counts. Nothing of the certificate is verified.
+ * INTEGER. The first extension with either is used. The certificate is not verified.
  */
 #ifndef CERTIFICATE_FORMAT_H
 #define CERTIFICATE_FORMAT_H
@@ -16,7 +16,7 @@ struct certificate_version {
 
 /**
  * Reads the version. Bytes after the end of the certificate are ignored.
- * What libcrypto finds wrong stays in its error queue, for the caller to print or to drop.
+ * Errors of libcrypto stay in its error queue, for the caller to print or drop.
  */
 certificate_version read_certificate_version(std::span<const uint8_t> der);
 

@@ -14,8 +14,8 @@
  *       24     8  length of the image
  *       32     8  flags
  *
- * A file with the board's "miniboot" holds two packages, of 0x40000 bytes at byte 0 and of 0x200000 bytes at byte
- * 0x40000. A file with "uboot" is one package.
+ * A "miniboot" file of the board holds two packages, of 0x40000 bytes at byte 0 and of 0x200000 bytes at byte
+ * 0x40000. A "uboot" file is one package.
  */
 #ifndef FIRMWARE_PACKAGE_FORMAT_H
 #define FIRMWARE_PACKAGE_FORMAT_H
@@ -41,20 +41,20 @@ struct fip_toc_entry_t {
     uint64_t flags;
 };
 
-/** Whether a file begins as a package does: valid, torn (too short), or foreign (another magic). */
+/** Whether a file begins like a package: valid, torn (too short), or foreign (another magic). */
 format_answer check_firmware_package(std::span<const uint8_t> file);
 
-/** A way through the entries of one package. */
+/** A walk over the entries of one package. */
 struct firmware_walk {
     std::span<const uint8_t> package;
     size_t at = sizeof(fip_toc_header_t);
-    bool is_terminated = false; /* the entry of zeros was met */
+    bool is_terminated = false; /* the entry of zeros was reached */
 };
 
 /** The next entry. @return false at the entry of zeros, or where no whole entry is left */
 bool next_firmware_entry(firmware_walk* walk, fip_toc_entry_t* entry);
 
-/** Where an entry says that its image is: valid inside a package of `size` bytes, or torn for one of two reasons. */
+/** Checks the place of an entry's image: valid inside a package of `size` bytes, or torn for one of two reasons. */
 enum class firmware_place { inside, wraps, past_end };
 firmware_place check_firmware_place(const fip_toc_entry_t& entry, size_t size);
 

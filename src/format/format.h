@@ -1,4 +1,4 @@
-/** What the readers and writers of stored and foreign formats share. They only look at bytes: no I/O, no messages. */
+/** Shared by the readers and writers of stored and foreign formats, which only handle bytes: no I/O, no messages. */
 #ifndef FORMAT_H
 #define FORMAT_H
 
@@ -11,11 +11,11 @@
 /* The library's own records are kept in memory as they are stored, little-endian. */
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
 
-/** What bytes are that should be of a format. */
+/** The result of checking bytes against a format. */
 enum class format_state {
     valid,
     absent,  /* erased or empty: nothing was written there */
-    torn,    /* begins as the format does, but is incomplete or damaged */
+    torn,    /* begins like the format, but is incomplete or damaged */
     foreign, /* something else */
 };
 
@@ -45,8 +45,8 @@ std::span<const uint8_t, sizeof(Record)> record_bytes(const Record& record) {
 }
 
 /**
- * Takes a record out of bytes and checks it; what is missing at their end is 0.
- * @param record  out: what the bytes hold, whatever it is
+ * Copies a record from bytes and checks it; missing bytes at the end are 0.
+ * @param record  out: what the bytes hold, even if not valid
  */
 template <class Record>
 format_answer decode_record(std::span<const uint8_t> bytes, Record* record, format_answer (*check)(const Record&)) {
@@ -60,7 +60,7 @@ format_answer decode_record(std::span<const uint8_t> bytes, Record* record, form
     return length < sizeof *record && answer.state != format_state::absent ? format_too_short : answer;
 }
 
-/** A little-endian number at byte `at`, which the caller knows to be there. */
+/** A little-endian number at byte `at`, which the caller has checked to be in range. */
 template <class Number>
 Number load_le(std::span<const uint8_t> bytes, size_t at) {
     Number number = 0;

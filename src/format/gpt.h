@@ -1,14 +1,14 @@
 /**
  * The entries of a GUID Partition Table (UEFI specification, 5.3.3): 128 entries of 128 bytes at byte 1024 of the
- * disk, LBA 2 with sectors of 512 bytes, little-endian.
+ * disk, LBA 2 with 512-byte sectors, little-endian.
  *
  *   offset  size  meaning
- *        0    16  type of the partition, a GUID; zeros in an entry that is not used
+ *        0    16  type of the partition, a GUID; zeros in an unused entry
  *       16    16  GUID of the partition
  *       32     8  first LBA
  *       40     8  last LBA
  *       48     8  attributes
- *       56    72  name, 36 units of UTF-16, filled with zeros
+ *       56    72  name, 36 units of UTF-16, padded with zeros
  */
 #ifndef GPT_FORMAT_H
 #define GPT_FORMAT_H
@@ -20,10 +20,10 @@ inline constexpr uint64_t gpt_entries_offset = 1024;
 inline constexpr size_t gpt_entry_count = 128;
 inline constexpr size_t gpt_name_units = 36;
 
-/** Valid, absent (not used) or foreign (the last LBA lies before the first). */
+/** Valid, absent (not used) or foreign (the last LBA is before the first). */
 format_answer check_gpt_entry(const gpt_entry& entry);
 
-/** The same of bytes; too few of them are torn. @param entry  out: what the bytes hold, whatever it is */
+/** The same for raw bytes; too few are torn. @param entry  out: what the bytes hold, even if not valid */
 format_answer decode_gpt_entry(std::span<const uint8_t> bytes, gpt_entry* entry);
 
 #endif

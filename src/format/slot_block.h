@@ -1,5 +1,5 @@
 /**
- * The slot block: how the bootloader and the update tools share which slot boots. 32 bytes at byte 2048 of the
+ * The slot block: the bootloader and the update tools share in it which slot boots. 32 bytes at byte 2048 of the
  * partition "misc", little-endian; bit 0 is the least significant.
  *
  *   offset  size  meaning
@@ -22,7 +22,7 @@
 inline constexpr uint64_t slot_block_offset = 2048;
 inline constexpr uint32_t slot_block_magic = 0x42414342;
 inline constexpr uint8_t slot_block_version = 1;
-inline constexpr uint32_t slot_block_slots = 4; /* that can be stored */
+inline constexpr uint32_t slot_block_slots = 4; /* at most */
 
 /**
  * Valid, or torn with a wrong checksum, absent (erased) or foreign (wrong magic number). A reader that accepts any
@@ -30,10 +30,10 @@ inline constexpr uint32_t slot_block_slots = 4; /* that can be stored */
  */
 format_answer check_slot_block(const bootloader_control& block);
 
-/** The same of bytes; too few of them are torn. @param block  out: what the bytes hold, whatever it is */
+/** The same for raw bytes; too few are torn. @param block  out: what the bytes hold, even if not valid */
 format_answer decode_slot_block(std::span<const uint8_t> bytes, bootloader_control* block);
 
-/** Sets the checksum. The block is then as it is stored: record_bytes(). */
+/** Sets the checksum. The block then has its stored form: record_bytes(). */
 void seal_slot_block(bootloader_control* block);
 
 #endif

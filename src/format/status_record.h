@@ -5,11 +5,11 @@
  *   offset  size  meaning
  *        0     4  magic, 0x4F544153: the bytes "SATO"
  *        4     4  update flag: 0 normal, 1 burn, 2 verify, 3 verified
- *        8     4  the same of the system
- *       12     4  of the backup
- *       16     4  of the applications
- *       20     4  of the middleware
- *       24     4  of the parameters
+ *        8     4  the same for the system
+ *       12     4  for the backup
+ *       16     4  for the applications
+ *       20     4  for the middleware
+ *       24     4  for the parameters
  *       28     4  owner: 0 none, 1 tool, 2 service
  *       32     4  next slot
  *       36     4  number of partitions in the list
@@ -34,10 +34,10 @@ uint32_t status_record_checksum(const ota_status_t& record);
 /** Valid, torn (wrong checksum), absent (erased) or foreign (wrong magic number). */
 format_answer check_status_record(const ota_status_t& record);
 
-/** The same of bytes; too few of them are torn. @param record  out: what the bytes hold, whatever it is */
+/** The same for raw bytes; too few are torn. @param record  out: what the bytes hold, even if not valid */
 format_answer decode_status_record(std::span<const uint8_t> bytes, ota_status_t* record);
 
-/** Sets the checksum. The record is then as it is stored: record_bytes(). */
+/** Sets the checksum. The record then has its stored form: record_bytes(). */
 void seal_status_record(ota_status_t* record);
 
 #endif

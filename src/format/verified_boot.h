@@ -16,10 +16,10 @@ inline constexpr size_t verified_boot_index_offset = 112;
 inline constexpr size_t verified_boot_index_size = 8;
 inline constexpr size_t verified_boot_head_size = verified_boot_index_offset + verified_boot_index_size;
 
-/** Whether an image begins as one: valid, torn (too short), or foreign (another magic). */
+/** Whether an image begins with this header: valid, torn (too short), or foreign (another magic). */
 format_answer check_verified_boot_magic(std::span<const uint8_t> head);
 
-/** The rollback index, from its bytes. */
+/** The rollback index in its stored bytes. */
 uint64_t load_rollback_index(std::span<const uint8_t, verified_boot_index_size> bytes);
 
 /**

@@ -1,20 +1,20 @@
 /**
- * What the central directory of a zip package holds about an entry and minizip hands out as it is (PKWARE APPNOTE
+ * Fields of an entry in the central directory of a zip package that minizip passes on unparsed (PKWARE APPNOTE
  * 4.4.15, 4.5.3), little-endian.
  *
- * The external attributes of a packer that knows Unix have a file mode in their upper half:
+ * External attributes written on Unix have a file mode in their upper half:
  *
  *   bit      meaning
  *   31 - 28  file type; 0xA is a symbolic link
  *   24 - 16  permissions
  *
- * A size that does not fit 32 bits is stored as 0xFFFFFFFF, and its true value in the extra field. That is a row of
- * records, of which the one with the header 0x0001 has the sizes:
+ * A size that does not fit in 32 bits is stored as 0xFFFFFFFF, and its true value in the extra field. That is a
+ * sequence of records, of which the one with the header 0x0001 holds the sizes:
  *
  *   offset  size  meaning
  *        0     2  header
- *        2     2  length of what follows
- *        4     8  uncompressed size, which comes first where it is present
+ *        2     2  length of the rest of the record
+ *        4     8  uncompressed size, which comes first if present
  */
 #ifndef ZIP_ENTRY_FORMAT_H
 #define ZIP_ENTRY_FORMAT_H
@@ -23,13 +23,13 @@
 
 enum class zip_kind { directory, link, file };
 
-/** An uncompressed size of 32 bits that says "see the extra field". */
+/** An uncompressed size of 32 bits that means "see the extra field". */
 inline constexpr uint32_t zip_size_in_extra = 0xFFFFFFFF;
 
-/** What follows the last separator of a name; '/' and '\\' separate. */
+/** The part of a name after its last separator; '/' and '\\' separate. */
 const char* zip_last_component(const char* name);
 
-/** What an entry is: a directory by its name, which ends in a separator or is empty; a link by its attributes. */
+/** The kind of an entry: a directory by its name, which ends in a separator or is empty; a link by its attributes. */
 zip_kind zip_kind_of(const char* name, uint64_t attributes);
 
 /** The nine permission bits of an entry's mode. */

@@ -8,7 +8,7 @@
 
 namespace {
 
-/** The answer to the volume information request of the board's kernel, which mainline Linux does not have. */
+/** The result of the volume information request of the board's kernel, which mainline Linux does not have. */
 struct __attribute__((packed)) volume_info {
     int64_t used_bytes;
     int32_t usable_leb_size;

@@ -1,7 +1,7 @@
 /**
- * The requests that block devices, MTD devices and UBI volumes answer. Each function is one ioctl() and returns what
- * that returned: 0 for success, anything else is a failure, with errno as the kernel left it. An out parameter is
- * written on success only. Nothing is kept between calls.
+ * The requests of block devices, MTD devices and UBI volumes. Each function is one ioctl() and returns its result: 0
+ * for success, anything else is a failure, with errno as the kernel set it. An out parameter is written on success
+ * only. Nothing is kept between calls.
  */
 #ifndef DEVICE_REQUEST_H
 #define DEVICE_REQUEST_H
@@ -24,7 +24,7 @@ int block_get_size(int fd, uint64_t* size);
 
 int mtd_get_geometry(int fd, mtd_geometry* geometry);
 
-/** @param start  of the block, in bytes. @return 0 for a good block, 1 for a bad one, -1 where it cannot be told */
+/** @param start  of the block, in bytes. @return 0 for a good block, 1 for a bad one, -1 where this is unknown */
 int mtd_get_bad_block(int fd, uint64_t start);
 
 /** @param start, length  in bytes; both multiples of the erase size */
@@ -35,10 +35,10 @@ int mtd_get_failed_reads(int fd, uint32_t* failed);
 
 int ubi_get_geometry(int fd, ubi_geometry* geometry);
 
-/** Erases a LEB at once: afterwards it reads as 0xFF. */
+/** Erases a LEB immediately: afterwards it reads as 0xFF. */
 int ubi_erase_leb(int fd, int32_t lnum);
 
-/** Lets pwrite() write to the volume, until it is detached. */
+/** Allows pwrite() on the volume until it is detached. */
 int ubi_allow_direct_writes(int fd);
 
 #endif

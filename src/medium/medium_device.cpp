@@ -12,7 +12,7 @@ medium_result medium_device::open(const char* path) {
     return fd_.is_open() ? medium_result{} : medium_result{medium_step::open, errno};
 }
 
-/* ---- what it is ---- */
+/* ---- identification ---- */
 
 medium_result medium_device::identify() {
     if (is_identified_) {
@@ -91,7 +91,7 @@ uint64_t medium_device::good_blocks() const {
     return size_ / block_size_ - bad_count_;
 }
 
-/** Each bad block before it moves a good one on by one. */
+/** Each bad block before a good one shifts it by one block. */
 uint64_t medium_device::start_of(uint64_t good_block) const {
     uint64_t block = good_block;
     for (uint32_t i = 0; i < bad_count_ && bad_blocks_.get()[i] <= block; ++i) {

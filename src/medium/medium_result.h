@@ -1,4 +1,4 @@
-/** How an operation on a medium ended, as a value: whoever asked for it finds the words. */
+/** The result of an operation on a medium, as a value: the callers write the messages. */
 #ifndef MEDIUM_RESULT_H
 #define MEDIUM_RESULT_H
 
@@ -8,10 +8,10 @@
 enum class medium_step {
     none, /* it succeeded */
     open,
-    identify, /* neither a request nor fstat() says what it is */
-    size,     /* a device that reports none */
+    identify, /* neither a request nor fstat() identifies it */
+    size,     /* the device reports none */
     memory,
-    good_blocks, /* MTD: fewer of them than are needed */
+    good_blocks, /* MTD: fewer than needed */
     read,
     end, /* of the data, before all of it was read */
     sync,

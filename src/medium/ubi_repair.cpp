@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t piece_size = 512; /* no page is smaller */
 
-/** A LEB, and memory for the bytes of it. */
+/** A LEB and a buffer for its bytes. */
 struct logical_block {
     int fd;
     int32_t number;
@@ -27,7 +27,7 @@ bool is_readable(const logical_block& leb) {
     return pread(leb.fd, leb.bytes.data(), leb.bytes.size(), leb.start()) >= 0;
 }
 
-/** Reads piece by piece what can be read. */
+/** Reads what can be read, piece by piece. */
 void collect(const logical_block& leb) {
     for (size_t at = 0; at < leb.bytes.size(); at += piece_size) {
         const auto piece = leb.bytes.subspan(at, std::min(piece_size, leb.bytes.size() - at));
