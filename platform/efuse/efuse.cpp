@@ -55,7 +55,7 @@ std::string to_text(const Counters& counters) {
     return "sec " + std::to_string(counters.sec) + "\nnosec " + std::to_string(counters.nosec) + "\n";
 }
 
-/* Takes one line "<name> <number>" off the front of `text`. */
+/* Removes one line "<name> <number>" from the start of `text`. */
 bool take_line(std::string_view& text, std::string_view name, uint32_t& value) {
     if (!text.starts_with(name)) {
         return false;
@@ -87,7 +87,7 @@ int load(const std::string& path, Counters& counters) {
     if (file.get() < 0) {
         return errno == ENOENT ? 0 : last_error();
     }
-    std::array<char, 64> text; // both lines take 34 bytes at most, so a file that fills it is no counter file
+    std::array<char, 64> text; // both lines take at most 34 bytes, so a file that fills it is not a counter file
     size_t filled = 0;
     while (filled < text.size()) {
         const ssize_t got = read(file.get(), text.data() + filled, text.size() - filled);
@@ -124,7 +124,7 @@ int sync_directory_of(const std::string& path) {
     return dir.get() >= 0 && fsync(dir.get()) == 0 ? 0 : last_error();
 }
 
-/* A power cut leaves the old counters or the new ones, never a part. */
+/* A power cut leaves either the old counters or the new ones. */
 int store(const std::string& path, const Counters& counters) {
     const std::string fresh = path + ".new";
     int result = write_synced(fresh, to_text(counters));
@@ -153,9 +153,9 @@ int read_counter(Counter counter, uint32_t* version) {
 int raise_counter(Counter counter, uint32_t version) {
     const std::string path = counter_file();
     if (path.starts_with(std::string(default_directory) + "/")) {
-        (void)mkdir(default_directory, 0755); // where it is missing and stays so, the open says why
+        (void)mkdir(default_directory, 0755); // if it cannot be created, the open reports the reason
     }
-    // The counter file is replaced at each write, so the lock needs a file of its own.
+    // The counter file is replaced by each write, so the lock needs a separate file.
     const Fd lock(open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     if (lock.get() < 0 || flock(lock.get(), LOCK_EX) != 0) {
         return last_error();
@@ -173,8 +173,8 @@ int raise_counter(Counter counter, uint32_t version) {
 
 } // namespace
 
-/* Tells this library from a board's own: tessera board --check looks for the name. A function, because the
- * sanitizer refuses one variable in two libraries. */
+/* Distinguishes this library from a board's own: tessera board --check looks for the name. A function, because the
+ * sanitizer rejects the same variable in two libraries. */
 extern "C" __attribute__((visibility("default"))) const char* tessera_stand_in() {
     return "eFuse counters in a file";
 }

@@ -1,14 +1,14 @@
 /**
  * The board's two anti-rollback counters. On a board they are eFuses; this library keeps them in a
- * small text file and is as strict as fuses are: a counter never goes down.
+ * small text file and is as strict as fuses: a counter never goes down.
  *
- * The file is named by the environment variable TESSERA_EFUSE_FILE, else it is
+ * The environment variable TESSERA_EFUSE_FILE names the file; the default is
  * "/var/lib/tessera/efuse". Without a file both counters are 0. It holds two lines:
  *
  *   sec 3
  *   nosec 5
  *
- * A file that holds anything else is a failure, never 0. All functions return 0 on success and a
+ * Any other content is an error and never read as 0. All functions return 0 on success and a
  * negated errno number on failure.
  */
 #ifndef KASTOR_EFUSE_H
@@ -29,7 +29,7 @@ KASTOR_EFUSE_API int32_t kastor_efuse_sec_anti_read(uint32_t* version);
 KASTOR_EFUSE_API int32_t kastor_efuse_nosec_anti_read(uint32_t* version);
 
 /**
- * Raises the secure counter to `version`; its present value is accepted.
+ * Raises the secure counter to `version`; its current value is accepted.
  * @return 0 when the medium holds the value; -EPERM when it is below the counter; negative on failure
  */
 KASTOR_EFUSE_API int32_t kastor_efuse_sec_anti_write(uint32_t version);

@@ -22,9 +22,9 @@ int syslog_priority(int prio) {
 }
 
 /**
- * Whether a daemon has been there to listen. Without one, every line would be put together and cost a
- * socket and a failed connection. It is looked for once in a tick of the clock, a few milliseconds: to
- * look for every line took as long as all the rest of sizing a large package.
+ * Whether a syslog daemon has been found. Without one, every line would be formatted and cost a socket and
+ * a failed connection. The check runs once per clock tick, a few milliseconds: checking for every line took
+ * as long as all the rest of sizing a large package.
  */
 bool has_daemon() {
     thread_local timespec looked{-1, 0};
@@ -40,8 +40,8 @@ bool has_daemon() {
 
 } // namespace
 
-/* Tells this library from a board's own: tessera board --check looks for the name. A function, because the
- * sanitizer refuses one variable in two libraries. */
+/* Distinguishes this library from a board's own: tessera board --check looks for the name. A function, because the
+ * sanitizer rejects the same variable in two libraries. */
 extern "C" __attribute__((visibility("default"))) const char* tessera_stand_in() {
     return "log lines to syslog";
 }
@@ -50,8 +50,8 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     if (!has_daemon()) {
         return -1;
     }
-    /* No openlog(): identity, facility and mask of the system log are the host program's. The entry is one
-     * of its own, and its line begins with the library's tag. */
+    /* No openlog(): identity, facility and mask of the system log belong to the host program. The tag goes
+     * into the text instead. */
     va_list args;
     va_start(args, fmt);
     if (tag == nullptr) {

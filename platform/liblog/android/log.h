@@ -1,4 +1,4 @@
-/** The Android logging call, as far as tessera needs it. On a desktop it writes to syslog. */
+/** The part of Android's logging interface that tessera uses. On a desktop it writes to syslog. */
 #ifndef ANDROID_LOG_H
 #define ANDROID_LOG_H
 
@@ -19,7 +19,7 @@ typedef enum android_LogPriority {
  * openlog(), or under its own name. The program's setlogmask() applies.
  * @param prio  an android_LogPriority
  * @param tag   written before the text; may be null
- * @return 1, also for an entry that the mask holds back; a negative number when there is no system log
+ * @return 1, even for an entry that the mask suppresses; a negative number when there is no system log
  */
 __attribute__((visibility("default"), format(printf, 3, 4))) int __android_log_print(int prio, const char* tag,
                                                                                      const char* fmt, ...);
