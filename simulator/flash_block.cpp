@@ -9,8 +9,8 @@
 namespace {
 
 /**
- * A disk with a write cache, such as eMMC. Until a sync every sector written may reach the medium or not,
- * whatever the order of the writes was: beside the file lies what each such sector held before.
+ * A disk with a write cache, such as eMMC. Until a sync, each written sector may or may not reach the medium,
+ * regardless of the order of the writes. The previous content of each such sector is kept in a second file.
  */
 class block_device final : public flash_device {
 public:
@@ -102,7 +102,7 @@ private:
 
     mapped_file file_;
     mapped_file state_;
-    std::span<uint8_t> unsynced_; /* one byte a sector */
+    std::span<uint8_t> unsynced_; /* one byte per sector */
     std::span<uint8_t> old_sectors_;
     power_tear tear_;
 };

@@ -1,4 +1,4 @@
-/** What MTD and UBI devices share: they sit on cells and serve a table of requests. */
+/** Shared by MTD and UBI devices: they are built on cells and serve a table of requests. */
 #ifndef FLASH_CELL_DEVICE_H
 #define FLASH_CELL_DEVICE_H
 
@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 
-/** A request, where its argument says it works, and who carries it out. */
+/** A request, the function that finds its position in its argument, and the one that carries it out. */
 template <class Device>
 struct request_row {
     unsigned long number;

@@ -13,14 +13,14 @@
 namespace {
 
 constexpr uint8_t erased_byte = 0xff;
-/* An erase that was cut short has raised some bits and not others. */
+/* An interrupted erase has set some bits and not others. */
 constexpr uint8_t half_erased_bits = 0x55;
 
 std::runtime_error file_error(const std::string& path) {
     return std::runtime_error(path + ": " + std::strerror(errno));
 }
 
-/** Makes a file of another size anew: it told the state of another device. */
+/** Recreates a file of a different size: it holds the state of another device. */
 bool take_size(int fd, size_t size) {
     struct stat status {};
     if (fstat(fd, &status) == 0 && static_cast<size_t>(status.st_size) == size) {
@@ -134,7 +134,7 @@ void flash_cells::program_page(uint64_t page, std::span<const uint8_t> data) {
     }
 }
 
-/** The middle of a transfer lies in the middle of a page, so that a program sees the page torn. */
+/** The middle of a transfer is put in the middle of a page, so that a program finds that page torn. */
 size_t flash_cells::count_stored(size_t length) const {
     if (*tear_ != tear_in_the_middle) {
         return static_cast<size_t>(std::min<uint64_t>(*tear_, length));
@@ -143,7 +143,7 @@ size_t flash_cells::count_stored(size_t length) const {
     return has_ecc() ? half / writesize() * writesize() + writesize() / 2 : half;
 }
 
-/** Whole pages, in their order, up to the tear; the page there gets the bytes before it. */
+/** Programs whole pages, in order, up to the tear; the page at the tear gets the bytes before it. */
 void flash_cells::program_torn(uint64_t offset, std::span<const uint8_t> data) {
     const size_t stored = count_stored(data.size());
     if (!has_ecc()) {

@@ -1,4 +1,4 @@
-/** The cells of a simulated flash: bytes that programming only clears and erasing sets, block by block. */
+/** The cells of a simulated flash: programming only clears bits, erasing sets all bits of a block. */
 #ifndef FLASH_CELLS_H
 #define FLASH_CELLS_H
 
@@ -11,20 +11,20 @@
 
 struct flash_geometry {
     uint32_t erasesize; /* bytes of an erase block or LEB */
-    uint32_t writesize; /* bytes of a page; 1 where single bytes are programmed and no ECC guards them */
+    uint32_t writesize; /* bytes of a page; 1 where single bytes are programmed, without ECC */
     std::vector<uint64_t> factory_bad;
 };
 
-/** How many bytes of a write are stored before the power fails; nothing when it does not fail. */
+/** Number of bytes of a write stored before the power fails; nullopt when it does not fail. */
 using power_tear = std::optional<uint64_t>;
 inline constexpr uint64_t tear_in_the_middle = UINT64_MAX;
 
-/** A file whose bytes are shared with every other process that maps or reads it. */
+/** A file mapped so that its bytes are shared with all processes that map or read it. */
 class mapped_file {
 public:
     /** Maps an existing file. */
     explicit mapped_file(const std::string& path);
-    /** Makes the file, or takes it when it has this size already, and maps it. */
+    /** Creates the file, or uses it when it has this size already, and maps it. */
     mapped_file(const std::string& path, size_t size);
     mapped_file(const mapped_file&) = delete;
     mapped_file& operator=(const mapped_file&) = delete;
@@ -46,11 +46,11 @@ private:
 };
 
 /**
- * What holds of the cells:
- *  1. Programming a byte ANDs it with what is there. Only an erase brings bits back.
- *  2. A page whose bytes changed by being programmed a second time, or whose programming or erase was
- *     torn, is spoiled: its check bytes no longer fit, and reading tells so until it is erased.
- *  3. Badness of a block is a mark and no more: the cells of a bad block work like any others.
+ * Invariants:
+ *  1. Programming a byte ANDs it with the stored byte. Only an erase sets bits again.
+ *  2. A page is spoiled when programming it a second time changed its bytes, or when its programming or
+ *     erase was torn: its ECC no longer fits, and reads report this until it is erased.
+ *  3. A bad block is only marked as bad: its cells work like any others.
  */
 class flash_cells {
 public:
@@ -84,7 +84,7 @@ public:
     }
     [[nodiscard]] uint32_t count_bad() const;
 
-    /** From now on the power fails within a program or in the middle of an erase, or no longer does. */
+    /** Sets whether the power fails from now on within a program or in the middle of an erase. */
     void set_tear(power_tear tear) {
         tear_ = tear;
     }
@@ -105,8 +105,8 @@ private:
     flash_geometry geometry_;
     mapped_file file_;
     mapped_file state_;
-    std::span<uint8_t> bad_;     /* one byte a block */
-    std::span<uint8_t> spoiled_; /* one byte a page */
+    std::span<uint8_t> bad_;     /* one byte per block */
+    std::span<uint8_t> spoiled_; /* one byte per page */
     power_tear tear_;
 };
 

@@ -11,21 +11,21 @@
 #include <string>
 #include <sys/types.h>
 
-/** What a program asks of a device, as faults count it and the journal tells it. */
+/** An operation on a device, as it is counted for faults and recorded in the journal. */
 struct flash_operation {
     const char* kind;
     std::optional<uint64_t> position = std::nullopt; /* bytes; the number of a LEB in LEB requests */
     uint64_t length = 0;                             /* bytes, where they are part of the request */
 };
 
-/** An ioctl that a device knows, ready to be carried out. */
+/** An ioctl that a device supports, ready to be carried out. */
 struct flash_request {
     unsigned long number;
     void* argument;
     bool writable; /* the descriptor is open for writing */
 };
 
-/** Every result is a system call's, with the negative errno for a failure. */
+/** Every result is that of a system call, with a negated errno for a failure. */
 class flash_device {
 public:
     flash_device() = default;
@@ -36,20 +36,20 @@ public:
     [[nodiscard]] virtual bool is(dev_t device, ino_t inode) const = 0;
     [[nodiscard]] virtual ssize_t read(uint64_t offset, std::span<uint8_t> out) = 0;
     [[nodiscard]] virtual ssize_t write(uint64_t offset, std::span<const uint8_t> data) = 0;
-    /** @return nothing for a request that the device does not know */
+    /** @return nullopt for a request that the device does not support */
     [[nodiscard]] virtual std::optional<flash_operation> describe(const flash_request& request) const = 0;
     [[nodiscard]] virtual int carry_out(const flash_request& request) = 0;
-    /** What was written and acknowledged is now on the medium. */
+    /** Puts everything written and acknowledged on the medium. */
     [[nodiscard]] virtual int sync() {
         return 0;
     }
-    /** From now on the power fails within whatever changes the medium, or no longer does. */
+    /** Sets whether the power fails from now on within each operation that changes the medium. */
     virtual void set_tear(power_tear tear) = 0;
-    /** What only the kernel or a cache holds is gone, or reached the medium all the same: `seed` decides. */
+    /** Data held only by the kernel or a cache is lost or has reached the medium after all: `seed` decides. */
     virtual void lose_power(uint64_t seed) = 0;
 };
 
-/* Each of these throws std::runtime_error with the reason when the device cannot be made. */
+/* Each of these throws std::runtime_error with the reason when the device cannot be created. */
 
 std::unique_ptr<flash_device> make_mtd_device(const std::string& path, const std::string& state_path,
                                               flash_geometry geometry);

@@ -16,7 +16,7 @@ void locate_range(const void* argument, flash_operation& operation) {
     operation.length = as<Range>(argument).length;
 }
 
-/** NAND and NOR. A page that the ECC cannot mend is read all the same; only ECCGETSTATS tells of it. */
+/** NAND and NOR. Reading a page that the ECC cannot correct succeeds; only ECCGETSTATS reports it. */
 class mtd_device final : public cell_device<mtd_device> {
 public:
     using cell_device::cell_device;
@@ -46,7 +46,7 @@ public:
     }
 
     [[nodiscard]] int sync() override {
-        return -EINVAL; /* nothing is cached, and the device knows no such call */
+        return -EINVAL; /* nothing is cached, and the device does not support the call */
     }
 
     void lose_power(uint64_t /*seed*/) override {

@@ -1,9 +1,9 @@
 /**
- * The calls of the C library that reach a simulated device instead of the file behind it, and the setup.
+ * The C library calls that reach a simulated device instead of its backing file, and the setup.
  *
- * A descriptor is looked up by the file that it leads to, at every call: so it does not matter how the
- * program came by it. Everything else goes on to the next definition of the call, which may be that of
- * another library loaded in the same way.
+ * Every call looks up its descriptor by the file that it refers to, so it does not matter how the program
+ * obtained it. Everything else is passed to the next definition of the call, which may be that of another
+ * preloaded library.
  */
 #include "flash_device.h"
 #include "flash_script.h"
@@ -91,13 +91,13 @@ public:
     }
 
     /**
-     * Carries an operation out, unless the script has something else in mind.
-     * @param work  given the number of bytes to move at most; gives what a system call would
+     * Carries out an operation, unless the script decides otherwise.
+     * @param work  takes the maximum number of bytes to move; returns the result of the system call
      */
     template <class Work>
     long perform(const named_device& named, const flash_operation& operation, Work work) {
         const std::lock_guard lock(mutex_);
-        const flash_verdict verdict = script_.judge(operation);
+        const flash_verdict verdict = script_.decide(operation);
         if (verdict.refused) {
             return -EIO;
         }
@@ -149,11 +149,11 @@ private:
     std::string journal_;
     std::string journal_shown_;
     FILE* journal_file_ = nullptr;
-    int stderr_ = -1; /* as it was at the start: a program may redirect its own for a while */
+    int stderr_ = -1; /* a duplicate of the original: the program may redirect its own */
 };
 
-/* Null until the setup stands: the calls of other libraries' constructors, and of the setup itself, find
- * no devices. Never freed: a program may use its devices to the very end. */
+/* Null until the setup is complete: calls from other libraries' constructors, and from the setup itself, find
+ * no devices. Never freed: a program may use its devices until it ends. */
 constinit std::atomic<simulation*> running = nullptr;
 
 simulation& the_simulation() {
@@ -162,14 +162,14 @@ simulation& the_simulation() {
     return *only;
 }
 
-/** The device that a descriptor leads to, if it is one. */
+/** The device that a descriptor refers to; null if it is not one. */
 named_device* device_of(int fd) {
     simulation* const now = running;
     struct stat status {};
     return now != nullptr && fstat(fd, &status) == 0 ? now->find(status) : nullptr;
 }
 
-/** A device swallows O_TRUNC; the file behind it must not. */
+/** A device ignores O_TRUNC; its backing file would not. */
 int without_truncation(int dir, const char* path, int flags) {
     simulation* const now = running;
     struct stat status {};
@@ -182,8 +182,8 @@ bool is_open_for(int fd, int other_mode) {
     return (fcntl(fd, F_GETFL) & O_ACCMODE) != other_mode;
 }
 
-/** Tells a result the way of the C library. */
-ssize_t told(long result) {
+/** Returns a result as the C library does: -1 with errno set on failure. */
+ssize_t as_c_result(long result) {
     if (result < 0) {
         errno = static_cast<int>(-result);
         return -1;
@@ -193,20 +193,20 @@ ssize_t told(long result) {
 
 ssize_t read_device(const named_device& named, int fd, void* buffer, size_t count, off_t offset) {
     if (!is_open_for(fd, O_WRONLY) || offset < 0) {
-        return told(offset < 0 ? -EINVAL : -EBADF);
+        return as_c_result(offset < 0 ? -EINVAL : -EBADF);
     }
     const auto position = static_cast<uint64_t>(offset);
-    return told(running.load()->perform(named, {"pread", position, count}, [&](size_t limit) {
+    return as_c_result(running.load()->perform(named, {"pread", position, count}, [&](size_t limit) {
         return named.device->read(position, {static_cast<uint8_t*>(buffer), limit});
     }));
 }
 
 ssize_t write_device(const named_device& named, int fd, const void* buffer, size_t count, off_t offset) {
     if (!is_open_for(fd, O_RDONLY) || offset < 0) {
-        return told(offset < 0 ? -EINVAL : -EBADF);
+        return as_c_result(offset < 0 ? -EINVAL : -EBADF);
     }
     const auto position = static_cast<uint64_t>(offset);
-    return told(running.load()->perform(named, {"pwrite", position, count}, [&](size_t limit) {
+    return as_c_result(running.load()->perform(named, {"pwrite", position, count}, [&](size_t limit) {
         const ssize_t moved = named.device->write(position, {static_cast<const uint8_t*>(buffer), limit});
         if ((fcntl(fd, F_GETFL) & O_DSYNC) != 0) {
             (void)named.device->sync();
@@ -227,26 +227,26 @@ ssize_t at_file_position(int fd, Transfer transfer) {
 }
 
 int sync_device(const named_device& named) {
-    return static_cast<int>(told(running.load()->perform(
+    return static_cast<int>(as_c_result(running.load()->perform(
         named, {"fsync"}, [&](size_t /*limit*/) { return static_cast<long>(named.device->sync()); })));
 }
 
 int request_device(const named_device& named, const flash_request& request) {
     const std::optional<flash_operation> operation = named.device->describe(request);
     if (!operation) {
-        return static_cast<int>(told(-ENOTTY));
+        return static_cast<int>(as_c_result(-ENOTTY));
     }
-    return static_cast<int>(told(running.load()->perform(
+    return static_cast<int>(as_c_result(running.load()->perform(
         named, *operation, [&](size_t /*limit*/) { return static_cast<long>(named.device->carry_out(request)); })));
 }
 
-/** The definition of a call that this one stands in front of. */
+/** The next definition of a call that is defined here. */
 template <class Call>
 Call* next_definition(const char* name) {
     return reinterpret_cast<Call*>(dlsym(RTLD_NEXT, name));
 }
 
-/** The mode of an open, which is there only when a file may be made. */
+/** The mode of an open, which is passed only when a file may be created. */
 mode_t mode_of(int flags, va_list arguments) {
     const bool has_mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
     return has_mode ? va_arg(arguments, mode_t) : 0;
@@ -343,7 +343,7 @@ FLASH_SIM_API int openat64(int dir, const char* path, int flags, ...) {
     return openat(dir, path, flags, mode);
 }
 
-/* What a fortified program calls in their place. */
+/* What a fortified program calls instead. */
 FLASH_SIM_API int __open_2(const char* path, int flags);
 FLASH_SIM_API int __open64_2(const char* path, int flags);
 FLASH_SIM_API ssize_t __read_chk(int fd, void* buffer, size_t count, size_t room);
@@ -433,18 +433,18 @@ FLASH_SIM_API int fdatasync(int fd) {
     return device != nullptr ? sync_device(*device) : next(fd);
 }
 
-/* A character device has neither of these two: programs then fall back to reading and writing. */
+/* A character device supports neither of these two: programs then fall back to reading and writing. */
 FLASH_SIM_API ssize_t copy_file_range(int in, off64_t* in_offset, int out, off64_t* out_offset, size_t length,
                                       unsigned flags) {
     NEXT(copy_file_range);
     const bool is_device = device_of(in) != nullptr || device_of(out) != nullptr;
-    return is_device ? told(-EINVAL) : next(in, in_offset, out, out_offset, length, flags);
+    return is_device ? as_c_result(-EINVAL) : next(in, in_offset, out, out_offset, length, flags);
 }
 
 FLASH_SIM_API ssize_t sendfile(int out, int in, off_t* offset, size_t count) noexcept {
     NEXT(sendfile);
     const bool is_device = device_of(in) != nullptr || device_of(out) != nullptr;
-    return is_device ? told(-EINVAL) : next(out, in, offset, count);
+    return is_device ? as_c_result(-EINVAL) : next(out, in, offset, count);
 }
 
 /* ---- the simulator's own ---- */

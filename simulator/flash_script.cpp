@@ -27,7 +27,7 @@ uint64_t required_number(std::istringstream& words, const char* what) {
     return parse_number(required<std::string>(words, what));
 }
 
-/** What an operation gives that was carried out in full. */
+/** The result of an operation that was carried out in full. */
 long full_result(const flash_operation& operation) {
     const std::string_view kind = operation.kind;
     return kind == "pread" || kind == "pwrite" ? static_cast<long>(operation.length) : 0;
@@ -97,7 +97,7 @@ void flash_script::parse_cut(std::istringstream& words) {
     }
 }
 
-flash_verdict flash_script::judge(const flash_operation& operation) {
+flash_verdict flash_script::decide(const flash_operation& operation) {
     flash_verdict verdict;
     if (total_ >= cut_.after) {
         verdict.refused = true;

@@ -1,4 +1,4 @@
-/** Faults by script and the journal of what reached the devices (flash_sim.h tells the formats). */
+/** Faults by script and the journal of what reached the devices (flash_sim.h describes the formats). */
 #ifndef FLASH_SCRIPT_H
 #define FLASH_SCRIPT_H
 
@@ -12,9 +12,9 @@
 /** What happens to one operation. */
 struct flash_verdict {
     bool refused = false;        /* the power is off: it does not reach the device */
-    std::optional<long> result;  /* it has no effect and gives this, a negative errno for a failure */
-    uint64_t limit = UINT64_MAX; /* bytes that it moves at most */
-    int signal = 0;              /* comes to the process in front of it */
+    std::optional<long> result;  /* it has no effect and returns this, a negated errno for a failure */
+    uint64_t limit = UINT64_MAX; /* maximum number of bytes that it moves */
+    int signal = 0;              /* sent to the process before it */
     power_tear tear;             /* the power fails within it */
     bool is_last = false;        /* the power fails after it */
 };
@@ -26,7 +26,7 @@ public:
     explicit flash_script(std::string_view text);
 
     /** Counts the operation. */
-    flash_verdict judge(const flash_operation& operation);
+    flash_verdict decide(const flash_operation& operation);
 
     [[nodiscard]] bool cuts_at_once() const {
         return cut_.after == 0;
@@ -69,7 +69,7 @@ private:
     uint64_t total_ = 0;
 };
 
-/** The line of one operation, without its end. */
+/** The line of one operation, without a newline. */
 std::string journal_line(const std::string& device, const flash_operation& operation, long result);
 
 #endif

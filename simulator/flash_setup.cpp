@@ -5,7 +5,7 @@
 
 namespace {
 
-/** The words of a setup line: what stands alone, and what has a value. */
+/** The words of a setup line: those alone, and those with a value. */
 struct setup_line {
     std::string path;
     std::string kind;

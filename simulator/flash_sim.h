@@ -1,8 +1,8 @@
 /**
  * The flash simulator: registered files behave like MTD or UBI character devices for the program that
- * libtessera_flash is loaded into, either linked in front of libtessera or by LD_PRELOAD. All other
- * files are left alone. A file is known by what it is and not by its name: links lead to the device,
- * and a descriptor may be duplicated or inherited.
+ * libtessera_flash is loaded into, either linked before libtessera or by LD_PRELOAD. All other files are
+ * left alone. A file is identified by its inode, not by its name: links lead to the device, and a
+ * descriptor may be duplicated or inherited.
  *
  * A device is registered by one line:
  *
@@ -13,25 +13,25 @@
  *   ubi    a dynamic UBI volume; erasesize is the size of a LEB
  *   block  a disk with a write cache, such as eMMC; no properties but `state`
  *
- * The file has to exist; its size is the device's and a multiple of erasesize (of 512 for a disk). `bad`
- * numbers the blocks that are bad from the factory. What the bytes do not tell (pages that cannot be read
- * any more, blocks marked bad later, sectors not yet synced) is kept in `state`, by default the path with
- * ".state" behind it, so that the device outlasts the process. A change to the file from outside is seen
- * at once. Reading and writing through stdio goes to the file itself, past the device.
+ * The file has to exist; its size is that of the device and a multiple of erasesize (of 512 for a disk).
+ * `bad` lists the blocks that are bad from the factory. State that is not in the bytes (pages that can no
+ * longer be read, blocks marked bad later, sectors not yet synced) is kept in `state`, by default the path
+ * followed by ".state", so that the device outlives the process. Outside changes to the file are seen
+ * immediately. Reading and writing through stdio bypasses the device and accesses the file itself.
  *
  * Operations are numbered from 1, over all devices of the process and by kind. The kinds of operation and
  * the rules of a fault script are in `board --help`.
  *
- * In the journal every operation that reached a device leaves a line,
+ * The journal has a line for every operation that reached a device,
  *
  *   <name of the file> <kind>[ <position>[+<length>]] = <result>
  *
- * the position in bytes, for LEB requests the number of the LEB; a failure shows as the negative errno.
+ * with the position in bytes, or the number of the LEB for LEB requests; a failure is a negated errno.
  *
- * A program that is merely loaded with the library is set up by its environment: TESSERA_FLASH_CONF
- * names a file with one device a line ('#' begins a comment), TESSERA_FLASH_FAULT holds a fault script,
- * and TESSERA_FLASH_JOURNAL names a file that the journal is appended to. A setup that cannot be
- * followed ends the program, with a line on stderr: a device that is silently missing proves nothing.
+ * A program that the library is preloaded into is set up by its environment: TESSERA_FLASH_CONF names a
+ * file with one device per line ('#' begins a comment), TESSERA_FLASH_FAULT holds a fault script, and
+ * TESSERA_FLASH_JOURNAL names a file that the journal is appended to. An invalid setup ends the program
+ * with a line on stderr: a test with a device silently missing would prove nothing.
  */
 #ifndef FLASH_SIM_H
 #define FLASH_SIM_H
@@ -48,16 +48,16 @@ FLASH_SIM_API int flash_sim_register(const char* line);
 /** Forgets all devices, faults and the journal; the files stay. */
 FLASH_SIM_API void flash_sim_clear(void);
 
-/** Replaces the fault script and starts counting anew. @return 0; -1 with a line on stderr */
+/** Replaces the fault script and restarts the count. @return 0; -1 with a line on stderr */
 FLASH_SIM_API int flash_sim_fault(const char* script);
 
-/** What a reboot does: the power is back, the fault script is over, settings of the kernel are lost. */
+/** Simulates a reboot: the power is back, the fault script has ended, settings of the kernel are lost. */
 FLASH_SIM_API void flash_sim_reboot(void);
 
-/** The operations since the last flash_sim_fault(), flash_sim_reboot() or flash_sim_clear(). */
+/** The number of operations since the last flash_sim_fault(), flash_sim_reboot() or flash_sim_clear(). */
 FLASH_SIM_API unsigned long flash_sim_operations(void);
 
-/** Their journal; the text stays until the next of these calls. */
+/** Their journal; the text is valid until the next of these calls. */
 FLASH_SIM_API const char* flash_sim_journal(void);
 
 #ifdef __cplusplus

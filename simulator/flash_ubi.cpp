@@ -11,7 +11,7 @@ void locate_leb(const void* argument, flash_operation& operation) {
     operation.position = static_cast<uint64_t>(as<int32_t>(argument));
 }
 
-/** A dynamic volume. A page that the ECC cannot mend fails the read, and writes are off until allowed. */
+/** A dynamic volume. Reading a page that the ECC cannot correct fails, and writes are refused until allowed. */
 class ubi_device final : public cell_device<ubi_device> {
 public:
     using cell_device::cell_device;
@@ -21,7 +21,7 @@ public:
 
     [[nodiscard]] ssize_t read(uint64_t offset, std::span<uint8_t> out) override {
         if (offset > cells_.size()) {
-            return -EFAULT; /* the kernel takes the count for negative and writes past the program's buffer */
+            return -EFAULT; /* the kernel treats the count as negative and writes past the program's buffer */
         }
         const size_t count = std::min<uint64_t>(out.size(), cells_.size() - offset);
         return cells_.read(offset, out.first(count)) != 0 ? -EBADMSG : static_cast<ssize_t>(count);
@@ -63,8 +63,8 @@ private:
         if (!has_leb(lnum)) {
             return -EINVAL;
         }
-        /* The LEB is taken off its block before that is erased. Torn, an erase leaves an empty LEB or the
-         * old one; the old one is what a program is less likely to reckon with. */
+        /* The LEB is unmapped from its block before that is erased. A torn erase leaves an empty LEB or the
+         * old one; the old one is what a program is less likely to expect. */
         if (!cells_.is_tearing()) {
             cells_.erase(static_cast<uint64_t>(lnum));
         }

@@ -1,4 +1,4 @@
-/** Answers UBI_IOCVOLINFO, which mainline Linux does not know, from what its sysfs tells of the volume. */
+/** Answers UBI_IOCVOLINFO, which mainline Linux does not have, from the volume's attributes in sysfs. */
 #include "kernel_volume_info.h"
 
 #include <cstdarg>

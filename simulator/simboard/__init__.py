@@ -2,4 +2,4 @@
 
 
 class BoardError(Exception):
-    """What the user is told, in one sentence."""
+    """A message for the user, in one sentence."""

@@ -1,4 +1,4 @@
-"""Boots a board the way its bootloader would."""
+"""Boots a board as its bootloader would."""
 
 from . import BoardError, slots
 
@@ -7,12 +7,12 @@ def boot(board, fails, writes_lost_block):
     """
     Boots the slot that the block in misc designates and makes it the running one.
 
-    A slot on trial pays a try for every attempt, and the block is saved before the attempt, so that a
-    board that hangs or loses power in it does not try for ever. A slot that was marked good is never
+    Every attempt to boot a slot on trial uses up one try. The block is saved before the attempt, so that a
+    board that hangs or loses power during it does not retry forever. A slot that was marked good is never
     given up. With `fails` the slot designated first does not come up.
-    Raw flash has no block for a moment whenever it is changed. After a power cut just then both slots are on
-    trial, in a new block or, where the bootloader writes none, in its memory only: whoever changes the block has
-    whole images in both slots, or takes the tries from one first.
+    On raw flash there is no block for a moment while it is being changed. After a power cut at that point both
+    slots are on trial, in a new block or, if the bootloader writes none, in its memory only. So a program may
+    change the block only while both slots hold complete images, or after taking the tries from one of them.
     @return whether a slot came up
     """
     board.sync()
@@ -42,7 +42,7 @@ def boot(board, fails, writes_lost_block):
 
 
 def count_elsewhere(_block):
-    """Nothing of a block that is not stored outlives this boot."""
+    """Stores nothing: this block does not outlive the boot."""
 
 
 def describe(slot):

@@ -1,4 +1,4 @@
-"""Runs a program in a box that looks like the board and leads nowhere else (bubblewrap)."""
+"""Runs a program in a sandbox that looks like the board and reaches nothing else (bubblewrap)."""
 
 import os
 import pathlib
@@ -15,13 +15,13 @@ REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 BY_NAME = "/dev/block/platform/by-name"
 FLASH_CONF = "/board/flash.conf"
 COMPATIBLE = "/sys/firmware/devicetree/base/compatible"
-# Directories of the host that the board has of its own, so that nothing of the host shows through.
+# Directories that the board replaces with its own, so that it sees nothing of the host's.
 OWN_DIRECTORIES = {"board", "dev", "proc", "run", "sys", "tmp", "userdata", "usr"}
 SYSLOG_LEVELS = ("emerg", "alert", "crit", "err", "warning", "notice", "info", "debug")
 
 
 def run(board, command, build, extra):
-    """@return the exit status of the command; 128 and the number of the signal that ended it"""
+    """@return the exit status of the command; 128 plus the signal number if a signal ended it"""
     if shutil.which("bwrap") is None:
         raise BoardError("bwrap is missing: install bubblewrap")
     build = (build or pathlib.Path(os.environ.get("TESSERA_BUILD", REPOSITORY / "build" / "release"))).resolve()
@@ -31,7 +31,7 @@ def run(board, command, build, extra):
         box = ["bwrap", "--unshare-all", "--unshare-user", "--uid", "0", "--gid", "0", "--hostname", "board"]
         box += ["--die-with-parent", *host_view(), *board_view(board, log_socket), *shown_paths([build, *extra])]
         box += ["--remount-ro", "/", *environment(build)]
-        # Ctrl-C is for the program on the board: the box around it must outlive it to report its end.
+        # Ctrl-C is for the program on the board: the sandbox must outlive it to report its exit status.
         box += ["--", "/usr/bin/env", "--default-signal=INT", "--", *command]
         before = signal.signal(signal.SIGINT, signal.SIG_IGN)
         try:
@@ -42,7 +42,7 @@ def run(board, command, build, extra):
 
 
 def host_view():
-    """The host's programs and libraries, read-only. /usr goes piece by piece: /usr/velox stands beside them."""
+    """The host's programs and libraries, read-only. /usr is bound entry by entry, because /usr/velox is the board's."""
     own = OWN_DIRECTORIES | {"velox"}
     entries = [entry for top in ("/", "/usr") for entry in os.scandir(top) if entry.name not in own]
     return [word for entry in sorted(entries, key=lambda entry: entry.path) for word in mirrored(entry)]
@@ -68,7 +68,7 @@ def board_view(board, log_socket):
 
 
 def shown_paths(paths):
-    """The current directory and `paths`, where a directory of the board would hide them."""
+    """Those of the current directory and `paths` that a directory of the board would hide."""
     here = pathlib.Path.cwd()
     hidden = [path for path in (here, REPOSITORY, *(path.resolve() for path in paths)) if is_hidden(path)]
     view = [word for path in hidden if len(path.parts) > 2 for word in ("--ro-bind-try", path, path)]
@@ -85,7 +85,7 @@ def environment(build):
         "PATH": f"{build}/tool:{os.environ.get('PATH', '/usr/bin:/bin')}",
         "LD_LIBRARY_PATH": joined(libraries, os.environ.get("LD_LIBRARY_PATH")),
         "LD_PRELOAD": joined(device_simulator(build), os.environ.get("LD_PRELOAD")),
-        # The device simulator stands in front of a sanitizer, which only has to be before the C library.
+        # The device simulator comes before the sanitizer runtime, which only has to precede the C library.
         "ASAN_OPTIONS": joined("verify_asan_link_order=0", os.environ.get("ASAN_OPTIONS")),
         "TESSERA_EFUSE_FILE": "/board/efuse/counters",
         "TESSERA_FLASH_CONF": FLASH_CONF,
@@ -105,7 +105,7 @@ def device_simulator(build):
 
 
 def wait(box, syslog, log):
-    """Keeps the system log until the box has ended, then what is still queued: the end is told last."""
+    """Stores the system log until the sandbox has ended, then the entries still queued. @return the exit status"""
     ended = os.pidfd_open(box.pid)
     with selectors.DefaultSelector() as ready:
         ready.register(ended, selectors.EVENT_READ)

@@ -1,6 +1,6 @@
 """
-A partition the way the drivers of a bootloader read and write it: a flash page whose ECC fails cannot be read,
-and a block is read, erased and written as a whole, a LEB through its volume.
+A partition as the drivers of a bootloader read and write it: a flash page whose ECC fails cannot be read, and a
+block is read, erased and written as a whole. A LEB is accessed through its volume.
 """
 
 from . import BoardError
@@ -19,7 +19,7 @@ def read(board, name, offset, size):
 
 
 def write(board, name, offset, data):
-    """Writes bytes within one block of the partition. What else can be read of the block stays as it is."""
+    """Writes bytes within one block of the partition. The rest of the block is kept as far as it can be read."""
     size, page_size = board.medium.erase_size, board.medium.write_size
     start = offset // size * size if board.medium.is_flash() else offset
     with open(board.backing(board.device(name)), "r+b") as backing:

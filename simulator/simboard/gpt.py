@@ -1,4 +1,4 @@
-"""A GPT over partitions that follow one another, as the eMMC of a board carries it."""
+"""A GPT of consecutive partitions, as on the eMMC of a board."""
 
 import struct
 import uuid
@@ -15,7 +15,7 @@ HEADER = struct.Struct("<8sIIII4Q16sQIII")
 
 
 def write(path, partitions):
-    """Makes the file `path` a disk with a GPT; `partitions` are pairs of a name and its bytes."""
+    """Creates the file `path` as a disk with a GPT; `partitions` are pairs of a name and a size in bytes."""
     entries, start = b"", ALIGNMENT
     for name, size in partitions:
         sectors = -(-size // SECTOR)
@@ -40,7 +40,7 @@ def entry(name, first, last):
 
 
 def header(own, other, table, disk, entries):
-    """The header that lies in sector `own`; `last` usable sector is the one before the mirrored table."""
+    """The header for sector `own`; the last usable sector is the one before the mirrored table."""
     last_usable = max(own, other) - TABLE_SECTORS - 1
     fields = [b"EFI PART", 0x10000, HEADER.size, 0, 0, own, other, FIRST_USABLE, last_usable, disk, table,
               ENTRY_COUNT, ENTRY_SIZE, zlib.crc32(entries)]

@@ -62,7 +62,7 @@ class SlotBlock:
 
     @classmethod
     def fresh(cls):
-        """Two slots on trial: what is written where no block can be read."""
+        """Two slots on trial: what is written when no block can be read."""
         return cls.of(Slot(15, 7, False), Slot(15, 7, False))
 
     @classmethod

@@ -1,4 +1,4 @@
-"""The directory that is a board, and how a fresh one comes about."""
+"""The directory that holds a board's state, and the creation of a new one."""
 
 import pathlib
 import re
@@ -66,7 +66,7 @@ class Device:
 
 
 class Board:
-    """An existing board. Everything is read from its files anew, so that a hand or a test may edit them."""
+    """An existing board. Every access reads its files again, so that a user or a test may edit them."""
 
     def __init__(self, directory):
         self.dir = directory.resolve()
@@ -93,7 +93,7 @@ class Board:
         return "abc".index(re.search(r"veloxboot\.slot_suffix=_([abc])", self.cmdline())[1])
 
     def come_up(self, slot):
-        """What a boot changes: the command line, the system with its version; /run and /tmp are empty."""
+        """Applies the effects of a boot: command line and system version change, /run and /tmp become empty."""
         suffix = f"veloxboot.slot_suffix=_{slots.letter(slot)}"
         (self.dir / "cmdline").write_text(re.sub(r"veloxboot\.slot_suffix=_\w", suffix, self.cmdline()) + "\n")
         version = self.version_in_slot(slot)
@@ -106,7 +106,7 @@ class Board:
             (self.dir / place).mkdir()
 
     def sync(self):
-        """What an orderly reboot does first. A disk keeps as its state only what is not synced."""
+        """The first step of an orderly reboot. The state of a disk holds only what is not synced."""
         if not self.medium.is_flash():
             for path in (self.dir / "state").iterdir():
                 path.unlink()
@@ -126,19 +126,19 @@ class Board:
         return ", ".join(path.read_text().splitlines()) if path.exists() else "sec 0, nosec 0"
 
     def names(self):
-        """In the device tree, as the kernel shows it: NUL-terminated."""
+        """The names in the device tree, stored as the kernel presents them: NUL-terminated."""
         path = self.dir / "compatible"
         return path.read_text().split("\0")[:-1] if path.exists() else []
 
     def version_in_slot(self, slot):
-        """The version file out of the slot's system image; empty when no ext4 image with one is there."""
+        """The version file in the slot's system image; empty without an ext4 image that has one."""
         device = self.device(f"system_{slots.letter(slot)}")
         with self.logical_file(device) as image:
             command = ["/usr/sbin/debugfs", "-R", f"cat {VERSION_FILE}", image.name]
             return subprocess.run(command, capture_output=True, text=True, errors="replace", check=False).stdout
 
     def logical_file(self, device):
-        """The partition as its driver shows it to a file system: without the bad blocks."""
+        """The partition as its driver presents it to a file system: without the bad blocks."""
         backing = open(self.backing(device), "rb")
         if not device.bad:
             return backing
@@ -210,7 +210,7 @@ def check_room(medium, bad, size):
 
 
 def write_devices(directory, medium, bad, sizes):
-    """The partitions with their files, the list that `run` goes by, and the one for the device simulator."""
+    """Creates the partition files, the list of devices for `run`, and the one for the device simulator."""
     lines, registry = [f"medium {medium.name}"], []
     for number, (name, size) in enumerate(sizes.items(), medium.first):
         node = medium.node.format(number)
@@ -237,14 +237,14 @@ def make_partition(path, size, erased):
 
 
 def write_flash_commands(directory):
-    """One command record: 4096 bytes for misc, unsigned."""
+    """Writes one command record: 4096 bytes for misc, unsigned."""
     magic, command_type, offset, length = 0x46434D44, 1, 0, 4096
     record = struct.pack("<4I", magic, command_type, offset, length)
     (directory / "misc_write_cmd").write_bytes(record.ljust(2272, b"\0"))
 
 
 def fill(board):
-    """What the factory flashes: the slot block, and a system image with its version in both slots."""
+    """Stores what the factory flashes: the slot block, and a system image with its version in both slots."""
     board.save_slot_block(slots.SlotBlock.factory())
     image = factory_system()
     for slot in (0, 1):
