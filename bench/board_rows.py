@@ -1,7 +1,7 @@
-"""What the tessera command does on a board, beside the programs of the distribution that do the same.
+"""The tessera command on a board, compared with the distribution's programs that do the same work.
 
-The board is the simulated one, but its partitions stay plain files: the device simulator, which keeps
-count of what is synced, would be what is measured. Times are taken inside, where the box costs nothing.
+The board is simulated, but its partitions remain plain files: otherwise the device simulator, which tracks what is
+synced, would dominate the results. Times are taken inside the board, so that starting it is not measured.
 """
 
 import hashlib
@@ -35,18 +35,18 @@ class Board:
                         "--", "env", "-u", "LD_PRELOAD", *words], check=True, stdout=subprocess.DEVNULL)
 
     def take(self, command):
-        """One sample, inside."""
-        self.run("hyperfine", "--shell=none", "--style=none", "--runs=1", "--export-json=/userdata/told",
+        """@return one sample, taken inside the board"""
+        self.run("hyperfine", "--shell=none", "--style=none", "--runs=1", "--export-json=/userdata/result",
                  shlex.join(map(str, command.words)))
-        told = json.loads((self.dir / "userdata" / "told").read_text())["results"][0]
-        return {"wall": told["times"][0], "cpu": told["user"] + told["system"]}
+        timing = json.loads((self.dir / "userdata" / "result").read_text())["results"][0]
+        return {"wall": timing["times"][0], "cpu": timing["user"] + timing["system"]}
 
     def peak(self, *words):
         self.run("/usr/bin/time", "-f", "%M", "-o", "/userdata/peak", *words)
         return int((self.dir / "userdata" / "peak").read_text())
 
     def written(self, *words):
-        """The bytes that a command writes to the node of slot b's system."""
+        """@return the number of bytes that a command writes to the node of slot b's system"""
         node = next(line.split()[1] for line in (self.dir / "devices").read_text().splitlines()
                     if line.startswith("system_b "))
         self.run("strace", "-f", "-qq", "-o", "/userdata/calls", "-P", node, "-e", f"trace={WRITES}", *words)
@@ -80,17 +80,17 @@ def install_rows(inputs, rounds):
                "sha256": hashlib.sha256(image.read_bytes()).hexdigest()}
     write_through(board.node, image)
     rounds = max(3, rounds // 2)
-    yield from beside_its_parts(inputs, board, image, digests, rounds)
-    yield from beside_others(inputs, board, image, digests, rounds)
+    yield from compared_with_its_parts(inputs, board, image, digests, rounds)
+    yield from compared_with_others(inputs, board, image, digests, rounds)
 
 
 def write_through(node, image):
-    """Gives the node all its bytes, so that nobody measures how the file system finds room for them."""
+    """Writes the whole node, so that allocation in the file system is not measured."""
     subprocess.run(["dd", f"if={image}", f"of={node}", "bs=10M", "conv=notrunc,fsync", "status=none"], check=True)
 
 
 def make_different(node):
-    """Nothing stands on the node any more, nothing waits to be written, and nothing is cached."""
+    """Invalidates the image on the node, syncs it and drops it from the cache."""
     with open(node, "r+b") as file:
         file.write(os.urandom(MIB))
         os.fsync(file.fileno())
@@ -107,8 +107,8 @@ def tessera_package(inputs, image, digests, level):
     return path
 
 
-def beside_its_parts(inputs, board, image, digests, rounds):
-    """The least is what cannot overlap: inflating or writing, whichever takes longer, and reading it back."""
+def compared_with_its_parts(inputs, board, image, digests, rounds):
+    """The lower bound is what cannot overlap: the longer of inflating and writing, and then reading back."""
     package, node = tessera_package(inputs, image, {"md5": digests["md5"]}, 6), board.node
     name = image.name
 
@@ -128,8 +128,8 @@ def beside_its_parts(inputs, board, image, digests, rounds):
     package.unlink()
 
 
-def beside_others(inputs, board, image, digests, rounds):
-    """1 GiB, stored, from a cached package onto a file, its digest checked."""
+def compared_with_others(inputs, board, image, digests, rounds):
+    """Installs 1 GiB, stored, from a cached package onto a file, with its digest checked."""
     package = tessera_package(inputs, image, digests, 0)
     ours = ["tessera", "install", "--quiet", package]
     certificate, key = make_signer(inputs.disk)
@@ -147,8 +147,8 @@ def beside_others(inputs, board, image, digests, rounds):
         for _ in range(rounds):
             turn = compare([Command("tessera", ours, lambda: make_different(board.node))], 1, board.take)
             turn |= compare(commands, 1)
-            for name, told in turn.items():
-                figures.setdefault(name, []).extend(told)
+            for name, samples in turn.items():
+                figures.setdefault(name, []).extend(samples)
         peaks = {"RAUC": peak_of(service.pid)}
     for path in (board.node, node):
         make_different(path)
@@ -218,7 +218,7 @@ def copy(one, other):
 
 @contextmanager
 def rauc_service(directory, certificate, under=()):
-    """@return the start of a client's command line, and the service, on a bus of their own"""
+    """@return the first words of a client's command line, and the service; both on a separate bus"""
     (directory / "spare").touch()
     os.truncate(directory / "spare", MIB)
     (directory / "system.conf").write_text(
@@ -248,7 +248,7 @@ def rauc_service(directory, certificate, under=()):
 
 
 def last_child(pid):
-    """What a tracer traces: the tracer itself puts SIGTERM off until that has ended."""
+    """@return the traced process: the tracer itself defers SIGTERM until that process has ended"""
     children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
     return last_child(int(children[-1])) if children else pid
 
@@ -257,7 +257,7 @@ def wait_for(condition):
     deadline = time.monotonic() + 20
     while not condition():
         if time.monotonic() > deadline:
-            raise RuntimeError("the service does not come up")
+            raise RuntimeError("the service does not start")
         time.sleep(0.05)
 
 

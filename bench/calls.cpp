@@ -1,4 +1,4 @@
-/** Single calls of the library beside others' that do the same, in one process and over the same bytes. */
+/** Single calls of the library and of others that do the same work, in one process and on the same bytes. */
 #include "md5.h"
 #include "ota_utils.h"
 
@@ -52,7 +52,7 @@ void crc32_tessera(benchmark::State& state) {
     }
 }
 
-/** One lookup a byte, as plainly as it can be written. */
+/** One table lookup per byte, without any optimisation. */
 [[gnu::noinline]] uint32_t plain_crc32(const std::array<uint32_t, 256>& table, const unsigned char* at, size_t size) {
     uint32_t crc = 0xFFFFFFFF;
     while (size-- > 0) {

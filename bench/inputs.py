@@ -1,4 +1,4 @@
-"""The files that are measured with: always the same bytes, made once for a run."""
+"""The input files: always the same bytes, made once per run."""
 
 import pathlib
 import random
@@ -11,7 +11,7 @@ PIECE = 64 << 10
 
 
 class Inputs:
-    """`place` is for images and partitions, `disk` for what a file system gets to do."""
+    """`place` holds images and partitions, `disk` what exercises a file system."""
 
     def __init__(self, place, disk):
         self.place, self.disk = pathlib.Path(place), pathlib.Path(disk)
@@ -28,7 +28,7 @@ class Inputs:
         return path
 
     def node(self, size, name="node"):
-        """A partition that exists with all its bytes, so that nobody measures its coming into being."""
+        """A fully allocated partition, so that its allocation is not measured."""
         path = self.place / name
         if not path.exists() or path.stat().st_size != size:
             with open(path, "wb") as file:
@@ -43,7 +43,7 @@ class Inputs:
         return path
 
     def tree_package(self, files, size):
-        """A root file system: many small files, few large ones."""
+        """Shaped like a root file system: many small files, few large ones."""
         path = self.disk / "tree.zip"
         choice = random.Random(files)
         weights = [choice.lognormvariate(0, 1.6) for _ in range(files)]
@@ -63,7 +63,7 @@ class Inputs:
 
 
 def make_pool():
-    """Pieces of a system image: text, tables, bytes that no packer makes smaller, and nothing."""
+    """Pieces of a system image: text, tables, incompressible bytes and zeros."""
     source = random.Random(1)
     words = [bytes(source.choices(b"etaoinshrdlucmfwypvbgkjqxz", k=source.randint(2, 9))) for _ in range(4000)]
     weights = [1 / (rank + 1) for rank in range(len(words))]

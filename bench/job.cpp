@@ -1,10 +1,10 @@
 /**
- * One job of the library as a whole process, to be measured beside the command that does the same:
+ * One job of the library as a whole process, for comparison with a command that does the same:
  *
  *   bench_job digest FILE             MD5Dev
  *   bench_job copy FROM TO            ota_file_to_file, the whole of FROM
- *   bench_job stream PKG ENTRY TO     vx_uncompress_file_to; to NAND where the name holds "mtd"
- *   bench_job floor PKG ENTRY TO      the least that streaming can cost: zlib's inflate (a plain read for
+ *   bench_job stream PKG ENTRY TO     vx_uncompress_file_to; to NAND if the name contains "mtd"
+ *   bench_job floor PKG ENTRY TO      the minimum cost of streaming: zlib's inflate (a plain read for
  *                                     a stored entry) and a plain write of the same bytes in one loop
  *   bench_job checked PKG ENTRY TO    the same with zlib's crc32 over the bytes, as every reader of
  *                                     packages computes it
@@ -60,7 +60,7 @@ bool stream(char** args) {
     return vx_uncompress_file_to(args[0], args[1], &to, nullptr) == 0;
 }
 
-/** Where the bytes of an entry stand in its package. */
+/** Where the bytes of an entry are in its package. */
 struct entry_place {
     off_t offset;
     size_t packed;
@@ -84,7 +84,7 @@ bool find_entry(const char* package, const char* name, entry_place& place) {
     return true;
 }
 
-/** The floor reads and writes in pieces that stay in the processor's cache: nothing is faster here. */
+/** The floor reads and writes in pieces that fit in the processor's cache, the fastest size here. */
 constexpr size_t floor_piece = size_t{256} << 10;
 
 /** Where the bytes go, and whether they pass through zlib's crc32 on the way. */

@@ -1,4 +1,4 @@
-"""What the library does, beside the usual programs and beside the least that the work can cost."""
+"""The library compared with the usual programs, and with the minimum that the work can cost."""
 
 import json
 import os
@@ -18,18 +18,18 @@ ERASE_SIZE = 128 * KIB
 
 
 def single_calls(rounds):
-    """In one process: Google Benchmark takes the turns, and processor time counts."""
-    told = subprocess.run([BUILD / "bench" / "bench_calls", f"--benchmark_repetitions={rounds}",
+    """In one process: Google Benchmark alternates the calls, and processor time is compared."""
+    output = subprocess.run([BUILD / "bench" / "bench_calls", f"--benchmark_repetitions={rounds}",
                            "--benchmark_enable_random_interleaving=true", "--benchmark_format=json"],
                           check=True, capture_output=True, text=True).stdout
     figures = {}
-    for one in json.loads(told)["benchmarks"]:
+    for one in json.loads(output)["benchmarks"]:
         if one["run_type"] == "iteration":
             figures.setdefault(one["name"].split("/")[0], []).append({"cpu": one["cpu_time"] / 1e9})
-    for work, ours, theirs, beside in (("MD5 of 256 MiB in memory", "md5_tessera", "md5_openssl", "OpenSSL's EVP"),
-                                       ("CRC32 of 256 MiB", "crc32_tessera", "crc32_plain", "a plain loop")):
+    for work, ours, theirs, other_name in (("MD5 of 256 MiB in memory", "md5_tessera", "md5_openssl", "OpenSSL's EVP"),
+                                           ("CRC32 of 256 MiB", "crc32_tessera", "crc32_plain", "a plain loop")):
         own, other = median(figures[ours], "cpu"), median(figures[theirs], "cpu")
-        yield Row(work, beside, other / own, ">= 1.0", other / own >= 0.995,
+        yield Row(work, other_name, other / own, ">= 1.0", other / own >= 0.995,
                   f"{256 / own:.0f} MiB/s to {256 / other:.0f} MiB/s")
 
 
@@ -88,7 +88,7 @@ def size_rows(inputs, rounds, count=20000):
 
 
 def nand_operations(inputs, image, blocks):
-    """Streams an image to a simulated NAND of so many blocks. @return the operations by kind"""
+    """Streams an image to a simulated NAND of `blocks` blocks. @return the number of operations by kind"""
     node, package = inputs.node(blocks * ERASE_SIZE, "mtd0"), inputs.package(image, 1)
     with tempfile.TemporaryDirectory() as scratch:
         journal = pathlib.Path(scratch) / "journal"
@@ -111,7 +111,7 @@ def nand_environment(scratch, node, extra=None):
 
 
 def blocks_touched(size):
-    """Each chunk rewrites every block that it touches: fewer operations are not possible with its size."""
+    """Each chunk rewrites every block that it touches: this is the minimum for the chunk size."""
     touched = 0
     for start in range(0, size, FLASH_CHUNK):
         end = min(start + FLASH_CHUNK, size)
@@ -130,7 +130,7 @@ def nand_row(inputs, _rounds, size=64 * MIB):
 
 
 def cost_rows(inputs, rounds):
-    """Time against size: 1.0 means that the largest costs as much a byte (entry, block) as the smallest."""
+    """Time by size: 1.0 means that the largest costs as much per byte (entry, block) as the smallest."""
     sizes = (64 * MIB, 256 * MIB, GIB, 4 * GIB - MIB)
     streams = []
     for size in sizes:
@@ -163,24 +163,24 @@ def cost_rows(inputs, rounds):
 
 
 def cost_row(work, unit, points):
-    """`points`: (amount, seconds, KiB). What even the smallest costs is taken off before the ratio. Memory is
-    None where the simulator, which keeps the device in the process that is measured, is most of it."""
+    """`points`: (amount, seconds, KiB). The cost of the smallest is subtracted before the ratio is computed. Memory
+    is None where most of it belongs to the simulator, which keeps the device in the measured process."""
     (small, start, least), (large, end, most) = points[0], points[-1]
     before = points[-2]
     slope_first = (before[1] - start) / (before[0] - small) if len(points) > 2 else start / small
     slope_last = (end - before[1]) / (large - before[0]) if len(points) > 2 else end / large
     straight = slope_first / slope_last
-    told = ", ".join(f"{amount:.0f}: {seconds(time)}" + (f" {memory} KiB" if memory else "")
-                     for amount, time, memory in points)
+    measured = ", ".join(f"{amount:.0f}: {seconds(time)}" + (f" {memory} KiB" if memory else "")
+                         for amount, time, memory in points)
     goal = "linear, memory constant" if most else "linear"
     constant = not most or most - least < 1024
-    return Row(work, "a straight line", straight, goal, straight >= 0.8 and constant, f"by {unit}: {told}")
+    return Row(work, "a straight line", straight, goal, straight >= 0.8 and constant, f"by {unit}: {measured}")
 
 
 def text_row(_inputs, _rounds):
     library = BUILD / "src" / "libtessera.so.1"
     with tempfile.NamedTemporaryFile() as stripped:
         subprocess.run(["strip", "-o", stripped.name, library], check=True)
-        told = subprocess.run(["size", "-B", stripped.name], check=True, capture_output=True, text=True).stdout
-    text = int(told.splitlines()[1].split()[0])
+        output = subprocess.run(["size", "-B", stripped.name], check=True, capture_output=True, text=True).stdout
+    text = int(output.splitlines()[1].split()[0])
     yield Row("the stripped library's text", "96 KiB", 96 * KIB / text, "below", text < 96 * KIB, f"{text} bytes")

@@ -1,4 +1,4 @@
-"""Whole commands, run in turns, and the table that comes of it."""
+"""Runs whole commands alternately and prints the resulting table."""
 
 import json
 import os
@@ -12,9 +12,9 @@ from dataclasses import dataclass
 from typing import Callable, Optional, Union
 
 TRIES = 4
-DISTURBED = 0.15  # of one processor, used by others while a sample was taken
+DISTURBED = 0.15  # share of one processor that other programs used during a sample
 
-disturbances = []  # of the samples that count
+disturbances = []  # of the samples that were kept
 
 
 @dataclass
@@ -27,7 +27,7 @@ class Command:
 @dataclass
 class Row:
     work: str
-    beside: str
+    compared_with: str
     ratio: Optional[float]
     goal: str
     met: Optional[bool]
@@ -35,12 +35,12 @@ class Row:
 
     def cells(self):
         ratio = "" if self.ratio is None else f"{self.ratio:.2f}"
-        return [self.work, self.beside, ratio, self.goal, {True: "yes", False: "**no**", None: ""}[self.met],
+        return [self.work, self.compared_with, ratio, self.goal, {True: "yes", False: "**no**", None: ""}[self.met],
                 self.measured]
 
 
 def busy_seconds():
-    """What all processors have worked since the boot, for whomever."""
+    """@return the processor time used by all processes since boot"""
     with open("/proc/stat") as stat:
         user, nice, system, _, _, irq, softirq, steal = map(int, stat.readline().split()[1:9])
     return (user + nice + system + irq + softirq + steal) / os.sysconf("SC_CLK_TCK")
@@ -57,26 +57,26 @@ def hyperfine(command):
         text = command.words if isinstance(command.words, str) else shlex.join(map(str, command.words))
         subprocess.run(["hyperfine", *shell, "--style=none", "--runs=1", f"--export-json={result.name}", text],
                        check=True, stdout=subprocess.DEVNULL)
-        told = json.load(result)["results"][0]
-    return {"wall": told["times"][0], "cpu": told["user"] + told["system"]}
+        timing = json.load(result)["results"][0]
+    return {"wall": timing["times"][0], "cpu": timing["user"] + timing["system"]}
 
 
 def sample(command, take=hyperfine):
-    """The least disturbed of a few samples; the first that is not disturbed is good enough."""
+    """@return the least disturbed of up to TRIES samples; an undisturbed one ends the sampling"""
     samples = []
     while len(samples) < TRIES and (not samples or samples[-1][0] > DISTURBED):
         if command.before:
             command.before()
         start, busy, own = time.monotonic(), busy_seconds(), own_seconds()
-        told = take(command)
+        timing = take(command)
         others = (busy_seconds() - busy) - (own_seconds() - own)
-        samples.append((max(others, 0) / (time.monotonic() - start), len(samples), told))
+        samples.append((max(others, 0) / (time.monotonic() - start), len(samples), timing))
     disturbances.append(min(samples)[0])
     return min(samples)[2]
 
 
 def compare(commands, rounds, take=hyperfine):
-    """@return for each command its figures, one a round"""
+    """@return for each command its figures, one per round"""
     figures = {command.name: [] for command in commands}
     for number in range(rounds):
         for command in commands if number % 2 == 0 else reversed(commands):
@@ -89,7 +89,7 @@ def median(figures, kind="wall"):
 
 
 def ratio(theirs, ours, kind="wall"):
-    """The median of the rounds' ratios; above 1, ours is less."""
+    """@return the median of the rounds' ratios; above 1, ours needs less"""
     return statistics.median(one[kind] / other[kind] for one, other in zip(theirs, ours))
 
 
@@ -108,15 +108,15 @@ def seconds(value):
 
 
 def peak_memory(words):
-    """The peak of the resident memory in KiB, as GNU time tells it: its own process is small."""
-    with tempfile.NamedTemporaryFile() as told:
-        subprocess.run(["/usr/bin/time", "-f", "%M", "-o", told.name, *map(str, words)], check=True,
+    """@return the peak resident memory in KiB, as reported by GNU time, whose own process is small"""
+    with tempfile.NamedTemporaryFile() as report:
+        subprocess.run(["/usr/bin/time", "-f", "%M", "-o", report.name, *map(str, words)], check=True,
                        stdout=subprocess.DEVNULL)
-        return int(told.read())
+        return int(report.read())
 
 
 def print_table(rows):
-    print("| work | beside | ratio | goal | met | measured: tessera, then the other |")
+    print("| work | compared with | ratio | goal | met | measured: tessera, then the other |")
     print("| --- | --- | --- | --- | --- | --- |")
     for one in rows:
         print("| " + " | ".join(one.cells()) + " |")

@@ -1,4 +1,4 @@
-# How everything is compiled: warnings are errors, hardening is on, sanitizers where asked for.
+# How everything is compiled: warnings are errors, hardening is on, sanitizers on request.
 add_library(tessera_compile INTERFACE)
 target_compile_options(tessera_compile INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wformat=2 -Wcast-qual -Wundef -Werror

@@ -1,5 +1,5 @@
-# Read by cpack before it makes a package. Where one of these is missing, it would only warn and make packages without
-# manual pages, or without their dependencies.
+# Read by cpack before it builds a package. If one of these is missing, cpack would only warn, and build packages
+# without manual pages or without dependencies.
 foreach(program IN ITEMS file dpkg-shlibdeps)
   find_program(path ${program} NO_CACHE)
   if(NOT path)

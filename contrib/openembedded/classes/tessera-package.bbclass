@@ -1,4 +1,4 @@
-# Makes an update package from the images of other recipes and deploys it. In a recipe of its own:
+# Makes an update package from the images of other recipes and deploys it. Use it in a separate recipe:
 #
 #   LICENSE = "CLOSED"
 #   inherit tessera-package
@@ -18,7 +18,7 @@
 # TESSERA_VERSION     version of the update; begins with a V
 # TESSERA_MEDIUM      emmc, nand (a UBI volume too) or nor
 # TESSERA_DESCRIPTION_FIELDS  further fields for the whole package, as JSON
-# TESSERA_SIGN_KEY, TESSERA_SIGN_CERT  PEM files, as many of the one as of the other: each key makes a signature.
+# TESSERA_SIGN_KEY, TESSERA_SIGN_CERT  PEM files, one certificate per key; each key makes a signature.
 #                     Without them the package is not signed
 
 TESSERA_VERSION ?= "V${DISTRO_VERSION}"
@@ -85,7 +85,7 @@ python do_configure() {
         json.dump(tessera_description(d), draft, indent=2)
 }
 
-# What the flags above say is in no task's hash.
+# The variable flags above are not part of any task's hash.
 do_configure[nostamp] = "1"
 
 do_compile() {

@@ -5,8 +5,8 @@
 ################################################################################
 
 TESSERA_VERSION = 1.0.0
-# The tree that this directory is a part of. For a release's archive set _SITE and
-# _SOURCE instead, drop _SITE_METHOD, and add the archive's sum to tessera.hash.
+# The tree that contains this directory. For a release's archive set _SITE and _SOURCE
+# instead, drop _SITE_METHOD, and add the archive's checksum to tessera.hash.
 TESSERA_SITE = $(BR2_EXTERNAL_TESSERA_PATH)/../..
 TESSERA_SITE_METHOD = local
 TESSERA_LICENSE = Apache-2.0
@@ -15,7 +15,7 @@ TESSERA_INSTALL_STAGING = YES
 TESSERA_SUPPORTS_IN_SOURCE_BUILD = NO
 TESSERA_DEPENDENCIES = jansson minizip-zlib openssl zlib
 
-# On a Debian host the project would take the multiarch directory for the target's.
+# On a Debian host CMake would use the host's multiarch directory for the target.
 TESSERA_CONF_OPTS = -DCMAKE_INSTALL_LIBDIR=lib -DTESSERA_TESTS=OFF
 
 TESSERA_LOG_LIBRARY = $(call qstrip,$(BR2_PACKAGE_TESSERA_LOG_LIBRARY))

@@ -14,19 +14,19 @@ EXTERNALSRC ?= "${TESSERA_TREE}"
 
 EXTRA_OECMAKE = "-DBUILD_TESTING=OFF -DTESSERA_TESTS=OFF"
 
-# The log and eFuse libraries built here are stand-ins. A board that has its own appends, for example,
+# The log and eFuse libraries built here are stand-ins. For a board that has its own, append for example
 #   DEPENDS += "my-board-libraries"
 #   EXTRA_OECMAKE += "-DTESSERA_LOG_LIBRARY=${STAGING_LIBDIR}/liblog.so \
 #                     -DTESSERA_LOG_INCLUDE_DIR=${STAGING_INCDIR} \
 #                     -DTESSERA_EFUSE_LIBRARY=${STAGING_LIBDIR}/libkastor_efuse.so \
 #                     -DTESSERA_EFUSE_INCLUDE_DIR=${STAGING_INCDIR}"
-# and the package tessera-platform stays empty.
-# The systemd unit is not enabled: the product says when its system is healthy.
+# The package tessera-platform is then empty.
+# The systemd unit is not enabled: the product decides when its system is healthy.
 FILES:${PN} += "${datadir}/bash-completion ${nonarch_libdir}/systemd"
 PACKAGES =+ "libtessera ${PN}-platform"
 FILES:libtessera = "${libdir}/libtessera.so.*"
 FILES:${PN}-platform = "${libdir}/liblog.so ${libdir}/libkastor_efuse.so"
-# These two have no version in their names, on a board as here.
+# These two have no version in their names, here as on a board.
 INSANE_SKIP:${PN}-platform = "dev-so"
 
 BBCLASSEXTEND = "native nativesdk"
