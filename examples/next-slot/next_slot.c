@@ -11,7 +11,7 @@ int main(void) {
     if (get_part_device_name("system", kept, target.path, AB) != 0)
         return 1;
     if (ota_set_slot_unbootable(slot) != 0)
-        return 1; /* what is half written is never booted */
+        return 1; /* a half-written slot is never booted */
     sync();
     if (vx_uncompress_file_to("update.zip", "system.img", &target, NULL) != 0)
         return 1;
