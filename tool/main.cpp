@@ -11,25 +11,26 @@ namespace {
 
 constexpr Verb verbs[] = {
     {"install", "Install a package into the update slot", declare_install},
-    {"verify", "Check whether this board would accept a package, and change nothing", declare_verify},
-    {"pack", "Make a package out of a description and images", declare_pack},
+    {"verify", "Check whether this board would accept a package; change nothing", declare_verify},
+    {"pack", "Build a package from a description and images", declare_pack},
     {"package", "List, search, check or unpack a package", declare_package},
     {"confirm", "Mark the running slot as good", declare_confirm},
     {"rollback", "Boot the other slot next, if it is known to be good", declare_rollback},
     {"slots", "Show or change the A/B slots", declare_slots},
     {"status", "Show or change the stored update status", declare_status},
-    {"board", "Show what this board is, or check what it must supply", declare_board},
+    {"board", "Show this board's properties, or check what it must supply", declare_board},
     {"partitions", "List the partitions", declare_partitions},
-    {"digest", "Digest a file or partition", declare_digest},
-    {"compare", "Tell whether two partitions hold the same bytes", declare_compare},
+    {"digest", "Print the digest of a file or partition", declare_digest},
+    {"compare", "Check whether two partitions hold the same bytes", declare_compare},
     {"version", "Compare versions, or read one from a file", declare_version},
     {"firmware", "Show the anti-rollback versions in a firmware image", declare_firmware, "versions"},
     {"efuse", "Show or raise the anti-rollback counters", declare_efuse},
     {"flashcmd", "Write a prepared flash command", declare_flashcmd},
 };
 
-constexpr char exit_table[] = "Exit status: 0 done; 1 refused or failed, or another command is at work; 2 usage;\n"
-                              "3 the package is refused; 4 a device failed; 130 interrupted";
+constexpr char exit_table[] =
+    "Exit status: 0 success; 1 refused or failed, or another command is at work; 2 usage error;\n"
+    "3 package refused; 4 device failure; 130 interrupted";
 
 /** An option that says something and does nothing else. */
 Option& add_answer(Command& root, char letter, std::string_view name, std::string_view help) {
@@ -43,11 +44,11 @@ Option& add_answer(Command& root, char letter, std::string_view name, std::strin
 
 void declare_all(Command& root, Context& context) {
     root.name = "tessera";
-    root.summary = "Updates an embedded board over its A/B slots, and shows and mends what an update relies on";
+    root.summary = "Update the A/B slots of an embedded board; show and repair the records that updates rely on";
     add_answer(root, 'h', "--help", "Print this help and exit");
     add_answer(root, '\0', "--version", "Print the version and exit").is_own = true;
     add_flag(root, "--json", context.json, "Print results and errors as JSON");
-    add_flag(root, "-v,--verbose", context.verbose, "Let the library's log lines through to stderr");
+    add_flag(root, "-v,--verbose", context.verbose, "Print the library's log lines to stderr");
     for (const Verb& verb : verbs) {
         Command& command = root.add(verb.name, verb.summary);
         command.old_name = verb.old_name;

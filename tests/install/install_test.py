@@ -60,7 +60,7 @@ class InstallTest(BoardCase):
         ]
         cases = [  # description, contents, further entries, words in the error
             (None, good, [], "update.json"), ("{", good, [], "update.json"), ("[]", good, [], "object"),
-            ('{"version": 1e999}', good, [], "update.json holds a number that is too large"),
+            ('{"version": 1e999}', good, [], "update.json contains a number that is too large"),
             ('{"a": "b", "a": 1}', good, [], 'update.json: "a" is given twice'), ("[" * 2049, good, [], "depth"),
             ('{"a": 1\0}', good, [], "byte 7 is 0"), ('{"a": 1,\n"b"}', good, [], "line 2, column 4: ':' expected"),
             (describe(big, "emmc"), big, [], "room"),
@@ -358,8 +358,8 @@ class InstallTest(BoardCase):
             self.at("", f"install /userdata/signer.zip --trust {name}", 1, words)
 
         ca.issue("brief", "ours", days=60)
-        for key, cert, clock, words in (("brief", "brief", "", "in /userdata/brief.pem ends at"),
-                                        ("signer", "signer", f"+{400 * day}", "is not valid since"),
+        for key, cert, clock, words in (("brief", "brief", "", "in /userdata/brief.pem expires at"),
+                                        ("signer", "signer", f"+{400 * day}", " expired at "),
                                         ("signer", "signer", str(day), "is not valid before"),
                                         ("other", "signer", "", "/userdata/other.key is not the key")):
             pair = f"--sign /userdata/{key}.key --cert /userdata/{cert}.pem"
@@ -369,7 +369,7 @@ class InstallTest(BoardCase):
             package.seek(-70_000, 2)
             package.write(b"?")
         for package, trusted, status, words in (
-            ("both", "", 0, "not checked"), ("none", "", 0, "nothing is wrong"), ("none", "ours", 3, "not signed"),
+            ("both", "", 0, "not checked"), ("none", "", 0, "no problems found"), ("none", "ours", 3, "not signed"),
             ("both", "theirs", 0, "other, signed at 20"), ("other", "ours", 3, "no authority"),
             ("changed", "", 3, "does not match"), ("signer", "", 3, "system.img"),
         ):
@@ -385,7 +385,7 @@ class InstallTest(BoardCase):
         shown = json.loads(self.expect("board --json", 0).stdout)
         self.assertEqual(shown["compatible"], ["a,b", "c,d"])
         cases = [  # names of the board, boards in the description, option, words of the refusal
-            ("a,b c,d", ["x", "c,d"], "", ""), ("a,b", ["a"], "", "is for a, and this board is a,b"),
+            ("a,b c,d", ["x", "c,d"], "", ""), ("a,b", ["a"], "", "is for a, but this board is a,b"),
             ("", ["x", "y"], "", "hint: name the board: --board NAME"), ("", ["x", "y"], "--board y", ""),
             ("a,b", ["a,b"], "--board y", "this board is y"), ("a,b", None, "", ""), ("", None, "", ""),
             ("x", ["x"] * 17, "", "1 to 16"), ("x", [], "", "1 to 16"), ("x", "x", "", "1 to 16"),
@@ -427,21 +427,21 @@ class InstallTest(BoardCase):
             ("install /no.zip --lock /no/lock", 1, "/no/lock"), ("install /no.zip --progress loud", 2, "loud"),
             ("verify /no.zip", 3, "/no.zip"), ("slots set-next a --lock /userdata", 1, "cannot use the lock file"),
             ("pack /no.json /tmp -o /tmp/p.zip", 1, "/no.json"), ("pack /etc/passwd /tmp -o /tmp/p.zip", 3, "passwd"),
-            ("install /no.zip --board=", 2, "--board: it names no board"),
+            ("install /no.zip --board=", 2, "--board: must not be empty"),
             ("verify /no.zip --trust-time signing", 2, "--trust-time requires --trust"),
             ("pack a b -o c --sign /no.key --cert d", 1, "cannot open /no.key: No such file"),
-            ("pack a b -o c --sign /etc/passwd --cert d", 1, "/etc/passwd holds no private key"),
+            ("pack a b -o c --sign /etc/passwd --cert d", 1, "/etc/passwd contains no private key"),
             ("pack a b -o c --sign d", 2, "cert"), ("package open", 2, "open"), ("package list /no.zip", 3, "/no.zip"),
             ("package unpack /etc/passwd /tmp/out", 3, "zip"), ("package has /etc/passwd a", 3, "zip"),
             ("rollback b", 2, "b"), ("slots set-next 9", 1, "9"), ("slots mark-good x", 1, "x"),
             ("status set colour 1", 2, "colour"), ("status set update red", 2, "update"),
             ("status set update 77", 2, "update"), ("status set next-slot q", 2, "next-slot"),
-            ("digest misc --garbage -1", 2, "--garbage: it must not be negative"),
+            ("digest misc --garbage -1", 2, "--garbage: must not be negative"),
             ("digest nowhere", 1, "nowhere"), ("digest /nowhere", 1, "/nowhere: No such file"),
             ("digest /etc", 1, "/etc is neither"), ("compare /userdata/fifo misc", 1, "fifo is neither"), ("digest misc --offset 99999999", 1, "misc"),
             ("digest misc --length x", 2, "length"), ("compare misc ubootenv", 1, "differ"),
-            ("compare /dev/null /dev/zero", 4, "tells no size"), ("version compare abc V1", 1, "abc"),
-            ("version show /no", 1, "/no: No such file"), ("version show /userdata/long", 1, "is longer than"),
+            ("compare /dev/null /dev/zero", 4, "cannot determine the size of /dev/null"), ("version compare abc V1", 1, "abc"),
+            ("version show /no", 1, "/no: No such file"), ("version show /userdata/long", 1, "is too long for a version file"),
             ("version show /userdata/fifo", 1, "fifo"), ("version show /etc/hostname", 1, "contains no version"), ("firmware /no", 2, "/no"), ("versions /no", 2, "/no"),
             ("versions /etc/passwd --kind uboot", 3, "passwd"), ("versions /userdata/fifo --kind vbmeta", 1, "fifo"), ("efuse burn --yes", 1, "no installed package"),
             ("flashcmd ../misc_write_cmd", 1, ".."), ("flashcmd no_such", 1, "no_such: No such file"),
@@ -450,10 +450,10 @@ class InstallTest(BoardCase):
             ("versions /userdata/large_uboot", 1, "large_uboot is larger than 64.0 MiB"),
             ("pack /dev/zero /tmp -o /tmp/p.zip", 1, "/dev/zero is larger than 256.0 KiB"),
             ("digest misc --offset 18446744073709551616", 2, "too large"), ("digest misc --sha256=1", 2, "no value"),
-            ("flashcmd a --data b --offset 4294967296", 2, "too large"), ("digest misc --offset", 2, "is missing"),
-            ("digest misc --length --sha256", 2, "is missing"), ("digest misc --length 5 --length 6", 2, "twice"),
-            ("digest misc --garbage=5 --length 5", 2, "excludes"),
-            ("install a -vz", 2, "no option -z"), ("install a --trust=", 2, "no file"), ("pack a b", 2, "--output"),
+            ("flashcmd a --data b --offset 4294967296", 2, "too large"), ("digest misc --offset", 2, "requires a value"),
+            ("digest misc --length --sha256", 2, "requires a value"), ("digest misc --length 5 --length 6", 2, "more than once"),
+            ("digest misc --garbage=5 --length 5", 2, "cannot be combined with"),
+            ("install a -vz", 2, "unknown option -z"), ("install a --trust=", 2, "must not be empty"), ("pack a b", 2, "--output"),
             ("package list a b", 2, "unexpected argument: b"), ("digest misc --version", 2, "--version"),
         ]
         for line, status, word in cases:
@@ -465,7 +465,7 @@ class InstallTest(BoardCase):
         self.assertRegex(self.expect("slots set-next 9", 1).stderr, "^tessera: [^\n]+\n")
         ten = self.expect("digest misc --length 10", 0).stdout
         self.assertEqual(self.expect("digest -v --length=0xA -- misc", 0).stdout, ten)
-        self.expect("digest -- --sha256", 1, "partition --sha256")
+        self.expect("digest -- --sha256", 1, "partition: --sha256")
         self.expect("slots set-next --colour --help", 0, "Usage: tessera slots set-next [OPTIONS] SLOT")
 
     def test_confirm_and_rollback_and_what_is_unknown(self):
@@ -675,7 +675,7 @@ class InstallTest(BoardCase):
             blocks = state_of_system.seek(0, 2) // 65  # a byte for each, and one for each of its 64 pages
             state_of_system.seek(blocks + 1)
             state_of_system.write(b"\1")
-        self.expect("install /userdata/p.zip", 0, "293.0 KiB written, 68.4 KiB stood already")
+        self.expect("install /userdata/p.zip", 0, "293.0 KiB written, 68.4 KiB already installed")
 
     def test_a_full_file_system(self):
         self.new()
@@ -708,8 +708,8 @@ class InstallTest(BoardCase):
         named = (self.home / "named.zip").read_bytes().replace(b"text", b"\xff\xe2\x82(")
         (self.home / "named.zip").write_bytes(named)
         for line, status, told in (
-            ("check-zip /userdata/wide.zip", 0, "all 1 entries are whole"),
-            ("check /userdata/flipped.zip", 3, "wrong checksum"),
+            ("check-zip /userdata/wide.zip", 0, "all 1 entries are intact"),
+            ("check /userdata/flipped.zip", 3, "text: checksum mismatch"),
             ("unpack /userdata/flipped.zip /tmp/u", 3, "error -105"),
             ("unpack /userdata/cut.zip /tmp/u", 3, "no entries"),
             ("list /userdata/named.zip --json", 0, '"name": "\ufffd\ufffd("'),
@@ -844,10 +844,10 @@ class InstallTest(BoardCase):
         self.new()
         record = struct.pack("<3LL", 0x46434D44, 0, 0, 4096).ljust(2272, b"\1")
         (self.dir / "velox" / "share" / "ota" / "misc_write_cmd").write_bytes(record)
-        self.expect("flashcmd misc_write_cmd", 0, "is written")
+        self.expect("flashcmd misc_write_cmd", 0, "misc_write_cmd written")
         with open(self.board().backing(self.board().device("flashcmd")), "r+b") as node:
             node.truncate(3072)
-        self.expect("flashcmd misc_write_cmd", 4, "did not keep the command")
+        self.expect("flashcmd misc_write_cmd", 4, "did not persist in flashcmd")
 
 
 unittest.main(warnings="ignore")  # about two entries of a name

@@ -97,7 +97,7 @@ class PowerCutTest(BoardCase):
 
     def check_status(self):
         status = self.simulate("run", "--", "tessera", "status").stdout
-        self.seen["status unknown"] += "is unknown; the next" in status or not status
+        self.seen["status unknown"] += "are unknown; the next" in status or not status
         if "no update is under way" in status:
             self.assertTrue(self.is_whole(0) and self.is_whole(1))
 

@@ -12,16 +12,16 @@ std::string sentence(const medium_result& result, const std::string& path) {
     case medium_step::open:
         return "cannot open " + path + cause;
     case medium_step::identify:
-        return "cannot look at " + path + cause;
+        return "cannot examine " + path + cause;
     case medium_step::size:
-        return path + " tells no size";
+        return "cannot determine the size of " + path;
     case medium_step::good_blocks:
         return path + " has too few good blocks";
     case medium_step::read:
         return "cannot read " + path + format(" at byte %llu", static_cast<unsigned long long>(result.place)) + cause;
     case medium_step::end:
         return "cannot read " + path +
-               format(" at byte %llu: it ends there", static_cast<unsigned long long>(result.place));
+               format(" at byte %llu: unexpected end", static_cast<unsigned long long>(result.place));
     case medium_step::sync:
         return "cannot sync " + path + cause;
     default:
@@ -97,7 +97,7 @@ bool repair_device(const std::string& path) {
                       format("cannot %s LEB %llu of %s", repair_step(result.failed),
                              static_cast<unsigned long long>(result.place), path.c_str()) +
                           because(result.error),
-                      "", "what stands in " + path + " is unknown");
+                      "", "the contents of " + path + " are unknown");
     }
     return repaired;
 }

@@ -18,7 +18,7 @@ void demand_file(const std::string& path) {
         throw Failure(ExitCode::failed, "cannot open " + path + because(errno));
     }
     if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode) && !S_ISCHR(status.st_mode)) {
-        throw Failure(ExitCode::failed, path + " is neither a file nor a device");
+        throw Failure(ExitCode::failed, path + " is neither a regular file nor a device");
     }
 }
 
@@ -71,7 +71,7 @@ std::string file_or_partition(const std::string& name) {
     }
     std::string path = partition_path(name);
     if (!std::filesystem::exists(path)) {
-        throw Failure(ExitCode::failed, "there is no file and no partition " + name, "tessera partitions");
+        throw Failure(ExitCode::failed, "no such file or partition: " + name, "tessera partitions");
     }
     return path;
 }

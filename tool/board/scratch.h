@@ -16,7 +16,7 @@ public:
         const char* parent = std::getenv("TMPDIR");
         path_ = std::string(parent != nullptr && *parent != '\0' ? parent : "/tmp") + "/tessera-XXXXXX";
         if (mkdtemp(path_.data()) == nullptr) {
-            throw Failure(ExitCode::failed, "cannot make a directory like " + path_ + because(errno));
+            throw Failure(ExitCode::failed, "cannot create the temporary directory " + path_ + because(errno));
         }
     }
     ScratchDirectory(const ScratchDirectory&) = delete;

@@ -24,8 +24,8 @@ void change_block(const std::string& sentence, Change change, Check is_kept) {
     require(ExitCode::device, sentence, change);
     sync_partition(block_partition);
     if (!is_kept()) {
-        throw Failure(ExitCode::device, sentence + ": " + block_partition + " did not keep the change",
-                      "tessera board --check tells whether a bad block lies in front of it");
+        throw Failure(ExitCode::device, sentence + ": the change did not persist in " + block_partition,
+                      "tessera board --check reports whether a bad block precedes it");
     }
 }
 
@@ -138,7 +138,7 @@ SlotBlock read_slot_block() {
     const bootloader_control raw = read_raw_block();
     const format_state state = check_slot_block(raw).state;
     if (state == format_state::absent || state == format_state::foreign) {
-        throw LostBlock(ExitCode::device, "misc holds no slot block", way_to_new_block());
+        throw LostBlock(ExitCode::device, "misc contains no slot block", way_to_new_block());
     }
     SlotBlock block{{}, raw.nb_slot, state == format_state::valid};
     const auto count = std::min<size_t>(raw.nb_slot, std::size(raw.slot_info));
@@ -159,7 +159,7 @@ SlotBlock require_slot_block() {
     } catch (const LostBlock& lost) {
         throw Failure(ExitCode::failed, lost.what(), lost.hint);
     }
-    throw Failure(ExitCode::failed, "the checksum of the slot block is wrong, so which slots are good is unknown",
+    throw Failure(ExitCode::failed, "the checksum of the slot block is wrong: which slots are good is unknown",
                   way_to_new_block());
 }
 

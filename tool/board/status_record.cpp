@@ -98,7 +98,7 @@ void store_versions(antirollback_ver_t record) {
     require(ExitCode::device, sentence, [&] { return ota_set_anti_ver_veeprom(&record); });
     sync_partition(status_partition);
     if (!read_stored_versions().holds(record) && can_keep_status()) {
-        throw Failure(ExitCode::device, std::string(sentence) + ": " + status_partition + " did not keep them");
+        throw Failure(ExitCode::device, std::string(sentence) + ": they did not persist in " + status_partition);
     }
 }
 

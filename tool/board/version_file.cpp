@@ -22,7 +22,7 @@ void demand_version_file(const std::string& path) {
         throw Failure(ExitCode::failed, "cannot read the version file " + path + ": " + error.message());
     }
     if (size > longest_file) {
-        throw Failure(ExitCode::failed, format("%s is longer than a version file, which has %ju bytes at most",
+        throw Failure(ExitCode::failed, format("%s is too long for a version file, which has at most %ju bytes",
                                                path.c_str(), longest_file));
     }
 }

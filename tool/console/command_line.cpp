@@ -133,7 +133,7 @@ private:
             return name == command.name || (name == command.old_name && !name.empty());
         });
         if (found == command_->commands.end()) {
-            throw wrong("there is no command " + name);
+            throw wrong("unknown command " + name);
         }
         command_ = &*found;
         enter(*command_);
@@ -143,7 +143,7 @@ private:
         const size_t end = word.find('=');
         Option* option = find(std::string_view(word).substr(0, end));
         if (option == nullptr) {
-            throw wrong("there is no option " + word.substr(0, end));
+            throw wrong("unknown option " + word.substr(0, end));
         }
         if (end != std::string::npos && option->type.empty()) {
             throw wrong(std::string(option->name) + " takes no value");
@@ -158,7 +158,7 @@ private:
         for (size_t i = 1; i < word.size(); ++i) {
             Option* option = find({}, word[i]);
             if (option == nullptr) {
-                throw wrong(std::string("there is no option -") + word[i]);
+                throw wrong(std::string("unknown option -") + word[i]);
             }
             if (!option->type.empty()) {
                 store(*option, i + 1 < word.size() ? word.substr(i + 1) : next_value(*option));
@@ -173,7 +173,7 @@ private:
         const bool is_option = word == "--" || find(word.substr(0, word.find('='))) != nullptr ||
                                (word.size() == 2 && word[0] == '-' && find({}, word[1]) != nullptr);
         if (is_option) {
-            throw wrong(std::string(option.name) + ": its value is missing");
+            throw wrong(std::string(option.name) + " requires a value");
         }
         ++next_;
         return std::string(word);
@@ -181,7 +181,7 @@ private:
 
     void store(Option& option, const std::string& value) {
         if (option.is_given && !option.is_repeatable && !option.type.empty()) {
-            throw wrong(std::string(option.name) + " is given twice");
+            throw wrong(std::string(option.name) + " is given more than once");
         }
         option.is_given = true;
         if (option.is_answer) {
@@ -229,7 +229,7 @@ private:
         }
         for (const Option* other : option.excludes) {
             if (other->is_given) {
-                throw wrong(std::string(option.name) + " excludes " + std::string(other->name));
+                throw wrong(std::string(option.name) + " cannot be combined with " + std::string(other->name));
             }
         }
     }

@@ -429,7 +429,7 @@ Failure refusal(std::string_view text, const std::string& name, const json_error
         return {ExitCode::refused,
                 name + ": " + key_before(text, static_cast<size_t>(error.position)) + " is given twice"};
     case json_error_numeric_overflow:
-        return {ExitCode::refused, name + " holds a number that is too large"};
+        return {ExitCode::refused, name + " contains a number that is too large"};
     case json_error_out_of_memory:
         throw std::bad_alloc();
     default:

@@ -30,7 +30,7 @@ void write_all(int fd, std::span<const uint8_t> bytes) {
     while (!bytes.empty()) {
         const ssize_t written = write(fd, bytes.data(), bytes.size());
         if (written <= 0) {
-            throw Failure(ExitCode::failed, "no memory for a copy" + because(errno));
+            throw Failure(ExitCode::failed, "cannot copy it to memory" + because(errno));
         }
         bytes = bytes.subspan(static_cast<size_t>(written));
     }
@@ -40,7 +40,7 @@ void write_all(int fd, std::span<const uint8_t> bytes) {
 Descriptor copy_to_memory(const Device& device, uint64_t size) {
     Descriptor copy(memfd_create("tessera-firmware", MFD_CLOEXEC));
     if (copy.get() < 0) {
-        throw Failure(ExitCode::failed, "no memory for a copy" + because(errno));
+        throw Failure(ExitCode::failed, "cannot copy it to memory" + because(errno));
     }
     device.sync(); /* what only the page cache holds does not boot */
     const auto lost = device.uncorrectable_reads();
@@ -51,7 +51,7 @@ Descriptor copy_to_memory(const Device& device, uint64_t size) {
         write_all(copy.get(), piece);
     }
     if (device.lost_reads_since(lost)) {
-        throw Failure(ExitCode::device, "pages of it are damaged");
+        throw Failure(ExitCode::device, "pages that its ECC cannot correct");
     }
     return copy;
 }
@@ -67,7 +67,7 @@ ImageVersion read_partition(const std::string& name, FirmwareKind kind) {
     }
     if (kind != FirmwareKind::vbmeta && result.version == version_without_certificates) {
         result.version.reset();
-        result.problem = name + " holds no certificate with a version";
+        result.problem = name + " contains no certificate with a version";
     }
     return result;
 }

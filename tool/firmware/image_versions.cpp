@@ -50,9 +50,9 @@ void demand_room(const Package& package, const Description& description, const S
     const uint64_t room = get_free_space(path.data());
     if (room != UINT64_MAX && need > room) {
         throw Failure(ExitCode::failed,
-                      "reading versions takes " + human_bytes(need) + ", and the file system of " + path + " has " +
-                          human_bytes(room),
-                      "name a roomier directory in TMPDIR");
+                      "reading versions needs " + human_bytes(need) + ", but the file system of " + path +
+                          " has only " + human_bytes(room) + " free",
+                      "set TMPDIR to a directory with more space");
     }
 }
 
@@ -92,14 +92,14 @@ ImageVersion read_one(const Package& package, const Image& image, FirmwareKind k
 }
 
 std::string disagreement(const ImageVersion& image, const firmware_versions& before) {
-    return format("%s shows version %llu, and a verified-boot image before it %u", image.partition.c_str(),
+    return format("%s has version %llu, but an earlier verified-boot image has %u", image.partition.c_str(),
                   static_cast<unsigned long long>(*image.version), before.vbmeta.value_or(0));
 }
 
 /** An image that the package does not have counts as version 0. */
 std::string lower_than(const char* what, bool is_there, uint32_t version, const char* which, uint32_t counter) {
     if (!is_there) {
-        return format("the package shows no %s version, and the board's %s counter is %u", what, which, counter);
+        return format("the package has no %s version, but the board's %s counter is %u", what, which, counter);
     }
     return format("the package's %s version %u is below the board's %s counter %u", what, version, which, counter);
 }

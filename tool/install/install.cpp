@@ -98,8 +98,7 @@ void write_image(const Target& target, const Package& package, Progress& progres
         vx_uncompress_file_to(package.path().c_str(), target.image.file.c_str(), &current.place, on_chunk);
     stream = nullptr;
     if (current.error != 0) {
-        throw Failure(ExitCode::device,
-                      target.partition() + " did not take what was written to it" + because(current.error));
+        throw Failure(ExitCode::device, "cannot write to " + target.partition() + because(current.error));
     }
     stop_if_interrupted();
     if (result != 0) {
@@ -107,10 +106,9 @@ void write_image(const Target& target, const Package& package, Progress& progres
                       "cannot write " + target.image.file + " to " + target.partition() + console::logged_cause());
     }
     if (current.written != target.size) {
-        throw Failure(ExitCode::refused,
-                      format("%s gave %llu bytes where the package promises %llu", target.image.file.c_str(),
-                             static_cast<unsigned long long>(current.written),
-                             static_cast<unsigned long long>(target.size)));
+        throw Failure(ExitCode::refused, format("%s unpacked to %llu bytes instead of %llu", target.image.file.c_str(),
+                                                static_cast<unsigned long long>(current.written),
+                                                static_cast<unsigned long long>(target.size)));
     }
     progress.begin("sync", target.partition());
     device.sync();
@@ -163,7 +161,7 @@ Failure explain_difference(const Target& target, const Package& package) {
     if (!target.image.matches(digest_entry(package, target.image, target.image.strongest_digest(), none))) {
         return wrong_digest(target.image);
     }
-    return {ExitCode::device, target.partition() + " does not hold what was written to it",
+    return {ExitCode::device, target.partition() + ": the data read back differs from the data written",
             "the device may be worn out"};
 }
 
@@ -177,7 +175,7 @@ void verify_image(const Target& target, const Package& package, Progress& progre
         throw explain_difference(target, package);
     }
     if (device.lost_reads_since(lost)) {
-        throw Failure(ExitCode::device, target.partition() + " has pages that its ECC can no longer mend",
+        throw Failure(ExitCode::device, target.partition() + " has pages that its ECC cannot correct",
                       "the device may be worn out");
     }
 }
@@ -202,7 +200,8 @@ void write_group(const Group& group, const Package& package, Progress& progress,
 void switch_slot(int32_t slot) {
     set_next_slot(slot);
     if (next_slot() != slot) {
-        throw Failure(ExitCode::device, "the slot block does not name slot " + slot_letter(slot) + " after the switch");
+        throw Failure(ExitCode::device,
+                      "slot " + slot_letter(slot) + " is not the next one in the slot block after the switch");
     }
 }
 
@@ -272,16 +271,16 @@ std::string state_of_board(const Plan& plan, const Group& begun) {
     try {
         const SlotBlock block = read_slot_block();
         const auto next = next_slot();
-        state = next ? "the board boots slot " + slot_letter(*next) + " next" : "the board has no slot to boot";
+        state = next ? "the board boots slot " + slot_letter(*next) + " next" : "no slot is bootable";
         const Slot* entry = plan.slot ? block.find(*plan.slot) : nullptr;
         if (entry != nullptr && !entry->is_bootable()) {
             state += ", and " + entry->name() + " is unbootable until an installation succeeds";
         }
     } catch (const Failure&) {
-        state = "what the board boots next is unknown";
+        state = "which slot boots next is unknown";
     }
     const std::string exposed = exposed_partitions(begun);
-    return exposed.empty() ? state : state + "; what stands in " + exposed + " is unknown";
+    return exposed.empty() ? state : state + "; the contents of " + exposed + " are unknown";
 }
 
 } // namespace

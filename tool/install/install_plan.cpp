@@ -19,7 +19,7 @@ namespace {
 std::string device_path(const Image& image) {
     char untouched[sizeof ota_file_info_t::path];
     char path[sizeof ota_file_info_t::path];
-    require(ExitCode::device, "cannot tell where " + image.name + " goes",
+    require(ExitCode::device, "cannot determine the device for " + image.name,
             [&] { return get_part_device_name(image.name.c_str(), untouched, path, image.type); });
     return path;
 }
@@ -33,12 +33,13 @@ void open_device(Target& target) {
     const Device& device = *target.opened;
     const bool wants_flash = target.image.medium != OTA_EMMC;
     if (device.is_flash() != wants_flash) {
-        throw Failure(ExitCode::refused, name + " is described as lying on " + medium_names.word(target.image.medium) +
-                                             ", and " + target.device + " does not");
+        throw Failure(ExitCode::refused, name + " is described as being on " + medium_names.word(target.image.medium) +
+                                             ", but " + target.device + " is not");
     }
     if (target.size > device.capacity()) {
-        throw Failure(ExitCode::refused, target.image.file + " has " + human_bytes(target.size) + ", and " +
-                                             target.partition() + " has room for " + human_bytes(device.capacity()));
+        throw Failure(ExitCode::refused, target.image.file + " has " + human_bytes(target.size) + ", but " +
+                                             target.partition() + " has room for only " +
+                                             human_bytes(device.capacity()));
     }
 }
 
@@ -62,7 +63,7 @@ std::string read_installed_version(const InstallOptions& options) {
         if (options.allow_downgrade) {
             return "";
         }
-        throw Failure(ExitCode::failed, std::string("cannot tell the installed version: ") + failure.what(),
+        throw Failure(ExitCode::failed, std::string("cannot determine the installed version: ") + failure.what(),
                       "--allow-downgrade installs without comparing");
     }
 }
@@ -75,7 +76,7 @@ void judge_version(const Plan& plan, bool allow_downgrade) {
     if (compare_sys_versions(offered.c_str(), plan.installed_version.c_str()) == 1) {
         throw Failure(ExitCode::refused,
                       "version " + offered + " is older than the installed " + plan.installed_version,
-                      "--allow-downgrade installs it all the same");
+                      "--allow-downgrade installs it anyway");
     }
 }
 
@@ -107,7 +108,7 @@ void check_update_slot(const SlotBlock& block) {
     for (const int32_t slot : {running, running ^ 1}) {
         if (block.find(slot) == nullptr) {
             throw Failure(ExitCode::failed,
-                          "slot " + slot_letter(running) + " is running, and the slot block has no slot " +
+                          "slot " + slot_letter(running) + " is running, but the slot block has no slot " +
                               slot_letter(slot),
                           "tessera slots");
         }
@@ -121,8 +122,7 @@ std::string how_to_confirm(const SlotBlock& block, const Plan& plan, int32_t kep
         return "tessera confirm";
     }
     if (plan.running) {
-        return "if this system is sound, tessera slots set-next " + slot_letter(*plan.running) +
-               ", then tessera confirm";
+        return "if this system works, tessera slots set-next " + slot_letter(*plan.running) + ", then tessera confirm";
     }
     const int32_t bootable = slot != nullptr && slot->is_bootable() ? kept : *plan.slot;
     return "boot slot " + slot_letter(bootable) + " and run tessera confirm there";
@@ -182,7 +182,7 @@ void add_targets(Plan& plan, const Package& package, const InstallOptions& optio
     if (plan.targets.front().image.is_ab()) {
         const int32_t running = running_slot();
         plan.running = get_boot_mode() == RECOVERY_MODE ? std::nullopt : std::optional(running);
-        plan.slot = require(ExitCode::device, "cannot tell the update slot", [] { return ota_get_update_slot(); });
+        plan.slot = require(ExitCode::device, "cannot determine the update slot", [] { return ota_get_update_slot(); });
         plan.switches = needs_switch(require_slot_block(), *plan.slot, plan.running);
     }
 }
@@ -255,8 +255,8 @@ void judge_slots(const Plan& plan) {
     }
     if (plan.slot == plan.running && plan.writes(true)) {
         throw Failure(ExitCode::failed,
-                      "slot " + slot_letter(*plan.slot) + " is the one to write, and it is running on trial",
-                      "tessera confirm keeps this system, tessera rollback goes back if it can; then install");
+                      "slot " + slot_letter(*plan.slot) + " would be written, but it is running on trial",
+                      "tessera confirm keeps this system, tessera rollback returns to the other; then install");
     }
     const SlotBlock block = read_slot_block();
     const int32_t kept = *plan.slot ^ 1;

@@ -198,7 +198,7 @@ UpdateLock::UpdateLock(std::string file, const std::string& holder, std::chrono:
         const std::string other = describe_holder(file_, fd_.get());
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) {
-            throw Failure(ExitCode::failed, "another command is at work: " + other, "", "this command has not begun");
+            throw Failure(ExitCode::failed, "another command is at work: " + other, "", "this command has not started");
         }
         if (is_first) {
             console::note("waiting for " + other);

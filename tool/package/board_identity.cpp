@@ -35,12 +35,12 @@ void check_board_name(const Description& description, const std::string& named) 
     const auto names = named.empty() ? read_board_names() : std::vector{named};
     if (names.empty()) {
         throw Failure(ExitCode::refused,
-                      "the package is for " + joined(description.boards) + ", and this board has no name in " +
+                      "the package is for " + joined(description.boards) + ", but this board has no name in " +
                           compatible_path,
                       "name the board: --board NAME");
     }
     if (std::ranges::find_first_of(description.boards, names) == description.boards.end()) {
         throw Failure(ExitCode::refused,
-                      "the package is for " + joined(description.boards) + ", and this board is " + joined(names));
+                      "the package is for " + joined(description.boards) + ", but this board is " + joined(names));
     }
 }

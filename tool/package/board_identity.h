@@ -9,7 +9,7 @@
 
 /** The remark on a package that names none. */
 inline constexpr char no_boards_remark[] =
-    "the package does not name its boards, so whether it is for this one was not checked";
+    "the package does not name its boards: whether it is for this one was not checked";
 
 /** The names in the device tree's root, the most specific first; empty where the board has none. */
 std::vector<std::string> read_board_names();

@@ -59,7 +59,7 @@ public:
     std::string text(const std::string& field, size_t room) {
         const Json& value = required(field);
         if (!value.is_string() || value.text().empty()) {
-            throw wrong(field, "must be a text");
+            throw wrong(field, "must be a string");
         }
         const std::string& text = value.text();
         if (text.size() >= room || text.find('\0') != std::string::npos) {
@@ -130,8 +130,8 @@ public:
         names.reserve(value->size());
         for (const Json& name : *value) {
             if (!is_board_name(name)) {
-                throw wrong(field,
-                            format("must hold names of 1 to %zu printable characters without blanks", longest_board));
+                throw wrong(
+                    field, format("must contain names of 1 to %zu printable characters without blanks", longest_board));
             }
             names.push_back(name.text());
         }
@@ -163,7 +163,7 @@ void judge_name(const Fields& fields, const Image& image) {
         throw fields.wrong("name", "must not carry a slot suffix: the type ab chooses the slot");
     }
     if (std::find(untouchable.begin(), untouchable.end(), image.name) != untouchable.end()) {
-        throw fields.wrong("name", "must not be " + image.name + ", which an update relies on");
+        throw fields.wrong("name", "must not be " + image.name + ", which updates rely on");
     }
 }
 
@@ -212,7 +212,7 @@ void judge_version(const Fields& fields, const std::string& version) {
     const bool is_plain =
         std::none_of(version.begin(), version.end(), [](unsigned char c) { return std::isgraph(c) == 0; });
     if (!is_plain || version[0] != 'V') {
-        throw fields.wrong("version", "must begin with a V and hold no blanks, as V1.2.0_20240101");
+        throw fields.wrong("version", "must begin with a V and contain no blanks, like V1.2.0_20240101");
     }
 }
 

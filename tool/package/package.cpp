@@ -122,7 +122,7 @@ bool Package::read(const Entry& entry, const std::function<bool(std::span<const 
         const int got = unzReadCurrentFile(zip_.get(), piece.data(), wanted);
         if (got <= 0) {
             unzCloseCurrentFile(zip_.get());
-            throw damaged(entry.name + (got < 0 ? " cannot be unpacked" : " is cut short"));
+            throw damaged(entry.name + (got < 0 ? " cannot be unpacked" : " is truncated"));
         }
         done += static_cast<uint64_t>(got);
         sum = entry.in_zip64 ? crc32(sum, piece.data(), static_cast<unsigned>(got)) : sum;
@@ -133,7 +133,7 @@ bool Package::read(const Entry& entry, const std::function<bool(std::span<const 
     }
     /* minizip does not judge the checksum of an entry whose size stands in a zip64 field. */
     if (unzCloseCurrentFile(zip_.get()) == UNZ_CRCERROR || (entry.in_zip64 && sum != entry.crc)) {
-        throw damaged(entry.name + " has a wrong checksum");
+        throw damaged(entry.name + ": checksum mismatch");
     }
     return true;
 }

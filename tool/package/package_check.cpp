@@ -17,7 +17,8 @@ constexpr uint64_t largest_image = 0xFFFFFFFE; /* what the library can take out 
 
 void check_trust_options(const TrustOptions& trust) {
     if (trust.file.empty() && std::getenv("TESSERA_TRUST") != nullptr) {
-        throw Failure(ExitCode::usage, "TESSERA_TRUST names no file", "unset it, or have it name the trusted ones");
+        throw Failure(ExitCode::usage, "TESSERA_TRUST is empty",
+                      "unset it, or set it to the file of trusted certificates");
     }
 }
 
@@ -76,7 +77,7 @@ void check_names(const Package& package) {
     for (const Entry& entry : package.entries()) {
         if (entry.name.find('\0') != std::string::npos) {
             throw Failure(ExitCode::refused, std::string("the name of the entry ") + entry.name.c_str() +
-                                                 " goes on behind a null character");
+                                                 " continues after a null character");
         }
         if (!names.insert(entry.name).second) {
             throw Failure(ExitCode::refused, "the package has more than one entry " + entry.name);
@@ -94,8 +95,8 @@ void check_image(const Package& package, const Image& image, bool is_signed) {
                       image.file + " of " + human_bytes(entry.size) + " is too large to be unpacked");
     }
     if (image.size.value_or(entry.size) != entry.size) {
-        throw Failure(ExitCode::refused, format("%s has %llu bytes, and the description says %llu", image.file.c_str(),
-                                                static_cast<unsigned long long>(entry.size),
+        throw Failure(ExitCode::refused, format("%s has %llu bytes, but the description states %llu",
+                                                image.file.c_str(), static_cast<unsigned long long>(entry.size),
                                                 static_cast<unsigned long long>(*image.size)));
     }
     if (is_signed && image.digests.sha256.empty()) {

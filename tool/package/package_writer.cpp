@@ -27,7 +27,7 @@ zip_fileinfo entry_info() {
 PackageWriter::PackageWriter(std::string path)
     : path_(std::move(path)), unfinished_(path_ + ".part"), zip_(zipOpen64(unfinished_.c_str(), APPEND_STATUS_CREATE)) {
     if (zip_ == nullptr) {
-        throw Failure(ExitCode::failed, "cannot make " + unfinished_ + because(errno));
+        throw Failure(ExitCode::failed, "cannot create " + unfinished_ + because(errno));
     }
 }
 

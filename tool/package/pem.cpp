@@ -41,7 +41,7 @@ std::string read_text(const std::string& path) {
         }
     }
     if (text.find('\0') != std::string::npos) {
-        throw Failure(ExitCode::failed, path + " holds binary data, and only PEM can be read");
+        throw Failure(ExitCode::failed, path + " contains binary data; only PEM can be read");
     }
     return text;
 }

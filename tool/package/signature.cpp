@@ -125,7 +125,8 @@ SigningKey::SigningKey(const std::string& key_file, const std::string& certifica
       key_(PEM_read_bio_PrivateKey(open_pem(key_file).get(), nullptr, nullptr, nullptr)), others_(sk_X509_new_null()) {
     ERR_clear_error();
     if (key_ == nullptr) {
-        throw Failure(ExitCode::failed, key_file + " holds no private key in PEM format, or its pass phrase is wrong");
+        throw Failure(ExitCode::failed,
+                      key_file + " contains no private key in PEM format, or its passphrase is wrong");
     }
     for (const PemBlock& block : read_pem(certificate_file)) {
         X509Certificate certificate = block.is_certificate() ? parse_certificate(block) : nullptr;
@@ -136,7 +137,7 @@ SigningKey::SigningKey(const std::string& key_file, const std::string& certifica
         }
     }
     if (certificate_ == nullptr) {
-        throw Failure(ExitCode::failed, certificate_file + " holds no certificate in PEM format");
+        throw Failure(ExitCode::failed, certificate_file + " contains no certificate in PEM format");
     }
     const bool is_pair = X509_check_private_key(certificate_.get(), key_.get()) == 1;
     ERR_clear_error();
@@ -169,7 +170,7 @@ std::string SigningKey::warning() const {
         return whose + " is not valid before " + date_text(start);
     }
     if (X509_cmp_current_time(end) <= 0) {
-        return whose + " is not valid since " + date_text(end);
+        return whose + " expired at " + date_text(end);
     }
-    return X509_cmp_time(end, &soon) <= 0 ? whose + " ends at " + date_text(end) : "";
+    return X509_cmp_time(end, &soon) <= 0 ? whose + " expires at " + date_text(end) : "";
 }

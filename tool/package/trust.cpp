@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr char clock_hint[] = "set the clock, or have the time of signing count: --trust-time signing";
+constexpr char clock_hint[] = "set the clock, or use the time of signing: --trust-time signing";
 
 /**
  * Whether a list covers all certificates of its issuer and nothing else. A delta list, one for some of the
@@ -82,7 +82,7 @@ Trust::Trust(const TrustOptions& options) : file_(options.file), time_(options.t
         }
     }
     if (certificates_.empty()) {
-        throw Failure(ExitCode::failed, file_ + " holds no certificate in PEM format");
+        throw Failure(ExitCode::failed, file_ + " contains no certificate in PEM format");
     }
     /* The authority decides who signs updates, not the purposes that a certificate names: those are for mail. */
     X509_STORE_set_purpose(store_.get(), X509_PURPOSE_ANY);
@@ -102,7 +102,7 @@ void Trust::add_list(RevocationList list) {
     if (!is_complete(list.get())) {
         throw Failure(ExitCode::refused, file_ + ": the revocation list of " +
                                              name_text(X509_CRL_get_issuer(list.get())) +
-                                             " is partial, a delta or indirect, and only complete lists can be used");
+                                             " is a delta or indirect list; only complete lists can be used");
     }
     lists_.push_back(std::move(list));
 }
@@ -204,7 +204,7 @@ std::optional<Rejection> Trust::date_rejection(const X509_CRL* list, time_t now)
                          clock_hint};
     }
     if (starts < 0 && ends < 0) {
-        return Rejection{name + " is out of date since " + date_text(end), "put a newer list into " + file_};
+        return Rejection{name + " is out of date: it expired at " + date_text(end), "add a newer list to " + file_};
     }
     return std::nullopt;
 }

@@ -52,8 +52,8 @@ void show_check(const Context& context) {
     const auto missing =
         std::count_if(items.begin(), items.end(), [](const BoardItem& item) { return !item.is_there; });
     if (missing > 0) {
-        throw Failure(ExitCode::failed, format("%td of the %zu things that a board must supply %s missing or wrong",
-                                               missing, items.size(), missing == 1 ? "is" : "are"));
+        throw Failure(ExitCode::failed, format("%td of the %zu things a board must supply %s missing or wrong", missing,
+                                               items.size(), missing == 1 ? "is" : "are"));
     }
 }
 
@@ -61,6 +61,6 @@ void show_check(const Context& context) {
 
 void declare_board(Command& verb, Context& context) {
     auto check = std::make_shared<bool>(false);
-    add_flag(verb, "--check", *check, "Go through all that a board must supply, and say how to mend what is missing");
+    add_flag(verb, "--check", *check, "Check everything a board must supply, and report how to fix what is missing");
     on_command(verb, context, [&context, check] { *check ? show_check(context) : show_board(context); });
 }

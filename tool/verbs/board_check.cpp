@@ -30,7 +30,7 @@ constexpr uint64_t ubootenv_size = antirollback_record_offset + sizeof(antirollb
 constexpr char staging_directory[] = "/userdata/ota/unzip_dir";
 
 BoardItem number_item(const char* name, int32_t value, const std::string& word, const char* mend) {
-    return {name, value >= 0, value >= 0 ? word : "the kernel command line does not tell", mend};
+    return {name, value >= 0, value >= 0 ? word : "not on the kernel command line", mend};
 }
 
 /** A system on trial may be another one at the next boot. */
@@ -96,7 +96,7 @@ BoardItem check_slots(const std::set<std::string>& names) {
         missing.emplace_back("no partition has a slot suffix");
     }
     return list_item("both slots", missing, format("%zu pairs", pairs / 2),
-                     "each A/B partition stands there twice, as name_a and name_b");
+                     "supply each A/B partition twice, as name_a and name_b");
 }
 
 BoardItem check_room(const std::string& name, uint64_t need) {
@@ -105,8 +105,8 @@ BoardItem check_room(const std::string& name, uint64_t need) {
     try {
         const Device device(partition_path(name));
         if (!device.is_straight(need)) {
-            return {"partition " + name, false, "a bad block lies in front of the end of its records",
-                    "let the partition begin with good blocks: records are written past bad ones and read at a fixed "
+            return {"partition " + name, false, "a bad block lies before the end of its records",
+                    "start the partition with good blocks: records are written past bad ones and read at a fixed "
                     "place"};
         }
         return {"partition " + name, device.capacity() >= need, human_bytes(device.capacity()), mend};
@@ -122,11 +122,11 @@ std::string flash_complaint(const std::string& name) {
     const std::string target = fs::read_symlink(path, error).string();
     const bool is_mtd = target.find("mtd") != std::string::npos;
     if (!is_mtd && target.find("ubi") == std::string::npos) {
-        return name + " is no link to a name with mtd or ubi in it";
+        return name + " is not a link to a name that contains mtd or ubi";
     }
     try {
         const DeviceKind kind = Device(path).kind();
-        return kind == (is_mtd ? DeviceKind::mtd : DeviceKind::ubi) ? "" : name + " does not answer";
+        return kind == (is_mtd ? DeviceKind::mtd : DeviceKind::ubi) ? "" : name + " does not respond";
     } catch (const Failure& failure) {
         return failure.what();
     }
@@ -139,8 +139,8 @@ BoardItem check_flash(const std::set<std::string>& names) {
             wrong.push_back(complaint);
         }
     }
-    return list_item("flash devices", wrong, format("%zu answer", names.size()),
-                     "each partition is a link to an MTD node, which answers MEMGETINFO, or to a UBI volume, which "
+    return list_item("flash devices", wrong, format("%zu respond", names.size()),
+                     "make each partition a link to an MTD node that answers MEMGETINFO, or to a UBI volume that "
                      "answers UBI_IOCVOLINFO (0x800C4F09)");
 }
 
@@ -164,8 +164,8 @@ bool is_stand_in(const std::string& file) {
 
 BoardItem check_log_library() {
     const std::string file = origin("__android_log_print");
-    return {"log library", !file.empty(), file.empty() ? "nothing has __android_log_print" : file,
-            "install the board's liblog.so where the loader finds it", is_stand_in(file)};
+    return {"log library", !file.empty(), file.empty() ? "no library provides __android_log_print" : file,
+            "install the board's liblog.so where the dynamic loader finds it", is_stand_in(file)};
 }
 
 BoardItem check_fuses() {
@@ -173,11 +173,12 @@ BoardItem check_fuses() {
     console::forget_errors();
     const bool answers = get_efuse_antirollback(&counters) == 0;
     const std::string file = origin("kastor_efuse_sec_anti_read");
-    return {"eFuse library", answers,
-            answers ? format("secure %u, non-secure %u, from %s", counters.sec_ver, counters.nosec_ver, file.c_str())
-                    : "the counters cannot be read" + console::logged_cause(),
-            "install the board's libkastor_efuse.so where the loader finds it, and let it reach its counters",
-            is_stand_in(file)};
+    return {
+        "eFuse library", answers,
+        answers ? format("secure %u, non-secure %u, from %s", counters.sec_ver, counters.nosec_ver, file.c_str())
+                : "the counters cannot be read" + console::logged_cause(),
+        "install the board's libkastor_efuse.so where the dynamic loader finds it, and give it access to the counters",
+        is_stand_in(file)};
 }
 
 bool is_flash_command(const fs::path& path) {
@@ -196,7 +197,7 @@ BoardItem check_flash_commands(const std::set<std::string>& names) {
     }
     const bool has_node = names.contains("flashcmd");
     return {"flash commands", has_node && commands > 0,
-            format("%zu in %s", commands, flash_command_directory) + (has_node ? "" : ", and no partition flashcmd"),
+            format("%zu in %s", commands, flash_command_directory) + (has_node ? "" : ", but no partition flashcmd"),
             format("supply command files in %s and a partition flashcmd", flash_command_directory)};
 }
 
@@ -206,8 +207,8 @@ BoardItem check_staging() {
         fs::is_directory(staging_directory) ? staging_directory : fs::path(staging_directory).parent_path().string();
     const uint64_t room = access(path.c_str(), W_OK) == 0 ? get_free_space(path.data()) : UINT64_MAX;
     const bool is_there = room != UINT64_MAX;
-    return {"room to unpack", is_there, is_there ? human_bytes(room) + " in " + path : path + " cannot be written to",
-            format("mount a file system and make %s on it", staging_directory)};
+    return {"room to unpack", is_there, is_there ? human_bytes(room) + " in " + path : path + " is not writable",
+            format("mount a file system and create %s on it", staging_directory)};
 }
 
 BoardItem check_lock() {
@@ -218,7 +219,7 @@ BoardItem check_lock() {
     }
     try {
         check_lock_file(default_lock_file);
-        return {"lock", true, place + " can be written to", mend};
+        return {"lock", true, place + " is writable", mend};
     } catch (const Failure& failure) {
         return {"lock", false, failure.what(), std::string("remove ") + default_lock_file};
     }
@@ -230,7 +231,7 @@ std::vector<BoardItem> check_board() {
     std::vector<BoardItem> items = check_command_line();
     const std::set<std::string> names = partition_names();
     items.push_back({"partitions", !names.empty(), format("%zu in %s", names.size(), partition_directory),
-                     "have a link for each partition made there"});
+                     "have a link to each partition created there"});
     items.push_back(check_slots(names));
     items.push_back(check_room("misc", misc_size));
     items.push_back(check_room("ubootenv", ubootenv_size));

@@ -74,18 +74,18 @@ void compare(const Context& context, const Options& options) {
         context.show({{"equal", false}, {"first_difference", *at}}, {});
     }
     const bool one_ends = *at == std::min(first.length, second.length);
-    throw Failure(ExitCode::failed,
-                  one_ends ? names + format(" hold the same %llu bytes, and then one of them ends",
-                                            static_cast<unsigned long long>(*at))
-                           : names + format(" differ from byte %llu on", static_cast<unsigned long long>(*at)));
+    throw Failure(ExitCode::failed, one_ends
+                                        ? names + format(" hold the same %llu bytes, then one of them ends",
+                                                         static_cast<unsigned long long>(*at))
+                                        : names + format(" differ at byte %llu", static_cast<unsigned long long>(*at)));
 }
 
 } // namespace
 
 void declare_compare(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    add_word(verb, "PART_A", options->first, "A partition by its name, or a file");
-    add_word(verb, "PART_B", options->second, "Another one");
-    add_number(verb, "--garbage", options->garbage, "Leave out so many bytes at the end of both");
+    add_word(verb, "PART_A", options->first, "Name of a partition, or file");
+    add_word(verb, "PART_B", options->second, "Partition or file to compare it with");
+    add_number(verb, "--garbage", options->garbage, "Leave out N bytes at the end of both");
     on_command(verb, context, [&context, options] { compare(context, *options); });
 }

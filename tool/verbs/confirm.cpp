@@ -20,7 +20,7 @@ constexpr std::chrono::seconds patience{30};
 void recreate_block(int32_t running) {
     if (running >= new_block_slots) {
         throw Failure(ExitCode::failed,
-                      "slot " + slot_letter(running) + " runs, and a new slot block has the slots a and b only",
+                      "slot " + slot_letter(running) + " is running, but a new slot block has the slots a and b only",
                       "tessera slots reset writes one without " + slot_letter(running));
     }
     reset_slot_block();
@@ -28,13 +28,14 @@ void recreate_block(int32_t running) {
     if (const int32_t other = running ^ 1; is_half_written(other)) {
         mark_slot_unbootable(other);
     }
-    console::note("the slot block was missing or damaged, and a new one was written");
+    console::note("the slot block was missing or damaged; a new one was written");
 }
 
 const Slot& find_running(const SlotBlock& block, int32_t running) {
     const Slot* slot = block.find(running);
     if (slot == nullptr) {
-        throw Failure(ExitCode::failed, "slot " + slot_letter(running) + " runs, and the slot block does not have it");
+        throw Failure(ExitCode::failed,
+                      "slot " + slot_letter(running) + " is running, but the slot block does not list it");
     }
     return *slot;
 }
@@ -49,8 +50,8 @@ void make_confirmed(int32_t running) {
     if (const auto block = find_slot_block(); !block) {
         recreate_block(running);
     } else if (const Slot& slot = find_running(*block, running); slot.corrupted) {
-        throw Failure(ExitCode::failed, slot.name() + " runs, and the slot block says that it is corrupted",
-                      "tessera slots set-next " + slot_letter(running) + " takes that back");
+        throw Failure(ExitCode::failed, slot.name() + " is running, but the slot block marks it as corrupted",
+                      "tessera slots set-next " + slot_letter(running) + " clears the mark");
     }
     mark_slot_good(running);
 }
@@ -67,14 +68,14 @@ bool confirm_alone(int32_t running, const std::string& lock_file) {
 
 void confirm(const Context& context, const std::string& lock_file) {
     if (get_boot_mode() == RECOVERY_MODE) {
-        throw Failure(ExitCode::failed, "this is the recovery system, and no slot's system is running",
-                      "tessera slots shows what the slots are");
+        throw Failure(ExitCode::failed, "this is the recovery system: no slot is running",
+                      "tessera slots shows the slots");
     }
     const int32_t running = running_slot();
     /* The first look is without the lock. On flash the block is missing while another command writes it. */
     const bool changed = !is_confirmed(running) && confirm_alone(running, lock_file);
     context.show({{"slot", running}, {"changed", changed}},
-                 "slot " + slot_letter(running) + (changed ? " is confirmed" : " was confirmed already"));
+                 "slot " + slot_letter(running) + (changed ? " is confirmed" : " is already confirmed"));
 }
 
 } // namespace

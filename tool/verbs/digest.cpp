@@ -31,7 +31,8 @@ uint64_t length_of(const Options& options, uint64_t size) {
     }
     const uint64_t rest = size - options.offset - options.garbage;
     if (options.length.value_or(rest) > rest) {
-        throw Failure(ExitCode::failed, options.name + " ends " + human_bytes(*options.length - rest) + " before that");
+        throw Failure(ExitCode::failed,
+                      options.name + " ends " + human_bytes(*options.length - rest) + " before that length");
     }
     return options.length.value_or(rest);
 }
@@ -70,10 +71,10 @@ void show_digest(const Context& context, const Options& options) {
 
 void declare_digest(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    add_word(verb, "NAME", options->name, "A file, or a partition by its name");
-    add_number(verb, "--offset", options->offset, "Begin at this byte");
-    Option* length = add_number(verb, "--length", options->length, "Digest so many bytes");
-    add_exclusion(add_number(verb, "--garbage", options->garbage, "Leave out so many bytes at the end"), length);
+    add_word(verb, "NAME", options->name, "File, or name of a partition");
+    add_number(verb, "--offset", options->offset, "Start at byte N");
+    Option* length = add_number(verb, "--length", options->length, "Digest N bytes");
+    add_exclusion(add_number(verb, "--garbage", options->garbage, "Leave out N bytes at the end"), length);
     add_flag(verb, "--sha256", options->sha256, "SHA-256 instead of MD5");
     on_command(verb, context, [&context, options] { show_digest(context, *options); });
 }

@@ -58,11 +58,11 @@ antirollback_ver_t versions_to_burn(const Counters& counters) {
     const StoredVersions stored = read_stored_versions();
     if (stored.is_missing()) {
         refuse("no installed package has stored a record of its versions",
-               "tessera install PACKAGE stores one, also for a package that is already installed");
+               "tessera install PACKAGE stores one, even for a package that is already installed");
     }
     const antirollback_ver_t& record = stored.record;
     if (record.sec_up_flag != 1 && record.nosec_up_flag != 1) {
-        refuse("the installed package does not ask for it");
+        refuse("the installed package does not request it");
     }
     check_raise(record, counters);
     return record;
@@ -87,7 +87,7 @@ SlotBlock read_block_or_refuse() {
 
 int32_t confirmed_running_slot(const SlotBlock& block) {
     if (get_boot_mode() == RECOVERY_MODE) {
-        refuse("this is the recovery system, and no slot's system is running");
+        refuse("this is the recovery system: no slot is running");
     }
     const int32_t running = ota_get_cur_slot();
     if (running < 0) {
@@ -98,7 +98,7 @@ int32_t confirmed_running_slot(const SlotBlock& block) {
     }
     const Slot* slot = block.find(running);
     if (slot == nullptr) {
-        refuse("slot " + slot_letter(running) + " is running, and the slot block does not list it", "tessera slots");
+        refuse("slot " + slot_letter(running) + " is running, but the slot block does not list it", "tessera slots");
     }
     if (!slot->is_confirmed()) {
         refuse(slot->name() + " is running and not confirmed", "tessera confirm, once this system is known to work");
@@ -109,9 +109,9 @@ int32_t confirmed_running_slot(const SlotBlock& block) {
 void demand_no_update() {
     const StoredStatus status = read_status();
     if (!status.is_valid) {
-        refuse(format("the update status is not valid (%s), so whether an update was interrupted is unknown",
-                      status.fault),
-               "tessera install PACKAGE of the installed package writes it again");
+        refuse(
+            format("the update status is not valid (%s): whether an update was interrupted is unknown", status.fault),
+            "tessera install PACKAGE with the installed package rewrites it");
     }
     if (!status.is_idle()) {
         refuse("an update has not ended", "tessera status");
@@ -161,7 +161,7 @@ void check_running_slot(const std::vector<BoardFirmware>& firmware, int32_t runn
     const std::string absent = absent_firmware(firmware, running, record);
     if (!absent.empty() && !unchecked) {
         refuse("slot " + slot_letter(running) + " has no partition with " + absent + " firmware to check",
-               "--unchecked raises them without that check");
+               "--unchecked skips that check");
     }
     if (const std::string complaint = complaint_about(firmware, running, record); !complaint.empty()) {
         refuse(complaint);
@@ -244,7 +244,7 @@ void raise_counters(antirollback_ver_t record, const Counters& counters) {
     const Counters now = read_counters();
     if (now != wanted) {
         throw Failure(ExitCode::device,
-                      format("the counters are %u and %u, and not what was burned", now.secure, now.non_secure));
+                      format("the counters read back as %u and %u, not as burnt", now.secure, now.non_secure));
     }
 }
 
@@ -325,14 +325,14 @@ void declare_efuse(Command& verb, Context& context) {
     allow_command(verb);
     on_command(verb, context, [&context] { show_counters(context); });
     Command& command = add_command(verb, "burn",
-                                   "Raise the counters as the installed package asks for, where no system of the "
+                                   "Raise the counters as the installed package requests, if no system on the "
                                    "board needs the old ones");
     auto options = std::make_shared<Options>();
     add_flag(command, "--yes", options->confirmed, "Confirm: this cannot be undone");
     add_flag(command, "--give-up-other-slot", options->give_up_other_slot,
-             "First make another slot unbootable whose firmware is too old");
+             "First make the other slot unbootable if its firmware is too old");
     add_flag(command, "--unchecked", options->unchecked,
-             "Also where the board has no partition of the firmware to check");
+             "Even if the board has no partition with the firmware to check");
     add_lock(command, options->lock_file);
     on_command(command, context, [&context, options] { burn(context, *options); });
 }

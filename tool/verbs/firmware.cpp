@@ -18,8 +18,8 @@ FirmwareKind kind_of(const Options& options) {
         options.kind.empty() ? std::filesystem::path(options.file).filename().string() : options.kind;
     const auto kind = firmware_kind_of(name);
     if (!kind) {
-        throw Failure(ExitCode::usage, "the name " + options.file + " does not tell what kind of image it is",
-                      "--kind miniboot, uboot or vbmeta says it");
+        throw Failure(ExitCode::usage, "cannot determine the kind of image from the name " + options.file,
+                      "specify --kind miniboot, uboot or vbmeta");
     }
     return *kind;
 }
@@ -50,7 +50,7 @@ void show_firmware(const Context& context, const Options& options) {
     }
     text += std::string(firmware_name(kind)) + " version: " + or_unknown(whole.version);
     if (kind != FirmwareKind::vbmeta && whole.version && certificates.empty()) {
-        text += ", which stands for an image without any of the known certificates";
+        text += ", which means that the image has none of the known certificates";
     }
     context.show({{"kind", firmware_name(kind)},
                   {"version", whole.version ? Json(*whole.version) : Json()},
@@ -65,10 +65,10 @@ void show_firmware(const Context& context, const Options& options) {
 
 void declare_firmware(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    add_word(verb, "FILE", options->file, "An image of firmware or of verified boot");
+    add_word(verb, "FILE", options->file, "Firmware or verified-boot image");
     add_choice(
         verb, "--kind", "KIND", {"miniboot", "uboot", "vbmeta"},
         [options](const std::string& kind) { options->kind = kind; },
-        "miniboot, uboot or vbmeta, where the file's name does not tell");
+        "Kind of image, if the file name does not indicate it: miniboot, uboot or vbmeta");
     on_command(verb, context, [&context, options] { show_firmware(context, *options); });
 }

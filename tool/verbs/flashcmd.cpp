@@ -37,10 +37,10 @@ std::string read_data(const std::string& path) {
 /** The name becomes part of a path; and the library passes over data that a command does not take. */
 void judge(const Options& options) {
     if (options.name.empty() || options.name.find('/') != std::string::npos || options.name.starts_with('.')) {
-        throw Failure(ExitCode::failed, "\"" + options.name + "\" is no name of a flash command");
+        throw Failure(ExitCode::failed, "\"" + options.name + "\" is not a valid name of a flash command");
     }
     if (options.name != flash_command_with_data && (!options.data_file.empty() || options.offset != 0)) {
-        throw Failure(ExitCode::usage, options.name + " takes no data, only " + flash_command_with_data + " does");
+        throw Failure(ExitCode::usage, options.name + " takes no data; only " + flash_command_with_data + " does");
     }
     const std::string file = std::string(flash_command_directory) + "/" + options.name;
     if (access(file.c_str(), R_OK) != 0) {
@@ -85,8 +85,8 @@ void demand_kept(const Options& options, const std::string& data) {
     device->sync();
     const std::string command = whole_command(options, data);
     if (device->raw_size() < command.size() || read_back(*device, 0, command.size()) != command) {
-        throw Failure(ExitCode::device, "flashcmd did not keep the command " + options.name,
-                      "the partition has to be large enough, and flash erased before each command");
+        throw Failure(ExitCode::device, "the command " + options.name + " did not persist in flashcmd",
+                      "the partition must be large enough, and flash must be erased before each command");
     }
 }
 
@@ -100,7 +100,7 @@ void write_command(const Context& context, const Options& options) {
             [&] { return ota_write_flashcmd(options.name.c_str(), data.data(), length, options.offset); });
     demand_kept(options, data);
     const Json value = {{"command", options.name}, {"data_bytes", length}, {"offset", options.offset}};
-    context.show(value, options.name + " is written" +
+    context.show(value, options.name + " written" +
                             (data.empty() ? "" : format(" with %u bytes of data at %u", length, options.offset)));
 }
 
@@ -108,9 +108,9 @@ void write_command(const Context& context, const Options& options) {
 
 void declare_flashcmd(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    add_word(verb, "NAME", options->name, "Name of the command's file on the board");
-    Option* data = add_text(verb, "--data", options->data_file, "File with data, for misc_write_cmd");
-    add_need(add_number(verb, "--offset", options->offset, "Byte of the data area where the data goes"), data);
+    add_word(verb, "NAME", options->name, "Name of the command file on the board");
+    Option* data = add_text(verb, "--data", options->data_file, "File with the data for misc_write_cmd");
+    add_need(add_number(verb, "--offset", options->offset, "Offset of the data in the data area"), data);
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options] { write_command(context, *options); });
 }

@@ -23,7 +23,7 @@ struct Options : InstallOptions {
     bool quiet = false;
 };
 
-constexpr char untouched[] = "nothing was written, and the board is as it was";
+constexpr char untouched[] = "nothing was written; the board is unchanged";
 
 /** What was done, or would be. */
 struct Outcome {
@@ -54,12 +54,13 @@ void remark_on(const Plan& plan, const Options& options) {
         remark(options, no_boards_remark);
     }
     if (plan.installed_version.empty()) {
-        remark(options, "the installed version is unknown, because there is no readable " + options.version_file +
-                            ": a downgrade is not noticed until an installed system image contains that file");
+        remark(options,
+               "the installed version is unknown, because " + options.version_file +
+                   " cannot be read: downgrades go undetected until a system image that contains it is installed");
     }
     if (!can_keep_status()) {
-        remark(options, "a bad block in ubootenv keeps the update status from being read, so tessera status cannot "
-                        "tell where this installation stands");
+        remark(options, "a bad block in ubootenv makes the update status unreadable: tessera status cannot report the "
+                        "progress of this installation");
     }
 }
 
@@ -110,7 +111,7 @@ std::string summary(const Outcome& outcome) {
     const uint64_t written = outcome.bytes(true);
     std::string text = "installed " + version + ": " + human_bytes(written) + " written";
     if (const uint64_t kept = outcome.bytes(false); kept > 0) {
-        text += ", " + human_bytes(kept) + " stood already";
+        text += ", " + human_bytes(kept) + " already installed";
     }
     text += format(", in %.1f s", outcome.seconds);
     if (written > 0 && outcome.seconds > 0) {
@@ -132,7 +133,7 @@ std::string plan_text(const Outcome& outcome) {
     if (plan.switches) {
         text += "slot " + slot_letter(*plan.slot) + " would boot next\n";
     }
-    return text + (outcome.needed ? "nothing was touched" : "nothing would have to be done");
+    return text + (outcome.needed ? "nothing was written" : "nothing to do");
 }
 
 /** A run that lost its power may have left records that nobody can write any more. @return whether it did */
@@ -141,7 +142,7 @@ bool mend_records(const Options& options) {
     for (const char* name : {"misc", "ubootenv"}) {
         if (repair_device(partition_path(name))) {
             mended = true;
-            remark(options, std::string(name) + " could not be read after a power cut; what was left of it was kept");
+            remark(options, std::string(name) + " could not be read after a power cut; its readable part was kept");
         }
     }
     return mended;
@@ -184,7 +185,7 @@ Plan judge(const Package& package, const Options& options, Progress& progress) {
         judge_board(plan, package, options, progress);
     } catch (Failure& failure) {
         if (mended && failure.state.empty()) {
-            failure.state = "no image was written; records that could not be read were mended";
+            failure.state = "no image was written; unreadable records were repaired";
         }
         throw;
     }
@@ -202,7 +203,7 @@ void install(const Context& context, const Options& options) {
     const Plan plan = judge(package, options, progress);
     const bool needed = !is_done(plan);
     if (may_hide_another(plan, needed)) {
-        remark(options, "the update status is not valid, so whether another installation was cut is unknown");
+        remark(options, "the update status is not valid: whether another installation was interrupted is unknown");
     }
     if (!options.dry_run) {
         carry_out(plan, needed, package, progress);
@@ -242,18 +243,18 @@ void choose_progress(Options& options, const std::string& mode) {
 
 void declare_install(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    add_word(verb, "PACKAGE", options->package, "The package, a zip file");
+    add_word(verb, "PACKAGE", options->package, "Package (zip file)");
     add_trust(verb, options->trust);
     add_board(verb, options->board);
     add_flag(verb, "--allow-downgrade", options->allow_downgrade, "Install a version older than the installed one");
-    add_flag(verb, "--dry-run", options->dry_run, "Judge everything, say what would happen, touch nothing");
-    add_flag(verb, "--force", options->force, "Write images that stand on the board already too");
-    add_flag(verb, "-q,--quiet", options->quiet, "No progress and no remarks");
+    add_flag(verb, "--dry-run", options->dry_run, "Check everything and report what would happen; change nothing");
+    add_flag(verb, "--force", options->force, "Rewrite images that are already installed");
+    add_flag(verb, "-q,--quiet", options->quiet, "Suppress progress and remarks");
     const auto choose = [options](const std::string& mode) { choose_progress(*options, mode); };
     add_choice(verb, "--progress", "MODE", {"bar", "plain", "json"}, choose,
-               "How to show progress: bar, plain or json, on stderr");
+               "How to report progress on stderr: bar, plain or json");
     const Option* version =
-        add_text(verb, "--version-file", options->version_file, "Where the installed version stands");
+        add_text(verb, "--version-file", options->version_file, "File that contains the installed version");
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options, version] {
         options->version_file_named = is_given(version);

@@ -72,9 +72,8 @@ void complete(Json& partition, const Options& options) {
     for (const auto& [key, value] : found.fields()) {
         const Json* stated = partition.find(key);
         if (stated != nullptr && in_lower_case(*stated) != value) {
-            throw Failure(ExitCode::failed,
-                          format("the description states another %s of %s", key.c_str(), file.c_str()),
-                          "leave it out, and it is filled in");
+            throw Failure(ExitCode::failed, format("%s: %s differs from the description", file.c_str(), key.c_str()),
+                          "omit it: tessera pack fills it in");
         }
         partition[key] = value;
     }
@@ -127,7 +126,7 @@ void write_package(const Options& options, const std::vector<SigningKey>& keys, 
 /** Before the images are read, which takes longer. */
 std::vector<SigningKey> read_keys(const Options& options) {
     if (options.keys.size() != options.certificates.size()) {
-        throw Failure(ExitCode::usage, "each --sign needs its --cert", "tessera pack --help");
+        throw Failure(ExitCode::usage, "each --sign requires a --cert", "tessera pack --help");
     }
     if (options.keys.size() > signature_count) {
         throw Failure(ExitCode::usage, format("a package has at most %zu signatures", signature_count));
@@ -167,9 +166,9 @@ void pack(const Context& context, const Options& options) {
 void declare_pack(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "DESCRIPTION", options->description, "JSON text; digests and sizes are filled in");
-    add_word(verb, "DIR", options->directory, "Directory of the images");
-    add_word(verb, "-o,--output", options->output, "The package to make");
-    add_texts(verb, "--sign", options->keys, "PEM file of a key to sign with; several sign one after another");
+    add_word(verb, "DIR", options->directory, "Directory with the images");
+    add_word(verb, "-o,--output", options->output, "Package to create");
+    add_texts(verb, "--sign", options->keys, "PEM file of a signing key; may be repeated");
     add_texts(verb, "--cert", options->certificates, "PEM file of its certificate, one for each --sign");
     on_command(verb, context, [&context, options] { pack(context, *options); });
 }

@@ -112,22 +112,22 @@ void demand_room(const std::string& directory, const Totals& totals) {
     if (makedir(directory.c_str()) != 0 || !std::filesystem::is_directory(directory)) {
         std::error_code error; /* for the reason */
         std::filesystem::create_directories(directory, error);
-        throw Failure(ExitCode::failed, "cannot make the directory " + directory +
+        throw Failure(ExitCode::failed, "cannot create the directory " + directory +
                                             (error ? ": " + error.message() : ": it is not a directory"));
     }
     std::string path = directory;
     const uint64_t room = get_free_space(path.data());
     const auto need = static_cast<uint64_t>(totals.all);
     if (room != UINT64_MAX && need > room) {
-        throw Failure(ExitCode::failed, "the package unpacks to " + human_bytes(need) + ", and the file system of " +
-                                            directory + " has " + human_bytes(room));
+        throw Failure(ExitCode::failed, "the package unpacks to " + human_bytes(need) + ", but the file system of " +
+                                            directory + " has only " + human_bytes(room) + " free");
     }
 }
 
 /** A package that was cut inside its end record can look empty. */
 void demand_entries(const Package& package, const std::string& file) {
     if (package.entries().empty()) {
-        throw Failure(ExitCode::refused, file + " holds no entries");
+        throw Failure(ExitCode::refused, file + " contains no entries");
     }
 }
 
@@ -188,7 +188,7 @@ void check(const Context& context, const std::string& file) {
     for (const std::string& problem : problems) {
         text += problem + "\n";
     }
-    text += problems.empty() ? format("all %zu entries are whole", package.entries().size()) : "";
+    text += problems.empty() ? format("all %zu entries are intact", package.entries().size()) : "";
     context.show({{"entries", package.entries().size()}, {"problems", problems}}, text);
     if (!problems.empty()) {
         throw Failure(ExitCode::refused, format("%zu of %zu entries of ", problems.size(), package.entries().size()) +
@@ -204,7 +204,7 @@ struct Options {
 
 Command& declare_one(Command& verb, const char* name, const char* summary, const std::shared_ptr<Options>& options) {
     Command& command = add_command(verb, name, summary);
-    add_word(command, "FILE", options->file, "The package, a zip file");
+    add_word(command, "FILE", options->file, "Package (zip file)");
     return command;
 }
 
@@ -214,20 +214,20 @@ void declare_package(Command& verb, Context& context) {
     demand_command(verb);
     auto options = std::make_shared<Options>();
     Command& info_command =
-        declare_one(verb, "info", "Show version, boards, signers and images, and whether all is well", options);
+        declare_one(verb, "info", "Show version, boards, signers and images, and report problems", options);
     add_trust(info_command, options->trust);
     on_command(info_command, context,
                [&context, options] { show_package_info(context, options->file, options->trust); });
-    on_command(declare_one(verb, "list", "List the entries, and what unpacking needs", options), context,
+    on_command(declare_one(verb, "list", "List the entries and the space that unpacking needs", options), context,
                [&context, options] { list(context, options->file); });
-    Command& unpack_command = declare_one(verb, "unpack", "Unpack all entries below a directory", options);
-    add_word(unpack_command, "DIR", options->other, "The directory, made when it is missing");
+    Command& unpack_command = declare_one(verb, "unpack", "Unpack all entries into a directory", options);
+    add_word(unpack_command, "DIR", options->other, "Directory, created if it does not exist");
     on_command(unpack_command, context, [&context, options] { unpack(context, options->file, options->other); });
-    Command& has_command = declare_one(verb, "has", "Tell whether the name of an entry begins so", options);
-    add_word(has_command, "NAME", options->other, "The name, or its beginning");
+    Command& has_command = declare_one(verb, "has", "Check whether any entry's name begins with NAME", options);
+    add_word(has_command, "NAME", options->other, "Name of an entry, or its beginning");
     on_command(has_command, context, [&context, options] { has(context, options->file, options->other); });
     Command& check_command =
-        declare_one(verb, "check-zip", "Read every entry of the zip file and compare its checksum", options);
+        declare_one(verb, "check-zip", "Read every entry of the zip file and verify its checksum", options);
     check_command.old_name = "check";
     on_command(check_command, context, [&context, options] { check(context, options->file); });
 }

@@ -129,7 +129,7 @@ std::string describe(const Info& info, const Package& package) {
     for (const std::string& problem : info.problems) {
         text += problem + "\n";
     }
-    return text + (info.problems.empty() ? "nothing is wrong with this package" : "");
+    return text + (info.problems.empty() ? "no problems found" : "");
 }
 
 } // namespace
@@ -157,6 +157,6 @@ void show_package_info(const Context& context, const std::string& file, const Tr
     if (!info.problems.empty()) {
         throw Failure(ExitCode::refused, info.problems.size() == 1
                                              ? info.problems.front()
-                                             : format("%zu things are wrong with ", info.problems.size()) + file);
+                                             : format("%zu problems in ", info.problems.size()) + file);
     }
 }

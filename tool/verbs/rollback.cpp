@@ -15,7 +15,7 @@ std::string reason_against(const Slot& slot) {
     if (slot.tries == 0) {
         return "it is unbootable";
     }
-    return "it is on trial, and nobody has marked it good";
+    return "it is on trial and not confirmed";
 }
 
 void roll_back(const Context& context, const std::string& lock_file) {
@@ -24,20 +24,20 @@ void roll_back(const Context& context, const std::string& lock_file) {
     const SlotBlock block = require_slot_block();
     const Slot* slot = block.find(other);
     if (slot == nullptr) {
-        throw Failure(ExitCode::failed, "there is no slot " + slot_letter(other) + " to go back to");
+        throw Failure(ExitCode::failed, "there is no slot " + slot_letter(other) + " to roll back to");
     }
     if (!slot->is_confirmed()) {
-        throw Failure(ExitCode::failed, "cannot go back to " + slot->name() + ": " + reason_against(*slot),
+        throw Failure(ExitCode::failed, "cannot roll back to " + slot->name() + ": " + reason_against(*slot),
                       read_status().is_cut_in(other)
-                          ? "tessera status shows the installation that was cut in it"
-                          : "tessera slots set-next " + slot_letter(other) + " tries it all the same");
+                          ? "tessera status shows the interrupted installation"
+                          : "tessera slots set-next " + slot_letter(other) + " tries it anyway");
     }
     const bool was_next = block.is_alone_in_front(other);
     if (!was_next) {
         set_next_slot(other);
     }
     context.show({{"slot", other}, {"changed", !was_next}},
-                 slot->name() + (was_next ? " boots next already" : " boots next"));
+                 slot->name() + (was_next ? " already boots next" : " boots next"));
 }
 
 } // namespace

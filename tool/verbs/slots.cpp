@@ -36,17 +36,17 @@ std::vector<std::string> to_row(const Slot& slot, const char* state, const std::
 std::string remarks_on(const SlotBlock& block, int32_t running, std::optional<int32_t> next) {
     std::string text;
     if (!block.checksum_is_right) {
-        text += "the checksum of the slot block is wrong, so which slots are good is unknown\n";
+        text += "the checksum of the slot block is wrong: which slots are good is unknown\n";
     }
     if (block.stored_count > block.slots.size()) {
-        text += format("the slot block speaks of %u slots, of which only %zu can be used\n", block.stored_count,
+        text += format("the slot block claims %u slots, but only %zu can be used\n", block.stored_count,
                        block.slots.size());
     }
     if (running < 0) {
-        text += "which slot is running is unknown: the kernel command line does not tell\n";
+        text += "the running slot is unknown: the kernel command line does not name it\n";
     }
     if (!next) {
-        text += "no slot can be booted\n";
+        text += "no slot is bootable\n";
     }
     if (const Slot* trial = running_trial(block); trial != nullptr) {
         text += trial_remark(*trial) + "\n";
@@ -104,7 +104,7 @@ bool runs(int32_t slot) {
 void demand_whole(int32_t slot) {
     if (!runs(slot) && is_half_written(slot)) {
         throw Failure(ExitCode::failed,
-                      "slot " + slot_letter(slot) + " is half written: an installation in it was interrupted",
+                      "slot " + slot_letter(slot) + " is half written: an installation to it was interrupted",
                       "tessera status shows the installation");
     }
 }
@@ -158,12 +158,13 @@ void declare_change(Command& verb, Context& context, const char* name, const cha
 void declare_slots(Command& verb, Context& context) {
     allow_command(verb);
     on_command(verb, context, [&context] { show_slots(context); });
-    declare_change(verb, context, "set-next", "Boot this slot next, with one try", "Even a slot that is half written",
-                   demand_whole, set_next_slot);
+    declare_change(verb, context, "set-next", "Boot this slot next, with a single try",
+                   "Even if the slot is half written", demand_whole, set_next_slot);
     declare_change(verb, context, "mark-good", "Mark this slot as booted successfully",
-                   "Even a slot that is unbootable or half written", demand_bootable, mark_slot_good);
+                   "Even if the slot is unbootable or half written", demand_bootable, mark_slot_good);
     declare_change(verb, context, "mark-bad", "Make this slot unbootable",
-                   "Even the running slot, where no other is confirmed", demand_other_good_slot, mark_slot_unbootable);
+                   "Even if the slot is running and no other is confirmed", demand_other_good_slot,
+                   mark_slot_unbootable);
     Command& reset = add_command(verb, "reset", "Write a new block: two slots on trial, with 7 tries each");
     auto lock_file = std::make_shared<std::string>(default_lock_file);
     add_lock(reset, *lock_file);

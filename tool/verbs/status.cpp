@@ -113,18 +113,18 @@ std::string headline(const ota_status_t& record) {
     case OTA_FLAG_BURN:
         return update + " was writing to " + what + " and has not ended";
     case OTA_FLAG_VERIFY:
-        return update + " was reading " + what + " back and has not ended";
+        return update + " was reading back " + what + " and has not ended";
     case OTA_FLAG_VERIFIED:
-        return update + " had read " + what + " back and was about to end";
+        return update + " had read back " + what + " and was about to end";
     default:
-        return "where the update stands is unknown";
+        return "the state of the update is unknown";
     }
 }
 
 std::string status_text(const StoredStatus& status) {
     if (!status.is_valid) {
         return std::string("the stored update status is not valid (") + status.fault +
-               "), so what it was is unknown; the next change makes a new one\n";
+               "): its contents are unknown; the next change recreates it\n";
     }
     std::string text = headline(status.record) + "\n\n";
     for (const Field& field : fields) {
@@ -137,7 +137,7 @@ std::string status_text(const StoredStatus& status) {
     }
     text += rows.empty() ? "" : "\n" + table({"partition", "medium", "type"}, rows);
     if (list.num > rows.size()) {
-        text += format("the list speaks of %u partitions, of which only %zu can be stored\n", list.num, rows.size());
+        text += format("the list claims %u partitions, but only %zu can be stored\n", list.num, rows.size());
     }
     return text;
 }
@@ -145,16 +145,16 @@ std::string status_text(const StoredStatus& status) {
 std::string versions_text(const StoredVersions& versions) {
     if (!versions.is_valid) {
         return std::string("\nthe stored anti-rollback versions are not valid (") + versions.fault +
-               "), so what they were is unknown";
+               "): their values are unknown";
     }
     const antirollback_ver_t& record = versions.record;
     if (versions.is_missing()) {
-        return "\nthe anti-rollback record holds versions 0, and no counter is to be raised";
+        return "\nthe anti-rollback record holds versions 0; no counter is to be raised";
     }
     const auto line = [](const char* name, uint32_t version, bool raise) {
         return format("%-12sversion %u, counter %s\n", name, version, raise ? "to be raised" : "stays");
     };
-    return "\nanti-rollback versions of the last package that was installed:\n" +
+    return "\nanti-rollback versions of the last installed package:\n" +
            line("secure", record.sec_ver, record.sec_up_flag == 1) +
            line("non-secure", record.nosec_ver, record.nosec_up_flag == 1);
 }
@@ -191,7 +191,7 @@ const Field& find_field(const std::string& name) {
     const auto found =
         std::find_if(fields.begin(), fields.end(), [&](const Field& field) { return name == field.name; });
     if (found == fields.end()) {
-        throw Failure(ExitCode::usage, "there is no field " + name, "tessera status shows the fields");
+        throw Failure(ExitCode::usage, "unknown field " + name, "tessera status lists the fields");
     }
     return *found;
 }
@@ -224,8 +224,8 @@ int32_t field_value(const Field& field, const std::string& word, bool raw) {
 /** The library writes past bad blocks and reads at a fixed place: with one in front, the two differ. */
 void demand_kept(bool is_kept) {
     if (!is_kept) {
-        throw Failure(ExitCode::device, std::string(status_partition) + " did not keep the record",
-                      "tessera board --check tells whether a bad block lies in front of it");
+        throw Failure(ExitCode::device, std::string("the record did not persist in ") + status_partition,
+                      "tessera board --check reports whether a bad block precedes it");
     }
 }
 
@@ -233,7 +233,7 @@ void set_field(const std::string& name, const std::string& word, bool raw) {
     const Field& field = find_field(name);
     auto value = static_cast<uint32_t>(field_value(field, word, raw));
     if (!read_status().is_valid) {
-        console::note("the stored update status was not valid, and is made anew");
+        console::note("the stored update status was not valid and is recreated");
     }
     require(ExitCode::device, "cannot store " + name, [&] { return ota_set_veeprom_flag(field.selector, &value); });
     sync_partition(status_partition);
@@ -244,7 +244,7 @@ void set_field(const std::string& name, const std::string& word, bool raw) {
 void reset_records() {
     (void)running_slot(); /* which the new status names */
     (void)existing_partition(status_partition);
-    require(ExitCode::device, "cannot make the records anew", [] { return ota_set_veeprom_flag_default(); });
+    require(ExitCode::device, "cannot recreate the records", [] { return ota_set_veeprom_flag_default(); });
     sync_partition(status_partition);
     demand_kept(read_status().is_valid && read_stored_versions().is_valid);
 }
@@ -261,8 +261,8 @@ void declare_set(Command& verb, Context& context) {
     auto options = std::make_shared<SetOptions>();
     add_word(command, "FIELD", options->field, "update, system, backup, middleware, app, param, owner or next-slot");
     add_word(command, "VALUE", options->value,
-             "normal, burn, verify or verified; of owner nobody, tool or service; of next-slot a letter");
-    add_flag(command, "--raw", options->raw, "Store any number, also one without a name");
+             "normal, burn, verify or verified; owner: nobody, tool or service; next-slot: a letter");
+    add_flag(command, "--raw", options->raw, "Store any number, even one without a name");
     add_lock(command, options->lock_file);
     on_command(command, context, [&context, options] {
         const UpdateLock lock(options->lock_file, "tessera status set");
@@ -277,7 +277,7 @@ void declare_status(Command& verb, Context& context) {
     allow_command(verb);
     on_command(verb, context, [&context] { show_status(context); });
     declare_set(verb, context);
-    Command& reset = add_command(verb, "reset", "Make both records anew");
+    Command& reset = add_command(verb, "reset", "Recreate both records");
     auto lock_file = std::make_shared<std::string>(default_lock_file);
     add_lock(reset, *lock_file);
     on_command(reset, context, [&context, lock_file] {

@@ -43,7 +43,7 @@ Option& add_filled(Command& command, const char* name, std::string& text, const 
 /** Decimal, or hexadecimal after 0x. */
 std::string to_number(std::string_view text, uint64_t most, uint64_t& number) {
     if (text.starts_with('-')) {
-        return "it must not be negative";
+        return "must not be negative";
     }
     const bool is_hexadecimal = text.starts_with("0x");
     const std::string_view digits = text.substr(is_hexadecimal ? 2 : 0);
@@ -145,25 +145,24 @@ Option* add_choice(Command& command, const char* name, const char* type, const s
 }
 
 void add_lock(Command& command, std::string& file) {
-    add_text(command, "--lock", file, "Lock that only one command at a time holds");
+    add_text(command, "--lock", file, "Lock file, held by one command at a time");
 }
 
 void add_trust(Command& command, TrustOptions& trust) {
-    Option& option =
-        add_filled(command, "--trust", trust.file,
-                   "PEM file of the authorities that may sign, and of their revocation lists", "it names no file");
+    Option& option = add_filled(command, "--trust", trust.file,
+                                "PEM file of the trusted authorities and their revocation lists", "must not be empty");
     option.environment = "TESSERA_TRUST";
     const auto choose = [&trust](const std::string& word) {
         trust.time = word == "now" ? TrustTime::now : TrustTime::signing;
     };
     Option* time = add_choice(command, "--trust-time", "WHEN", {"now", "signing"}, choose,
-                              "When the signer's certificate has to be valid: now (default) or signing");
+                              "When the signer's certificate must be valid: now (default) or signing");
     add_need(time, &option);
 }
 
 void add_board(Command& command, std::string& name) {
-    add_filled(command, "--board", name, "Name of this board, in place of those in its device tree",
-               "it names no board");
+    add_filled(command, "--board", name, "Name of this board, instead of those in its device tree",
+               "must not be empty");
 }
 
 void add_need(Option* option, Option* other) {

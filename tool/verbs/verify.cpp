@@ -62,8 +62,8 @@ std::optional<Counters> counters_of_board() {
     if (is_board()) {
         return read_counters();
     }
-    console::note(std::string("this machine is not a board, it has no ") + partition_directory +
-                  ": the package's versions were not compared with anti-rollback counters");
+    console::note(std::string("this machine is not a board (no ") + partition_directory +
+                  "): the package's versions were not compared with anti-rollback counters");
     return std::nullopt;
 }
 
@@ -95,7 +95,7 @@ void verify(const Context& context, const Options& options) {
         context.show(value, table);
         throw Failure(ExitCode::refused, refusal);
     }
-    context.show(value, table + "the package " + description.version + " passes: every image is whole" +
+    context.show(value, table + "the package " + description.version + " passes: every image is intact" +
                             (counters ? ", no version is below its counter (" : " (") + origin(signer) + ")");
 }
 
@@ -103,7 +103,7 @@ void verify(const Context& context, const Options& options) {
 
 void declare_verify(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    add_word(verb, "PACKAGE", options->package, "The package, a zip file");
+    add_word(verb, "PACKAGE", options->package, "Package (zip file)");
     add_trust(verb, options->trust);
     add_board(verb, options->board);
     on_command(verb, context, [&context, options] { verify(context, *options); });

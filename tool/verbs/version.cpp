@@ -16,12 +16,12 @@ std::string comparable(const std::string& word) {
     std::string line = word;
     const bool is_version = line.size() > 1 && line[0] == 'V' && std::isdigit(static_cast<unsigned char>(line[1])) != 0;
     if (!is_version && line.find("_V") != std::string::npos) {
-        require(ExitCode::failed, word + " is no version",
+        require(ExitCode::failed, word + " is not a version",
                 [&] { return parse_version_info(line.data(), version.data()); });
         line = version.data();
     }
     if (line.find_first_of("0123456789") >= std::min(line.find('_'), line.size())) {
-        throw Failure(ExitCode::failed, "\"" + word + "\" is no version: no digit stands in front of its first _");
+        throw Failure(ExitCode::failed, "\"" + word + "\" is not a version: no digit before its first _");
     }
     return line;
 }
@@ -35,13 +35,13 @@ void compare(const Context& context, const std::string& word1, const std::string
     const std::string v2 = comparable(word2);
     /* The library counts letters like digits: V1.0 against 1.0 would say nothing about the versions. */
     if (begins_with_letter(v1) != begins_with_letter(v2)) {
-        throw Failure(ExitCode::failed, v1 + " and " + v2 + " are not written in the same way",
-                      "give both with the V or both without");
+        throw Failure(ExitCode::failed, v1 + " and " + v2 + " use different notations",
+                      "write both with a leading V, or both without");
     }
     const char* order = compare_sys_versions(v1.c_str(), v2.c_str()) == 1   ? "older"
                         : compare_sys_versions(v2.c_str(), v1.c_str()) == 1 ? "newer"
                                                                             : "same";
-    const std::string middle = std::string(order) == "same" ? " counts as the same as " : format(" is %s than ", order);
+    const std::string middle = std::string(order) == "same" ? " compares equal to " : format(" is %s than ", order);
     context.show({{"version", v1}, {"other", v2}, {"order", order}}, v1 + middle + v2);
 }
 
@@ -55,11 +55,11 @@ void show_version(const Context& context, const std::string& file) {
 void declare_version(Command& verb, Context& context) {
     demand_command(verb);
     auto words = std::make_shared<std::array<std::string, 2>>();
-    Command& comparison = add_command(verb, "compare", "Tell whether V1 is older or newer than V2");
-    add_word(comparison, "V1", (*words)[0], "A version, or a line with one behind _");
-    add_word(comparison, "V2", (*words)[1], "The other");
+    Command& comparison = add_command(verb, "compare", "Report whether V1 is older or newer than V2");
+    add_word(comparison, "V1", (*words)[0], "Version, or a line with one after _");
+    add_word(comparison, "V2", (*words)[1], "Version to compare it with");
     on_command(comparison, context, [&context, words] { compare(context, (*words)[0], (*words)[1]); });
     Command& show = add_command(verb, "show", "Show the version in a version file");
-    add_word(show, "FILE", (*words)[0], "The version file");
+    add_word(show, "FILE", (*words)[0], "Version file");
     on_command(show, context, [&context, words] { show_version(context, (*words)[0]); });
 }
