@@ -1,4 +1,4 @@
-/** tessera: dispatches to the verbs and turns whatever goes wrong into one plain sentence. */
+/** tessera: dispatches to the verbs and reports any error in one sentence. */
 #include "verbs/verb.h"
 
 #include <algorithm>
@@ -32,7 +32,7 @@ constexpr char exit_table[] =
     "Exit status: 0 success; 1 refused or failed, or another command is at work; 2 usage error;\n"
     "3 package refused; 4 device failure; 130 interrupted";
 
-/** An option that says something and does nothing else. */
+/** An option that only prints something, such as --help. */
 Option& add_answer(Command& root, char letter, std::string_view name, std::string_view help) {
     Option& option = root.options.emplace_back();
     option.letter = letter;
@@ -56,7 +56,7 @@ void declare_all(Command& root, Context& context) {
     }
 }
 
-/** For a command line that makes no sense: its error is to be read by whoever would have read the rest. */
+/** Whether an invalid command line requests JSON: its error then has to be JSON too. */
 bool asks_for_json(std::span<char*> words) {
     std::string_view before;
     return std::any_of(words.begin(), words.end(), [&](std::string_view word) {
@@ -65,7 +65,7 @@ bool asks_for_json(std::span<char*> words) {
     });
 }
 
-/** Reads the command line and does what it says. */
+/** Parses the command line and runs the verb. */
 void run(Command& root, Context& context, std::span<char*> words) {
     try {
         const CommandLine line = read_command_line(root, words);
@@ -111,7 +111,7 @@ ExitCode guarded_run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    /* A reader that goes away must not end an update half-way. */
+    /* A closed pipe must not end an update half-way. */
     (void)std::signal(SIGPIPE, SIG_IGN);
     console::open();
     ExitCode code = guarded_run(argc, argv);

@@ -732,7 +732,7 @@ class InstallTest(BoardCase):
         (self.dir / "velox" / "version").symlink_to("version")  # cannot be looked up
         self.expect_no_change("install /userdata/p.zip", 1, "installed version")
 
-    def test_the_dry_run_and_verify_judge_as_the_installation_does(self):
+    def test_the_dry_run_and_verify_check_as_the_installation_does(self):
         self.new("nand")
         contents = dict.fromkeys(("vbmeta", "uboot"), b"AVB0".ljust(112, b"\0") + struct.pack(">Q", 5))
         self.pack("p.zip", contents, describe(contents, "nand", anti_rollback=True))

@@ -1,4 +1,4 @@
-/** Devices as the verbs use them: what src/medium reports as a value ends a verb with a sentence here. */
+/** Devices for the verbs: errors that src/medium returns as values are thrown here as Failure. */
 #ifndef TOOL_DEVICE_H
 #define TOOL_DEVICE_H
 
@@ -9,10 +9,10 @@
 using Descriptor = ota_descriptor;
 using DeviceKind = medium_kind;
 
-/** A medium_device that throws Failure. On MTD a read leaves out bad blocks, as the library does when it writes. */
+/** A medium_device that throws Failure. On MTD, reads skip bad blocks, as the library's writes do. */
 class Device {
 public:
-    /** Opens and identifies it; its bad blocks are looked for when they first matter. */
+    /** Opens and identifies the device. Bad blocks are looked up on first use. */
     explicit Device(const std::string& path);
 
     [[nodiscard]] DeviceKind kind() const {
@@ -28,15 +28,15 @@ public:
         return medium_.raw_size();
     }
 
-    /** Whether no bad block precedes byte `end`, so that leaving them out makes no difference. */
+    /** Whether no bad block precedes byte `end`, so that skipping them makes no difference. */
     [[nodiscard]] bool is_straight(uint64_t end) const;
 
     /** Reads the bytes at `offset`, all of them. */
     void read(uint64_t offset, std::span<uint8_t> bytes) const;
-    /** The same without leaving out bad blocks. */
+    /** The same without skipping bad blocks. */
     void read_raw(uint64_t offset, std::span<uint8_t> bytes) const;
 
-    /** Waits until the medium holds everything, and drops what the page cache has of it. */
+    /** Waits until the medium holds everything, and drops its pages from the page cache. */
     void sync() const;
     /**
      * Has the kernel begin to store the bytes up to `end`, and waits for those before `begin`.
@@ -46,23 +46,24 @@ public:
         return medium_.push(begin, end).error;
     }
 
-    /** Count of reads that the ECC could not correct so far; nothing where the device does not count. */
+    /** Count of reads that the ECC could not correct so far; nullopt if the device does not count them. */
     [[nodiscard]] std::optional<uint32_t> uncorrectable_reads() const {
         return medium_.uncorrectable_reads();
     }
-    /** Whether it counted such reads since it reported `before`. */
+    /** Whether the count has risen above `before`. */
     [[nodiscard]] bool lost_reads_since(std::optional<uint32_t> before) const;
 
 private:
     std::string path_;
-    mutable medium_device medium_; /* what it has learnt of the bad blocks is no change of the device */
+    mutable medium_device medium_; /* caching the bad blocks does not change the device */
 };
 
 /** Waits until the medium holds everything. Asks the device nothing else. */
 void sync_device(const std::string& path);
 
 /**
- * Rewrites what a power cut has made unreadable of a UBI volume, so that it can be written again; see ubi_repair().
+ * Rewrites the parts of a UBI volume that a power cut has made unreadable, so that it can be written again; see
+ * ubi_repair().
  * @return whether anything had to be written
  */
 bool repair_device(const std::string& path);

@@ -9,7 +9,7 @@
 #include <span>
 #include <string>
 
-/** Lower-case hexadecimal; a digest that was not asked for is empty. */
+/** Lower-case hexadecimal; a digest that was not requested is empty. */
 struct Digests {
     std::string md5;
     std::string sha256;
@@ -27,7 +27,7 @@ public:
 private:
     Kind kind_;
     md5_state_t md5_{};
-    DigestContext sha256_; /* null when not asked for */
+    DigestContext sha256_; /* null if not requested */
 };
 
 #endif

@@ -1,4 +1,4 @@
-/** The words for the numbers that the board stores, in both directions. */
+/** Maps the numbers that the board stores to words and back. */
 #ifndef TOOL_NAMES_H
 #define TOOL_NAMES_H
 

@@ -11,7 +11,7 @@
 
 namespace {
 
-/** Opening anything but a file or a device would block, or give nothing to read. */
+/** Opening anything except a file or a device could block or yield nothing to read. */
 void demand_file(const std::string& path) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0 || access(path.c_str(), R_OK) != 0) {

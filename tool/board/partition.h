@@ -1,4 +1,4 @@
-/** Partitions by name: where they lie, and the few bytes of stored records in them. */
+/** Partitions by name: their paths, and access to the small records stored in them. */
 #ifndef TOOL_PARTITION_H
 #define TOOL_PARTITION_H
 
@@ -21,16 +21,16 @@ std::set<std::string> list_partitions_by_name();
 /** The path of a partition that exists once, or of one slot's copy when `name` has the suffix. */
 std::string partition_path(const std::string& name);
 
-/** The same of a partition that exists once. Throws where the board does not have it. */
+/** The same for a partition that exists once. Throws if the board does not have it. */
 std::string existing_partition(const std::string& name);
 
-/** The path that a user means: of a file or device, when there is one, else of the partition of that name. */
+/** Resolves a name given by the user: an existing file or device, else the partition of that name. */
 std::string file_or_partition(const std::string& name);
 
 /** A partition of the boot medium that exists once, as the target of a transfer at byte 0. */
 ota_file_info_t locate(const std::string& name);
 
-/** Reads a stored record as it lies there. Throws when it cannot be read whole. */
+/** Reads a stored record unchanged. Throws if it cannot be read completely. */
 void read_record(const std::string& partition, uint64_t offset, std::span<uint8_t> record);
 
 /** Waits until the medium holds what was written to a partition. */

@@ -1,4 +1,4 @@
-/** A directory for a while. The library enters it while it unpacks; the destructor goes back and removes it. */
+/** A temporary directory. The library changes to it while unpacking; the destructor changes back and removes it. */
 #ifndef TOOL_SCRATCH_H
 #define TOOL_SCRATCH_H
 

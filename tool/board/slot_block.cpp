@@ -17,7 +17,7 @@ constexpr char block_partition[] = "misc";
 
 /**
  * Changes the block and reads it back. The library writes past bad blocks and reads at a fixed place: with
- * a bad block in front, a change succeeds that nobody will ever see.
+ * a bad block before it, a change would succeed and never be read.
  */
 template <class Change, class Check>
 void change_block(const std::string& sentence, Change change, Check is_kept) {
@@ -35,14 +35,14 @@ Slot read_slot(int32_t number) {
     return slot != nullptr ? *slot : Slot{};
 }
 
-/** What writes a new block. In the recovery system no slot is known to be good. */
-std::string way_to_new_block() {
+/** The command that writes a new block. In the recovery system no slot is known to be good. */
+std::string new_block_hint() {
     const int32_t running = ota_get_cur_slot();
     const bool may_confirm = get_boot_mode() != RECOVERY_MODE && running >= 0 && running < new_block_slots;
     return may_confirm ? "tessera confirm" : "tessera slots reset";
 }
 
-/** Whether the block can be believed, and a slot's system runs that it has. */
+/** Whether the block is valid and lists the running slot. */
 bool runs_slot(const SlotBlock& block) {
     return block.checksum_is_right && get_boot_mode() != RECOVERY_MODE && block.find(ota_get_cur_slot()) != nullptr;
 }
@@ -60,13 +60,13 @@ void read_with_ecc(const std::string& path, bootloader_control& raw) {
 bootloader_control read_raw_block() {
     bootloader_control raw{};
     const std::string path = existing_partition(block_partition);
-    if (access(path.c_str(), R_OK) != 0) { /* of this user: the block may be a good one */
+    if (access(path.c_str(), R_OK) != 0) { /* a permission error: the block itself may be valid */
         throw Failure(ExitCode::device, "cannot open " + path + because(errno));
     }
     try {
         read_with_ecc(path, raw);
     } catch (const Failure& failure) {
-        throw LostBlock(failure.code, failure.what(), way_to_new_block());
+        throw LostBlock(failure.code, failure.what(), new_block_hint());
     }
     return raw;
 }
@@ -107,7 +107,7 @@ bool SlotBlock::has_highest_priority(int32_t number) const {
            });
 }
 
-bool SlotBlock::is_alone_in_front(int32_t number) const {
+bool SlotBlock::is_sole_next(int32_t number) const {
     return has_highest_priority(number) && find(number)->is_bootable();
 }
 
@@ -138,7 +138,7 @@ SlotBlock read_slot_block() {
     const bootloader_control raw = read_raw_block();
     const format_state state = check_slot_block(raw).state;
     if (state == format_state::absent || state == format_state::foreign) {
-        throw LostBlock(ExitCode::device, "misc contains no slot block", way_to_new_block());
+        throw LostBlock(ExitCode::device, "misc contains no slot block", new_block_hint());
     }
     SlotBlock block{{}, raw.nb_slot, state == format_state::valid};
     const auto count = std::min<size_t>(raw.nb_slot, std::size(raw.slot_info));
@@ -160,7 +160,7 @@ SlotBlock require_slot_block() {
         throw Failure(ExitCode::failed, lost.what(), lost.hint);
     }
     throw Failure(ExitCode::failed, "the checksum of the slot block is wrong: which slots are good is unknown",
-                  way_to_new_block());
+                  new_block_hint());
 }
 
 std::optional<SlotBlock> find_slot_block() {

@@ -1,4 +1,4 @@
-/** Files that are read whole, up to a stated limit. */
+/** Reads whole files up to a limit. */
 #ifndef TOOL_SMALL_FILE_H
 #define TOOL_SMALL_FILE_H
 
@@ -6,7 +6,7 @@
 #include <string>
 
 /**
- * Reads a whole file, or what a pipe gives up to its end; takes memory for what is there.
+ * Reads a whole file, or a pipe up to its end; allocates memory only for the bytes read.
  * Throws Failure that names the file when it cannot be read or has more than `limit` bytes.
  */
 std::string read_small_file(const std::string& path, size_t limit);

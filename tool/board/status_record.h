@@ -14,13 +14,13 @@ inline constexpr char status_partition[] = "ubootenv";
 struct StoredStatus {
     ota_status_t record;
     bool is_valid;
-    const char* fault; /* what is wrong with a record that is not valid, else null */
+    const char* fault; /* why the record is not valid; null if it is */
 
-    /** Whether an installation was cut before all that it wrote was read back. */
+    /** Whether an installation was interrupted before everything it wrote was read back. */
     [[nodiscard]] bool is_cut() const;
-    /** Whether no update is under way, and none was cut. */
+    /** Whether no update is under way and none was interrupted. */
     [[nodiscard]] bool is_idle() const;
-    /** The same as is_cut(), of images in this slot. */
+    /** The same as is_cut(), for images in this slot. */
     [[nodiscard]] bool is_cut_in(int32_t slot) const;
     /** Whether the record lists partitions of a slot. */
     [[nodiscard]] bool lists_slot() const;
@@ -31,7 +31,7 @@ struct StoredVersions {
     bool is_valid;
     const char* fault; /* as above */
 
-    /** Whether no package has left its versions: no valid record, or one of zeros. */
+    /** Whether no package has stored its versions: no valid record, or one of zeros. */
     [[nodiscard]] bool is_missing() const;
     [[nodiscard]] bool holds(const antirollback_ver_t& other) const;
 };
@@ -40,26 +40,26 @@ struct StoredVersions {
 size_t listed_partitions(const ota_status_t& record);
 std::string partition_name(const update_part_t& list, size_t i);
 
-/** Whether what is written can be read again: not where a bad block lies in front of it. */
+/** Whether a written record can be read again; a bad block before it prevents that. */
 bool can_keep_status();
 
 StoredStatus read_status();
 
-/** Whether the status shows an installation that was cut in this slot; false where there is no status to read. */
+/** Whether the status records an interrupted installation in this slot; false if the status cannot be read. */
 bool is_half_written(int32_t slot);
 
 StoredVersions read_stored_versions();
 
-/** Writes a whole record in the name of this tool, in one write, and waits until the medium holds it. */
+/** Stores a whole record as this tool's in one write, and waits until the medium holds it. */
 void write_status(ota_status_t& record);
 
-/** Stores versions for a later burning of the fuses, where they are not stored yet; the medium then holds them. */
+/** Stores versions for burning the fuses later, unless already stored. On return the medium holds them. */
 void store_versions(antirollback_ver_t record);
 
-/** Moves the general flag on, and waits until the medium holds it. */
+/** Sets the general flag, and waits until the medium holds it. */
 void set_status_flag(ota_update_flag_e flag);
 
-/** No update is under way any more. */
+/** Records that no update is under way. */
 void clear_status_flag();
 
 #endif

@@ -4,7 +4,7 @@
 
 #include <string>
 
-/** Throws Failure when there is none, or none that is whole. */
+/** Throws Failure if the file is missing or contains no complete version. */
 std::string read_version_file(const std::string& path);
 
 #endif

@@ -62,7 +62,7 @@ bool is_taken(const Option& option, const Command& owner, const Command& command
     return &owner == &command || !option.is_own;
 }
 
-/** One command line as it is read, word by word. */
+/** Reads one command line, word by word. */
 class Reader {
 public:
     Reader(Command& root, std::span<char* const> words) : command_(&root), words_(words) {
@@ -73,7 +73,7 @@ public:
         return *command_;
     }
 
-    /** Gives the option that answers by itself, if one is there. */
+    /** Returns the option that replaces the command's action, such as --help, if one is given. */
     const Option* read() {
         while (next_ < words_.size() && answer_ == nullptr) {
             const std::string word = words_[next_++];
@@ -193,7 +193,7 @@ private:
         }
     }
 
-    /** What only the whole line shows. */
+    /** Checks that need the whole line. */
     void check() {
         if (command_->below == Command::Below::required) {
             throw wrong("a subcommand is required");

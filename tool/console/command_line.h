@@ -1,4 +1,4 @@
-/** The command line: which words and options each command takes, their help, and reading them. */
+/** The command line: the words and options of each command, their help, and the parser. */
 #ifndef TOOL_COMMAND_LINE_H
 #define TOOL_COMMAND_LINE_H
 
@@ -9,14 +9,14 @@
 #include <string_view>
 #include <vector>
 
-/** An option, or a word by its position. What the views name has to outlive the command: literals, as a rule. */
+/** An option, or a positional word. The views must outlive the command; they are usually literals. */
 struct Option {
     char letter = '\0';    /* of "-o"; NUL: it has none */
     std::string_view name; /* "--output"; "FILE" of a word */
     std::string_view type; /* what its value is, as the help shows it; empty: it is a flag */
     std::string_view help;
     std::string initial;               /* the value when it is not given, for the help */
-    const char* environment = nullptr; /* variable that gives the value when the command line does not */
+    const char* environment = nullptr; /* environment variable with the default value */
     bool is_answer = false;            /* reading ends here, as for --help: what else is on the line does not count */
     bool is_own = false;               /* not taken by the commands below, unlike all other options */
     bool is_required = false;
@@ -53,12 +53,12 @@ struct CommandLine {
 };
 
 /**
- * Reads the words of a command line, stores what they give, and finds the command they name. Options may stand
+ * Reads the words of a command line, stores what they give, and finds the command they name. Options may appear
  * before and after what they belong to: `--name value`, `--name=value`, `-n value`, `-nvalue`, `-ab` for flags;
- * behind `--` everything is a word. An option's name is never taken for another option's value.
+ * after `--` everything is a word. An option's name is never treated as another option's value.
  * Where a line is wrong but holds --help, help is the answer.
  *
- * @throws Failure (usage) with the help of the command at hand as its hint; what was stored does not count then
+ * @throws Failure (usage) with the current command's help as its hint; stored values are then meaningless
  */
 CommandLine read_command_line(Command& root, std::span<char* const> words);
 

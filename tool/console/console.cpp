@@ -16,7 +16,7 @@ namespace console {
 
 namespace {
 
-constexpr std::string_view clear_line = "\r\x1b[K"; /* in front of the library's info lines */
+constexpr std::string_view clear_line = "\r\x1b[K"; /* prefix of the library's info lines */
 constexpr std::string_view error_mark = "[OTA_ERROR]";
 constexpr std::string_view warning_mark = "[OTA_WARNING]";
 

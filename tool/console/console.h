@@ -16,10 +16,10 @@ namespace console {
 /** Takes the standard streams over. Called once, before any call of the library. */
 void open();
 
-/** Lets the library's log lines through to stderr, from now on. */
+/** From now on prints the library's log lines to stderr. */
 void be_verbose();
 
-/** From now on every line on stderr is one JSON object, but for a progress bar that was asked for. */
+/** From now on every line on stderr is one JSON object, except an explicitly requested progress bar. */
 void speak_json();
 bool speaks_json();
 
@@ -29,7 +29,7 @@ bool close();
 /** Prints to stdout. A missing line end is added. */
 void print(const std::string& text);
 
-/** Prints a remark to stderr, behind the command's name. */
+/** Prints a remark to stderr, prefixed with the command's name. */
 void note(const std::string& sentence);
 
 /** Prints why the command ends. */
@@ -38,13 +38,13 @@ void report(const Failure& failure);
 /** The stream for progress. */
 std::FILE* progress_stream();
 
-/** Passes the library's lines so far on to stderr, or drops them where nobody asked for them. */
+/** Passes the library's lines so far on to stderr, or drops them unless requested. */
 void pass_log_on();
 
 /** The same, and forgets the library's errors so far. */
 void forget_errors();
 
-/** The first error that the library logged since forget_errors(), else its first warning, behind ": "; or nothing. */
+/** The first error that the library logged since forget_errors(), else its first warning, prefixed with ": "; or "". */
 std::string logged_cause();
 
 } // namespace console

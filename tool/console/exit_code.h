@@ -4,10 +4,10 @@
 
 enum class ExitCode : int {
     ok = 0,
-    failed = 1,        /* refused or failed for a reason of its own; another command holds the lock */
-    usage = 2,         /* the command line makes no sense */
-    refused = 3,       /* the package is not to be trusted, not whole, or not for this board */
-    device = 4,        /* a device of the board could not be read or written, or did not keep the bytes */
+    failed = 1,        /* refused or failed for another reason; another command holds the lock */
+    usage = 2,         /* invalid command line */
+    refused = 3,       /* the package is untrusted, damaged, or not for this board */
+    device = 4,        /* a device of the board could not be read or written, or lost data */
     interrupted = 130, /* ended by a signal at a safe point */
 };
 

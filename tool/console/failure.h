@@ -1,4 +1,4 @@
-/** What ends a verb early: a sentence for the user, and what goes with it. */
+/** The error that ends a verb early: a message for the user, with details. */
 #ifndef TOOL_FAILURE_H
 #define TOOL_FAILURE_H
 
@@ -9,8 +9,8 @@
 #include <utility>
 
 /**
- * Sentences are lower case without a full stop and name the thing and the reason. `hint` says what to
- * do about it, `state` in what state the board is now; both may be empty.
+ * Sentences are lower case without a full stop and name the thing and the reason. `hint` names the
+ * remedy, `state` describes the state of the board; both may be empty.
  */
 class Failure : public std::runtime_error {
 public:

@@ -362,7 +362,7 @@ private:
     std::string text_;
     int indent_;
     size_t depth_ = 0;
-    bool is_first_ = true; /* no item of the array or object at hand is written yet */
+    bool is_first_ = true; /* no item of the current array or object is written yet */
 };
 
 std::string to_text(const Json& value, int indent) {

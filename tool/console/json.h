@@ -1,4 +1,4 @@
-/** JSON values: written as initializer lists, read out of a text, and their fields stay in the given order. */
+/** JSON values: written as initializer lists or parsed from text. Fields keep their order. */
 #ifndef TOOL_JSON_H
 #define TOOL_JSON_H
 
@@ -36,7 +36,7 @@ public:
     Json(std::string_view text);
     Json(const std::vector<std::string>& texts);
     Json(std::initializer_list<Pair> fields); /* each of another name */
-    Json(const void*) = delete;               /* and no bool */
+    Json(const void*) = delete;               /* and not a bool */
 
     /* All out of line: every verb writes dozens of values. */
     Json(const Json& other);
@@ -75,7 +75,7 @@ public:
 
     /** The fields of an object, in their order. */
     [[nodiscard]] const Object& fields() const;
-    [[nodiscard]] const Json* find(std::string_view key) const; /* nullptr: there is none, or no object */
+    [[nodiscard]] const Json* find(std::string_view key) const; /* nullptr if there is none, or not an object */
     [[nodiscard]] bool contains(std::string_view key) const;
     [[nodiscard]] const Json& at(std::string_view key) const;
     Json& operator[](std::string_view key); /* adds a null where there is none; null becomes an object */

@@ -65,7 +65,7 @@ void Progress::spare(std::string_view work, uint64_t bytes) {
     spared.total -= std::min(bytes, spared.total - spared.done);
 }
 
-/** The time since the last call goes to the work in hand. Syncing counts for the work before it. */
+/** Charges the time since the last call to the current work. Syncing counts towards the work before it. */
 void Progress::charge_time() {
     const auto now = Clock::now();
     if (charged_ < works_.size()) {
@@ -124,7 +124,7 @@ unsigned Progress::percent() const {
     return all == 0 ? 0 : static_cast<unsigned>(std::min<uint64_t>(99, done() * 100 / all));
 }
 
-/** From the rate of each kind of work; a kind that has not begun is taken for as fast as the others. */
+/** From the rate of each kind of work; a kind that has not started is assumed to be as fast as the others. */
 std::optional<double> Progress::seconds_left() const {
     Work all;
     for (const Work& work : works_) {

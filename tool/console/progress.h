@@ -1,6 +1,6 @@
 /**
- * Progress over known amounts of work. The share shown never goes back: work that turns out to be
- * needless makes the whole smaller. It stays below 100 % until finish(), because syncing and the last
+ * Progress over known amounts of work. The percentage never decreases: work that turns out to be
+ * unnecessary is subtracted from the total. It stays below 100 % until finish(), because syncing and the last
  * steps of an update have no bytes to count.
  */
 #ifndef TOOL_PROGRESS_H
@@ -15,7 +15,7 @@
 
 enum class ProgressMode { none, bar, plain, json };
 
-/** A bar on a terminal, lines elsewhere and where JSON is spoken. */
+/** A bar on a terminal, lines elsewhere and in JSON mode. */
 ProgressMode default_progress_mode();
 
 class Progress {
@@ -30,13 +30,13 @@ public:
 
     /** Announces work of a kind, such as "write", before any of it is done. */
     void expect(std::string_view work, uint64_t bytes);
-    /** Takes back what was announced and is not needed. */
+    /** Withdraws announced work that is not needed. */
     void spare(std::string_view work, uint64_t bytes);
     /** A step begins. `phase` may be a kind of work or something that has no bytes, such as "sync". */
     void begin(std::string_view phase, const std::string& subject);
-    /** Work of a kind went on by `bytes`. */
+    /** Records `bytes` more of this kind of work as done. */
     void advance(std::string_view work, uint64_t bytes);
-    /** Shows where it stands, if it is time to. */
+    /** Shows the progress if the interval has elapsed. */
     void tick();
     void finish();
 
@@ -65,7 +65,7 @@ private:
     std::vector<Work> works_;
     std::string phase_;
     std::string subject_;
-    size_t charged_ = 0; /* the work that the time now runs for */
+    size_t charged_ = 0; /* the work that time is charged to */
     Clock::time_point since_ = Clock::now();
     Clock::time_point shown_ = Clock::now();
     bool visible_ = false;

@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t piece_size = size_t{256} << 10;
 
-/** Bytes of a partition that are looked at. */
+/** How many bytes of a partition are read. */
 uint64_t bytes_to_read(FirmwareKind kind, uint64_t capacity) {
     const uint64_t most = kind == FirmwareKind::miniboot ? firmware_pair_size
                           : kind == FirmwareKind::vbmeta ? verified_boot_head_size
@@ -36,13 +36,13 @@ void write_all(int fd, std::span<const uint8_t> bytes) {
     }
 }
 
-/** A file in memory with the head of a device: versions are read from files, whose size the system knows. */
+/** Copies the start of a device to a file in memory: the version readers need a file with a size. */
 Descriptor copy_to_memory(const Device& device, uint64_t size) {
     Descriptor copy(memfd_create("tessera-firmware", MFD_CLOEXEC));
     if (copy.get() < 0) {
         throw Failure(ExitCode::failed, "cannot copy it to memory" + because(errno));
     }
-    device.sync(); /* what only the page cache holds does not boot */
+    device.sync(); /* data only in the page cache does not boot */
     const auto lost = device.uncorrectable_reads();
     std::vector<uint8_t> piece(piece_size);
     for (uint64_t done = 0; done < size; done += piece.size()) {
@@ -72,7 +72,7 @@ ImageVersion read_partition(const std::string& name, FirmwareKind kind) {
     return result;
 }
 
-/** The slot that a name belongs to; nothing for a partition that exists once. */
+/** The slot that a name belongs to; nullopt for a partition that exists once. */
 std::optional<int32_t> slot_of(const std::string& name, const SlotBlock& block) {
     for (const Slot& slot : block.slots) {
         if (name.ends_with("_" + slot_letter(slot.number))) {

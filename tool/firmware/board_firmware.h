@@ -1,4 +1,4 @@
-/** The firmware on the board's own partitions, read by the rules that hold for the images of a package. */
+/** The firmware on the board's partitions, read by the same rules as the images of a package. */
 #ifndef TOOL_BOARD_FIRMWARE_H
 #define TOOL_BOARD_FIRMWARE_H
 
@@ -10,7 +10,7 @@
 #include <vector>
 
 struct BoardFirmware {
-    std::optional<int32_t> slot; /* nothing for a partition that exists once */
+    std::optional<int32_t> slot; /* nullopt for a partition that exists once */
     ImageVersion image;
 
     /** Whether the system in this slot boots with it. */
@@ -21,7 +21,7 @@ struct BoardFirmware {
 
 /**
  * Reads the version of every firmware partition whose kind is wanted. What a partition is follows from its name;
- * "ubootenv" holds no firmware. An image without certificates has no version here. Throws only where the
+ * "ubootenv" holds no firmware. An image without certificates has no version here. Throws only if the
  * partitions cannot be listed; one that cannot be read has a problem instead of a version.
  * @param block  the board's slots: a name that ends in the letter of another one is that of a partition that
  *               exists once

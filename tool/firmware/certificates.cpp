@@ -22,7 +22,7 @@ std::string read_file(const std::string& path) {
     return read_small_file(path, firmware_limit);
 }
 
-/** The image with this UUID in one package; nothing when it is not there or lies outside. */
+/** The image with this UUID in one package; nullopt if it is missing or out of bounds. */
 std::optional<Bytes> find_image(Bytes package, const uuid_t& uuid) {
     firmware_walk walk{package};
     for (fip_toc_entry_t entry; next_firmware_entry(&walk, &entry);) {

@@ -12,11 +12,11 @@
 struct Certificate {
     std::string name;
     std::string short_name;
-    std::optional<uint32_t> version; /* nothing when the certificate shows none of its own */
+    std::optional<uint32_t> version; /* nullopt if the certificate has no version of its own */
     std::string problem;             /* why it cannot be read; else empty */
 };
 
-/** In the order in which they are judged. Empty for a verified-boot image, and for what is no package. */
+/** In the order in which they are checked. Empty for a verified-boot image, and for a file that is not a package. */
 std::vector<Certificate> list_certificates(FirmwareKind kind, const std::string& path);
 
 #endif

@@ -27,7 +27,7 @@ uint64_t read_rollback_index(const std::string& path) {
     }
 }
 
-/** What an image shows a version for; nothing where it is not described as having one, or is no firmware. */
+/** The kind of firmware an image is; nullopt if it is not described as versioned, or is not firmware. */
 std::optional<FirmwareKind> versioned_kind(const Image& image) {
     return image.has_version ? firmware_kind_of(image.name) : std::nullopt;
 }
@@ -56,7 +56,7 @@ void demand_room(const Package& package, const Description& description, const S
     }
 }
 
-/** Replaces the path of a temporary copy, which the user cannot look at, by the image's own name. */
+/** Replaces the path of a temporary copy, which the user does not know, by the image's name. */
 std::string without_path(std::string sentence, const std::string& path, const std::string& name) {
     for (size_t at = 0; !path.empty() && (at = sentence.find(path, at)) != std::string::npos; at += name.size()) {
         sentence.replace(at, path.size(), name);

@@ -1,4 +1,4 @@
-/** The anti-rollback versions that images show, and what they mean against the board's counters. */
+/** The anti-rollback versions of images, and their comparison with the board's counters. */
 #ifndef TOOL_IMAGE_VERSIONS_H
 #define TOOL_IMAGE_VERSIONS_H
 
@@ -24,11 +24,11 @@ struct ImageVersion {
     std::string partition;
     FirmwareKind kind;
     std::optional<uint64_t> version;
-    std::string problem; /* why there is no version */
+    std::string problem; /* why the version is unknown */
 };
 
 /**
- * The one version that an image shows, 64 bits wide in a verified-boot image. Throws with the library's
+ * The version of an image; 64 bits in a verified-boot image. Throws with the library's
  * reason when there is none.
  */
 uint64_t read_image_version(FirmwareKind kind, const std::string& path);
@@ -42,7 +42,7 @@ std::vector<ImageVersion> read_image_versions(const Package& package, const Desc
 /** The counters in the board's fuses. */
 Counters read_counters();
 
-/** The verdict over images, in words too. */
+/** The verdict on a package's images. */
 struct VersionCheck {
     antirollback_verdict verdict;
     std::string refusal; /* the first reason, in one sentence; empty when the images pass */
@@ -52,7 +52,7 @@ struct VersionCheck {
 VersionCheck compare_versions(const std::vector<ImageVersion>& versions, const std::optional<Counters>& counters);
 
 /**
- * Throws Failure for a package that the library would refuse, in better words. Touches nothing.
+ * Throws Failure, with a clearer message than the library's, for a package that it would refuse. Changes nothing.
  * @return the record for burning the fuses later, to be stored once the package is installed; nothing for a
  *         package without versions
  */

@@ -1,4 +1,4 @@
-/** Keeps an installation off devices that something else uses. */
+/** Prevents an installation from writing devices that are in use. */
 #ifndef TOOL_DEVICE_CLAIM_H
 #define TOOL_DEVICE_CLAIM_H
 

@@ -17,11 +17,11 @@ constexpr size_t read_back_size = size_t{256} << 10;
 
 using Group = std::vector<const Target*>;
 
-/** What to write of one kind, in the order of the plan. */
+/** The images of one kind to write, in the order of the plan. */
 Group group_of(const Plan& plan, bool ab) {
     Group group;
     for (const Target& target : plan.targets) {
-        if (target.image.is_ab() == ab && !target.stands) {
+        if (target.image.is_ab() == ab && !target.is_installed) {
             group.push_back(&target);
         }
     }
@@ -30,7 +30,7 @@ Group group_of(const Plan& plan, bool ab) {
 
 /* ---- before ---- */
 
-/** What an interrupted run leaves for `tessera status` to show. */
+/** The record that `tessera status` shows after an interrupted run. */
 void record_start(const Plan& plan) {
     StoredStatus stored = read_status();
     ota_status_t record = stored.is_valid ? stored.record : ota_status_t{};
@@ -58,13 +58,13 @@ void make_unbootable(int32_t slot) {
 
 /* ---- writing ---- */
 
-/** One image on its way; the library's callback carries no context of its own. */
+/** The image being written; the library's callback has no context argument. */
 struct Stream {
     ota_file_info_t place{};
     const Device* device = nullptr;
     Progress* progress = nullptr;
     uint64_t written = 0;
-    int error = 0; /* what the device reported while it stored the image */
+    int error = 0; /* errno value reported by the device while storing the image */
 };
 
 Stream* stream = nullptr;
@@ -73,12 +73,12 @@ void on_chunk(int32_t bytes) {
     const uint64_t begin = stream->written;
     stream->written += static_cast<uint64_t>(bytes);
     if (!stream->device->is_flash() && stream->error == 0) {
-        stream->error = stream->device->push(begin, stream->written); /* else the page cache would swallow the image */
+        stream->error = stream->device->push(begin, stream->written); /* else the page cache would fill up */
     }
     stream->progress->advance("write", static_cast<uint64_t>(bytes));
     console::pass_log_on();
     if (is_interrupted() || stream->error != 0) {
-        stream->place.path[0] = '\0'; /* the next chunk finds no device, and the call ends between two */
+        stream->place.path[0] = '\0'; /* the next chunk finds no device, so the call ends between chunks */
     }
 }
 
@@ -117,7 +117,7 @@ void write_image(const Target& target, const Package& package, Progress& progres
 /* ---- reading back ---- */
 
 /**
- * A piece of a device that is being read, in a thread of its own where the system lets it have one. Its
+ * A piece of a device that is being read, in its own thread if the system allows one. Its
  * destructor waits for the reading to end.
  */
 struct Piece {
@@ -131,7 +131,7 @@ struct Piece {
     }
 };
 
-/** One piece is read while the one before it is digested: neither waits for the other. */
+/** Reads one piece while the previous one is digested. */
 Digests read_back(const Device& device, const Target& target, Progress& progress) {
     Digester digester(target.image.strongest_digest());
     Piece pieces[2];
@@ -155,7 +155,7 @@ Digests read_back(const Device& device, const Target& target, Progress& progress
     return digester.finish();
 }
 
-/** Tells a bad image from a bad device: which of the two is not what the description says? */
+/** Determines whether the image or the device is at fault. */
 Failure explain_difference(const Target& target, const Package& package) {
     Progress none(ProgressMode::none);
     if (!target.image.matches(digest_entry(package, target.image, target.image.strongest_digest(), none))) {
@@ -230,15 +230,15 @@ void run_plan(const Plan& plan, const Package& package, Progress& progress, Grou
     clear_status_flag();
 }
 
-/** Whether an earlier run left the record, and all that it lists has been found to stand. */
+/** Whether an earlier run left the record and everything it lists was found installed. */
 bool is_completed_by(const Plan& plan, const StoredStatus& stored) {
-    if (stored.record.owner != OTA_TOOL || !left_behind(plan, stored.record).empty()) {
+    if (stored.record.owner != OTA_TOOL || !unfinished_partition(plan, stored.record).empty()) {
         return false;
     }
     return !stored.lists_slot() || (plan.slot && stored.record.next_slot == static_cast<uint32_t>(*plan.slot));
 }
 
-/** What an earlier run did may still be in the page cache only, and not be told. */
+/** The results of an earlier run may still be only in the page cache, and its status unfinished. */
 void settle(const Plan& plan) {
     if (plan.slot) {
         sync_partition("misc");
@@ -265,7 +265,7 @@ std::string exposed_partitions(const Group& begun) {
     return names;
 }
 
-/** Asks the slot block, which knows better than any memory of what was done. */
+/** Reads the slot block, which is more reliable than a record of the steps taken. */
 std::string state_of_board(const Plan& plan, const Group& begun) {
     std::string state;
     try {

@@ -50,9 +50,9 @@ Target make_target(const Package& package, const Image& image, const InstallOpti
     return target;
 }
 
-/** The version of the running system; empty when the board has no file that tells. */
+/** The version of the running system; empty if the board has no version file. */
 std::string read_installed_version(const InstallOptions& options) {
-    std::error_code ignored; /* a file that cannot be looked up is no file that is not there */
+    std::error_code ignored; /* a file that cannot be looked up may exist */
     const auto type = std::filesystem::status(options.version_file, ignored).type();
     if (!options.version_file_named && type == std::filesystem::file_type::not_found) {
         return "";
@@ -68,7 +68,7 @@ std::string read_installed_version(const InstallOptions& options) {
     }
 }
 
-void judge_version(const Plan& plan, bool allow_downgrade) {
+void check_version(const Plan& plan, bool allow_downgrade) {
     const std::string& offered = plan.description.version;
     if (allow_downgrade || plan.installed_version.empty()) {
         return;
@@ -83,7 +83,7 @@ void judge_version(const Plan& plan, bool allow_downgrade) {
 /** Whether the device holds the image. Stops at the first difference. `done` counts the bytes compared. */
 bool holds_image(const Target& target, const Package& package, uint64_t& done, Progress& progress) {
     const Device& device = *target.opened;
-    device.sync(); /* what a killed run left in the page cache is no proof */
+    device.sync(); /* data left in the page cache by a killed run proves nothing */
     const auto lost = device.uncorrectable_reads();
     Digester digester(target.image.strongest_digest());
     std::vector<uint8_t> held;
@@ -133,13 +133,13 @@ bool needs_switch(const SlotBlock& block, int32_t slot, std::optional<int32_t> r
     return slot != running || !block.has_highest_priority(slot) || block.find(slot)->corrupted;
 }
 
-bool stands_already(const Target& target, const Package& package, Progress& progress) {
+bool holds_image(const Target& target, const Package& package, Progress& progress) {
     uint64_t compared = 0;
     bool is_equal = false;
     try {
         is_equal = holds_image(target, package, compared, progress);
     } catch (const Failure& failure) {
-        /* A flash that cannot be read where it was never written has still to be written. */
+        /* Flash that was never written may be unreadable; it still has to be written. */
         if (failure.code != ExitCode::device) {
             throw;
         }
@@ -156,16 +156,16 @@ std::string Target::partition() const {
 
 bool Plan::writes(bool ab) const {
     return std::any_of(targets.begin(), targets.end(),
-                       [&](const Target& target) { return target.image.is_ab() == ab && !target.stands; });
+                       [&](const Target& target) { return target.image.is_ab() == ab && !target.is_installed; });
 }
 
 Plan begin_plan(const Package& package, const InstallOptions& options) {
     Plan plan;
     plan.description = read_description(package, options.trust, plan.signer);
     check_board_name(plan.description, options.board);
-    judge_images(package, plan.description, !options.trust.file.empty());
+    check_contents(package, plan.description, !options.trust.file.empty());
     plan.installed_version = read_installed_version(options);
-    judge_version(plan, options.allow_downgrade);
+    check_version(plan, options.allow_downgrade);
     return plan;
 }
 
@@ -200,8 +200,8 @@ void announce(const Plan& plan, const InstallOptions& options, Progress& progres
 void survey(Plan& plan, const Package& package, Progress& progress) {
     for (Target& target : plan.targets) {
         progress.begin("compare", target.partition());
-        target.stands = stands_already(target, package, progress);
-        if (target.stands) {
+        target.is_installed = holds_image(target, package, progress);
+        if (target.is_installed) {
             progress.spare("check", target.read_first ? target.size : 0);
             progress.spare("write", target.size);
             progress.spare("verify", target.size);
@@ -211,7 +211,7 @@ void survey(Plan& plan, const Package& package, Progress& progress) {
 
 void check_images(const Plan& plan, const Package& package, Progress& progress) {
     for (const Target& target : plan.targets) {
-        if (!target.read_first || target.stands) {
+        if (!target.read_first || target.is_installed) {
             continue;
         }
         if (!target.image.matches(digest_entry(package, target.image, target.image.strongest_digest(), progress))) {
@@ -220,7 +220,7 @@ void check_images(const Plan& plan, const Package& package, Progress& progress) 
     }
 }
 
-std::string left_behind(const Plan& plan, const ota_status_t& record) {
+std::string unfinished_partition(const Plan& plan, const ota_status_t& record) {
     for (size_t i = 0; i < listed_partitions(record); ++i) {
         std::string name = partition_name(record.update_part, i);
         if (std::none_of(plan.targets.begin(), plan.targets.end(),
@@ -231,13 +231,13 @@ std::string left_behind(const Plan& plan, const ota_status_t& record) {
     return "";
 }
 
-void judge_record(Plan& plan) {
+void check_record(Plan& plan) {
     const StoredStatus stored = read_status();
     plan.record_is_valid = stored.is_valid;
     if (!stored.is_cut()) {
         return;
     }
-    if (std::string name = left_behind(plan, stored.record); !name.empty()) {
+    if (std::string name = unfinished_partition(plan, stored.record); !name.empty()) {
         throw Failure(ExitCode::failed,
                       "an earlier installation has not ended, and this package has no image for its partition " + name,
                       "install one that has; tessera status shows the record");
@@ -245,11 +245,10 @@ void judge_record(Plan& plan) {
 }
 
 bool is_done(const Plan& plan) {
-    return !plan.writes(true) && !plan.writes(false) &&
-           (!plan.switches || read_slot_block().is_alone_in_front(*plan.slot));
+    return !plan.writes(true) && !plan.writes(false) && (!plan.switches || read_slot_block().is_sole_next(*plan.slot));
 }
 
-void judge_slots(const Plan& plan) {
+void check_slots(const Plan& plan) {
     if (!plan.slot || is_done(plan)) {
         return;
     }

@@ -1,4 +1,4 @@
-/** What an installation is going to do, judged as a whole before anything is written. */
+/** The plan of an installation, checked as a whole before anything is written. */
 #ifndef TOOL_INSTALL_PLAN_H
 #define TOOL_INSTALL_PLAN_H
 
@@ -16,7 +16,7 @@
 struct InstallOptions {
     std::string package;
     TrustOptions trust;
-    std::string board; /* in place of the board's own names; empty: its own */
+    std::string board; /* replaces the board's own names; empty: keep them */
     std::string lock_file = default_lock_file;
     std::string version_file = "/usr/velox/version";
     bool version_file_named = false; /* by the user, who expects it to be there */
@@ -31,7 +31,7 @@ struct Target {
     uint64_t size;                             /* bytes of the image */
     std::string device;                        /* path */
     bool read_first;                           /* its digest is compared before anything is done with it */
-    bool stands = false;                       /* the device holds the image already */
+    bool is_installed = false;                 /* the device holds the image already */
     std::unique_ptr<const Device> opened = {}; /* once for all that is read of it; the library writes by the path */
 
     /** "system_b", or the plain name of a partition that exists once */
@@ -40,10 +40,10 @@ struct Target {
 
 struct Plan {
     Description description;
-    std::string signer;             /* empty when no trust was asked for */
-    std::string installed_version;  /* empty when the board does not tell */
+    std::string signer;             /* empty if no trust was requested */
+    std::string installed_version;  /* empty if unknown */
     std::vector<Target> targets;    /* those of the slot first: what has no second copy is written last */
-    bool record_is_valid = true;    /* the update status tells whether an installation was cut */
+    bool record_is_valid = true;    /* the update status shows whether an installation was interrupted */
     std::optional<int32_t> slot;    /* the update slot, when an image goes to a slot */
     std::optional<int32_t> running; /* known whenever `slot` is, but in recovery mode no slot's system runs */
     bool switches = false;          /* the slot is made the next one in the end */
@@ -55,40 +55,40 @@ struct Plan {
     [[nodiscard]] bool writes(bool ab) const;
 };
 
-/** Judges the package by itself and its version, without reading images whole. Throws Failure. */
+/** Checks the package and its version without reading whole images. Throws Failure. */
 Plan begin_plan(const Package& package, const InstallOptions& options);
 
-/** Finds where each image goes; refuses what does not fit there, and a slot block of which nothing is known. */
+/** Determines the target of each image; refuses images that do not fit, and an invalid slot block. */
 void add_targets(Plan& plan, const Package& package, const InstallOptions& options);
 
-/** Announces all work that the plan may take, so that the share done never falls. */
+/** Announces all work that the plan may need, so that the percentage never decreases. */
 void announce(const Plan& plan, const InstallOptions& options, Progress& progress);
 
-/** Finds out which images their devices hold already. */
+/** Determines which images are already installed. */
 void survey(Plan& plan, const Package& package, Progress& progress);
 
 /**
- * Reads the images that must not be believed before: for partitions that exist once, where a damaged one
+ * Verifies the images that must be checked before use: those for partitions that exist once, where a damaged one
  * would cost the only copy, and those whose versions are stored. Where nothing will be written, all.
  */
 void check_images(const Plan& plan, const Package& package, Progress& progress);
 
-/** A partition that the record of an installation lists and the plan has no image for; empty without one. */
-std::string left_behind(const Plan& plan, const ota_status_t& record);
+/** A partition that the record of an installation lists but the plan has no image for; empty if none. */
+std::string unfinished_partition(const Plan& plan, const ota_status_t& record);
 
 /**
- * Refuses to go on where another package was cut in partitions that this one does not have: what stands in
- * them is unknown, and the record would no longer tell.
+ * Refuses to continue if another package was interrupted in partitions that this one lacks: their contents
+ * are unknown, and the record would no longer show that.
  */
-void judge_record(Plan& plan);
+void check_record(Plan& plan);
 
-/** Whether the board already is where the package would bring it. */
+/** Whether the board is already in the state that the plan leads to. */
 bool is_done(const Plan& plan);
 
 /**
  * Refuses to write the slot or to switch to it while the other one is not confirmed: after a power cut that
  * loses the slot block a half-written slot could boot, or the last system known to be good would be written.
  */
-void judge_slots(const Plan& plan);
+void check_slots(const Plan& plan);
 
 #endif

@@ -47,7 +47,7 @@ const char* kind_of(mode_t mode) {
     }
 }
 
-/** Where others can write to the file, or it is another file by a second name, it is not the command's own. */
+/** A file that others can write to, or that has a second name, is not the command's own. */
 void check_status(const std::string& file, const struct stat& status) {
     if (!S_ISREG(status.st_mode)) {
         refuse(file, std::string("it is ") + kind_of(status.st_mode));
@@ -63,7 +63,7 @@ void check_status(const std::string& file, const struct stat& status) {
     }
 }
 
-/** Looks before it opens: the mere opening of a FIFO waits, and that of a device may start something. */
+/** Checks before opening: opening a FIFO blocks, and opening a device may have side effects. */
 Descriptor open_existing(const std::string& file) {
     check_lock_file(file);
     return Descriptor(open(file.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -94,7 +94,7 @@ Descriptor open_lock_file(const std::string& file) {
     return fd;
 }
 
-/** A lock on a file that was removed, or replaced, since it was opened keeps nobody out. */
+/** A lock on a file that was removed or replaced after it was opened excludes no one. */
 bool is_still_there(const std::string& file, int fd) {
     struct stat opened {};
     struct stat named {};
@@ -148,12 +148,12 @@ std::string describe_holder(const std::string& file, int fd) {
     if (const std::string command = pid > 0 ? command_of(pid) : ""; !command.empty()) {
         return format("process %d (%s)", pid, command.c_str());
     }
-    /* A holder in another container leaves no trace but its own words. */
+    /* A holder in another container is known only by what it wrote to the file. */
     const std::string words = read_words(fd);
     return words.starts_with(holder_mark) ? words : "another process";
 }
 
-/** Leaves a file alone that holds anything but a former holder's words: --lock may have named it by mistake. */
+/** Does not overwrite a file with any other content than a former holder's: --lock may name it by mistake. */
 void write_holder(const std::string& file, int fd, const std::string& words) {
     const std::string before = read_words(fd);
     if (!before.empty() && !before.starts_with(holder_mark)) {

@@ -1,4 +1,4 @@
-/** The lock that lets only one command at a time change what an update relies on. */
+/** The lock that allows only one command at a time to change what updates rely on. */
 #ifndef TOOL_UPDATE_LOCK_H
 #define TOOL_UPDATE_LOCK_H
 
@@ -19,12 +19,12 @@ void check_lock_file(const std::string& file);
 class UpdateLock {
 public:
     /**
-     * Takes the lock. From then on signals only ask for the end; while it waits they end the command.
+     * Takes the lock. After that signals only request termination; while waiting they end the command.
      * Throws Failure that names the lock's holder, or what is wrong with the file: that is neither followed,
      * where it is a link, nor waited for, where it is a FIFO.
      * @param file      created with mode 0600 where it is missing
      * @param holder    written into the file, for a command that finds it locked
-     * @param patience  how long to wait for another holder at most
+     * @param patience  longest time to wait for another holder
      */
     UpdateLock(std::string file, const std::string& holder, std::chrono::seconds patience = {});
     ~UpdateLock();

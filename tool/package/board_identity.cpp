@@ -20,7 +20,7 @@ std::vector<std::string> read_board_names() {
         throw Failure(ExitCode::failed, std::string("cannot open ") + compatible_path + because(errno));
     }
     std::vector<std::string> names;
-    for (std::string name; std::getline(file, name, '\0') && !file.eof();) { /* an end without a NUL is no name */
+    for (std::string name; std::getline(file, name, '\0') && !file.eof();) { /* an unterminated rest is not a name */
         if (!name.empty()) {
             names.push_back(name);
         }

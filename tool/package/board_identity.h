@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-/** The remark on a package that names none. */
+/** The remark on a package that names no boards. */
 inline constexpr char no_boards_remark[] =
     "the package does not name its boards: whether it is for this one was not checked";
 

@@ -29,7 +29,7 @@ bool is_board_name(const Json& name) {
            std::ranges::all_of(name.text(), is_printable);
 }
 
-/** Takes fields out of a JSON object, and knows in the end which of them nobody asked for. */
+/** Takes fields out of a JSON object and keeps track of unknown ones. */
 class Fields {
 public:
     Fields(const Json& object, std::string where) : object_(object), where_(std::move(where)) {
@@ -76,7 +76,7 @@ public:
         return *value;
     }
 
-    /** Hexadecimal digits; empty when the field may be missing and is. */
+    /** Hexadecimal digits; empty if the field is optional and missing. */
     std::string digest(const std::string& field, size_t digits, bool may_be_missing) {
         if (may_be_missing && optional(field) == nullptr) {
             return {};
@@ -152,10 +152,10 @@ private:
     std::set<std::string> taken_;
 };
 
-/** Partitions that an update relies on while it runs, or that hold all others. */
+/** Partitions that an update relies on while it runs, or that contain all others. */
 constexpr std::array untouchable = {"misc", "ubootenv", "blk"};
 
-void judge_name(const Fields& fields, const Image& image) {
+void check_name(const Fields& fields, const Image& image) {
     if (image.name.find('/') != std::string::npos || image.name.starts_with('.')) {
         throw fields.wrong("name", "must be the name of a partition");
     }
@@ -167,7 +167,7 @@ void judge_name(const Fields& fields, const Image& image) {
     }
 }
 
-void judge_file(const Fields& fields, const Image& image) {
+void check_file(const Fields& fields, const Image& image) {
     const std::string around = "/" + image.file + "/";
     if (image.file.starts_with('/') || around.find("/../") != std::string::npos || image.file.ends_with('/')) {
         throw fields.wrong("file", "must be the name of a file in the package");
@@ -194,8 +194,8 @@ Image parse_image(const Json& json, size_t index, bool draft) {
     image.size = fields.size("size");
     image.has_version = fields.flag("anti_rollback");
     fields.refuse_others();
-    judge_name(fields, image);
-    judge_file(fields, image);
+    check_name(fields, image);
+    check_file(fields, image);
     return image;
 }
 
@@ -208,7 +208,7 @@ void refuse_repeated_names(const std::vector<Image>& images) {
     }
 }
 
-void judge_version(const Fields& fields, const std::string& version) {
+void check_version(const Fields& fields, const std::string& version) {
     const bool is_plain =
         std::none_of(version.begin(), version.end(), [](unsigned char c) { return std::isgraph(c) == 0; });
     if (!is_plain || version[0] != 'V') {
@@ -240,7 +240,7 @@ Description parse_description(const Json& json, bool draft) {
     Fields fields(json, "");
     Description description{};
     description.version = fields.text("version", 128);
-    judge_version(fields, description.version);
+    check_version(fields, description.version);
     const Json& partitions = fields.required("partitions");
     if (!partitions.is_array() || partitions.empty() || partitions.size() > max_images) {
         throw fields.wrong("partitions", format("must be a list of 1 to %zu partitions", max_images));

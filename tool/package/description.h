@@ -1,6 +1,6 @@
 /**
  * The description of an update, "update.json" in the package. Nothing in it is used before all of it
- * has been judged: unknown fields, wrong types and values out of range are refused by name.
+ * has been checked: unknown fields, wrong types and values out of range are refused by name.
  */
 #ifndef TOOL_DESCRIPTION_H
 #define TOOL_DESCRIPTION_H
@@ -20,7 +20,7 @@ inline constexpr size_t description_limit = size_t{256} << 10;
 
 /**
  * The entries of signatures: "update.json.p7s", and "update.json.2.p7s" to "update.json.8.p7s". Each has a file
- * of its own, since others' tools demand that all signers in one are trusted.
+ * of its own, since other tools require all signers in one file to be trusted.
  */
 std::string signature_name(size_t index);
 bool is_signature_name(const std::string& name);
@@ -38,7 +38,7 @@ struct Image {
     [[nodiscard]] bool is_ab() const {
         return type == AB;
     }
-    /** SHA-256 where it is given: MD5, much slower and weaker, says nothing more beside it. */
+    /** SHA-256 where it is given: MD5, much slower and weaker, adds nothing to it. */
     [[nodiscard]] Digester::Kind strongest_digest() const {
         return digests.sha256.empty() ? Digester::Kind::md5 : Digester::Kind::sha256;
     }
@@ -51,7 +51,7 @@ struct Image {
 
 struct Description {
     std::string version;
-    std::vector<std::string> boards; /* that it is for; empty when it does not say */
+    std::vector<std::string> boards; /* that it is for; empty if it names none */
     std::vector<Image> images;
     int32_t sec_up_flag;
     int32_t nosec_up_flag;

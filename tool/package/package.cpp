@@ -29,7 +29,7 @@ Descriptor open_regular_file(const std::string& path) {
     return fd;
 }
 
-/** The unpacked size; where the extra field should have it and does not, it stays as it is, as in the library. */
+/** The unpacked size; if the extra field lacks it, the size stays unchanged, as in the library. */
 uint64_t true_size(const unz_file_info64& info, std::span<const uint8_t> extra) {
     uint64_t size = info.uncompressed_size;
     if (size == zip_size_in_extra) {
@@ -40,7 +40,7 @@ uint64_t true_size(const unz_file_info64& info, std::span<const uint8_t> extra) 
 
 } // namespace
 
-/** As the library counts: a name that is too long to be judged is taken for an image. */
+/** As the library counts: a name that is too long to be checked counts as an image. */
 bool Entry::is_image() const {
     const auto has_extension = [&](const char* extension) { return is_xxx_file(name.c_str(), extension) != 0; };
     return has_extension("img") || has_extension("bin") || has_extension("ubifs");
@@ -74,7 +74,7 @@ Entry Package::current_entry() const {
     Entry entry{};
     int result = unzGetCurrentFileInfo64(zip_.get(), &info, nullptr, 0, nullptr, 0, nullptr, 0);
     std::vector<uint8_t> extra(result == UNZ_OK ? info.size_file_extra : 0);
-    if (result == UNZ_OK) { /* asked for more, it looks at more, and may find that damaged */
+    if (result == UNZ_OK) { /* a larger request would read more, which may be damaged */
         entry.name.resize(info.size_filename);
         result = unzGetCurrentFileInfo64(zip_.get(), &info, entry.name.data(), entry.name.size(), extra.data(),
                                          extra.size(), nullptr, 0);
@@ -131,7 +131,7 @@ bool Package::read(const Entry& entry, const std::function<bool(std::span<const 
             return false;
         }
     }
-    /* minizip does not judge the checksum of an entry whose size stands in a zip64 field. */
+    /* minizip does not check the checksum of an entry whose size is in a zip64 field. */
     if (unzCloseCurrentFile(zip_.get()) == UNZ_CRCERROR || (entry.in_zip64 && sum != entry.crc)) {
         throw damaged(entry.name + ": checksum mismatch");
     }

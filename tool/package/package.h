@@ -1,6 +1,6 @@
 /**
  * An update package. The file is opened once and stays open; the library is given a path that leads to
- * this open file, so nobody can put another package in its place between the check and the use.
+ * this open file, so the package cannot be replaced between check and use.
  */
 #ifndef TOOL_PACKAGE_H
 #define TOOL_PACKAGE_H
@@ -20,11 +20,11 @@
 struct Entry {
     std::string name;
     zip_kind kind;
-    uint64_t size; /* unpacked bytes, also where only the zip64 field tells them */
+    uint64_t size; /* unpacked bytes, even if only the zip64 field has them */
     bool in_zip64; /* so it is with this entry */
     uint32_t crc;
     uint64_t packed_size;
-    uint32_t mode; /* Unix permissions; 0 from a packer that knows none */
+    uint32_t mode; /* Unix permissions; 0 if the packer stored none */
     tm_unz date;
     unz64_file_pos position;
 

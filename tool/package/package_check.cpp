@@ -11,7 +11,7 @@
 namespace {
 
 constexpr size_t signature_limit = size_t{64} << 10;
-constexpr uint64_t largest_image = 0xFFFFFFFE; /* what the library can take out of a package */
+constexpr uint64_t largest_image = 0xFFFFFFFE; /* the largest entry that the library can unpack */
 
 } // namespace
 
@@ -69,8 +69,8 @@ Description read_description(const Package& package, const TrustOptions& trust, 
 }
 
 /**
- * The library looks entries up by the C string of their name: behind a null character a second entry could
- * hide, and the one that is written would not be the one that was judged.
+ * The library looks entries up by the C string of their name: a second entry could hide
+ * behind a null character, and the entry written would not be the one that was checked.
  */
 void check_names(const Package& package) {
     std::set<std::string_view> names;
@@ -105,7 +105,7 @@ void check_image(const Package& package, const Image& image, bool is_signed) {
     }
 }
 
-void judge_images(const Package& package, const Description& description, bool is_signed) {
+void check_contents(const Package& package, const Description& description, bool is_signed) {
     check_names(package);
     for (const Image& image : description.images) {
         check_image(package, image, is_signed);

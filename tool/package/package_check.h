@@ -1,6 +1,6 @@
 /**
- * What a package shows by itself, on any machine: who signed it, and whether its images are those that it
- * describes.
+ * Checks of a package that work on any machine: its signers, and whether its images match the
+ * description.
  */
 #ifndef TOOL_PACKAGE_CHECK_H
 #define TOOL_PACKAGE_CHECK_H
@@ -20,23 +20,23 @@ void check_trust_options(const TrustOptions& trust);
 /** Checks every signer of every signature in the package; none where it is not signed. */
 std::vector<Signer> check_signers(const Package& package, const std::string& text, const Trust* trust);
 
-/** One that was accepted; else null. */
+/** An accepted signer; null if there is none. */
 const Signer* find_accepted(const std::vector<Signer>& signers);
 
 /** Names every signer that is not accepted, and why. */
 Failure untrusted(const std::vector<Signer>& signers);
 
-/** The description, believed only after one of its signatures where an authority is named. */
+/** The description; if authorities are given, only after one of its signatures was accepted. */
 Description read_description(const Package& package, const TrustOptions& trust, std::string& signer);
 
-/** Refuses names that mean two things. */
+/** Refuses ambiguous names. */
 void check_names(const Package& package);
 
 /** Refuses an image whose size is not the described one, and a signed one without SHA-256. */
 void check_image(const Package& package, const Image& image, bool is_signed);
 
 /** Checks the names, and all images. */
-void judge_images(const Package& package, const Description& description, bool is_signed);
+void check_contents(const Package& package, const Description& description, bool is_signed);
 
 /** Reads an entry to its end and drops it, with progress of the kind "check". Throws Failure where it is damaged. */
 void read_through(const Package& package, const Entry& entry, Progress& progress);

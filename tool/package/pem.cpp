@@ -64,7 +64,7 @@ bool PemBlock::is_revocation_list() const {
     return kind == PEM_STRING_X509_CRL;
 }
 
-/** A pipe is as good as a file, but the opening does not wait for somebody to write to a FIFO. */
+/** A pipe is accepted like a file, but opening a FIFO does not wait for a writer. */
 Bio open_pem(const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
@@ -102,7 +102,7 @@ std::vector<PemBlock> read_pem(const std::string& path) {
     }
     const bool is_at_end = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
     ERR_clear_error();
-    /* A list that is left out revokes nothing, so whatever may be one has to be read. */
+    /* A skipped list would revoke nothing, so every block that may be one has to be read. */
     const auto lists = std::ranges::count_if(blocks, &PemBlock::is_revocation_list);
     if (!is_at_end || count(text, "BEGIN " PEM_STRING_X509_CRL) != lists) {
         throw Failure(ExitCode::failed, path + ": a PEM block is damaged");

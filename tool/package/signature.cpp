@@ -59,7 +59,7 @@ bool has_signed(CMS_SignerInfo* info, BIO* digests) {
     return is_genuine;
 }
 
-/** How a signature names a signer whose certificate it does not bring. */
+/** How a signature identifies a signer whose certificate it does not include. */
 std::string name_without_certificate(CMS_SignerInfo* info) {
     ASN1_OCTET_STRING* key = nullptr;
     X509_NAME* issuer = nullptr;
@@ -97,7 +97,7 @@ Signer check_signer(CMS_ContentInfo* cms, CMS_SignerInfo* info, BIO* digests, co
 
 std::vector<Signer> check_signature(const std::string& text, const std::string& signature, const Trust* trust) {
     const Cms cms(d2i_CMS_bio(memory(signature).get(), nullptr));
-    /* A signature that brings a content of its own vouches for that and not for the description. */
+    /* A signature with embedded content covers that content and not the description. */
     if (cms == nullptr || OBJ_obj2nid(CMS_get0_type(cms.get())) != NID_pkcs7_signed ||
         CMS_is_detached(cms.get()) != 1) {
         return {unknown_signer("the signature is not a detached CMS signature")};

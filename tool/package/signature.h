@@ -15,7 +15,7 @@
 /** One signer of a description. */
 struct Signer {
     std::string name;                /* the subject of its certificate */
-    std::optional<time_t> signed_at; /* by its own statement, which its signature covers */
+    std::optional<time_t> signed_at; /* as stated in its signed attributes */
     std::optional<Rejection> problem;
 };
 
@@ -32,7 +32,7 @@ std::vector<Signer> check_signature(const std::string& text, const std::string& 
 class SigningKey {
 public:
     /**
-     * Reads PEM files. Further certificates behind the key's own in its file are those of the authorities
+     * Reads PEM files. Further certificates after the key's own in its file are those of the authorities
      * between it and a trusted one: they go into the signature. Throws Failure that names the file.
      */
     SigningKey(const std::string& key_file, const std::string& certificate_file);
@@ -45,7 +45,7 @@ public:
     /** @return a signature of `text`, DER, with the present time as the time of signing */
     [[nodiscard]] std::string sign(const std::string& text) const;
 
-    /** What will keep the certificate from being accepted soon, or does already; empty without a reason. */
+    /** Why the certificate is or soon will be rejected; empty if there is no reason. */
     [[nodiscard]] std::string warning() const;
 
 private:

@@ -84,7 +84,7 @@ Trust::Trust(const TrustOptions& options) : file_(options.file), time_(options.t
     if (certificates_.empty()) {
         throw Failure(ExitCode::failed, file_ + " contains no certificate in PEM format");
     }
-    /* The authority decides who signs updates, not the purposes that a certificate names: those are for mail. */
+    /* The authority decides who may sign updates; the purposes in a certificate are for mail. */
     X509_STORE_set_purpose(store_.get(), X509_PURPOSE_ANY);
 }
 

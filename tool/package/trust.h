@@ -16,11 +16,11 @@
 enum class TrustTime { now, signing };
 
 struct TrustOptions {
-    std::string file; /* empty: no authority is named, and no signature is asked for */
+    std::string file; /* empty: no authority is given, and no signature is required */
     TrustTime time = TrustTime::now;
 };
 
-/** Why a signer is not accepted, and what to do about it; the hint may be empty. */
+/** Why a signer is rejected, and the remedy; the hint may be empty. */
 struct Rejection {
     std::string cause;
     std::string hint;
@@ -33,11 +33,11 @@ public:
 
     /**
      * Checks that `signer` leads to one of the authorities, that all certificates up to there are valid at the
-     * moment asked for, and that none is on a revocation list of its issuer. An issuer without a list in the
-     * file revokes nothing. Lists are checked against the clock, whichever moment is asked for: a list is
+     * requested time, and that none is on a revocation list of its issuer. An issuer without a list in the
+     * file revokes nothing. Lists are checked against the clock, whichever time is requested: a list is
      * renewed for as long as packages are installed, and a signer that was revoked since must be rejected.
      * @param others     certificates that may lie in between; may be null
-     * @param signed_at  when the signature was made, by its own statement; or nothing
+     * @param signed_at  when the signature states that it was made, if it does
      * @return why the signer is rejected, or nothing
      */
     [[nodiscard]] std::optional<Rejection> check(X509* signer, STACK_OF(X509) * others,

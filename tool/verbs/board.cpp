@@ -1,4 +1,4 @@
-/** tessera board: what this board is, and whether it supplies what the library needs. */
+/** tessera board: the board's properties, and whether it supplies what the library needs. */
 #include "board/names.h"
 #include "console/text.h"
 #include "package/board_identity.h"
@@ -44,8 +44,8 @@ void show_check(const Context& context) {
         value.push_back({{"item", item.name}, {"ok", is_ok}, {"stand_in", item.is_stand_in}, {"found", item.found}});
         text += format("%-9s%-20s%s\n", state, item.name.c_str(), item.found.c_str());
         if (!is_ok) {
-            value.back()["mend"] = item.mend;
-            text += format("%-9s%s\n", "", item.mend.c_str());
+            value.back()["mend"] = item.fix;
+            text += format("%-9s%s\n", "", item.fix.c_str());
         }
     }
     context.show({{"items", value}}, text);

@@ -29,11 +29,11 @@ constexpr uint64_t misc_size = slot_block_offset + sizeof(bootloader_control);
 constexpr uint64_t ubootenv_size = antirollback_record_offset + sizeof(antirollback_ver_t); /* its last record */
 constexpr char staging_directory[] = "/userdata/ota/unzip_dir";
 
-BoardItem number_item(const char* name, int32_t value, const std::string& word, const char* mend) {
-    return {name, value >= 0, value >= 0 ? word : "not on the kernel command line", mend};
+BoardItem number_item(const char* name, int32_t value, const std::string& word, const char* fix) {
+    return {name, value >= 0, value >= 0 ? word : "not on the kernel command line", fix};
 }
 
-/** A system on trial may be another one at the next boot. */
+/** A system on trial may be replaced by the other one at the next boot. */
 std::string trial_addition() {
     try {
         const SlotBlock block = read_slot_block();
@@ -67,17 +67,17 @@ std::set<std::string> partition_names() {
     return names;
 }
 
-/** An item over many names: it is there when none of them is wrong. */
+/** An item for many names: present if none of them is wrong. */
 BoardItem list_item(const char* name, const std::vector<std::string>& wrong, const std::string& found,
-                    const std::string& mend) {
+                    const std::string& fix) {
     std::string all;
     for (const std::string& one : wrong) {
         all += (all.empty() ? "" : ", ") + one;
     }
-    return {name, wrong.empty(), wrong.empty() ? found : all, mend};
+    return {name, wrong.empty(), wrong.empty() ? found : all, fix};
 }
 
-/** Every A/B partition is there for both slots. */
+/** Checks that every A/B partition exists for both slots. */
 BoardItem check_slots(const std::set<std::string>& names) {
     std::vector<std::string> missing;
     size_t pairs = 0;
@@ -100,7 +100,7 @@ BoardItem check_slots(const std::set<std::string>& names) {
 }
 
 BoardItem check_room(const std::string& name, uint64_t need) {
-    const std::string mend =
+    const std::string fix =
         format("supply a partition %s of at least %llu bytes", name.c_str(), static_cast<unsigned long long>(need));
     try {
         const Device device(partition_path(name));
@@ -109,9 +109,9 @@ BoardItem check_room(const std::string& name, uint64_t need) {
                     "start the partition with good blocks: records are written past bad ones and read at a fixed "
                     "place"};
         }
-        return {"partition " + name, device.capacity() >= need, human_bytes(device.capacity()), mend};
+        return {"partition " + name, device.capacity() >= need, human_bytes(device.capacity()), fix};
     } catch (const Failure& failure) {
-        return {"partition " + name, false, failure.what(), mend};
+        return {"partition " + name, false, failure.what(), fix};
     }
 }
 
@@ -144,22 +144,22 @@ BoardItem check_flash(const std::set<std::string>& names) {
                      "answers UBI_IOCVOLINFO (0x800C4F09)");
 }
 
-/** The file that the loader took a symbol from; empty when nothing has it. */
+/** The file that the loader resolved a symbol to; empty if none defines it. */
 std::string origin(const char* symbol) {
     Dl_info info{};
     void* const address = dlsym(RTLD_DEFAULT, symbol);
     return address != nullptr && dladdr(address, &info) != 0 ? info.dli_fname : "";
 }
 
-/** Each of the desktop's libraries has a symbol that says so, and no board's library has it. */
+/** The desktop's libraries carry a marker symbol, which no board's library has. */
 bool is_stand_in(const std::string& file) {
     void* const library = file.empty() ? nullptr : dlopen(file.c_str(), RTLD_LAZY | RTLD_NOLOAD);
     if (library == nullptr) {
         return false;
     }
-    const bool says_so = dlsym(library, "tessera_stand_in") != nullptr;
+    const bool is_marked = dlsym(library, "tessera_stand_in") != nullptr;
     (void)dlclose(library);
-    return says_so;
+    return is_marked;
 }
 
 BoardItem check_log_library() {
@@ -201,7 +201,7 @@ BoardItem check_flash_commands(const std::set<std::string>& names) {
             format("supply command files in %s and a partition flashcmd", flash_command_directory)};
 }
 
-/** The library makes the directory, but not the file system that it lies on. */
+/** The library creates the directory, but not the file system under it. */
 BoardItem check_staging() {
     std::string path =
         fs::is_directory(staging_directory) ? staging_directory : fs::path(staging_directory).parent_path().string();
@@ -213,13 +213,13 @@ BoardItem check_staging() {
 
 BoardItem check_lock() {
     const std::string place = fs::path(default_lock_file).parent_path();
-    const std::string mend = format("have %s mounted before the boot script runs tessera confirm", place.c_str());
+    const std::string fix = format("have %s mounted before the boot script runs tessera confirm", place.c_str());
     if (access(place.c_str(), W_OK) != 0) {
-        return {"lock", false, place + because(errno), mend};
+        return {"lock", false, place + because(errno), fix};
     }
     try {
         check_lock_file(default_lock_file);
-        return {"lock", true, place + " is writable", mend};
+        return {"lock", true, place + " is writable", fix};
     } catch (const Failure& failure) {
         return {"lock", false, failure.what(), std::string("remove ") + default_lock_file};
     }

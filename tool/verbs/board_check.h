@@ -8,12 +8,12 @@
 struct BoardItem {
     std::string name;
     bool is_there;
-    std::string found;        /* what is there, or what is wrong */
-    std::string mend;         /* how to supply it */
-    bool is_stand_in = false; /* it is there, but a desktop's library in place of the board's */
+    std::string found;        /* what was found, or what is wrong */
+    std::string fix;          /* how to supply it */
+    bool is_stand_in = false; /* present, but a desktop library instead of the board's */
 };
 
-/** Looks at every item and changes nothing. Items that this board's medium does not need are left out. */
+/** Checks every item and changes nothing. Items that this board's medium does not need are left out. */
 std::vector<BoardItem> check_board();
 
 #endif

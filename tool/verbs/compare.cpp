@@ -1,4 +1,4 @@
-/** tessera compare: do two partitions hold the same bytes, and if not, from where on do they differ? */
+/** tessera compare: whether two partitions hold the same bytes, and if not, where they first differ. */
 #include "board/device.h"
 #include "board/partition.h"
 #include "console/interrupt.h"

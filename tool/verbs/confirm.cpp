@@ -1,4 +1,4 @@
-/** tessera confirm: for the script that finds the system well after a boot. */
+/** tessera confirm: for the script that checks the system after a boot. */
 #include "board/names.h"
 #include "board/slot_block.h"
 #include "board/status_record.h"
@@ -10,7 +10,7 @@
 
 namespace {
 
-/** A boot script has nobody to ask again: time enough for whatever does not write images. */
+/** A boot script cannot ask the user: long enough for any command that does not write images. */
 constexpr std::chrono::seconds patience{30};
 
 /**
@@ -46,7 +46,7 @@ bool is_confirmed(int32_t running) {
 }
 
 void make_confirmed(int32_t running) {
-    repair_slot_block(); /* a page that a power cut tore may be another than that of the block */
+    repair_slot_block(); /* the page torn by a power cut may not be the block's */
     if (const auto block = find_slot_block(); !block) {
         recreate_block(running);
     } else if (const Slot& slot = find_running(*block, running); slot.corrupted) {
@@ -72,7 +72,7 @@ void confirm(const Context& context, const std::string& lock_file) {
                       "tessera slots shows the slots");
     }
     const int32_t running = running_slot();
-    /* The first look is without the lock. On flash the block is missing while another command writes it. */
+    /* The first read is without the lock. On flash the block is missing while another command writes it. */
     const bool changed = !is_confirmed(running) && confirm_alone(running, lock_file);
     context.show({{"slot", running}, {"changed", changed}},
                  "slot " + slot_letter(running) + (changed ? " is confirmed" : " is already confirmed"));

@@ -1,6 +1,6 @@
 /**
- * tessera digest: the digest of a file or partition. Bad blocks of NAND are left out, as they are on
- * writing: the digest of a partition is then that of the image that was written to it.
+ * tessera digest: the digest of a file or partition. Bad blocks of NAND are skipped, as in
+ * writing, so the digest of a partition equals that of the image written to it.
  */
 #include "board/digest.h"
 #include "board/device.h"

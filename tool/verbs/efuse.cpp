@@ -68,7 +68,7 @@ antirollback_ver_t versions_to_burn(const Counters& counters) {
     return record;
 }
 
-/** What a kind of firmware has to show; nothing where its counter is not to be raised. */
+/** The version that a kind of firmware must have; nullopt if its counter is not to be raised. */
 std::optional<uint32_t> demanded_version(const antirollback_ver_t& record, FirmwareKind kind) {
     const bool is_secure = kind == FirmwareKind::miniboot;
     const bool raise = (is_secure ? record.sec_up_flag : record.nosec_up_flag) == 1;
@@ -168,7 +168,7 @@ void check_running_slot(const std::vector<BoardFirmware>& firmware, int32_t runn
     }
 }
 
-/** The same of another slot, whose firmware has to be there and of every kind that the running one has. */
+/** The same for another slot, which must have every kind of firmware that the running slot has. */
 std::string complaint_about_other(const std::vector<BoardFirmware>& firmware, int32_t other, int32_t running,
                                   const antirollback_ver_t& record) {
     if (const std::string absent = absent_firmware(firmware, other, record); !absent.empty()) {
@@ -182,7 +182,7 @@ std::string complaint_about_other(const std::vector<BoardFirmware>& firmware, in
     return complaint_about(firmware, other, record);
 }
 
-/** The bootable slots whose systems the raised counters would end. Refuses where they are not to be given up. */
+/** The bootable slots that the raised counters would make unbootable. Refuses unless they may be given up. */
 std::vector<Slot> slots_to_give_up(const std::vector<BoardFirmware>& firmware, const SlotBlock& block, int32_t running,
                                    const antirollback_ver_t& record, bool give_up) {
     std::vector<Slot> lost;
@@ -215,7 +215,7 @@ std::vector<Slot> check_board(const antirollback_ver_t& record, const Options& o
 
 /* ---- burning ---- */
 
-/** What a package has to contain once the counters are there. */
+/** What a package must contain once the counters are raised. */
 std::string demand_on_packages(const Counters& counters) {
     const auto demand = [](const char* firmware, uint32_t version) {
         return format("%s firmware of version %u or higher", firmware, version);
@@ -235,7 +235,7 @@ Counters raised(const Counters& counters, const antirollback_ver_t& record) {
             record.nosec_up_flag == 1 ? record.nosec_ver : counters.non_secure};
 }
 
-/** A counter that is there already is left alone: what the board's library does with its version is unknown. */
+/** A counter that already has its value is not burnt again: what the board's library would do is unknown. */
 void raise_counters(antirollback_ver_t record, const Counters& counters) {
     const Counters wanted = raised(counters, record);
     record.sec_up_flag = wanted.secure != counters.secure ? 1 : 0;
@@ -275,7 +275,7 @@ void show_burnt(const Context& context, const Counters& counters, const std::vec
     context.show({{"secure", counters.secure}, {"non_secure", counters.non_secure}, {"given_up_slots", slots}}, text);
 }
 
-/** What a failure left. */
+/** The state after a failure. */
 std::string state_of_board(const std::vector<Slot>& lost) {
     try {
         const Counters now = read_counters();

@@ -10,7 +10,7 @@ namespace {
 
 struct Options {
     std::string file;
-    std::string kind; /* empty: the file's name tells */
+    std::string kind; /* empty: derived from the file name */
 };
 
 FirmwareKind kind_of(const Options& options) {
@@ -34,7 +34,7 @@ std::string problem_of(const Certificate& certificate) {
 
 void show_firmware(const Context& context, const Options& options) {
     const FirmwareKind kind = kind_of(options);
-    const std::vector<Certificate> found = list_certificates(kind, options.file); /* refuses what is not a file */
+    const std::vector<Certificate> found = list_certificates(kind, options.file); /* accepts regular files only */
     ImageVersion whole{options.file, kind, std::nullopt, {}};
     read_image_version(kind, options.file, options.file, whole);
     Json certificates = Json::array();

@@ -34,8 +34,8 @@ std::string read_data(const std::string& path) {
     return data;
 }
 
-/** The name becomes part of a path; and the library passes over data that a command does not take. */
-void judge(const Options& options) {
+/** The name becomes part of a path, and the library ignores data that a command does not take. */
+void check_options(const Options& options) {
     if (options.name.empty() || options.name.find('/') != std::string::npos || options.name.starts_with('.')) {
         throw Failure(ExitCode::failed, "\"" + options.name + "\" is not a valid name of a flash command");
     }
@@ -54,7 +54,7 @@ std::string read_back(const Device& device, size_t offset, size_t length) {
     return bytes;
 }
 
-/** What the library writes: the record, then the data area with the data in its place. */
+/** What the library writes: the record, then the data area with the data at its offset. */
 std::string whole_command(const Options& options, const std::string& data) {
     fimage_update_t record{};
     std::ifstream(std::string(flash_command_directory) + "/" + options.name, std::ios::binary)
@@ -69,7 +69,7 @@ std::string whole_command(const Options& options, const std::string& data) {
 
 /**
  * The command is written as to a file, without erasing: NOR then keeps a mixture of the old bits and the
- * new ones, and says nothing. A node that is a driver's door, without a size, shows nothing to compare.
+ * new ones, and says nothing. A driver node without a size cannot be compared.
  */
 void demand_kept(const Options& options, const std::string& data) {
     const std::string path = partition_path(node);
@@ -91,7 +91,7 @@ void demand_kept(const Options& options, const std::string& data) {
 }
 
 void write_command(const Context& context, const Options& options) {
-    judge(options);
+    check_options(options);
     std::string data = options.data_file.empty() ? std::string() : read_data(options.data_file);
     const UpdateLock lock(options.lock_file, "tessera flashcmd " + options.name);
     const auto length = static_cast<uint32_t>(data.size());

@@ -25,7 +25,7 @@ struct Options : InstallOptions {
 
 constexpr char untouched[] = "nothing was written; the board is unchanged";
 
-/** What was done, or would be. */
+/** What was done, or would be done. */
 struct Outcome {
     const Plan& plan;
     bool needed; /* something had to be done */
@@ -34,7 +34,7 @@ struct Outcome {
     [[nodiscard]] uint64_t bytes(bool written) const {
         uint64_t sum = 0;
         for (const Target& target : plan.targets) {
-            sum += target.stands != written ? target.size : 0;
+            sum += target.is_installed != written ? target.size : 0;
         }
         return sum;
     }
@@ -64,7 +64,7 @@ void remark_on(const Plan& plan, const Options& options) {
     }
 }
 
-/** Whether an installation may have been cut in the slot, and nobody knows which one. */
+/** Whether an unknown installation may have been interrupted in the slot. */
 bool may_hide_another(const Plan& plan, bool needed) {
     if (plan.record_is_valid || !can_keep_status()) {
         return false;
@@ -81,7 +81,7 @@ Json to_json(const Outcome& outcome, bool dry_run) {
         partitions.push_back({{"partition", target.partition()},
                               {"file", target.image.file},
                               {"bytes", target.size},
-                              {"written", !target.stands}});
+                              {"written", !target.is_installed}});
     }
     return {{"version", plan.description.version},
             {"installed_version", plan.installed_version.empty() ? Json() : Json(plan.installed_version)},
@@ -125,7 +125,7 @@ std::string plan_text(const Outcome& outcome) {
     std::vector<std::vector<std::string>> rows;
     for (const Target& target : plan.targets) {
         rows.push_back({target.image.file, human_bytes(target.size), target.partition(),
-                        target.stands ? "already installed" : "would be written"});
+                        target.is_installed ? "already installed" : "would be written"});
     }
     std::string text = "would install " + plan.description.version + " over " +
                        (plan.installed_version.empty() ? "an unknown version" : plan.installed_version) + "\n" +
@@ -136,22 +136,22 @@ std::string plan_text(const Outcome& outcome) {
     return text + (outcome.needed ? "nothing was written" : "nothing to do");
 }
 
-/** A run that lost its power may have left records that nobody can write any more. @return whether it did */
-bool mend_records(const Options& options) {
-    bool mended = false;
+/** Repairs records that a power cut made unwritable. @return whether any was repaired */
+bool repair_records(const Options& options) {
+    bool repaired = false;
     for (const char* name : {"misc", "ubootenv"}) {
         if (repair_device(partition_path(name))) {
-            mended = true;
+            repaired = true;
             remark(options, std::string(name) + " could not be read after a power cut; its readable part was kept");
         }
     }
-    return mended;
+    return repaired;
 }
 
-/** What is not written may be in use. A dry run keeps nobody off the devices. */
+/** Targets that are not written may be in use. A dry run claims no devices. */
 void claim_targets(Plan& plan, bool dry_run) {
     for (const Target& target : plan.targets) {
-        if (target.stands) {
+        if (target.is_installed) {
             continue;
         }
         Descriptor claim = claim_device(*target.opened, target.device, target.partition());
@@ -161,14 +161,14 @@ void claim_targets(Plan& plan, bool dry_run) {
     }
 }
 
-void judge_board(Plan& plan, const Package& package, const Options& options, Progress& progress) {
+void check_plan(Plan& plan, const Package& package, const Options& options, Progress& progress) {
     add_targets(plan, package, options);
-    judge_record(plan);
+    check_record(plan);
     announce(plan, options, progress);
     if (!options.force) {
         survey(plan, package, progress);
     }
-    judge_slots(plan);
+    check_slots(plan);
     claim_targets(plan, options.dry_run);
     check_images(plan, package, progress);
     stop_if_interrupted();
@@ -176,15 +176,15 @@ void judge_board(Plan& plan, const Package& package, const Options& options, Pro
     plan.versions = check_versions(package, plan.description);
 }
 
-/** Judges everything, in the order in which it can be believed. */
-Plan judge(const Package& package, const Options& options, Progress& progress) {
+/** Checks everything, in the order in which it can be trusted. */
+Plan make_checked_plan(const Package& package, const Options& options, Progress& progress) {
     Plan plan = begin_plan(package, options);
     remark_on(plan, options);
-    const bool mended = !options.dry_run && mend_records(options);
+    const bool repaired = !options.dry_run && repair_records(options);
     try {
-        judge_board(plan, package, options, progress);
+        check_plan(plan, package, options, progress);
     } catch (Failure& failure) {
-        if (mended && failure.state.empty()) {
+        if (repaired && failure.state.empty()) {
             failure.state = "no image was written; unreadable records were repaired";
         }
         throw;
@@ -200,7 +200,7 @@ void install(const Context& context, const Options& options) {
     }
     const Package package(options.package);
     Progress progress(options.quiet ? ProgressMode::none : options.progress.value_or(default_progress_mode()));
-    const Plan plan = judge(package, options, progress);
+    const Plan plan = make_checked_plan(package, options, progress);
     const bool needed = !is_done(plan);
     if (may_hide_another(plan, needed)) {
         remark(options, "the update status is not valid: whether another installation was interrupted is unknown");
@@ -217,12 +217,12 @@ void install(const Context& context, const Options& options) {
     context.show(to_json(outcome, options.dry_run), options.dry_run ? plan_text(outcome) : summary(outcome));
 }
 
-void install_or_say_untouched(const Context& context, const Options& options) {
+void install_or_report_untouched(const Context& context, const Options& options) {
     watch_interrupts();
     try {
         install(context, options);
     } catch (Failure& failure) {
-        if (failure.state.empty()) { /* whatever writes says itself what it leaves */
+        if (failure.state.empty()) { /* code that writes sets its own state */
             failure.state = untouched;
         }
         throw;
@@ -258,6 +258,6 @@ void declare_install(Command& verb, Context& context) {
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options, version] {
         options->version_file_named = is_given(version);
-        install_or_say_untouched(context, *options);
+        install_or_report_untouched(context, *options);
     });
 }

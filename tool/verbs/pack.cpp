@@ -1,4 +1,4 @@
-/** tessera pack: makes a package out of a description and a directory of images. */
+/** tessera pack: builds a package from a description and a directory of images. */
 #include "board/small_file.h"
 #include "console/interrupt.h"
 #include "console/progress.h"
@@ -19,7 +19,7 @@
 namespace {
 
 constexpr size_t piece_size = size_t{1} << 20;
-constexpr uint64_t largest_image = 0xFFFFFFFE; /* what can be taken out of a package again */
+constexpr uint64_t largest_image = 0xFFFFFFFE; /* the largest entry that can be unpacked again */
 
 struct Options {
     std::string description;
@@ -48,7 +48,7 @@ uint64_t read_pieces(const std::string& path, Take take) {
     return size;
 }
 
-/** A digest may be stated in capitals. */
+/** A digest may be stated in upper case. */
 Json in_lower_case(const Json& value) {
     if (!value.is_string()) {
         return value;
@@ -58,7 +58,7 @@ Json in_lower_case(const Json& value) {
     return text;
 }
 
-/** Fills in what a draft leaves out, and refuses what it states wrongly. */
+/** Fills in what a draft omits, and refuses wrong values in it. */
 void complete(Json& partition, const Options& options) {
     const std::string file = partition["file"].text();
     Digester digester(Digester::Kind::both);
@@ -165,7 +165,8 @@ void pack(const Context& context, const Options& options) {
 
 void declare_pack(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    add_word(verb, "DESCRIPTION", options->description, "JSON text; digests and sizes are filled in");
+    add_word(verb, "DESCRIPTION", options->description,
+             "Description (JSON file); missing digests and sizes are filled in");
     add_word(verb, "DIR", options->directory, "Directory with the images");
     add_word(verb, "-o,--output", options->output, "Package to create");
     add_texts(verb, "--sign", options->keys, "PEM file of a signing key; may be repeated");

@@ -1,4 +1,4 @@
-/** tessera package: what a package holds, whether it is whole, and unpacking it. */
+/** tessera package: shows, checks and unpacks a package. */
 #include "console/interrupt.h"
 #include "console/text.h"
 #include "package/package_check.h"
@@ -33,7 +33,7 @@ struct Totals {
     int64_t all;
     uint64_t images;
 
-    /** What unpacking asks of a file system. */
+    /** What unpacking requires of a file system. */
     [[nodiscard]] int64_t need_kib() const {
         constexpr int64_t mib = 1048576;
         return all / 1024 + (all % 1024 + mib - 1) / 1024 + 1024;
@@ -82,7 +82,7 @@ uint64_t bytes_written() {
     return word == "wchar:" ? count : 0;
 }
 
-/** Shows how far the library has come, which tells nobody while it unpacks. */
+/** Shows progress while the library unpacks, which reports none. */
 class UnpackProgress {
 public:
     explicit UnpackProgress(uint64_t total)
@@ -107,7 +107,7 @@ private:
     std::jthread thread_;
 };
 
-/** A package that does not fit would be left unpacked by half. */
+/** A package that does not fit would be unpacked partially. */
 void demand_room(const std::string& directory, const Totals& totals) {
     if (makedir(directory.c_str()) != 0 || !std::filesystem::is_directory(directory)) {
         std::error_code error; /* for the reason */
@@ -124,7 +124,7 @@ void demand_room(const std::string& directory, const Totals& totals) {
     }
 }
 
-/** A package that was cut inside its end record can look empty. */
+/** A package that is truncated inside its end record can look empty. */
 void demand_entries(const Package& package, const std::string& file) {
     if (package.entries().empty()) {
         throw Failure(ExitCode::refused, file + " contains no entries");
@@ -156,7 +156,7 @@ void has(const Context& context, const std::string& file, std::string name) {
     context.show({{"found", true}}, file + " has an entry that begins with " + name);
 }
 
-/** Reads an entry through. @return what is wrong with it, or nothing */
+/** Reads a whole entry. @return what is wrong with it, or nullopt */
 std::string check_entry(const Package& package, const Entry& entry, Progress& progress) {
     try {
         read_through(package, entry, progress);

@@ -35,7 +35,7 @@ void check_digest(const Package& package, const Image& image, Progress& progress
     }
 }
 
-/** Reads every entry through: an image for its digest, any other for its checksum. */
+/** Reads every entry: an image for its digest, any other for its checksum. */
 std::vector<std::string> find_damage(const Package& package, const Description& description, bool is_signed) {
     Progress progress(default_progress_mode());
     for (const Entry& entry : package.entries()) {
@@ -60,7 +60,7 @@ std::vector<std::string> find_damage(const Package& package, const Description& 
     return problems;
 }
 
-/** Without an authority to ask, a signature that does not match is wrong all the same. */
+/** Even without an authority, a signature that does not match is an error. */
 bool is_untrusted(const Info& info) {
     return info.is_trust_checked
                ? find_accepted(info.signers) == nullptr

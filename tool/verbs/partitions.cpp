@@ -73,7 +73,7 @@ std::vector<Partition> list_partitions() {
     return partitions;
 }
 
-/** The used GPT entries; the library does not look whether there is a GPT at all. */
+/** The used GPT entries; the library does not check whether there is a GPT. */
 std::vector<gpt_entry> read_gpt() {
     std::vector<gpt_entry> entries(gpt_entry_count);
     const std::string path = partition_path("blk");

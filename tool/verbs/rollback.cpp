@@ -7,7 +7,7 @@
 
 namespace {
 
-/** Why a slot is nothing to go back to. */
+/** Why rolling back to a slot is refused. */
 std::string reason_against(const Slot& slot) {
     if (slot.corrupted) {
         return "it is corrupted";
@@ -32,7 +32,7 @@ void roll_back(const Context& context, const std::string& lock_file) {
                           ? "tessera status shows the interrupted installation"
                           : "tessera slots set-next " + slot_letter(other) + " tries it anyway");
     }
-    const bool was_next = block.is_alone_in_front(other);
+    const bool was_next = block.is_sole_next(other);
     if (!was_next) {
         set_next_slot(other);
     }

@@ -32,7 +32,7 @@ std::vector<std::string> to_row(const Slot& slot, const char* state, const std::
             std::to_string(slot.tries),  slot.marked_good ? "yes" : "no", remarks};
 }
 
-/** What else a reader has to know. */
+/** Further remarks. */
 std::string remarks_on(const SlotBlock& block, int32_t running, std::optional<int32_t> next) {
     std::string text;
     if (!block.checksum_is_right) {
@@ -77,7 +77,7 @@ void show_slots(const Context& context) {
 
 /**
  * Refuses slots that the block does not have, before anything is written; and any where the checksum is
- * wrong: a change would seal what nobody knows.
+ * wrong: a change would give unknown contents a valid checksum.
  */
 int32_t existing_slot(const std::string& word) {
     const SlotBlock block = require_slot_block();
@@ -109,7 +109,7 @@ void demand_whole(int32_t slot) {
     }
 }
 
-/** A slot that is marked good is never given up: a system that does not come up would hold the board. */
+/** A slot that is marked good is never given up: a system that does not come up would block the board. */
 void demand_bootable(int32_t slot) {
     demand_whole(slot);
     const SlotBlock block = require_slot_block();
@@ -119,7 +119,7 @@ void demand_bootable(int32_t slot) {
     }
 }
 
-/** Half an image must not be tried. */
+/** A half-written image must not be booted. */
 void write_new_block() {
     reset_slot_block();
     for (int32_t slot = 0; slot < new_block_slots; ++slot) {

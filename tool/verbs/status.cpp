@@ -1,4 +1,4 @@
-/** tessera status: the records in ubootenv, as they lay there before the library could mend them. */
+/** tessera status: the records in ubootenv, as they are before the library can repair them. */
 #include "board/status_record.h"
 
 #include "board/names.h"
@@ -203,7 +203,7 @@ std::optional<int32_t> number_from(const std::string& word) {
     return is_whole ? std::optional(static_cast<int32_t>(number)) : std::nullopt;
 }
 
-/** A value by name or number; only --raw lets through a number without a name. */
+/** A value by name or number; only --raw accepts a number without a name. */
 int32_t field_value(const Field& field, const std::string& word, bool raw) {
     const auto number = number_from(word);
     if (raw && number) {
@@ -221,7 +221,7 @@ int32_t field_value(const Field& field, const std::string& word, bool raw) {
                   raw ? "--raw takes numbers" : "--raw stores any number");
 }
 
-/** The library writes past bad blocks and reads at a fixed place: with one in front, the two differ. */
+/** The library writes past bad blocks and reads at a fixed place: with one before the record, the two differ. */
 void demand_kept(bool is_kept) {
     if (!is_kept) {
         throw Failure(ExitCode::device, std::string("the record did not persist in ") + status_partition,

@@ -30,7 +30,7 @@ Option& add_stored(Command& command, const char* names, std::string& text, const
     return option;
 }
 
-/** An empty value is that of an unset variable in a script, and must not switch a check off. */
+/** An empty value comes from an unset variable in a script, and must not disable a check. */
 Option& add_filled(Command& command, const char* name, std::string& text, const char* help, const char* problem) {
     Option& option = add_option(command, name, "TEXT", help);
     option.take = [&text, problem](const std::string& value) {
@@ -55,7 +55,7 @@ std::string to_number(std::string_view text, uint64_t most, uint64_t& number) {
     return error == std::errc() && number <= most ? "" : std::string(text) + " is too large";
 }
 
-/** Keeps what is stored as it is when the word is no number. */
+/** Leaves the stored value unchanged if the word is not a number. */
 template <class Number>
 Option* add_any_number(Command& command, const char* name, Number& number, uint64_t most, const char* help) {
     Option& option = add_option(command, name, "UINT", help);

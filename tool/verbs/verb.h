@@ -1,4 +1,4 @@
-/** The table of verbs. Each verb lives in a file of its own, verb_<name>.cpp. */
+/** What the verbs share. Each verb is a file of its own, verbs/<name>.cpp. */
 #ifndef TOOL_VERB_H
 #define TOOL_VERB_H
 
@@ -20,7 +20,7 @@ struct Context {
     bool verbose = false;
     std::function<void()> run; /* what the verb on the command line does; throws Failure */
 
-    /** Prints a result, in the form asked for. */
+    /** Prints a result in the requested form. */
     void show(const Json& value, const std::string& text) const {
         console::print(json ? to_text(value, 2) : text);
     }
@@ -58,13 +58,13 @@ Option* add_flag(Command& command, const char* name, bool& flag, const char* hel
 Option* add_choice(Command& command, const char* name, const char* type, const std::vector<std::string>& words,
                    const std::function<void(const std::string&)>& choose, const char* help);
 
-/** The lock that everything takes which changes what an update relies on. */
+/** The lock of all commands that change what updates rely on. */
 void add_lock(Command& command, std::string& file);
 
 /** The authorities whose signatures are accepted, and the moment that counts. */
 void add_trust(Command& command, TrustOptions& trust);
 
-/** The name of the board, in place of those in its device tree. */
+/** The name of the board, instead of those in its device tree. */
 void add_board(Command& command, std::string& name);
 
 void add_need(Option* option, Option* other);

@@ -1,4 +1,4 @@
-/** tessera verify: whether a package is trusted and whole, and no version is below its counter. Changes nothing. */
+/** tessera verify: whether a package is trusted and intact, and no version is below its counter. Changes nothing. */
 #include "board/partition.h"
 #include "console/interrupt.h"
 #include "console/text.h"
@@ -12,7 +12,7 @@ namespace {
 struct Options {
     std::string package;
     TrustOptions trust;
-    std::string board; /* in place of the board's own names; empty: its own */
+    std::string board; /* replaces the board's own names; empty: keep them */
 };
 
 void check_images(const Package& package, const Description& description) {
@@ -57,7 +57,7 @@ std::string versions_text(const std::vector<ImageVersion>& versions, const std::
     return rows.empty() ? no_versions_text(counters) : table({"partition", "version", "counter"}, rows);
 }
 
-/** The board's counters; off the board whatever stands in for its eFuse library says nothing. */
+/** The board's counters; off a board a stand-in for the eFuse library means nothing. */
 std::optional<Counters> counters_of_board() {
     if (is_board()) {
         return read_counters();
@@ -80,7 +80,7 @@ void verify(const Context& context, const Options& options) {
     if (description.boards.empty()) {
         console::note(no_boards_remark);
     }
-    judge_images(package, description, !options.trust.file.empty());
+    check_contents(package, description, !options.trust.file.empty());
     check_images(package, description);
     const auto versions = read_image_versions(package, description);
     const std::optional<Counters> counters = counters_of_board();

@@ -33,7 +33,7 @@ bool begins_with_letter(const std::string& version) {
 void compare(const Context& context, const std::string& word1, const std::string& word2) {
     const std::string v1 = comparable(word1);
     const std::string v2 = comparable(word2);
-    /* The library counts letters like digits: V1.0 against 1.0 would say nothing about the versions. */
+    /* The library compares letters like digits: V1.0 against 1.0 would be meaningless. */
     if (begins_with_letter(v1) != begins_with_letter(v2)) {
         throw Failure(ExitCode::failed, v1 + " and " + v2 + " use different notations",
                       "write both with a leading V, or both without");
