@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <string>
 
@@ -73,7 +74,11 @@ void test_slots() {
 
 void test_status() {
     partition ubootenv("ubootenv");
-    antirollback_ver_t versions{1, 0, 7, 9, 0};
+    antirollback_ver_t versions;
+    memset(&versions, 0, sizeof(versions)); // the two bytes that are not a field are stored too
+    versions.sec_up_flag = 1;
+    versions.sec_ver = 7;
+    versions.nosec_ver = 9;
     expect(ota_set_veeprom_flag_default() == 0);
     expect(ota_set_up_status(OTA_FLAG_VERIFY) == 0);
     expect(ota_set_anti_ver_veeprom(&versions) == 0);

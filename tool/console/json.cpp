@@ -3,6 +3,7 @@
 #include "console/failure.h"
 #include "console/text.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -201,10 +202,10 @@ Json& Json::operator[](std::string_view key) {
         value_ = Object();
     }
     auto& members = std::get<Object>(value_);
-    for (Field& field : members) {
-        if (field.key == key) {
-            return field.value;
-        }
+    const auto found =
+        std::find_if(members.begin(), members.end(), [&](const Field& field) { return field.key == key; });
+    if (found != members.end()) {
+        return found->value;
     }
     members.push_back({std::string(key), Json()});
     return members.back().value;
@@ -269,7 +270,7 @@ std::string quoted(std::string_view text) {
         const char first = text.front();
         if (!character.is_whole) {
             result += "\xEF\xBF\xBD";
-        } else if ((first >= 0 && first < ' ') || first == '"' || first == '\\') {
+        } else if (static_cast<unsigned char>(first) < ' ' || first == '"' || first == '\\') {
             result += escaped(first);
         } else {
             result += text.substr(0, character.length);
