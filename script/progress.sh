@@ -2,11 +2,21 @@
 # Sourced by the scripts that take minutes. They print what they do; a command that they run is only heard of
 # when it fails, and on a terminal by its last line until the next one comes: ninja's or apt's own progress.
 
+erase=
+if [[ -t 1 && ${TERM:-dumb} != dumb ]]; then
+    erase=$'\r\e[K'
+fi
+
+# say WORD...: a line that lasts
+say() {
+    printf '%s%s\n' "$erase" "$*"
+}
+
 # logged FILE COMMAND...: runs it with nothing to read, and keeps what it prints in FILE.
 logged() {
     local log=$1
     shift
-    if [[ -t 1 && ${TERM:-dumb} != dumb ]]; then
+    if [[ -n $erase ]]; then
         (set -o pipefail && "$@" </dev/null 2>&1 | tee "$log" | last_line)
     else
         "$@" >"$log" 2>&1 </dev/null
@@ -17,9 +27,9 @@ logged() {
 last_line() {
     local line
     while IFS= read -r line; do
-        printf '\r\e[K\e[?7l%s\e[?7h' "${line//[^[:print:]]/ }"
+        printf '%s\e[?7l%s\e[?7h' "$erase" "${line//[^[:print:]]/ }"
     done
-    printf '\r\e[K'
+    printf '%s' "$erase"
 }
 
 usage() {
