@@ -12,7 +12,7 @@
 
 #include "ota_log.h"
 #include "ota_partition.h"
-#include "ota_paths.h"
+#include "ota_record.h"
 #include "ota_utils.h"
 #include "slot_block.h"
 
@@ -117,21 +117,9 @@ int32_t bootctrl_is_slot_marked_successful(int32_t slot, const bootloader_contro
     return is_marked_successful(&boot_ctrl->slot_info[slot]) ? 1 : 0;
 }
 
-/** Fills in the location of the block. */
-int32_t locate_block(ota_file_info_t* misc_info) {
-    char cur_dev_path[ota_path_size];
-    const int32_t ret = get_part_device_name(misc_partition, cur_dev_path, misc_info->path, PERMANENT);
-    if (ret < 0) {
-        return ret;
-    }
-    misc_info->medium = static_cast<ota_medium_e>(get_boot_medium());
-    misc_info->offset = slot_block_offset;
-    return 0;
-}
-
 int32_t bootctrl_get_info(bootloader_control* boot_ctrl) {
     ota_file_info_t misc_info{};
-    int32_t ret = locate_block(&misc_info);
+    int32_t ret = locate_record(misc_partition, slot_block_offset, &misc_info);
     if (ret < 0) {
         return ret;
     }
@@ -164,7 +152,7 @@ int32_t bootctrl_update_and_save(bootloader_control* ctrl) {
     }
     seal_slot_block(ctrl);
     ota_file_info_t misc_info{};
-    int32_t ret = locate_block(&misc_info);
+    int32_t ret = locate_record(misc_partition, slot_block_offset, &misc_info);
     if (ret < 0) {
         return ret;
     }

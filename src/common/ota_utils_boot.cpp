@@ -3,6 +3,7 @@
 #include "ota_log.h"
 #include "ota_owner.h"
 #include "ota_paths.h"
+#include "ota_record.h"
 #include "ota_utils.h"
 
 #include <algorithm>
@@ -47,8 +48,28 @@ const char* find_value(std::span<char> text, const char* key) {
     return value.data();
 }
 
-bool equal(const char* a, const char* b) {
-    return std::strcmp(a, b) == 0;
+/** A value that a key may have, and what it stands for. */
+struct key_word {
+    char text[value_size];
+    int32_t number;
+};
+
+constexpr key_word medium_words[] = {{"nand", OTA_NAND}, {"nor", OTA_NOR}, {"MMC", OTA_EMMC}};
+constexpr key_word mode_words[] = {{"recovery", RECOVERY_MODE}, {"normal", NORMAL_MODE}};
+
+/** What the value of `key` on the command line stands for; -1 without the key or with any other value. */
+int32_t read_key(const char* key, std::span<const key_word> words) {
+    char cmdline[2048];
+    if (!read_cmdline(cmdline)) {
+        return -1;
+    }
+    const char* value = find_value(cmdline, key);
+    if (value == nullptr) {
+        return -1;
+    }
+    const auto found = std::find_if(words.begin(), words.end(),
+                                    [&](const key_word& word) { return std::strcmp(value, word.text) == 0; });
+    return found != words.end() ? found->number : -1;
 }
 
 void device_path(char* path, const char* part_name, const char* suffix) {
@@ -58,44 +79,17 @@ void device_path(char* path, const char* part_name, const char* suffix) {
 } // namespace
 
 int32_t get_boot_medium() {
-    char cmdline[2048];
-    if (!read_cmdline(cmdline)) {
-        return -1;
-    }
-    const char* medium = find_value(cmdline, medium_key);
-    if (medium == nullptr) {
-        return -1;
-    }
-    if (equal(medium, "nand")) {
-        return OTA_NAND;
-    }
-    if (equal(medium, "nor")) {
-        return OTA_NOR;
-    }
-    if (equal(medium, "MMC")) {
-        return OTA_EMMC;
-    }
-    return -1;
+    return read_key(medium_key, medium_words);
 }
 
 int32_t get_boot_mode() {
-    char cmdline[2048];
-    if (!read_cmdline(cmdline)) {
-        return -1;
-    }
-    const char* mode = find_value(cmdline, mode_key);
-    if (mode == nullptr) {
-        return -1;
-    }
-    if (equal(mode, "recovery")) {
+    const int32_t mode = read_key(mode_key, mode_words);
+    if (mode == RECOVERY_MODE) {
         ota_log_info("recovery mode\n");
-        return RECOVERY_MODE;
-    }
-    if (equal(mode, "normal")) {
+    } else if (mode == NORMAL_MODE) {
         ota_log_info("normal mode\n");
-        return NORMAL_MODE;
     }
-    return -1;
+    return mode;
 }
 
 int32_t ota_get_cur_slot() {
@@ -133,6 +127,17 @@ int32_t get_part_device_name(const char* part_name, char* cur_dev_path, char* op
     }
     device_path(cur_dev_path, part_name, slot == 0 ? "_b" : "_a");
     device_path(opp_dev_path, part_name, slot == 0 ? "_a" : "_b");
+    return 0;
+}
+
+int32_t locate_record(const char* part_name, uint64_t offset, ota_file_info_t* record) {
+    char cur_dev_path[ota_path_size];
+    const int32_t ret = get_part_device_name(part_name, cur_dev_path, record->path, PERMANENT);
+    if (ret < 0) {
+        return ret;
+    }
+    record->medium = static_cast<ota_medium_e>(get_boot_medium());
+    record->offset = offset;
     return 0;
 }
 

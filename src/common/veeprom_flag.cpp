@@ -4,7 +4,7 @@
 #include "antirollback_record.h"
 #include "ota_log.h"
 #include "ota_partition.h"
-#include "ota_paths.h"
+#include "ota_record.h"
 #include "ota_types.h"
 #include "status_record.h"
 
@@ -71,20 +71,9 @@ int32_t is_ota_status_valid(const ota_status_t* status) {
     return state == format_state::valid ? 0 : -1;
 }
 
-int32_t locate_veeprom(ota_file_info_t* veeprom_info, uint32_t offset) {
-    char cur_dev_path[ota_path_size];
-    const int32_t ret = get_part_device_name(veeprom_partition, cur_dev_path, veeprom_info->path, PERMANENT);
-    if (ret < 0) {
-        return ret;
-    }
-    veeprom_info->medium = static_cast<ota_medium_e>(get_boot_medium());
-    veeprom_info->offset = offset;
-    return 0;
-}
-
 int32_t ota_read_from_veeprom(char* buffer, uint32_t buffer_len, uint32_t offset) {
     ota_file_info_t veeprom_info{};
-    int32_t ret = locate_veeprom(&veeprom_info, offset);
+    int32_t ret = locate_record(veeprom_partition, offset, &veeprom_info);
     if (ret < 0) {
         return ret;
     }
@@ -98,7 +87,7 @@ int32_t ota_read_from_veeprom(char* buffer, uint32_t buffer_len, uint32_t offset
 
 int32_t ota_write_to_veeprom(const char* buffer, uint32_t buffer_len, uint32_t offset) {
     ota_file_info_t veeprom_info{};
-    int32_t ret = locate_veeprom(&veeprom_info, offset);
+    int32_t ret = locate_record(veeprom_partition, offset, &veeprom_info);
     if (ret < 0) {
         return ret;
     }
