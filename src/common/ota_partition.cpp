@@ -159,11 +159,7 @@ int32_t open_entry(unzFile uf, const char* file, zip_entry_data* data) {
         return ret;
     }
     uint64_t size = 0;
-    if (!zip_entry_size(uf, ci, &size)) {
-        return -1;
-    }
-    if (!zip_entry_is_deliverable(size, ci)) {
-        ota_log_error("entry %s of %llu bytes is too large to be read\n", file, static_cast<unsigned long long>(size));
+    if (!zip_entry_deliverable_size(uf, ci, file, &size)) {
         return -1;
     }
     ret = unzOpenCurrentFile(uf);
@@ -297,9 +293,8 @@ int32_t vx_uncompress_file_to(const char* src, const char* file, ota_file_info_t
         ota_log_error("package, entry or destination is null\n");
         return -1;
     }
-    const ota_package uf(unzOpen64(src));
+    const ota_package uf = zip_open_package(src);
     if (uf == nullptr) {
-        ota_log_error("Cannot open %s or %s.zip\n", src, src);
         return -1;
     }
     zip_entry_data data{};

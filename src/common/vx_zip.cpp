@@ -1,5 +1,5 @@
 /**
- * Extraction and inventory of zip packages.
+ * Extraction of zip packages.
  *
  * An entry's name is a path relative to the working directory, which is the destination while a package is
  * extracted. Before anything is touched for an entry, its name is checked: nothing outside the destination
@@ -11,7 +11,6 @@
 #include "ota_log.h"
 #include "ota_owner.h"
 #include "ota_paths.h"
-#include "ota_utils.h"
 #include "vx_zip_destination.h"
 #include "vx_zip_entry.h"
 
@@ -19,7 +18,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
@@ -120,12 +118,7 @@ int32_t extract_file(zip_entry_data* data, zip_entry& entry) {
 /** Extracts a link or a regular file, and sets the mode of what the name then refers to, even after a failure. */
 int32_t extract_data(extraction& walk, zip_entry& entry) {
     uint64_t size = 0;
-    if (!zip_entry_size(walk.uf, entry.info, &size)) {
-        return -1;
-    }
-    if (!zip_entry_is_deliverable(size, entry.info)) {
-        ota_log_error("entry %s of %llu bytes is too large to be read\n", entry.name,
-                      static_cast<unsigned long long>(size));
+    if (!zip_entry_deliverable_size(walk.uf, entry.info, entry.name, &size)) {
         return -1;
     }
     zip_entry_data data = zip_entry_begin(walk.uf, size, entry.info);
@@ -187,39 +180,43 @@ int32_t do_extract(extraction& walk) {
 
 /* ---- entering and leaving the destination ---- */
 
-bool save_working_directory(char (&dir_path)[ota_path_size]) {
-    std::memset(dir_path, 0, sizeof dir_path);
-    if (getcwd(dir_path, sizeof dir_path) == nullptr) {
-        ota_log_error("get current directory absolute path error!\n");
-        return false;
-    }
-    return true;
-}
-
-unzFile open_package(const char* src) {
-    const unzFile uf = unzOpen64(src);
-    if (uf == nullptr) {
-        ota_log_error("Cannot open %s or %s.zip\n", src, src);
-    }
-    return uf;
-}
-
-/** Creates and enters a missing `dest`. A failure to create it shows when it is entered. */
-bool enter_made_directory(const char* dest) {
-    (void)makedir(dest);
-    if (chdir(dest) != 0) {
-        ota_log_error("change dir failed \n");
-        return false;
-    }
-    return true;
-}
-
 bool change_directory(const char* path) {
     if (chdir(path) != 0) {
         ota_log_error("change dir failed \n");
         return false;
     }
     return true;
+}
+
+/** A package to be extracted, and the working directory that the call has to restore. */
+struct unpacking {
+    char dir_path[ota_path_size];
+    ota_package uf;
+};
+
+/** Opens the package before the change of directory: a relative `src` is relative to the caller's. */
+bool begin_unpacking(unpacking& work, const char* src) {
+    if (!zip_save_working_directory(work.dir_path)) {
+        return false;
+    }
+    work.uf = zip_open_package(src);
+    return work.uf != nullptr;
+}
+
+enum class missing_directory { error, warning };
+
+/** Enters `dest`, which is created if missing. A failure to create it shows when it is entered. */
+bool enter_destination(const char* dest, missing_directory level) {
+    if (chdir(dest) == 0) {
+        return true;
+    }
+    if (level == missing_directory::error) {
+        ota_log_error("%s is not exist, create it\n", dest);
+    } else {
+        ota_log_warning("%s is not exist, create it\n", dest);
+    }
+    (void)makedir(dest);
+    return change_directory(dest);
 }
 
 /** Fills in an extraction into the working directory. */
@@ -264,97 +261,14 @@ int32_t uncompress_one(const char* src, const char* dest, const char* file_name,
         ota_log_error("%s is null\n", src == nullptr ? "src" : dest == nullptr ? "dest" : "file_name");
         return -1;
     }
-    char dir_path[ota_path_size];
-    if (!save_working_directory(dir_path)) {
+    unpacking work;
+    if (!begin_unpacking(work, src) || !enter_destination(dest, missing_directory::warning)) {
         return -1;
     }
-    ota_package uf(open_package(src));
-    if (uf == nullptr) {
-        return -1;
-    }
-    if (chdir(dest) != 0) {
-        ota_log_warning("%s is not exist, create it\n", dest);
-        if (!enter_made_directory(dest)) {
-            return -1;
-        }
-    }
-    if (extract_named(uf, file_name, only_regular) != 0) {
+    if (extract_named(work.uf, file_name, only_regular) != 0) {
         return -1; /* the working directory stays `dest` */
     }
-    return change_directory(dir_path) ? 0 : -1;
-}
-
-/* ---- inventory ---- */
-
-/** A name too long to be checked counts as an image. */
-bool is_image(const char* name) {
-    return is_xxx_file(name, "img") != 0 || is_xxx_file(name, "bin") != 0 || is_xxx_file(name, "ubifs") != 0;
-}
-
-/** Adds `size` to a sum that has to stay within 63 bits. */
-bool add_size(uint64_t* sum, uint64_t size) {
-    uint64_t total = 0;
-    if (__builtin_add_overflow(*sum, size, &total) || total > INT64_MAX) {
-        return false;
-    }
-    *sum = total;
-    return true;
-}
-
-/** Adds up an entry. The caller's initial value of `img_size` is not checked. */
-bool add_entry(const char* zipfile, unzFile uf, const zip_entry& entry, uint64_t* img_size, uint64_t* total_size) {
-    uint64_t size = 0;
-    if (!zip_entry_size(uf, entry.info, &size)) {
-        return false;
-    }
-    ota_log_debug("file name in zip:%s\n", entry.name);
-    if (is_image(entry.name)) {
-        *img_size += size;
-    }
-    if (!add_size(total_size, size)) {
-        ota_log_error("sizes in %s overflow\n", zipfile);
-        return false;
-    }
-    ota_log_debug("len:%llu\n", static_cast<unsigned long long>(size));
-    return true;
-}
-
-/** The next package of a directory: a regular file with the extension zip. Null at the end. */
-const char* next_package(DIR* dir) {
-    while (const dirent* entry = readdir(dir)) {
-        const char* name = entry->d_name;
-        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 || entry->d_type != DT_REG) {
-            continue;
-        }
-        if (is_xxx_file(name, "zip") != 0) {
-            return name;
-        }
-    }
-    return nullptr;
-}
-
-/**
- * The largest total of the packages in the working directory, which `path` also names. The packages are
- * opened relative to the working directory.
- */
-int64_t max_package_size(const char* path) {
-    const ota_directory dir(opendir(path));
-    if (dir == nullptr) {
-        ota_log_error("Open dir error...\n");
-        return -1;
-    }
-    int64_t max_size = 0;
-    while (const char* name = next_package(dir.get())) {
-        uint64_t img_size = 0;
-        const int64_t tmp_size = vx_get_zip_size(name, &img_size);
-        if (tmp_size < 0) {
-            ota_log_error("get zip size error\n");
-            return -1;
-        }
-        ota_log_info("zip name:%s, zip size:%ld\n", name, tmp_size);
-        max_size = tmp_size > max_size ? tmp_size : max_size;
-    }
-    return max_size;
+    return change_directory(work.dir_path) ? 0 : -1;
 }
 
 } // namespace
@@ -364,24 +278,14 @@ int32_t vx_uncompress(const char* src, const char* dest) {
         ota_log_error("destnation or source file is null\n");
         return -1;
     }
-    char dir_path[ota_path_size];
-    if (!save_working_directory(dir_path)) {
+    unpacking work;
+    if (!begin_unpacking(work, src) || !enter_destination(dest, missing_directory::error)) {
         return -1;
-    }
-    ota_package uf(open_package(src));
-    if (uf == nullptr) {
-        return -1;
-    }
-    if (chdir(dest) != 0) {
-        ota_log_error("%s is not exist, create it\n", dest);
-        if (!enter_made_directory(dest)) {
-            return -1;
-        }
     }
     extraction walk;
-    const int32_t ret_value = begin_extraction(walk, uf.get()) ? do_extract(walk) : -1;
-    uf.reset();
-    return change_directory(dir_path) ? ret_value : -1;
+    const int32_t ret_value = begin_extraction(walk, work.uf.get()) ? do_extract(walk) : -1;
+    work.uf.reset();
+    return change_directory(work.dir_path) ? ret_value : -1;
 }
 
 int32_t vx_uncompress_one(const char* src, const char* dest, const char* file_name) {
@@ -444,106 +348,4 @@ void change_file_date(const char* filename, uLong /*dosdate*/, tm_unz tmu_date) 
     utimbuf times{};
     times.actime = times.modtime = std::mktime(&date);
     (void)utime(filename, &times);
-}
-
-int32_t vx_zip_has_file(const char* zipfile, char* file_name) {
-    if (zipfile == nullptr) {
-        ota_log_error("error:no zip file\n");
-        return -1;
-    }
-    if (file_name == nullptr) {
-        ota_log_error("file_name is null\n");
-        return -1;
-    }
-    const ota_package uf(unzOpen64(zipfile));
-    if (uf == nullptr) {
-        ota_log_error("open %s failed\n", zipfile);
-        return -1;
-    }
-    const size_t length = std::strlen(file_name);
-    zip_walk entries = zip_walk_begin(uf.get());
-    zip_entry entry;
-    while (zip_walk_next(&entries, &entry)) {
-        if (std::strncmp(entry.name, file_name, length) == 0) {
-            ota_log_info("in zip has file:%s\n", file_name);
-            return 1;
-        }
-    }
-    return entries.state == zip_walk_state::unreadable ? -1 : 0;
-}
-
-int64_t vx_get_zip_size(const char* zipfile, uint64_t* img_size) {
-    if (zipfile == nullptr) {
-        ota_log_error("no zip file\n");
-        return -1;
-    }
-    if (img_size == nullptr) {
-        ota_log_error("img_size is null\n");
-        return -1;
-    }
-    const ota_package uf(unzOpen64(zipfile));
-    if (uf == nullptr) {
-        ota_log_error("open %s failed\n", zipfile);
-        return -1;
-    }
-    uint64_t total_size = 0;
-    zip_walk entries = zip_walk_begin(uf.get());
-    zip_entry entry;
-    while (zip_walk_next(&entries, &entry)) {
-        if (!add_entry(zipfile, uf.get(), entry, img_size, &total_size)) {
-            return -1;
-        }
-    }
-    return entries.state == zip_walk_state::unreadable ? -1 : static_cast<int64_t>(total_size);
-}
-
-int64_t vx_all_image_size(const char* path) {
-    if (path == nullptr) {
-        ota_log_error("no zip file\n");
-        return -1;
-    }
-    const ota_directory dir(opendir(path));
-    if (dir == nullptr) {
-        ota_log_error("Open dir error...\n");
-        return -1;
-    }
-    uint64_t total_size = 0;
-    while (const char* name = next_package(dir.get())) {
-        uint64_t tmp_size = 0;
-        const int64_t size = vx_get_zip_size(name, &tmp_size);
-        ota_log_info("zip name:%s, image size:%lu\n", name, tmp_size);
-        if (size < 0) {
-            ota_log_error("get zip size error\n");
-            return -1;
-        }
-        if (!add_size(&total_size, tmp_size)) {
-            ota_log_error("sizes in %s overflow\n", path);
-            return -1;
-        }
-    }
-    return static_cast<int64_t>(total_size);
-}
-
-int64_t vx_get_max_zip_size(const char* path) {
-    char dir_path[ota_path_size];
-    if (!save_working_directory(dir_path)) {
-        return -1;
-    }
-    if (path == nullptr) {
-        ota_log_error("no zip file\n");
-        return -1;
-    }
-    if (chdir(path) != 0) {
-        ota_log_error("change dir:%s failed \n", path);
-        return -1;
-    }
-    const int64_t max_size = max_package_size(path);
-    if (max_size < 0) {
-        return -1;
-    }
-    if (chdir(dir_path) != 0) {
-        ota_log_error("change dir:%s failed \n", dir_path);
-        return -1;
-    }
-    return max_size;
 }

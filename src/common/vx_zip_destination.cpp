@@ -1,5 +1,7 @@
 #include "vx_zip_destination.h"
 
+#include "ota_log.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -240,6 +242,15 @@ void keep_verified(zip_destination* dest, name_walk& walk, const char* name, siz
 }
 
 } // namespace
+
+bool zip_save_working_directory(char (&dir_path)[ota_path_size]) {
+    std::memset(dir_path, 0, sizeof dir_path);
+    if (getcwd(dir_path, sizeof dir_path) == nullptr) {
+        ota_log_error("get current directory absolute path error!\n");
+        return false;
+    }
+    return true;
+}
 
 bool zip_destination_begin(zip_destination* dest) {
     struct stat status {};

@@ -8,6 +8,14 @@
 #include <cstring>
 #include <zlib.h>
 
+ota_package zip_open_package(const char* src) {
+    ota_package uf(unzOpen64(src));
+    if (uf == nullptr) {
+        ota_log_error("Cannot open %s or %s.zip\n", src, src);
+    }
+    return uf;
+}
+
 int32_t zip_entry_read_info(unzFile uf, zip_entry* entry) {
     std::memset(entry->name, 0, sizeof entry->name);
     const int32_t err =
@@ -74,8 +82,15 @@ bool zip_entry_size(unzFile uf, const unz_file_info64& info, uint64_t* size) {
     return true;
 }
 
-bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info) {
-    return info.uncompressed_size != zip_size_in_extra || size <= zip_size_in_extra;
+bool zip_entry_deliverable_size(unzFile uf, const unz_file_info64& info, const char* name, uint64_t* size) {
+    if (!zip_entry_size(uf, info, size)) {
+        return false;
+    }
+    if (info.uncompressed_size == zip_size_in_extra && *size > zip_size_in_extra) {
+        ota_log_error("entry %s of %llu bytes is too large to be read\n", name, static_cast<unsigned long long>(*size));
+        return false;
+    }
+    return true;
 }
 
 zip_entry_data zip_entry_begin(unzFile uf, uint64_t size, const unz_file_info64& info) {

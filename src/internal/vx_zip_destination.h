@@ -26,6 +26,12 @@ struct zip_destination {
     ota_descriptor verified{-1};            /* open: most entries share theirs with the entry before */
 };
 
+/**
+ * Stores the path of the working directory, which a call changes and has to restore.
+ * @return false when it is longer than 127 bytes or has been removed, which has been logged
+ */
+bool zip_save_working_directory(char (&dir_path)[ota_path_size]);
+
 /** Makes the working directory the destination. @return false when it cannot be identified */
 bool zip_destination_begin(zip_destination* dest);
 

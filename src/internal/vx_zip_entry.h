@@ -2,11 +2,14 @@
 #ifndef VX_ZIP_ENTRY_H
 #define VX_ZIP_ENTRY_H
 
+#include "minizip_owner.h"
 #include "ota_paths.h"
-#include "vx_zip.h"
 #include "zip_entry.h"
 
 #include <cstdint>
+
+/** Opens a package. Null on failure, which has been logged. */
+ota_package zip_open_package(const char* src);
 
 /** An entry of a package. A name of ota_entry_size bytes or more is truncated; info.size_filename is its length. */
 struct zip_entry {
@@ -54,10 +57,10 @@ bool zip_walk_next(zip_walk* walk, zip_entry* entry);
 bool zip_entry_size(unzFile uf, const unz_file_info64& info, uint64_t* size);
 
 /**
- * Whether minizip can deliver the whole entry. A larger one that it reports as 0xFFFFFFFF bytes would end
- * there as if it were complete.
+ * The same for an entry that is to be read to its end: false also when minizip cannot deliver all of it, which
+ * has been logged. A larger entry that it reports as 0xFFFFFFFF bytes would end there as if it were complete.
  */
-bool zip_entry_is_deliverable(uint64_t size, const unz_file_info64& info);
+bool zip_entry_deliverable_size(unzFile uf, const unz_file_info64& info, const char* name, uint64_t* size);
 
 /** An opened entry that is read to its end, never past its true size. */
 struct zip_entry_data {
