@@ -21,7 +21,7 @@ VERSION = re.search(r"project\(tessera VERSION (\S+)", CMAKE)[1]
 RECIPE = (LAYER / "recipes-support" / "tessera" / f"tessera_{VERSION}.bb").read_text()
 # A library that CMake looks for: its names as a recipe and as a package of Buildroot.
 NAMES = {"OpenSSL": ("openssl", "openssl"), "minizip": ("minizip", "minizip-zlib"), "zlib": ("zlib", "zlib"),
-         "jansson": ("jansson", "jansson")}
+         "jansson": ("jansson", "jansson"), "libdeflate": ("libdeflate", "libdeflate")}
 LIBRARIES = {first or second for first, second in re.findall(
     r"find_package\((\w+)|pkg_check_modules\(\w+ REQUIRED IMPORTED_TARGET ([\w-]+)", CMAKE)} - {"PkgConfig"}
 MAKE = f"""BR2_EXTERNAL_TESSERA_PATH = {TREE}

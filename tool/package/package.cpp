@@ -2,19 +2,20 @@
 
 #include "console/failure.h"
 #include "console/text.h"
-#include "velox_ota_hl.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 
 namespace {
 
 constexpr size_t piece_size = size_t{256} << 10;
+constexpr size_t longest_comment = 0xFFFF;
 
-Failure damaged(const std::string& what) {
-    return {ExitCode::refused, what, "tessera package check-zip reports which entries are damaged"};
+Failure damaged_directory() {
+    return {ExitCode::refused, "the directory of the package is damaged"};
 }
 
 Descriptor open_regular_file(const std::string& path) {
@@ -29,68 +30,109 @@ Descriptor open_regular_file(const std::string& path) {
     return fd;
 }
 
-/** The unpacked size; if the extra field lacks it, the size stays unchanged, as in the library. */
-uint64_t true_size(const unz_file_info64& info, std::span<const uint8_t> extra) {
-    uint64_t size = info.uncompressed_size;
-    if (size == zip_size_in_extra) {
-        (void)decode_zip64_size(extra, &size);
+uint64_t size_of(const Descriptor& fd) {
+    struct stat status {};
+    return fstat(fd.get(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+}
+
+template <class Record>
+Record load(std::span<const uint8_t> bytes) {
+    Record record;
+    std::memcpy(&record, bytes.data(), sizeof record);
+    return record;
+}
+
+/** Where the last end record begins in the file's tail, as every reader of zip files looks for it. */
+std::optional<size_t> find_end(std::span<const uint8_t> tail) {
+    for (size_t at = tail.size() < sizeof(zip_end) ? 0 : tail.size() - sizeof(zip_end) + 1; at-- > 0;) {
+        if (load_le<uint32_t>(tail, at) == zip_end_signature) {
+            return at;
+        }
     }
-    return size;
+    return std::nullopt;
+}
+
+Entry make_entry(const zip_directory_header& header, const std::string& name, std::span<const uint8_t> extra) {
+    const zip_entry_fields& fields = header.fields;
+    Entry entry{};
+    entry.name = name;
+    entry.kind = zip_kind_of(name.c_str(), header.attributes); /* up to a NUL, as the library */
+    entry.method = fields.method;
+    entry.flags = fields.flags;
+    entry.crc = fields.crc;
+    entry.mode = zip_permissions(header.attributes);
+    entry.time = fields.time;
+    entry.date = fields.date;
+    zip_extent extent{fields.size, fields.packed_size, header.offset};
+    (void)zip_complete_extent(extra, &extent); /* without one a value stays as it is, as in the library */
+    entry.size = extent.size;
+    entry.packed_size = extent.packed_size;
+    entry.position = extent.offset;
+    return entry;
 }
 
 } // namespace
 
-/** As the library counts: a name that is too long to be checked counts as an image. */
-bool Entry::is_image() const {
-    const auto has_extension = [&](const char* extension) { return is_xxx_file(name.c_str(), extension) != 0; };
-    return has_extension("img") || has_extension("bin") || has_extension("ubifs");
+Package::Package(const std::string& path)
+    : fd_(open_regular_file(path)), path_("/proc/self/fd/" + std::to_string(fd_.get())), file_size_(size_of(fd_)) {
+    list_entries(find_directory(path));
 }
 
-Package::Package(const std::string& path)
-    : fd_(open_regular_file(path)), path_("/proc/self/fd/" + std::to_string(fd_.get())),
-      zip_(unzOpen64(path_.c_str())) {
-    if (zip_ == nullptr) {
+void Package::read_at(uint64_t offset, std::span<uint8_t> bytes) const {
+    const bool is_inside = bytes.size() <= file_size_ && offset <= file_size_ - bytes.size();
+    if (!is_inside || FileSource(fd_.get(), offset).read(bytes) != bytes.size()) {
+        throw damaged_directory();
+    }
+}
+
+/** Also sets `base_`. */
+Package::Directory Package::find_directory(const std::string& path) {
+    std::vector<uint8_t> tail(std::min<uint64_t>(file_size_, sizeof(zip_end) + longest_comment));
+    const uint64_t tail_offset = file_size_ - tail.size();
+    read_at(tail_offset, tail);
+    const auto at = find_end(tail);
+    if (!at) {
         throw Failure(ExitCode::refused, path + " is not a zip package");
     }
-    list_entries();
-}
-
-void Package::list_entries() {
-    unz_global_info64 info;
-    bool is_sound = unzGetGlobalInfo64(zip_.get(), &info) == UNZ_OK;
-    for (ZPOS64_T i = 0; is_sound && i < info.number_entry; ++i) {
-        is_sound = (i == 0 ? unzGoToFirstFile(zip_.get()) : unzGoToNextFile(zip_.get())) == UNZ_OK;
-        if (is_sound) {
-            entries_.push_back(current_entry());
+    const auto end = load<zip_end>(std::span(tail).subspan(*at));
+    Directory directory{end.directory_offset, end.directory_size, end.entries};
+    uint64_t directory_end = tail_offset + *at;
+    if (*at >= sizeof(zip64_locator)) {
+        const auto locator = load<zip64_locator>(std::span(tail).subspan(*at - sizeof(zip64_locator)));
+        if (locator.signature == zip64_locator_signature) {
+            std::array<uint8_t, sizeof(zip64_end)> bytes{};
+            read_at(locator.end_offset, bytes);
+            const auto wide = load<zip64_end>(bytes);
+            if (wide.signature != zip64_end_signature) {
+                throw damaged_directory();
+            }
+            directory = {wide.directory_offset, wide.directory_size, wide.entries};
+            directory_end = locator.end_offset;
         }
     }
-    if (!is_sound) {
-        throw Failure(ExitCode::refused, "the directory of the package is damaged");
+    if (directory.size > directory_end || directory.offset > directory_end - directory.size) {
+        throw damaged_directory();
     }
+    base_ = directory_end - directory.size - directory.offset;
+    return directory;
 }
 
-Entry Package::current_entry() const {
-    unz_file_info64 info;
-    Entry entry{};
-    int result = unzGetCurrentFileInfo64(zip_.get(), &info, nullptr, 0, nullptr, 0, nullptr, 0);
-    std::vector<uint8_t> extra(result == UNZ_OK ? info.size_file_extra : 0);
-    if (result == UNZ_OK) { /* a larger request would read more, which may be damaged */
-        entry.name.resize(info.size_filename);
-        result = unzGetCurrentFileInfo64(zip_.get(), &info, entry.name.data(), entry.name.size(), extra.data(),
-                                         extra.size(), nullptr, 0);
+void Package::list_entries(const Directory& directory) {
+    uint64_t offset = base_ + directory.offset;
+    for (uint64_t i = 0; i < directory.entries; ++i) {
+        std::array<uint8_t, sizeof(zip_directory_header)> head{};
+        read_at(offset, head);
+        const auto header = load<zip_directory_header>(head);
+        std::vector<uint8_t> rest(size_t{header.fields.name_length} + header.fields.extra_length);
+        read_at(offset + head.size(), rest);
+        if (header.signature != zip_directory_signature) {
+            throw damaged_directory();
+        }
+        const auto name = std::span(rest).first(header.fields.name_length);
+        entries_.push_back(
+            make_entry(header, std::string(name.begin(), name.end()), std::span(rest).subspan(name.size())));
+        offset += head.size() + rest.size() + header.comment_length;
     }
-    if (result != UNZ_OK) {
-        throw Failure(ExitCode::refused, "the directory of the package is damaged");
-    }
-    (void)unzGetFilePos64(zip_.get(), &entry.position);
-    entry.kind = zip_kind_of(entry.name.c_str(), info.external_fa); /* up to a NUL, as the library */
-    entry.size = true_size(info, extra);
-    entry.in_zip64 = info.uncompressed_size == zip_size_in_extra;
-    entry.crc = static_cast<uint32_t>(info.crc);
-    entry.packed_size = info.compressed_size;
-    entry.mode = zip_permissions(info.external_fa);
-    entry.date = info.tmu_date;
-    return entry;
 }
 
 bool Package::has(std::string_view name) const {
@@ -109,32 +151,36 @@ const Entry& Package::at(std::string_view name) const {
     return *found;
 }
 
-bool Package::read(const Entry& entry, const std::function<bool(std::span<const uint8_t>)>& take) const {
-    unz64_file_pos position = entry.position;
-    if (unzGoToFilePos64(zip_.get(), &position) != UNZ_OK || unzOpenCurrentFile(zip_.get()) != UNZ_OK) {
-        throw damaged(entry.name + " cannot be unpacked");
+FileSource Package::data_of(const Entry& entry) const {
+    std::array<uint8_t, sizeof(zip_local_header)> head{};
+    const uint64_t offset = entry.position + base_;
+    if (offset < base_ || offset > file_size_ || file_size_ - offset < head.size()) {
+        throw damaged_entry(entry, " cannot be unpacked: its data is outside the package");
     }
-    std::vector<uint8_t> piece(std::min<uint64_t>(piece_size, std::max<uint64_t>(1, entry.size)));
-    uint64_t done = 0;
-    uLong sum = 0;
-    while (done < entry.size) {
-        const auto wanted = static_cast<unsigned>(std::min<uint64_t>(piece.size(), entry.size - done));
-        const int got = unzReadCurrentFile(zip_.get(), piece.data(), wanted);
-        if (got <= 0) {
-            unzCloseCurrentFile(zip_.get());
-            throw damaged(entry.name + (got < 0 ? " cannot be unpacked" : " is truncated"));
-        }
-        done += static_cast<uint64_t>(got);
-        sum = entry.in_zip64 ? crc32(sum, piece.data(), static_cast<unsigned>(got)) : sum;
-        if (!take(std::span(piece).first(static_cast<size_t>(got)))) {
-            unzCloseCurrentFile(zip_.get());
+    read_at(offset, head);
+    const auto header = load<zip_local_header>(head);
+    std::vector<uint8_t> rest(size_t{header.fields.name_length} + header.fields.extra_length);
+    const uint64_t data = offset + head.size() + rest.size();
+    if (data > file_size_ || entry.packed_size > file_size_ - data) {
+        throw damaged_entry(entry, " cannot be unpacked: its data is outside the package");
+    }
+    read_at(offset + head.size(), rest);
+    if (!is_header_of(header, rest, entry)) {
+        throw damaged_entry(entry, " cannot be unpacked: its header differs from the directory");
+    }
+    return {fd_.get(), data};
+}
+
+bool Package::read(const Entry& entry, const std::function<bool(std::span<const uint8_t>)>& take) const {
+    FileSource source = data_of(entry);
+    EntryReader reader(entry, source);
+    std::vector<uint8_t> piece(std::min<uint64_t>(piece_size, entry.size));
+    do {
+        const size_t got = reader.read(piece);
+        if (got > 0 && !take(std::span(piece).first(got))) {
             return false;
         }
-    }
-    /* minizip does not check the checksum of an entry whose size is in a zip64 field. */
-    if (unzCloseCurrentFile(zip_.get()) == UNZ_CRCERROR || (entry.in_zip64 && sum != entry.crc)) {
-        throw damaged(entry.name + ": checksum mismatch");
-    }
+    } while (!reader.is_done());
     return true;
 }
 

@@ -1,35 +1,21 @@
 /**
  * An update package. The file is opened once and stays open; the library is given a path that leads to
  * this open file, so the package cannot be replaced between check and use.
+ *
+ * The directory is read here and not by minizip, whose releases up to 1.2 do not know sizes past 4 GiB.
  */
 #ifndef TOOL_PACKAGE_H
 #define TOOL_PACKAGE_H
 
 #include "board/device.h"
-#include "format/zip_entry.h"
+#include "package/entry_reader.h"
 
 #include <cstdint>
 #include <functional>
-#include <memory>
-#include <minizip/unzip.h>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
-
-struct Entry {
-    std::string name;
-    zip_kind kind;
-    uint64_t size; /* unpacked bytes, even if only the zip64 field has them */
-    bool in_zip64; /* so it is with this entry */
-    uint32_t crc;
-    uint64_t packed_size;
-    uint32_t mode; /* Unix permissions; 0 if the packer stored none */
-    tm_unz date;
-    unz64_file_pos position;
-
-    [[nodiscard]] bool is_image() const;
-};
 
 class Package {
 public:
@@ -48,23 +34,27 @@ public:
     /** The one entry of this name. Throws when there is none or more than one. */
     [[nodiscard]] const Entry& at(std::string_view name) const;
 
+    /** The packed data of an entry. Throws when its local header differs from the directory. */
+    [[nodiscard]] FileSource data_of(const Entry& entry) const;
     /** Reads an entry piece by piece. Throws when its data is damaged. @return false when `take` ended it */
     bool read(const Entry& entry, const std::function<bool(std::span<const uint8_t>)>& take) const;
     /** Reads a short entry. */
     [[nodiscard]] std::string text(std::string_view name, size_t limit) const;
 
 private:
-    struct Closer {
-        void operator()(unzFile zip) const {
-            unzClose(zip);
-        }
+    struct Directory {
+        uint64_t offset;
+        uint64_t size;
+        uint64_t entries;
     };
-    void list_entries();
-    [[nodiscard]] Entry current_entry() const;
+    void read_at(uint64_t offset, std::span<uint8_t> bytes) const;
+    [[nodiscard]] Directory find_directory(const std::string& path);
+    void list_entries(const Directory& directory);
 
     Descriptor fd_;
     std::string path_;
-    std::unique_ptr<void, Closer> zip_;
+    uint64_t file_size_;
+    uint64_t base_ = 0; /* bytes before the zip file, which its offsets do not count */
     std::vector<Entry> entries_;
 };
 

@@ -21,8 +21,9 @@ std::string mode_text(const Entry& entry) {
     return text;
 }
 
-std::string date_text(const tm_unz& date) {
-    return format("%04u-%02u-%02u %02u:%02u", date.tm_year, date.tm_mon + 1, date.tm_mday, date.tm_hour, date.tm_min);
+std::string date_text(const Entry& entry) {
+    return format("%04d-%02d-%02d %02d:%02d", (entry.date >> 9) + 1980, entry.date >> 5 & 0xF, entry.date & 0x1F,
+                  entry.time >> 11, entry.time >> 5 & 0x3F);
 }
 
 const char* kind_word(zip_kind kind) {
@@ -54,14 +55,14 @@ void list(const Context& context, const std::string& file) {
     std::vector<std::vector<std::string>> rows;
     for (const Entry& entry : package.entries()) {
         rows.push_back({std::to_string(entry.size), std::to_string(entry.packed_size), mode_text(entry),
-                        date_text(entry.date), entry.is_image() ? "image" : "", entry.name});
+                        date_text(entry), entry.is_image() ? "image" : "", entry.name});
         entries.push_back({{"name", entry.name},
                            {"kind", kind_word(entry.kind)},
                            {"image", entry.is_image()},
                            {"size", entry.size},
                            {"packed", entry.packed_size},
                            {"mode", format("%04o", entry.mode)},
-                           {"date", date_text(entry.date)}});
+                           {"date", date_text(entry)}});
     }
     const auto all = static_cast<uint64_t>(totals.all);
     const std::string sums =

@@ -13,7 +13,7 @@ TESSERA_LICENSE = Apache-2.0
 TESSERA_LICENSE_FILES = LICENSE
 TESSERA_INSTALL_STAGING = YES
 TESSERA_SUPPORTS_IN_SOURCE_BUILD = NO
-TESSERA_DEPENDENCIES = jansson minizip-zlib openssl zlib
+TESSERA_DEPENDENCIES = jansson libdeflate minizip-zlib openssl zlib
 
 # On a Debian host CMake would use the host's multiarch directory for the target.
 TESSERA_CONF_OPTS = -DCMAKE_INSTALL_LIBDIR=lib -DTESSERA_TESTS=OFF

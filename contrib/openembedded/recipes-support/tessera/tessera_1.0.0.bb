@@ -5,7 +5,7 @@ SECTION = "admin"
 LICENSE = "Apache-2.0"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=3b83ef96387f14655fc854ddc3c6bd57"
 
-DEPENDS = "zlib minizip openssl jansson"
+DEPENDS = "zlib minizip openssl jansson libdeflate"
 
 inherit cmake pkgconfig externalsrc
 
