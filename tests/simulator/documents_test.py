@@ -28,6 +28,7 @@ NOT_RUN = {
     "script/mutate", "script/mutate COUNT [SEED]",  # build everything once more and take long
     "script/bench",  # measures for a quarter of an hour, on a machine with nothing else to do
     "script/picture",  # runs the demo; the picture is compared with it below
+    "script/draw",  # changes the tree; what it would draw is compared below
     "script/demo", "script/demo --medium nand",  # the tests demo_emmc and demo_nand
     "script/package", "apt install ./build/release/packages/*.deb",  # the test packages
 }
@@ -141,6 +142,11 @@ class DocumentsTest(BoardCase):
         terms = re.findall(r"^(\*\w+\*(?:, \*\w+\*)*)$", FORMAT_PAGE.read_text(), re.M)
         for listed in (rows, terms):
             self.assertEqual(sorted(re.findall(r"\w+", " ".join(listed))), sorted(fields))
+
+    def test_the_drawing_shows_the_table(self):
+        self.must(f"{TOP}/script/draw drawn.svg")
+        self.assertEqual((self.place / "drawn.svg").read_text(), (TOP / "docs" / "performance.svg").read_text(),
+                         "docs/performance.md has changed: run script/draw")
 
     def test_the_picture_shows_the_demo(self):
         shown = re.findall(r"<tspan class=.heading.>(.*)</tspan>", (TOP / "docs" / "demo.svg").read_text())
