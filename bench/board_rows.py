@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The tessera command on a board, compared with the distribution's programs that do the same work.
 
 The board is simulated, but its partitions remain plain files: otherwise the device simulator, which tracks what is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Single calls of the library and of others that do the same work, in one process and on the same bytes. */
 #include "md5.h"
 #include "ota_utils.h"

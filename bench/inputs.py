@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The input files: always the same bytes, made once per run."""
 
 import pathlib

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * One job of the library as a whole process, for comparison with a command that does the same:
  *

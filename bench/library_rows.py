@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The library compared with the usual programs, and with the minimum that the work can cost."""
 
 import json

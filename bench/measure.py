@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Runs whole commands alternately and prints the resulting table."""
 
 import json

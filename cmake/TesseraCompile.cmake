@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # How everything is compiled: warnings are errors, hardening is on, sanitizers on request.
 add_library(tessera_compile INTERFACE)
 target_compile_options(tessera_compile INTERFACE

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The board's processor. TESSERA_SYSROOT names a directory with arm64 packages; script/cross makes one.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Whatever stands in the board's own files: answers stay in their range, and what is set is what is read. */
 #include "box.h"
 #include "velox_ota_hl.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** A private directory for a target, with the input in a file. */
 #pragma once
 

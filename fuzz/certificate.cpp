@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** A certificate is good when libcrypto decodes it, and nine copies of it agree. */
 #include "image.h"
 

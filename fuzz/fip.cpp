@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * A package reads the same as a file of its own and as the first one of a miniboot file. Where it has a version the
  * command sees a certificate.

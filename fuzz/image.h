@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The version of a firmware image that stands in memory. */
 #pragma once
 

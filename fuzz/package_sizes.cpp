@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Whatever the package: search, sum and streaming agree with each other, and the command's own reader with them. */
 #include "box.h"
 #include "console/failure.h"

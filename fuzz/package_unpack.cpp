@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Whatever the package: nothing outside the destination changes; after a success the sizes are those claimed. */
 #include "box.h"
 #include "vx_zip.h"

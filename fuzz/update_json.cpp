@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** A description is refused by a Failure, or each of its fields arrives. */
 #include "board/names.h"
 #include "box.h"

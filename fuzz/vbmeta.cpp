@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Verification asks for the counters exactly when the only image is a verified-boot image of version 0. */
 #include "box.h"
 #include "ota_antirollback.h"

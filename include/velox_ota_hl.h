@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * tessera: a library for A/B updates of embedded Linux boards.
  *

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Read by cpack before it builds a package. If one of these is missing, cpack would only warn, and build packages
 # without manual pages or without dependencies.
 foreach(program IN ITEMS file dpkg-shlibdeps)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 # Sourced by the scripts that take minutes. They print what they do; a command that they run is only heard of
 # when it fails, and on a terminal by its last line until the next one comes: ninja's or apt's own progress.
@@ -42,8 +43,8 @@ no_arguments() {
     (($# == 0)) || usage
 }
 
-# The comment at the top of a script is its help.
+# The comment at the top of a script, after its licence, is its help.
 if [[ ${1:-} == @(-h|--help) ]]; then
-    sed -n '2,/^# usage/s/^# \{0,1\}//p' "$0"
+    sed -n '3,/^# usage/s/^# \{0,1\}//p' "$0"
     exit
 fi

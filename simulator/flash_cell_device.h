@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Shared by MTD and UBI devices: they are built on cells and serve a table of requests. */
 #ifndef FLASH_CELL_DEVICE_H
 #define FLASH_CELL_DEVICE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The cells of a simulated flash: programming only clears bits, erasing sets all bits of a block. */
 #ifndef FLASH_CELLS_H
 #define FLASH_CELLS_H

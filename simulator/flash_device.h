@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Devices as the kernel presents them: the rules of its MTD and UBI character devices over the cells. */
 #ifndef FLASH_DEVICE_H
 #define FLASH_DEVICE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The C library calls that reach a simulated device instead of its backing file, and the setup.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Faults by script and the journal of what reached the devices (flash_sim.h describes the formats). */
 #ifndef FLASH_SCRIPT_H
 #define FLASH_SCRIPT_H

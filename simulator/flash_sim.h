@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The flash simulator: registered files behave like MTD or UBI character devices for the program that
  * libtessera_flash is loaded into, either linked before libtessera or by LD_PRELOAD. All other files are

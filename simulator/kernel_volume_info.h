@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The volume information request as the board's kernel defines it; mainline Linux does not have it. */
 #ifndef KERNEL_VOLUME_INFO_H
 #define KERNEL_VOLUME_INFO_H

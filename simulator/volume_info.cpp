@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Answers UBI_IOCVOLINFO, which mainline Linux does not have, from the volume's attributes in sysfs. */
 #include "kernel_volume_info.h"
 

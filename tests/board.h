@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The board that the tests run on. Each test program leaves for a mount namespace of its own before the
  * first test: the host's tree shows through, but "/dev", "/tmp", "/userdata" and "/usr/velox" are the

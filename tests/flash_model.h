@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** What a write to flash should come to: the plainest model there is. */
 #ifndef FLASH_MODEL_H
 #define FLASH_MODEL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Reads and writes of flash, on simulated devices that fail, lie and lose power where they are told to. */
 #include "board.h"
 #include "flash_model.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The stored records as bytes, good and bad. */
 #include "antirollback_record.h"
 #include "flash_command.h"

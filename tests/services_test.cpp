@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Digests, the lock and commands, versions, the inventory and flash commands. */
 #include "board.h"
 #include "flash_sim.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Packages, sound and hostile: what lands on disk, what does not, and what is said about it. */
 #include "board.h"
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Bash completion for tessera. What there is to complete comes from the command's own --help, so the two
 # cannot disagree.
 

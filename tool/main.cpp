@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera: dispatches to the verbs and reports any error in one sentence. */
 #include "verbs/verb.h"
 

@@ -1,1 +1,2 @@
+# SPDX-License-Identifier: Apache-2.0
 include $(sort $(wildcard $(BR2_EXTERNAL_TESSERA_PATH)/package/*/*.mk))

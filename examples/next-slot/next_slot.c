@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The minimum sequence from a package to the next boot slot. It takes no lock, does not check the package and does not
  * read back what it wrote; `tessera install` does. */
 #include <stdio.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The board's two anti-rollback counters. On a board they are eFuses; this library keeps them in a
  * small text file and is as strict as fuses: a counter never goes down.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Boots a board as its bootloader would."""
 
 from . import BoardError, slots

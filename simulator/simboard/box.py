@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Runs a program in a sandbox that looks like the board and reaches nothing else (bubblewrap)."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """
 A partition as the drivers of a bootloader read and write it: a flash page whose ECC fails cannot be read, and a
 block is read, erased and written as a whole. A LEB is accessed through its volume.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A GPT of consecutive partitions, as on the eMMC of a board."""
 
 import struct

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The slot block in the partition misc, read and written as a bootloader does: with its checksum."""
 
 import struct

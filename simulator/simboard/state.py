@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The directory that holds a board's state, and the creation of a new one."""
 
 import pathlib

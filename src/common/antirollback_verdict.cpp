@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "antirollback_verdict.h"
 
 std::optional<firmware_kind> firmware_kind_of(std::string_view name) {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Firmware Image Packages and the certificates in them. A package is bytes from outside: every size and
  * offset is checked before it is used.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Reads Firmware Image Packages (the container of Trusted Firmware-A) and the anti-rollback version
  * that the certificates in them carry. Certificates are decoded, never verified.

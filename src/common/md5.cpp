@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The MD5 message digest of RFC 1321 over memory, files and devices. */
 #include "md5.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The rollback index of verified-boot images, the eFuse counters, and the verdict over a package. */
 #include "ota_antirollback.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The slot block: reading, checking, changing and saving it.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Access to MTD devices and UBI volumes. One read-modify-write for both media.
  *

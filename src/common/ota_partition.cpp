@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Transfers of one piece (block branch and flash branch), streaming of whole images, and the flash
  * command record.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Diagnostics and checksums. The rest of this unit is in ota_utils_*.cpp. */
 #include "ota_utils.h"
 

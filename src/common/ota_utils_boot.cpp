@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Boot parameters from the kernel command line, device names, and the choice of the update slot. */
 #include "ota_boot_control.h"
 #include "ota_log.h"

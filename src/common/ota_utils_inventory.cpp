@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The board's partitions: A/B names from the device directory, and the raw GPT entries. */
 #include "gpt.h"
 #include "ota_log.h"

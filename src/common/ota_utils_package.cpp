@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** File names and package files, staged unpacking, and small file-system queries. */
 #include "ota_log.h"
 #include "ota_paths.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Comparison of partitions, the single-instance lock, and command execution. */
 #include "md5.h"
 #include "ota_log.h"

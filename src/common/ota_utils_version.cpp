@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Version strings: extracted from a line, read from a file, compared. */
 #include "ota_log.h"
 #include "ota_owner.h"

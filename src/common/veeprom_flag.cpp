@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The status record and the anti-rollback record: stored form, repair, and access by selector. */
 #include "veeprom_flag.h"
 

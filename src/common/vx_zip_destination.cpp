@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "vx_zip_destination.h"
 
 #include "ota_log.h"

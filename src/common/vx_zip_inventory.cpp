@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Inventory of zip packages: what they contain and how large it is, read without unpacking. */
 #include "vx_zip.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "antirollback_record.h"
 
 static_assert(sizeof(antirollback_ver_t) == 16);

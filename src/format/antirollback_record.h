@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The anti-rollback record: the versions that were installed, for burning the eFuses later. 16 bytes at byte
  * 0x30880 of the partition "ubootenv", little-endian.

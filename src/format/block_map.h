@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The block map of a framed image: where each frame of the deflated entry ends, and a hash of each block.
  */

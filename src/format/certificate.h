@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The anti-rollback version in an X.509 certificate of the Trusted Firmware-A scheme: an extension with one of the
  * object identifiers 1.3.6.1.4.1.4128.2100.1 (trusted firmware) and .2 (non-trusted firmware), whose value is a DER

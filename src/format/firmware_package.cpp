@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "firmware_package.h"
 
 static_assert(sizeof(uuid_t) == 16);

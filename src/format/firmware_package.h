@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Firmware Image Package, the container of Trusted Firmware-A, little-endian. A header of 16 bytes:
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "flash_command.h"
 
 static_assert(sizeof(fimage_update_t) == 2272);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * A flash command: the format of a file on the board and of what is written to the node "flashcmd". 2272 bytes,
  * little-endian; in the node, the command "misc_write_cmd" is followed by a data area.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Shared by the readers and writers of stored and foreign formats, which only handle bytes: no I/O, no messages. */
 #ifndef FORMAT_H
 #define FORMAT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "gpt.h"
 
 static_assert(sizeof(gpt_entry) == 128);

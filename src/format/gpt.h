@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The entries of a GUID Partition Table (UEFI 2.10, 5.3.3): 128 entries of 128 bytes at byte 1024 of the
  * disk, LBA 2 with 512-byte sectors, little-endian.

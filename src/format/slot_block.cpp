@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "slot_block.h"
 
 static_assert(sizeof(slot_metadata) == 2);

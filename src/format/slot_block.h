@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The slot block: the bootloader and the update tools share in it which slot boots. 32 bytes at byte 2048 of the
  * partition "misc", little-endian; bit 0 is the least significant.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "status_record.h"
 
 static_assert(sizeof(update_part_t) == 1284);

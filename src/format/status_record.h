@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The status record: the state of an update. 1356 bytes at byte 0x30000 of the partition "ubootenv", little-endian;
  * enumerations are 32-bit numbers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The header of a verified-boot image (Android Verified Boot "vbmeta"), big-endian. Only these bytes are read:
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Fields of an entry in the central directory of a zip package that minizip passes on unparsed (PKWARE APPNOTE
  * 4.4.15, 4.5.3), little-endian.

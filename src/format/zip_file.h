@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The records of a zip file (PKWARE APPNOTE 4.3), little-endian:
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** MD5 message digest (RFC 1321) of memory, files and devices. A digest is 16 raw bytes. */
 #ifndef MD5_H
 #define MD5_H

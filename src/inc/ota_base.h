@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** What every header of the library needs: fixed-width types, C linkage, exports, enumerations. */
 #ifndef OTA_BASE_H
 #define OTA_BASE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * A/B slots. One 32-byte block at byte 2048 of the partition "misc" tells the bootloader which slot
  * to boot and how often to try. It is read, changed and written as a whole, without a lock, a journal or

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Diagnostics of the library: four levels, each a macro with a printf format.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Access to MTD character devices (NAND, NOR) and UBI volumes through an open descriptor.
  *

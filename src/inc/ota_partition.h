@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Reading and writing a partition or a file, whatever the medium; image streaming; flash commands. */
 #ifndef OTA_PARTITION_H
 #define OTA_PARTITION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Error numbers and owners of an update. */
 #ifndef OTA_TYPES_H
 #define OTA_TYPES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Shared enumerations and records, checksums, boot parameters, the choice of the update slot, and the
  * small services: staged unpacking, digest comparison, lock, versions and inventory.

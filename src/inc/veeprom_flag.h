@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The update status: one record that survives reboots, and the anti-rollback record next to it, in the
  * partition "ubootenv" at the bytes 0x30000 (1356 bytes) and 0x30880 (16 bytes). All integers are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Zip packages: extraction, inventory and sizes, through minizip. */
 #ifndef VX_ZIP_H
 #define VX_ZIP_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The anti-rollback verdict: whether firmware images agree with each other, and none of their versions is below the
  * board's counter. This is decided here only; the callers write the messages.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The owner of an open package. */
 #ifndef MINIZIP_OWNER_H
 #define MINIZIP_OWNER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Owners of libcrypto's objects. */
 #ifndef OPENSSL_OWNER_H
 #define OPENSSL_OWNER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Owners of what a unit opens or allocates: released when they go out of scope, on every path. */
 #ifndef OTA_OWNER_H
 #define OTA_OWNER_H

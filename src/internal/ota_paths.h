@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The fixed paths of the board and the sizes of the arrays that hold paths and names. */
 #ifndef OTA_PATHS_H
 #define OTA_PATHS_H

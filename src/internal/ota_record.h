@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Where the stored records are: the slot block in "misc", the status and anti-rollback records in "ubootenv". */
 #ifndef OTA_RECORD_H
 #define OTA_RECORD_H

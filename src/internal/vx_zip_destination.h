@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Checks where the names of a package's entries lead: only into the destination.
  *

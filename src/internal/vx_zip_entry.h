@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The entries of a package as minizip reports them: a walk over them, their kinds, sizes and data. */
 #ifndef VX_ZIP_ENTRY_H
 #define VX_ZIP_ENTRY_H

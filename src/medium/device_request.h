@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The requests of block devices, MTD devices and UBI volumes. Each function is one ioctl() and returns its result: 0
  * for success, anything else is a failure, with errno as the kernel set it. An out parameter is written on success

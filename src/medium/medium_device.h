@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * A block device, MTD device, UBI volume or plain file that images and records are stored on, open for reading.
  *

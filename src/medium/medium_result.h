@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The result of an operation on a medium, as a value: the callers write the messages. */
 #ifndef MEDIUM_RESULT_H
 #define MEDIUM_RESULT_H

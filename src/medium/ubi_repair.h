@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Repairs what a power cut during a write leaves on a UBI volume: a LEB with a page that can no longer be read. A
  * save reads the rest of the LEB first, so every later save to it would fail too.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The OpenEmbedded layer and the Buildroot package, as far as they can be checked without either."""
 
 import fnmatch

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The examples, each used as its reader would use it. library_test and packages_test build and run the C program."""
 
 import json

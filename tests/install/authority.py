@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Authorities that issue certificates and revocation lists, by the openssl command, and a clock to move."""
 
 import subprocess

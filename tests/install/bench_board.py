@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A small board with a package for it, for the tests that drive the command as a user would."""
 
 import hashlib

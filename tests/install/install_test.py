@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """`tessera install` and what surrounds it, end to end on the simulated board."""
 
 import json

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Power cuts that lose the slot block, and what the commands after them make of it."""
 
 import unittest

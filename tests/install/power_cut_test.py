@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """
 The power fails at an operation of a whole installation, and of the confirmation after it, on every medium. After
 each cut the board boots, and what it boots is whole; then another installation succeeds, and what it says boots

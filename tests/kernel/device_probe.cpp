@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Asks a device one thing after the other and prints each answer. What the kernel's devices and the
  * simulated ones answer has to be the same text.

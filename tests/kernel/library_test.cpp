@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The library's own operations on the devices of a real kernel. Each is compared with the whole partition
  * as another program reads it: every byte that changed was meant to, and no other did.

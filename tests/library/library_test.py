@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The library as a file: what it exports, how it is hardened, and what a C program finds of it once installed."""
 
 import json

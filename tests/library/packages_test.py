@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The Debian packages, installed into a machine that holds nothing but what they depend on and a compiler.
 
 The machine is a directory: apt resolves and unpacks the dependencies (script/sysroot), dpkg --root installs

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The desktop's stand-in for the board's log library, in a program that has a system log of its own. */
 #include "board.h"
 

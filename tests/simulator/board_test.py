@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The simulated board: how it is made, its box, its log, its faults, and what its bootloader does with the slots."""
 
 import pathlib

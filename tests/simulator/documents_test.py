@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the documents and the scripts' help show: each command is run as it is written there."""
 
 import json

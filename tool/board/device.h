@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Devices for the verbs: errors that src/medium returns as values are thrown here as Failure. */
 #ifndef TOOL_DEVICE_H
 #define TOOL_DEVICE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The digests of an image: MD5 for the board's records, SHA-256 for trust. */
 #ifndef TOOL_DIGEST_H
 #define TOOL_DIGEST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Maps the numbers that the board stores to words and back. */
 #ifndef TOOL_NAMES_H
 #define TOOL_NAMES_H

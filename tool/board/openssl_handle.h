@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Owners of OpenSSL's objects. */
 #ifndef TOOL_OPENSSL_HANDLE_H
 #define TOOL_OPENSSL_HANDLE_H

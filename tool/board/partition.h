@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Partitions by name: their paths, and access to the small records stored in them. */
 #ifndef TOOL_PARTITION_H
 #define TOOL_PARTITION_H

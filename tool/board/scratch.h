@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** A temporary directory. The library changes to it while unpacking; the destructor changes back and removes it. */
 #ifndef TOOL_SCRATCH_H
 #define TOOL_SCRATCH_H

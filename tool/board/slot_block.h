@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The whole slot block in "misc", for displaying it and for checking the effect of a change. */
 #ifndef TOOL_SLOT_BLOCK_H
 #define TOOL_SLOT_BLOCK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "board/small_file.h"
 
 #include "board/device.h"

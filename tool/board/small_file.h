@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Reads whole files up to a limit. */
 #ifndef TOOL_SMALL_FILE_H
 #define TOOL_SMALL_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "board/status_record.h"
 
 #include "board/device.h"

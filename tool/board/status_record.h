@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The records in "ubootenv" as they are stored. The library's calls replace a bad record when they read it, so
  * whether there was a good one is found out without them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The version in a version file. */
 #ifndef TOOL_VERSION_FILE_H
 #define TOOL_VERSION_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The command line: the words and options of each command, their help, and the parser. */
 #ifndef TOOL_COMMAND_LINE_H
 #define TOOL_COMMAND_LINE_H

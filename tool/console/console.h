@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The streams of the command. The library logs on the process's own standard streams, so the command
  * takes those away from it at the start and keeps the real ones for itself: stdout carries results and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The exit statuses of the command, in one place. `tessera --help` and the documents follow this table. */
 #ifndef TOOL_EXIT_CODE_H
 #define TOOL_EXIT_CODE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The error that ends a verb early: a message for the user, with details. */
 #ifndef TOOL_FAILURE_H
 #define TOOL_FAILURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Termination by a signal, but only at safe points. */
 #ifndef TOOL_INTERRUPT_H
 #define TOOL_INTERRUPT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** JSON values: written as initializer lists or parsed from text. Fields keep their order. */
 #ifndef TOOL_JSON_H
 #define TOOL_JSON_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Progress over known amounts of work. The percentage never decreases: work that turns out to be
  * unnecessary is subtracted from the total. It stays below 100 % until finish(), because syncing and the last

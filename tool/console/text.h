@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Helpers for human-readable text. */
 #ifndef TOOL_TEXT_H
 #define TOOL_TEXT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The firmware on the board's partitions, read by the same rules as the images of a package. */
 #ifndef TOOL_BOARD_FIRMWARE_H
 #define TOOL_BOARD_FIRMWARE_H

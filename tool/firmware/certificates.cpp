@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "firmware/certificates.h"
 
 #include "board/small_file.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The certificates in a firmware image, one by one. The library returns only what they agree on. */
 #ifndef TOOL_CERTIFICATES_H
 #define TOOL_CERTIFICATES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "firmware/image_versions.h"
 
 #include "board/scratch.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The anti-rollback versions of images, and their comparison with the board's counters. */
 #ifndef TOOL_IMAGE_VERSIONS_H
 #define TOOL_IMAGE_VERSIONS_H

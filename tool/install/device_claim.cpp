@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "install/device_claim.h"
 
 #include "console/failure.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Prevents an installation from writing devices that are in use. */
 #ifndef TOOL_DEVICE_CLAIM_H
 #define TOOL_DEVICE_CLAIM_H

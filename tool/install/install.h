@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Carries out a plan. Invariants that leave a bootable system after a power cut at any moment:
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The plan of an installation, checked as a whole before anything is written. */
 #ifndef TOOL_INSTALL_PLAN_H
 #define TOOL_INSTALL_PLAN_H

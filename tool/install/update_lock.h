@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The lock that allows only one command at a time to change what updates rely on. */
 #ifndef TOOL_UPDATE_LOCK_H
 #define TOOL_UPDATE_LOCK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "package/board_identity.h"
 
 #include "console/failure.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Which boards this one is compatible with, and whether a package is for one of them. */
 #ifndef TOOL_BOARD_IDENTITY_H
 #define TOOL_BOARD_IDENTITY_H

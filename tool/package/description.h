@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The description of an update, "update.json" in the package. Nothing in it is used before all of it
  * has been checked: unknown fields, wrong types and values out of range are refused by name.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "package/entry_reader.h"
 
 #include "console/text.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Reads one entry of a package from its first byte to its last. */
 #ifndef TOOL_ENTRY_READER_H
 #define TOOL_ENTRY_READER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The images of a package, frame by frame. */
 #ifndef TOOL_IMAGE_READER_H
 #define TOOL_IMAGE_READER_H

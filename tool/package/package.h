@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * An update package. The file is opened once and stays open; the library is given a path that leads to
  * this open file, so the package cannot be replaced between check and use.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Checks of a package that work on any machine: its signers, and whether its images match the
  * description.

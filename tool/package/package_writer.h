@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** Writes a zip package. The file appears under its name only when it is whole. */
 #ifndef TOOL_PACKAGE_WRITER_H
 #define TOOL_PACKAGE_WRITER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** PEM files: blocks of base64 between BEGIN and END lines, with any text around them. */
 #ifndef TOOL_PEM_H
 #define TOOL_PEM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * Signatures over a description: CMS, detached, DER, as `openssl cms -sign -binary` makes and
  * `openssl cms -verify` checks them.

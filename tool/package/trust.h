@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * The authorities whose signatures are accepted: a PEM file of their certificates and of the revocation
  * lists that they issued.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera board: the board's properties, and whether it supplies what the library needs. */
 #include "board/names.h"
 #include "console/text.h"

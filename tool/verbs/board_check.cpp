@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "verbs/board_check.h"
 
 #include "board/device.h"

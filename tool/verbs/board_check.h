@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** What a board must supply for the library to work on it, item by item. */
 #ifndef TOOL_BOARD_CHECK_H
 #define TOOL_BOARD_CHECK_H

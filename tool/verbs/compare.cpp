@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera compare: whether two partitions hold the same bytes, and if not, where they first differ. */
 #include "board/device.h"
 #include "board/partition.h"

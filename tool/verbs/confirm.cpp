@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera confirm: for the script that checks the system after a boot. */
 #include "board/names.h"
 #include "board/slot_block.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /**
  * tessera digest: the digest of a file or partition. Bad blocks of NAND are skipped, as in
  * writing, so the digest of a partition equals that of the image written to it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera efuse: the board's anti-rollback counters, and raising them once no system needs the old ones. */
 #include "board/names.h"
 #include "board/status_record.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera firmware: what the anti-rollback check would read from an image, certificate by certificate. */
 #include "console/text.h"
 #include "firmware/certificates.h"

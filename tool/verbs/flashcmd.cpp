@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera flashcmd: hands a prepared command of the board to its flash command node. */
 #include "board/device.h"
 #include "board/partition.h"

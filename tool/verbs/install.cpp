@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera install: the whole update, from the package to the switch of the slot. */
 #include "install/install.h"
 #include "board/names.h"

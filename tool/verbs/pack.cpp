@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera pack: builds a package from a description and a directory of images. */
 #include "board/small_file.h"
 #include "console/interrupt.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera package: shows, checks and unpacks a package. */
 #include "console/interrupt.h"
 #include "console/text.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "verbs/package_info.h"
 
 #include "board/names.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera package info: what a package is, and whether anything is wrong with it, on any machine. */
 #ifndef TOOL_PACKAGE_INFO_H
 #define TOOL_PACKAGE_INFO_H

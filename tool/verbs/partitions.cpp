@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera partitions: the partitions by name, and what the GPT of an eMMC says. */
 #include "board/device.h"
 #include "board/partition.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera rollback: back to the other slot, if that one is known to boot. */
 #include "board/names.h"
 #include "board/slot_block.h"

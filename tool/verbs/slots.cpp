@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera slots: the table of A/B slots and the changes to it. */
 #include "board/names.h"
 #include "board/slot_block.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera status: the records in ubootenv, as they are before the library can repair them. */
 #include "board/status_record.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** What the verbs share. Each verb is a file of its own, verbs/<name>.cpp. */
 #ifndef TOOL_VERB_H
 #define TOOL_VERB_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera verify: whether a package is trusted and intact, and no version is below its counter. Changes nothing. */
 #include "board/partition.h"
 #include "console/interrupt.h"

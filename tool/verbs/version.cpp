@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** tessera version: version files, and which of two versions is older. */
 #include "board/version_file.h"
 #include "console/text.h"

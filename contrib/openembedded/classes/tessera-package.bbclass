@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Makes an update package from the images of other recipes and deploys it. Use it in a separate recipe:
 #
 #   LICENSE = "CLOSED"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The part of Android's logging interface that tessera uses. On a desktop it writes to syslog. */
 #ifndef ANDROID_LOG_H
 #define ANDROID_LOG_H

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 SUMMARY = "The zip library that zlib carries in contrib/minizip"
 HOMEPAGE = "https://zlib.net/"
 SECTION = "libs"

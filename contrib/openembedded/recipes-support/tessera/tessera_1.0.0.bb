@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 SUMMARY = "Library and command for A/B updates of embedded boards"
 DESCRIPTION = "Writes update packages to eMMC, raw NAND, NOR and UBI, maintains two boot slots, and refuses \
 versions below the board's eFuse counters."
