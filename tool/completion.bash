@@ -27,7 +27,7 @@ _tessera() {
     digest:* | compare:*) mapfile -t words < <(ls "$by_name" 2>/dev/null && _tessera_words "${command[@]}") ;;
     "slots set-next:"* | "slots mark-good:"* | "slots mark-bad:"*) words=(a b) ;;
     "status set:set") words=(update system backup app middleware param owner next-slot) ;;
-    "status set:"*) words=(normal burn verify verified nobody tool service a b) ;;
+    "status set:"*) words=(normal burn verify verified none tool service a b) ;;
     *) mapfile -t words < <(_tessera_words "${command[@]}") ;;
     esac
     [[ $current == -* ]] || unasked='^-'

@@ -628,7 +628,7 @@ class InstallTest(BoardCase):
         self.expect("install /userdata/1.zip", 0)
         self.expect("status set owner tool", 0)  # as a cut between the last two writes of a record leaves it
         self.expect("install /userdata/1.zip", 0, "is already installed")
-        self.assertEqual(json.loads(self.expect("status --json", 0).stdout)["status"]["owner"], "nobody")
+        self.assertEqual(json.loads(self.expect("status --json", 0).stdout)["status"]["owner"], "none")
         self.expect("install /userdata/1.zip --force", 137, fault="raise pwrite 5 9")  # in the middle of slot b
         self.expect_no_change("install /userdata/2.zip", 1, "no image for its partition system")
         for line in ("slots mark-good b", "slots set-next b"):

@@ -12,7 +12,7 @@ constexpr Name modes[] = {{NORMAL_MODE, "normal"}, {RECOVERY_MODE, "recovery"}};
 constexpr Name types[] = {{GOLDEN, "golden"}, {AB, "ab"}, {BAK, "bak"}, {PERMANENT, "permanent"}};
 constexpr Name flags[] = {
     {OTA_FLAG_NORMAL, "normal"}, {OTA_FLAG_BURN, "burn"}, {OTA_FLAG_VERIFY, "verify"}, {OTA_FLAG_VERIFIED, "verified"}};
-constexpr Name owners[] = {{NORMAL_BOOT, "nobody"}, {OTA_TOOL, "tool"}, {OTA_SERVICE, "service"}};
+constexpr Name owners[] = {{NORMAL_BOOT, "none"}, {OTA_TOOL, "tool"}, {OTA_SERVICE, "service"}};
 
 constexpr int32_t max_slots = 4;
 

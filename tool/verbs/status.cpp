@@ -262,7 +262,7 @@ void declare_set(Command& verb, Context& context) {
     auto options = std::make_shared<SetOptions>();
     add_word(command, "FIELD", options->field, "update, system, backup, middleware, app, param, owner or next-slot");
     add_word(command, "VALUE", options->value,
-             "normal, burn, verify or verified; owner: nobody, tool or service; next-slot: a letter");
+             "normal, burn, verify or verified; owner: none, tool or service; next-slot: a letter");
     add_flag(command, "--raw", options->raw, "Store any number, even one without a name");
     add_lock(command, options->lock_file);
     on_command(command, context, [&context, options] {
