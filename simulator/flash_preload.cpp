@@ -1,26 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
- * The C library calls that reach a simulated device instead of its backing file, and the setup.
+ * The C library calls that reach a simulated device instead of its backing file.
  *
  * Every call looks up its descriptor by the file that it refers to, so it does not matter how the program
  * obtained it. Everything else is passed to the next definition of the call, which may be that of another
  * preloaded library.
  */
-#include "flash_device.h"
-#include "flash_script.h"
 #include "flash_sim.h"
+#include "flash_simulation.h"
 
-#include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <dlfcn.h>
-#include <exception>
 #include <fcntl.h>
-#include <mutex>
-#include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
@@ -30,149 +22,16 @@ static_assert(sizeof(off_t) == 8, "the 64-bit calls are served by the plain ones
 
 namespace {
 
-/** The devices, the script and the journal of this process. */
-class simulation {
-public:
-    void add(const std::string& line) {
-        const std::lock_guard lock(mutex_);
-        devices_.push_back(make_device(line));
-        in_use_ = true;
-    }
-
-    void clear() {
-        const std::lock_guard lock(mutex_);
-        in_use_ = false;
-        devices_.clear();
-        start({});
-    }
-
-    void load(flash_script script) {
-        const std::lock_guard lock(mutex_);
-        start(std::move(script));
-        if (script_.kills() && stderr_ < 0) {
-            stderr_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        }
-        if (script_.cuts_at_once()) {
-            lose_power();
-        }
-    }
-
-    void reboot() {
-        const std::lock_guard lock(mutex_);
-        lose_power();
-        start({});
-    }
-
-    void journal_to(FILE* file) {
-        journal_file_ = file;
-    }
-
-    uint64_t operations() {
-        const std::lock_guard lock(mutex_);
-        return script_.operations();
-    }
-
-    const char* journal() {
-        const std::lock_guard lock(mutex_);
-        journal_shown_ = journal_;
-        return journal_shown_.c_str();
-    }
-
-    named_device* find(const struct stat& status) {
-        if (!in_use_ || !S_ISREG(status.st_mode)) {
-            return nullptr;
-        }
-        const std::lock_guard lock(mutex_);
-        for (named_device& named : devices_) {
-            if (named.device->is(status.st_dev, status.st_ino)) {
-                return &named;
-            }
-        }
-        return nullptr;
-    }
-
-    /**
-     * Carries out an operation, unless the script decides otherwise.
-     * @param work  takes the maximum number of bytes to move; returns the result of the system call
-     */
-    template <class Work>
-    long perform(const named_device& named, const flash_operation& operation, Work work) {
-        const std::lock_guard lock(mutex_);
-        const flash_verdict verdict = script_.decide(operation);
-        if (verdict.refused) {
-            return -EIO;
-        }
-        if (verdict.signal != 0) {
-            (void)std::raise(verdict.signal);
-        }
-        named.device->set_tear(verdict.tear);
-        long result = verdict.result ? *verdict.result : work(std::min(operation.length, verdict.limit));
-        named.device->set_tear(std::nullopt);
-        if (verdict.tear) {
-            result = -EIO;
-        }
-        note(journal_line(named.name, operation, result));
-        if (verdict.is_last) {
-            lose_power();
-        }
-        return result;
-    }
-
-private:
-    void start(flash_script script) {
-        script_ = std::move(script);
-        journal_.clear();
-    }
-
-    void lose_power() {
-        for (const named_device& named : devices_) {
-            named.device->lose_power(script_.seed());
-        }
-        if (script_.kills()) {
-            (void)dprintf(stderr_, "flash simulator: the power fails %s operation %llu and ends the program\n",
-                          script_.tears() ? "within" : "after", static_cast<unsigned long long>(script_.operations()));
-            (void)std::raise(SIGKILL);
-        }
-    }
-
-    void note(const std::string& line) {
-        journal_ += line + '\n';
-        if (journal_file_ != nullptr) {
-            (void)std::fprintf(journal_file_, "%s\n", line.c_str());
-            (void)std::fflush(journal_file_);
-        }
-    }
-
-    std::mutex mutex_;
-    std::atomic<bool> in_use_ = false;
-    std::vector<named_device> devices_;
-    flash_script script_;
-    std::string journal_;
-    std::string journal_shown_;
-    FILE* journal_file_ = nullptr;
-    int stderr_ = -1; /* a duplicate of the original: the program may redirect its own */
-};
-
-/* Null until the setup is complete: calls from other libraries' constructors, and from the setup itself, find
- * no devices. Never freed: a program may use its devices until it ends. */
-constinit std::atomic<simulation*> running = nullptr;
-
-simulation& the_simulation() {
-    static auto* const only = new simulation;
-    running = only;
-    return *only;
-}
-
 /** The device that a descriptor refers to; null if it is not one. */
 named_device* device_of(int fd) {
-    simulation* const now = running;
+    simulation* const now = running_simulation;
     struct stat status {};
     return now != nullptr && fstat(fd, &status) == 0 ? now->find(status) : nullptr;
 }
 
 /** A device ignores O_TRUNC; its backing file would not. */
 int without_truncation(int dir, const char* path, int flags) {
-    simulation* const now = running;
+    simulation* const now = running_simulation;
     struct stat status {};
     const bool is_device =
         now != nullptr && (flags & O_TRUNC) != 0 && fstatat(dir, path, &status, 0) == 0 && now->find(status) != nullptr;
@@ -197,7 +56,7 @@ ssize_t read_device(const named_device& named, int fd, void* buffer, size_t coun
         return as_c_result(offset < 0 ? -EINVAL : -EBADF);
     }
     const auto position = static_cast<uint64_t>(offset);
-    return as_c_result(running.load()->perform(named, {"pread", position, count}, [&](size_t limit) {
+    return as_c_result(running_simulation.load()->perform(named, {"pread", position, count}, [&](size_t limit) {
         return named.device->read(position, {static_cast<uint8_t*>(buffer), limit});
     }));
 }
@@ -207,7 +66,7 @@ ssize_t write_device(const named_device& named, int fd, const void* buffer, size
         return as_c_result(offset < 0 ? -EINVAL : -EBADF);
     }
     const auto position = static_cast<uint64_t>(offset);
-    return as_c_result(running.load()->perform(named, {"pwrite", position, count}, [&](size_t limit) {
+    return as_c_result(running_simulation.load()->perform(named, {"pwrite", position, count}, [&](size_t limit) {
         const ssize_t moved = named.device->write(position, {static_cast<const uint8_t*>(buffer), limit});
         if ((fcntl(fd, F_GETFL) & O_DSYNC) != 0) {
             (void)named.device->sync();
@@ -228,7 +87,7 @@ ssize_t at_file_position(int fd, Transfer transfer) {
 }
 
 int sync_device(const named_device& named) {
-    return static_cast<int>(as_c_result(running.load()->perform(
+    return static_cast<int>(as_c_result(running_simulation.load()->perform(
         named, {"fsync"}, [&](size_t /*limit*/) { return static_cast<long>(named.device->sync()); })));
 }
 
@@ -237,7 +96,7 @@ int request_device(const named_device& named, const flash_request& request) {
     if (!operation) {
         return static_cast<int>(as_c_result(-ENOTTY));
     }
-    return static_cast<int>(as_c_result(running.load()->perform(
+    return static_cast<int>(as_c_result(running_simulation.load()->perform(
         named, *operation, [&](size_t /*limit*/) { return static_cast<long>(named.device->carry_out(request)); })));
 }
 
@@ -251,55 +110,6 @@ Call* next_definition(const char* name) {
 mode_t mode_of(int flags, va_list arguments) {
     const bool has_mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
     return has_mode ? va_arg(arguments, mode_t) : 0;
-}
-
-/** Runs a part of the setup. @return 0; -1 with the reason on stderr */
-template <class Step>
-int set_up(Step step) {
-    try {
-        step();
-        return 0;
-    } catch (const std::exception& error) {
-        (void)std::fprintf(stderr, "flash simulator: %s\n", error.what());
-        return -1;
-    }
-}
-
-void register_all(const char* path) {
-    FILE* const file = std::fopen(path, "re");
-    if (file == nullptr) {
-        throw std::runtime_error(std::string("cannot open ") + path);
-    }
-    char line[1024];
-    while (std::fgets(line, sizeof line, file) != nullptr) {
-        const std::string text = std::string(line).substr(0, std::string(line).find_first_of("#\n"));
-        if (text.find_first_not_of(" \t") != std::string::npos) {
-            the_simulation().add(text);
-        }
-    }
-    (void)std::fclose(file);
-}
-
-void set_up_from_environment() {
-    const char* const conf = std::getenv("TESSERA_FLASH_CONF");
-    const char* const fault = std::getenv("TESSERA_FLASH_FAULT");
-    const char* const journal = std::getenv("TESSERA_FLASH_JOURNAL");
-    if (conf == nullptr) {
-        return;
-    }
-    register_all(conf);
-    if (journal != nullptr) {
-        the_simulation().journal_to(std::fopen(journal, "ae"));
-    }
-    if (fault != nullptr) {
-        the_simulation().load(flash_script(fault));
-    }
-}
-
-__attribute__((constructor)) void start_with_the_program() {
-    if (set_up(set_up_from_environment) != 0) {
-        _exit(126);
-    }
 }
 
 } // namespace
@@ -446,32 +256,6 @@ FLASH_SIM_API ssize_t sendfile(int out, int in, off_t* offset, size_t count) noe
     NEXT(sendfile);
     const bool is_device = device_of(in) != nullptr || device_of(out) != nullptr;
     return is_device ? as_c_result(-EINVAL) : next(out, in, offset, count);
-}
-
-/* ---- the simulator's own ---- */
-
-int flash_sim_register(const char* line) {
-    return set_up([line] { the_simulation().add(line); });
-}
-
-void flash_sim_clear(void) {
-    the_simulation().clear();
-}
-
-int flash_sim_fault(const char* script) {
-    return set_up([script] { the_simulation().load(flash_script(script)); });
-}
-
-void flash_sim_reboot(void) {
-    the_simulation().reboot();
-}
-
-unsigned long flash_sim_operations(void) {
-    return the_simulation().operations();
-}
-
-const char* flash_sim_journal(void) {
-    return the_simulation().journal();
 }
 
 } // extern "C"
