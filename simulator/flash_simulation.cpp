@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "flash_simulation.h"
 
 #include "flash_sim.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /** The simulation in a process: its devices, its fault script and its journal. */
 #ifndef FLASH_SIMULATION_H
 #define FLASH_SIMULATION_H

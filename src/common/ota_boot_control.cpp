@@ -13,6 +13,7 @@
 
 #include "ota_log.h"
 #include "ota_partition.h"
+#include "ota_paths.h"
 #include "ota_record.h"
 #include "ota_utils.h"
 #include "slot_block.h"
@@ -22,8 +23,6 @@
 
 namespace {
 
-constexpr char misc_partition[] = "misc";
-constexpr uint32_t default_slots = 2;
 constexpr uint32_t active_priority = 15;
 constexpr uint32_t active_tries = 1;
 constexpr slot_metadata default_metadata = {
@@ -120,7 +119,7 @@ int32_t bootctrl_is_slot_marked_successful(int32_t slot, const bootloader_contro
 
 int32_t bootctrl_get_info(bootloader_control* boot_ctrl) {
     ota_file_info_t misc_info{};
-    int32_t ret = locate_record(misc_partition, slot_block_offset, &misc_info);
+    int32_t ret = locate_record(ota_misc_partition, slot_block_offset, &misc_info);
     if (ret < 0) {
         return ret;
     }
@@ -153,7 +152,7 @@ int32_t bootctrl_update_and_save(bootloader_control* ctrl) {
     }
     seal_slot_block(ctrl);
     ota_file_info_t misc_info{};
-    int32_t ret = locate_record(misc_partition, slot_block_offset, &misc_info);
+    int32_t ret = locate_record(ota_misc_partition, slot_block_offset, &misc_info);
     if (ret < 0) {
         return ret;
     }
@@ -221,9 +220,9 @@ int32_t ab_control_default(bootloader_control* abc) {
     std::memcpy(abc->slot_suffix, "a\0\0", sizeof abc->slot_suffix);
     abc->magic = slot_block_magic;
     abc->version = slot_block_version;
-    abc->nb_slot = default_slots;
+    abc->nb_slot = slot_block_default_slots;
     std::memset(abc->reserved0, 0, sizeof abc->reserved0);
-    for (uint32_t i = 0; i < default_slots; ++i) {
+    for (uint32_t i = 0; i < slot_block_default_slots; ++i) {
         abc->slot_info[i] = default_metadata;
     }
     std::memset(abc->reserved1, 0, sizeof abc->reserved1);

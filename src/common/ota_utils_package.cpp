@@ -2,6 +2,7 @@
 /** File names and package files, staged unpacking, and small file-system queries. */
 #include "ota_log.h"
 #include "ota_paths.h"
+#include "ota_staging.h"
 #include "ota_types.h"
 #include "ota_utils.h"
 #include "vx_zip.h"
@@ -18,21 +19,14 @@ namespace {
 
 constexpr uint64_t no_free_space_known = UINT64_MAX;
 
-/**
- * KiB that have to be free for `size` bytes: the size plus one MiB less one byte, in whole KiB, plus
- * 1024 KiB.
- */
+/** The largest number, which no file system has free, for a size near it. */
 int64_t needed_space(int64_t size) {
-    constexpr int64_t headroom = 0xFFFFF;
-    if (size > INT64_MAX - headroom) {
-        return INT64_MAX; /* larger than any file system */
-    }
-    return (size + headroom) / 1024 + 1024;
+    return size > INT64_MAX - ota_staging_headroom ? INT64_MAX : ota_staging_kib(size);
 }
 
 bool check_room(const char* zip_path, uint64_t* img_size) {
-    char userdata[] = "/userdata/ota/unzip_dir";
-    static_assert(sizeof userdata == sizeof ota_userdata_unzip_dir);
+    char userdata[sizeof ota_userdata_unzip_dir];
+    std::memcpy(userdata, ota_userdata_unzip_dir, sizeof userdata);
     const int64_t ota_need_size = needed_space(vx_get_zip_size(zip_path, img_size));
     const uint64_t free_bytes = get_free_space(userdata);
     if (free_bytes == no_free_space_known) {

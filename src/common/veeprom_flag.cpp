@@ -5,6 +5,7 @@
 #include "antirollback_record.h"
 #include "ota_log.h"
 #include "ota_partition.h"
+#include "ota_paths.h"
 #include "ota_record.h"
 #include "ota_types.h"
 #include "status_record.h"
@@ -14,8 +15,6 @@
 ota_update_owner_e g_ota_owner = NORMAL_BOOT;
 
 namespace {
-
-constexpr char veeprom_partition[] = "ubootenv";
 
 /** The place of a selector's value in the status record. */
 struct status_field {
@@ -74,7 +73,7 @@ int32_t is_ota_status_valid(const ota_status_t* status) {
 
 int32_t ota_read_from_veeprom(char* buffer, uint32_t buffer_len, uint32_t offset) {
     ota_file_info_t veeprom_info{};
-    int32_t ret = locate_record(veeprom_partition, offset, &veeprom_info);
+    int32_t ret = locate_record(ota_ubootenv_partition, offset, &veeprom_info);
     if (ret < 0) {
         return ret;
     }
@@ -88,7 +87,7 @@ int32_t ota_read_from_veeprom(char* buffer, uint32_t buffer_len, uint32_t offset
 
 int32_t ota_write_to_veeprom(const char* buffer, uint32_t buffer_len, uint32_t offset) {
     ota_file_info_t veeprom_info{};
-    int32_t ret = locate_record(veeprom_partition, offset, &veeprom_info);
+    int32_t ret = locate_record(ota_ubootenv_partition, offset, &veeprom_info);
     if (ret < 0) {
         return ret;
     }

@@ -9,15 +9,18 @@
 #include "vx_zip_destination.h"
 #include "vx_zip_entry.h"
 
+#include <algorithm>
 #include <cstring>
 #include <dirent.h>
+#include <iterator>
 #include <unistd.h>
 
 namespace {
 
 /** A name too long to be checked counts as an image. */
 bool is_image(const char* name) {
-    return is_xxx_file(name, "img") != 0 || is_xxx_file(name, "bin") != 0 || is_xxx_file(name, "ubifs") != 0;
+    return std::any_of(std::begin(zip_image_extensions), std::end(zip_image_extensions),
+                       [name](const char* extension) { return is_xxx_file(name, extension) != 0; });
 }
 
 /** Adds `size` to a sum that has to stay within 63 bits. */

@@ -23,7 +23,8 @@
 inline constexpr uint64_t slot_block_offset = 2048;
 inline constexpr uint32_t slot_block_magic = 0x42414342;
 inline constexpr uint8_t slot_block_version = 1;
-inline constexpr uint32_t slot_block_slots = 4; /* at most */
+inline constexpr uint32_t slot_block_slots = 4;         /* at most */
+inline constexpr uint32_t slot_block_default_slots = 2; /* of a new block */
 
 /**
  * Valid, or torn with a wrong checksum, absent (erased) or foreign (wrong magic number). A reader that accepts any

@@ -27,6 +27,12 @@ enum class zip_kind { directory, link, file };
 /** An uncompressed size of 32 bits that means "see the extra field". */
 inline constexpr uint32_t zip_size_in_extra = 0xFFFFFFFF;
 
+/** The largest size that minizip reports and delivers whole, whatever its version. */
+inline constexpr uint32_t zip_largest_size = zip_size_in_extra - 1;
+
+/** The extensions of entries that hold images. */
+inline constexpr const char* zip_image_extensions[] = {"img", "bin", "ubifs"};
+
 /** The part of a name after its last separator; '/' and '\\' separate. */
 const char* zip_last_component(const char* name);
 

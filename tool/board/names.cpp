@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "board/names.h"
 
+#include "format/slot_block.h"
 #include "velox_ota_hl.h"
 
 namespace {
@@ -13,8 +14,6 @@ constexpr Name types[] = {{GOLDEN, "golden"}, {AB, "ab"}, {BAK, "bak"}, {PERMANE
 constexpr Name flags[] = {
     {OTA_FLAG_NORMAL, "normal"}, {OTA_FLAG_BURN, "burn"}, {OTA_FLAG_VERIFY, "verify"}, {OTA_FLAG_VERIFIED, "verified"}};
 constexpr Name owners[] = {{NORMAL_BOOT, "none"}, {OTA_TOOL, "tool"}, {OTA_SERVICE, "service"}};
-
-constexpr int32_t max_slots = 4;
 
 } // namespace
 
@@ -54,11 +53,11 @@ std::string Names::choices() const {
 }
 
 std::string slot_letter(int32_t slot) {
-    return slot >= 0 && slot < max_slots ? std::string(1, static_cast<char>('a' + slot)) : "unknown";
+    return slot >= 0 && slot < int32_t{slot_block_slots} ? std::string(1, static_cast<char>('a' + slot)) : "unknown";
 }
 
 std::optional<int32_t> slot_from_word(std::string_view word) {
-    for (int32_t slot = 0; slot < max_slots; ++slot) {
+    for (int32_t slot = 0; slot < int32_t{slot_block_slots}; ++slot) {
         if (word == slot_letter(slot) || word == std::to_string(slot)) {
             return slot;
         }

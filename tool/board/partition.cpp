@@ -4,6 +4,7 @@
 #include "board/device.h"
 #include "console/console.h"
 #include "console/text.h"
+#include "ota_paths.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -27,18 +28,18 @@ void demand_file(const std::string& path) {
 
 bool is_board() {
     std::error_code ignored;
-    return std::filesystem::is_directory(partition_directory, ignored);
+    return std::filesystem::is_directory(ota_partition_dir, ignored);
 }
 
 std::set<std::string> list_partitions_by_name() {
     std::set<std::string> names;
     std::error_code error;
-    for (std::filesystem::directory_iterator entry(partition_directory, error), end; !error && entry != end;
+    for (std::filesystem::directory_iterator entry(ota_partition_dir, error), end; !error && entry != end;
          entry.increment(error)) {
         names.insert(entry->path().filename());
     }
     if (error) {
-        throw Failure(ExitCode::device, std::string("cannot list ") + partition_directory + ": " + error.message(),
+        throw Failure(ExitCode::device, std::string("cannot list ") + ota_partition_dir + ": " + error.message(),
                       "tessera board --check");
     }
     return names;
@@ -55,7 +56,7 @@ std::string partition_path(const std::string& name) {
 std::string existing_partition(const std::string& name) {
     std::string path = partition_path(name);
     if (!is_board()) {
-        throw Failure(ExitCode::device, std::string("this machine is not a board: it has no ") + partition_directory,
+        throw Failure(ExitCode::device, std::string("this machine is not a board: it has no ") + ota_partition_dir,
                       "tessera board --check");
     }
     if (!std::filesystem::exists(path)) {

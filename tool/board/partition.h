@@ -10,9 +10,6 @@
 #include <span>
 #include <string>
 
-inline constexpr char partition_directory[] = "/dev/block/platform/by-name/";
-inline constexpr char flash_command_directory[] = "/usr/velox/share/ota";
-
 /** Whether this machine is a board: one that has partitions by name. */
 bool is_board();
 

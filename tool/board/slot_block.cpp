@@ -7,14 +7,13 @@
 #include "console/console.h"
 #include "console/text.h"
 #include "format/slot_block.h"
+#include "ota_paths.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <unistd.h>
 
 namespace {
-
-constexpr char block_partition[] = "misc";
 
 /**
  * Changes the block and reads it back. The library writes past bad blocks and reads at a fixed place: with
@@ -23,9 +22,9 @@ constexpr char block_partition[] = "misc";
 template <class Change, class Check>
 void change_block(const std::string& sentence, Change change, Check is_kept) {
     require(ExitCode::device, sentence, change);
-    sync_partition(block_partition);
+    sync_partition(ota_misc_partition);
     if (!is_kept()) {
-        throw Failure(ExitCode::device, sentence + ": the change did not persist in " + block_partition,
+        throw Failure(ExitCode::device, sentence + ": the change did not persist in " + ota_misc_partition,
                       "tessera board --check reports whether a bad block precedes it");
     }
 }
@@ -39,7 +38,8 @@ Slot read_slot(int32_t number) {
 /** The command that writes a new block. In the recovery system no slot is known to be good. */
 std::string new_block_hint() {
     const int32_t running = ota_get_cur_slot();
-    const bool may_confirm = get_boot_mode() != RECOVERY_MODE && running >= 0 && running < new_block_slots;
+    const bool may_confirm =
+        get_boot_mode() != RECOVERY_MODE && running >= 0 && running < int32_t{slot_block_default_slots};
     return may_confirm ? "tessera confirm" : "tessera slots reset";
 }
 
@@ -52,7 +52,7 @@ bool runs_slot(const SlotBlock& block) {
 void read_with_ecc(const std::string& path, bootloader_control& raw) {
     const Device device(path);
     const auto lost = device.uncorrectable_reads();
-    read_record(block_partition, slot_block_offset, {reinterpret_cast<uint8_t*>(&raw), sizeof raw});
+    read_record(ota_misc_partition, slot_block_offset, {reinterpret_cast<uint8_t*>(&raw), sizeof raw});
     if (device.lost_reads_since(lost)) {
         throw Failure(ExitCode::device, "the slot block is in a page of misc that its ECC cannot correct");
     }
@@ -60,7 +60,7 @@ void read_with_ecc(const std::string& path, bootloader_control& raw) {
 
 bootloader_control read_raw_block() {
     bootloader_control raw{};
-    const std::string path = existing_partition(block_partition);
+    const std::string path = existing_partition(ota_misc_partition);
     if (access(path.c_str(), R_OK) != 0) { /* a permission error: the block itself may be valid */
         throw Failure(ExitCode::device, "cannot open " + path + because(errno));
     }
@@ -206,7 +206,7 @@ void mark_slot_unbootable(int32_t slot) {
 }
 
 bool repair_slot_block() {
-    return repair_device(existing_partition(block_partition));
+    return repair_device(existing_partition(ota_misc_partition));
 }
 
 void reset_slot_block() {

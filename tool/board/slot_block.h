@@ -10,9 +10,6 @@
 #include <string>
 #include <vector>
 
-/** How many slots a new block has. */
-inline constexpr int32_t new_block_slots = 2;
-
 struct Slot {
     int32_t number;
     uint32_t priority;

@@ -6,6 +6,7 @@
 #include "console/console.h"
 #include "format/antirollback_record.h"
 #include "format/status_record.h"
+#include "ota_paths.h"
 
 #include <algorithm>
 #include <cstring>
@@ -19,7 +20,7 @@ constexpr char cannot_store[] = "cannot store the update status";
 template <class Stored, class Record>
 Stored read_stored(uint64_t offset, format_answer (*check)(const Record&)) {
     Stored stored{};
-    read_record(status_partition, offset, {reinterpret_cast<uint8_t*>(&stored.record), sizeof stored.record});
+    read_record(ota_ubootenv_partition, offset, {reinterpret_cast<uint8_t*>(&stored.record), sizeof stored.record});
     const format_answer answer = check(stored.record);
     stored.is_valid = answer.state == format_state::valid;
     stored.fault = answer.reason;
@@ -66,7 +67,7 @@ bool StoredStatus::is_cut_in(int32_t slot) const {
 }
 
 bool can_keep_status() {
-    return Device(existing_partition(status_partition)).is_straight(status_record_offset + sizeof(ota_status_t));
+    return Device(existing_partition(ota_ubootenv_partition)).is_straight(status_record_offset + sizeof(ota_status_t));
 }
 
 StoredStatus read_status() {
@@ -86,9 +87,9 @@ StoredVersions read_stored_versions() {
 }
 
 void write_status(ota_status_t& record) {
-    ota_file_info_t place = locate(status_partition);
+    ota_file_info_t place = locate(ota_ubootenv_partition);
     require(ExitCode::device, cannot_store, [&] { return ota_write_to_veeprom_force(&record, &place); });
-    sync_partition(status_partition);
+    sync_partition(ota_ubootenv_partition);
 }
 
 void store_versions(antirollback_ver_t record) {
@@ -97,19 +98,19 @@ void store_versions(antirollback_ver_t record) {
         return;
     }
     require(ExitCode::device, sentence, [&] { return ota_set_anti_ver_veeprom(&record); });
-    sync_partition(status_partition);
+    sync_partition(ota_ubootenv_partition);
     if (!read_stored_versions().holds(record) && can_keep_status()) {
-        throw Failure(ExitCode::device, std::string(sentence) + ": they did not persist in " + status_partition);
+        throw Failure(ExitCode::device, std::string(sentence) + ": they did not persist in " + ota_ubootenv_partition);
     }
 }
 
 void set_status_flag(ota_update_flag_e flag) {
     require(ExitCode::device, cannot_store, [&] { return ota_set_up_status(flag); });
-    sync_partition(status_partition);
+    sync_partition(ota_ubootenv_partition);
 }
 
 void clear_status_flag() {
     require(ExitCode::device, cannot_store, [&] { return ota_set_up_status(OTA_FLAG_NORMAL); });
     require(ExitCode::device, cannot_store, [&] { return ota_set_owner(NORMAL_BOOT); });
-    sync_partition(status_partition);
+    sync_partition(ota_ubootenv_partition);
 }

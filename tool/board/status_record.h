@@ -10,8 +10,6 @@
 
 #include <string>
 
-inline constexpr char status_partition[] = "ubootenv";
-
 struct StoredStatus {
     ota_status_t record;
     bool is_valid;

@@ -9,6 +9,7 @@
 #include "console/text.h"
 #include "format/firmware_package.h"
 #include "format/verified_boot.h"
+#include "ota_paths.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -89,7 +90,7 @@ std::vector<BoardFirmware> read_board_firmware(const SlotBlock& block,
                                                const std::function<bool(FirmwareKind)>& wanted) {
     std::vector<BoardFirmware> firmware;
     for (const std::string& name : list_partitions_by_name()) {
-        const auto kind = name.starts_with(status_partition) ? std::nullopt : firmware_kind_of(name);
+        const auto kind = name.starts_with(ota_ubootenv_partition) ? std::nullopt : firmware_kind_of(name);
         if (kind && wanted(*kind)) {
             firmware.push_back({slot_of(name, block), read_partition(name, *kind)});
         }

@@ -11,6 +11,8 @@
 #include "format/flash_command.h"
 #include "format/slot_block.h"
 #include "install/update_lock.h"
+#include "ota_paths.h"
+#include "ota_staging.h"
 #include "velox_ota_hl.h"
 
 #include <algorithm>
@@ -28,7 +30,6 @@ namespace fs = std::filesystem;
 
 constexpr uint64_t misc_size = slot_block_offset + sizeof(bootloader_control);
 constexpr uint64_t ubootenv_size = antirollback_record_offset + sizeof(antirollback_ver_t); /* its last record */
-constexpr char staging_directory[] = "/userdata/ota/unzip_dir";
 
 BoardItem number_item(const char* name, int32_t value, const std::string& word, const char* fix) {
     return {name, value >= 0, value >= 0 ? word : "not on the kernel command line", fix};
@@ -58,14 +59,13 @@ std::vector<BoardItem> check_command_line() {
                         "kernel command line")};
 }
 
+/** Empty where they cannot be listed, which has an item of its own. */
 std::set<std::string> partition_names() {
-    std::set<std::string> names;
-    std::error_code error;
-    for (fs::directory_iterator entry(partition_directory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        names.insert(entry->path().filename());
+    try {
+        return list_partitions_by_name();
+    } catch (const Failure&) {
+        return {};
     }
-    return names;
 }
 
 /** An item for many names: present if none of them is wrong. */
@@ -192,24 +192,24 @@ bool is_flash_command(const fs::path& path) {
 BoardItem check_flash_commands(const std::set<std::string>& names) {
     std::error_code error;
     size_t commands = 0;
-    for (fs::directory_iterator entry(flash_command_directory, error), end; !error && entry != end;
-         entry.increment(error)) {
+    for (fs::directory_iterator entry(ota_flashcmd_dir, error), end; !error && entry != end; entry.increment(error)) {
         commands += is_flash_command(entry->path()) ? size_t{1} : 0;
     }
-    const bool has_node = names.contains("flashcmd");
+    const bool has_node = names.contains(ota_flashcmd_partition);
     return {"flash commands", has_node && commands > 0,
-            format("%zu in %s", commands, flash_command_directory) + (has_node ? "" : ", but no partition flashcmd"),
-            format("supply command files in %s and a partition flashcmd", flash_command_directory)};
+            format("%zu in %s", commands, ota_flashcmd_dir) + (has_node ? "" : ", but no partition flashcmd"),
+            format("supply command files in %s and a partition flashcmd", ota_flashcmd_dir)};
 }
 
 /** The library creates the directory, but not the file system under it. */
 BoardItem check_staging() {
-    std::string path =
-        fs::is_directory(staging_directory) ? staging_directory : fs::path(staging_directory).parent_path().string();
+    std::string path = fs::is_directory(ota_userdata_unzip_dir)
+                           ? ota_userdata_unzip_dir
+                           : fs::path(ota_userdata_unzip_dir).parent_path().string();
     const uint64_t room = access(path.c_str(), W_OK) == 0 ? get_free_space(path.data()) : UINT64_MAX;
     const bool is_there = room != UINT64_MAX;
     return {"room to unpack", is_there, is_there ? human_bytes(room) + " in " + path : path + " is not writable",
-            format("mount a file system and create %s on it", staging_directory)};
+            format("mount a file system and create %s on it", ota_userdata_unzip_dir)};
 }
 
 BoardItem check_lock() {
@@ -231,11 +231,11 @@ BoardItem check_lock() {
 std::vector<BoardItem> check_board() {
     std::vector<BoardItem> items = check_command_line();
     const std::set<std::string> names = partition_names();
-    items.push_back({"partitions", !names.empty(), format("%zu in %s", names.size(), partition_directory),
+    items.push_back({"partitions", !names.empty(), format("%zu in %s", names.size(), ota_partition_dir),
                      "have a link to each partition created there"});
     items.push_back(check_slots(names));
-    items.push_back(check_room("misc", misc_size));
-    items.push_back(check_room("ubootenv", ubootenv_size));
+    items.push_back(check_room(ota_misc_partition, misc_size));
+    items.push_back(check_room(ota_ubootenv_partition, ubootenv_size));
     if (const int32_t medium = get_boot_medium(); medium == OTA_NAND || medium == OTA_NOR) {
         items.push_back(check_flash(names));
     }

@@ -3,6 +3,7 @@
 #include "board/names.h"
 #include "board/slot_block.h"
 #include "board/status_record.h"
+#include "format/slot_block.h"
 #include "install/update_lock.h"
 #include "velox_ota_hl.h"
 #include "verbs/verb.h"
@@ -19,7 +20,7 @@ constexpr std::chrono::seconds patience{30};
  * first and the other on trial, unless an installation was cut in it.
  */
 void recreate_block(int32_t running) {
-    if (running >= new_block_slots) {
+    if (running >= int32_t{slot_block_default_slots}) {
         throw Failure(ExitCode::failed,
                       "slot " + slot_letter(running) + " is running, but a new slot block has the slots a and b only",
                       "tessera slots reset writes one without " + slot_letter(running));

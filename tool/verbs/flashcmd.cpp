@@ -6,6 +6,7 @@
 #include "console/text.h"
 #include "format/flash_command.h"
 #include "install/update_lock.h"
+#include "ota_paths.h"
 #include "velox_ota_hl.h"
 #include "verbs/verb.h"
 
@@ -15,8 +16,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr char node[] = "flashcmd";
 
 struct Options {
     std::string name;
@@ -43,7 +42,7 @@ void check_options(const Options& options) {
     if (options.name != flash_command_with_data && (!options.data_file.empty() || options.offset != 0)) {
         throw Failure(ExitCode::usage, options.name + " takes no data; only " + flash_command_with_data + " does");
     }
-    const std::string file = std::string(flash_command_directory) + "/" + options.name;
+    const std::string file = std::string(ota_flashcmd_dir) + "/" + options.name;
     if (access(file.c_str(), R_OK) != 0) {
         throw Failure(ExitCode::failed, "cannot read the flash command " + file + because(errno));
     }
@@ -58,7 +57,7 @@ std::string read_back(const Device& device, size_t offset, size_t length) {
 /** What the library writes: the record, then the data area with the data at its offset. */
 std::string whole_command(const Options& options, const std::string& data) {
     fimage_update_t record{};
-    std::ifstream(std::string(flash_command_directory) + "/" + options.name, std::ios::binary)
+    std::ifstream(std::string(ota_flashcmd_dir) + "/" + options.name, std::ios::binary)
         .read(reinterpret_cast<char*>(&record), sizeof record);
     std::string command(reinterpret_cast<const char*>(&record), sizeof record);
     if (options.name == flash_command_with_data) {
@@ -73,7 +72,7 @@ std::string whole_command(const Options& options, const std::string& data) {
  * new ones, and says nothing. A driver node without a size cannot be compared.
  */
 void demand_kept(const Options& options, const std::string& data) {
-    const std::string path = partition_path(node);
+    const std::string path = partition_path(ota_flashcmd_partition);
     std::optional<Device> device;
     try {
         device.emplace(path);
@@ -96,7 +95,7 @@ void write_command(const Context& context, const Options& options) {
     std::string data = options.data_file.empty() ? std::string() : read_data(options.data_file);
     const UpdateLock lock(options.lock_file, "tessera flashcmd " + options.name);
     const auto length = static_cast<uint32_t>(data.size());
-    (void)existing_partition(node);
+    (void)existing_partition(ota_flashcmd_partition);
     require(ExitCode::failed, "the flash command " + options.name + " was not written",
             [&] { return ota_write_flashcmd(options.name.c_str(), data.data(), length, options.offset); });
     demand_kept(options, data);

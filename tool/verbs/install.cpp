@@ -10,6 +10,7 @@
 #include "firmware/image_versions.h"
 #include "install/device_claim.h"
 #include "install/update_lock.h"
+#include "ota_paths.h"
 #include "package/board_identity.h"
 #include "verbs/verb.h"
 
@@ -140,7 +141,7 @@ std::string plan_text(const Outcome& outcome) {
 /** Repairs records that a power cut made unwritable. @return whether any was repaired */
 bool repair_records(const Options& options) {
     bool repaired = false;
-    for (const char* name : {"misc", "ubootenv"}) {
+    for (const char* name : {ota_misc_partition, ota_ubootenv_partition}) {
         if (repair_device(partition_path(name))) {
             repaired = true;
             remark(options, std::string(name) + " could not be read after a power cut; its readable part was kept");

@@ -4,6 +4,7 @@
 #include "console/interrupt.h"
 #include "console/progress.h"
 #include "console/text.h"
+#include "format/zip_entry.h"
 #include "package/description.h"
 #include "package/package_writer.h"
 #include "package/signature.h"
@@ -20,7 +21,6 @@
 namespace {
 
 constexpr size_t piece_size = size_t{1} << 20;
-constexpr uint64_t largest_image = 0xFFFFFFFE; /* the largest entry that can be unpacked again */
 
 struct Options {
     std::string description;
@@ -65,7 +65,7 @@ void complete(Json& partition, const Options& options) {
     Digester digester(Digester::Kind::both);
     const uint64_t size =
         read_pieces(options.directory + "/" + file, [&](std::span<const uint8_t> piece) { digester.add(piece); });
-    if (size == 0 || size > largest_image) {
+    if (size == 0 || size > zip_largest_size) {
         throw Failure(ExitCode::failed, file + " of " + human_bytes(size) + " cannot be installed");
     }
     const Digests digests = digester.finish();

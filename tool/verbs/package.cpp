@@ -2,6 +2,7 @@
 /** tessera package: shows, checks and unpacks a package. */
 #include "console/interrupt.h"
 #include "console/text.h"
+#include "ota_staging.h"
 #include "package/package_check.h"
 #include "velox_ota_hl.h"
 #include "verbs/package_info.h"
@@ -37,8 +38,7 @@ struct Totals {
 
     /** What unpacking requires of a file system. */
     [[nodiscard]] int64_t need_kib() const {
-        constexpr int64_t mib = 1048576;
-        return all / 1024 + (all % 1024 + mib - 1) / 1024 + 1024;
+        return ota_staging_kib(all);
     }
 };
 

@@ -3,6 +3,7 @@
 #include "board/device.h"
 #include "board/partition.h"
 #include "console/text.h"
+#include "ota_paths.h"
 #include "velox_ota_hl.h"
 #include "verbs/verb.h"
 
@@ -77,7 +78,7 @@ std::vector<Partition> list_partitions() {
 /** The used GPT entries; the library does not check whether there is a GPT. */
 std::vector<gpt_entry> read_gpt() {
     std::vector<gpt_entry> entries(gpt_entry_count);
-    const std::string path = partition_path("blk");
+    const std::string path = partition_path(ota_gpt_partition);
     if (get_boot_medium() != OTA_EMMC || !fs::exists(path)) {
         return {};
     }

@@ -4,6 +4,7 @@
 #include "board/slot_block.h"
 #include "board/status_record.h"
 #include "console/text.h"
+#include "format/slot_block.h"
 #include "install/update_lock.h"
 #include "velox_ota_hl.h"
 #include "verbs/verb.h"
@@ -123,7 +124,7 @@ void demand_bootable(int32_t slot) {
 /** A half-written image must not be booted. */
 void write_new_block() {
     reset_slot_block();
-    for (int32_t slot = 0; slot < new_block_slots; ++slot) {
+    for (int32_t slot = 0; slot < int32_t{slot_block_default_slots}; ++slot) {
         if (!runs(slot) && is_half_written(slot)) {
             mark_slot_unbootable(slot);
         }

@@ -7,6 +7,7 @@
 #include "board/slot_block.h"
 #include "console/text.h"
 #include "install/update_lock.h"
+#include "ota_paths.h"
 #include "verbs/verb.h"
 
 #include <algorithm>
@@ -225,7 +226,7 @@ int32_t field_value(const Field& field, const std::string& word, bool raw) {
 /** The library writes past bad blocks and reads at a fixed place: with one before the record, the two differ. */
 void demand_kept(bool is_kept) {
     if (!is_kept) {
-        throw Failure(ExitCode::device, std::string("the record did not persist in ") + status_partition,
+        throw Failure(ExitCode::device, std::string("the record did not persist in ") + ota_ubootenv_partition,
                       "tessera board --check reports whether a bad block precedes it");
     }
 }
@@ -237,16 +238,16 @@ void set_field(const std::string& name, const std::string& word, bool raw) {
         console::note("the stored update status was not valid and is recreated");
     }
     require(ExitCode::device, "cannot store " + name, [&] { return ota_set_veeprom_flag(field.selector, &value); });
-    sync_partition(status_partition);
+    sync_partition(ota_ubootenv_partition);
     const StoredStatus now = read_status();
     demand_kept(now.is_valid && static_cast<uint32_t>(value_of(now.record, field)) == value);
 }
 
 void reset_records() {
     (void)running_slot(); /* which the new status names */
-    (void)existing_partition(status_partition);
+    (void)existing_partition(ota_ubootenv_partition);
     require(ExitCode::device, "cannot recreate the records", [] { return ota_set_veeprom_flag_default(); });
-    sync_partition(status_partition);
+    sync_partition(ota_ubootenv_partition);
     demand_kept(read_status().is_valid && read_stored_versions().is_valid);
 }
 

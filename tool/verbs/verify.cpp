@@ -5,6 +5,7 @@
 #include "console/text.h"
 #include "firmware/image_versions.h"
 #include "install/install_plan.h"
+#include "ota_paths.h"
 #include "package/board_identity.h"
 #include "verbs/verb.h"
 
@@ -63,7 +64,7 @@ std::optional<Counters> counters_of_board() {
     if (is_board()) {
         return read_counters();
     }
-    console::note(std::string("this machine is not a board (no ") + partition_directory +
+    console::note(std::string("this machine is not a board (no ") + ota_partition_dir +
                   "): the package's versions were not compared with anti-rollback counters");
     return std::nullopt;
 }
