@@ -133,6 +133,49 @@ void demand_entries(const Package& package, const std::string& file) {
     }
 }
 
+bool is_intact(const Package& package, const Entry& entry) {
+    try {
+        return package.read(entry, [](std::span<const uint8_t> /*piece*/) { return true; });
+    } catch (const Failure&) {
+        return false;
+    }
+}
+
+/**
+ * Whether unpacking ended in a file that is shorter than its entry, although the package has all of the data: the file
+ * system did not accept it. A file outside the directory is not one that was unpacked.
+ */
+bool is_cut_by_file_system(const Package& package, const std::string& directory) {
+    namespace fs = std::filesystem;
+    for (const Entry& entry : package.entries()) {
+        if (entry.kind != zip_kind::file) {
+            continue;
+        }
+        std::error_code error;
+        const fs::path file = fs::canonical(directory + "/" + entry.name, error);
+        const uint64_t size = error ? 0 : fs::file_size(file, error);
+        if (error || !file.string().starts_with(fs::canonical(directory).string() + "/")) {
+            return false;
+        }
+        if (size != entry.size) {
+            return size < entry.size && is_intact(package, entry);
+        }
+    }
+    return false;
+}
+
+void unpack_entries(const Package& package, const std::string& file, const std::string& directory) {
+    try {
+        require(ExitCode::refused, "cannot unpack " + file + " to " + directory,
+                [&] { return vx_uncompress(package.path().c_str(), directory.c_str()); });
+    } catch (Failure& failure) {
+        if (is_cut_by_file_system(package, directory)) {
+            failure.code = ExitCode::device;
+        }
+        throw;
+    }
+}
+
 void unpack(const Context& context, const std::string& file, const std::string& directory) {
     const Package package(file);
     demand_entries(package, file);
@@ -140,8 +183,7 @@ void unpack(const Context& context, const std::string& file, const std::string& 
     demand_room(directory, totals);
     {
         const UnpackProgress progress(static_cast<uint64_t>(totals.all));
-        require(ExitCode::refused, "cannot unpack " + file + " to " + directory,
-                [&] { return vx_uncompress(package.path().c_str(), directory.c_str()); });
+        unpack_entries(package, file, directory);
     }
     context.show({{"entries", package.entries().size()}, {"bytes", totals.all}, {"directory", directory}},
                  format("unpacked %zu entries, %s, to %s", package.entries().size(),
