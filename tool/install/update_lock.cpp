@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sys/file.h>
@@ -29,8 +30,14 @@ constexpr char holder_mark[] = "process ";
 
 /* ---- the file ---- */
 
+/** The hint names what exists: a file that cannot be created is refused by its directory. */
 [[noreturn]] void refuse(const std::string& file, const std::string& reason) {
-    throw Failure(ExitCode::failed, "cannot use the lock file " + file + ": " + reason, "ls -ld " + file);
+    std::filesystem::path culprit = std::filesystem::absolute(file);
+    std::error_code ignored;
+    while (!std::filesystem::exists(std::filesystem::symlink_status(culprit, ignored)) && culprit.has_relative_path()) {
+        culprit = culprit.parent_path();
+    }
+    throw Failure(ExitCode::failed, "cannot use the lock file " + file + ": " + reason, "ls -ld " + culprit.string());
 }
 
 const char* kind_of(mode_t mode) {

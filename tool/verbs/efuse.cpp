@@ -115,7 +115,7 @@ void demand_no_update() {
             "tessera install PACKAGE with the installed package rewrites it");
     }
     if (!status.is_idle()) {
-        refuse("an update has not ended", "tessera status");
+        refuse("an update has not ended", "tessera install PACKAGE completes or replaces it");
     }
 }
 
