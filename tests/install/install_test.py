@@ -585,16 +585,18 @@ class InstallTest(BoardCase):
                 misc.write(bytes(4))
 
         cases = [  # medium, what is lost; or a change that ends between the erase and the write
-            ("emmc", forget_the_block, ""), ("nand", None, "raise pwrite 1 9"), ("nor", None, "raise pwrite 1 9"),
-            ("ubi", None, "raise pwrite 1 9"), ("ubi", tear_the_page_of_the_block, "")]
+            ("emmc", forget_the_block, ""), ("nand", None, "raise pwrite 1 9"), ("nor", None, "fail pwrite 1"),
+            ("nand", None, "lose pwrite 1"), ("ubi", None, "raise pwrite 1 9"), ("ubi", tear_the_page_of_the_block, "")]
         for medium, lose, fault in cases:
             with self.subTest(medium=medium, fault=fault):
                 self.new(medium)
                 good = images(1)
                 self.pack("p.zip", good, describe(good, medium))
-                self.expect("slots mark-good b", 137 if fault else 0, fault=fault)
+                self.expect("slots mark-good b", 137 if "raise" in fault else 4 if fault else 0,
+                            "" if "raise" in fault or not fault else "hint: tessera confirm", fault=fault)
                 if lose:
                     lose()
+                self.expect("board --check", 1, "\nMISSING  slot block")
                 for line in ("install /userdata/p.zip", "rollback", "slots set-next b"):
                     error = error_of(self.expect(f"{line} --json", 1))
                     self.assertEqual(error["hint"], "tessera confirm", line)
@@ -694,6 +696,8 @@ class InstallTest(BoardCase):
                 result = self.simulate("run", "--", *small, script)
                 self.assertEqual(result.stdout.split(), ["1"], result.stderr)
                 self.assertRegex(result.stderr, "(?m)^tessera: .*(/mnt|[Nn]o space)")
+        limited = "trap '' XFSZ; ulimit -f 8; tessera package unpack /userdata/p.zip /tmp/out"  # fails in the middle
+        self.assertEqual(self.simulate("run", "--", "bash", "-c", limited).returncode, 4)
 
     def test_packages(self):
         self.new()

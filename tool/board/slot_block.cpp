@@ -16,11 +16,11 @@
 namespace {
 
 /**
- * Changes the block and reads it back. The library writes past bad blocks and reads at a fixed place: with
+ * Writes the block and reads it back. The library writes past bad blocks and reads at a fixed place: with
  * a bad block before it, a change would succeed and never be read.
  */
 template <class Change, class Check>
-void change_block(const std::string& sentence, Change change, Check is_kept) {
+void write_block(const std::string& sentence, Change change, Check is_kept) {
     require(ExitCode::device, sentence, change);
     sync_partition(ota_misc_partition);
     if (!is_kept()) {
@@ -41,6 +41,19 @@ std::string new_block_hint() {
     const bool may_confirm =
         get_boot_mode() != RECOVERY_MODE && running >= 0 && running < int32_t{slot_block_default_slots};
     return may_confirm ? "tessera confirm" : "tessera slots reset";
+}
+
+/** The same for an existing block. On flash a failed change may have erased it: then only a new one helps. */
+template <class Change, class Check>
+void change_block(const std::string& sentence, Change change, Check is_kept) {
+    try {
+        write_block(sentence, change, is_kept);
+    } catch (Failure& failure) {
+        if (!find_slot_block()) {
+            failure.hint = new_block_hint();
+        }
+        throw;
+    }
 }
 
 /** Whether the block is valid and lists the running slot. */
@@ -211,7 +224,7 @@ bool repair_slot_block() {
 
 void reset_slot_block() {
     repair_slot_block();
-    change_block(
+    write_block(
         "cannot write a new slot block", [] { return ota_set_slotmeta_to_default(); },
         [] {
             const Slot first = read_slot(0);

@@ -100,6 +100,16 @@ BoardItem check_slots(const std::set<std::string>& names) {
                      "supply each A/B partition twice, as name_a and name_b");
 }
 
+BoardItem check_slot_block() {
+    const char* name = "slot block";
+    try {
+        const SlotBlock block = require_slot_block();
+        return {name, true, format("%u slots, checksum right", block.stored_count), ""};
+    } catch (const Failure& failure) {
+        return {name, false, failure.what(), failure.hint.empty() ? "see partition misc" : failure.hint};
+    }
+}
+
 BoardItem check_room(const std::string& name, uint64_t need) {
     const std::string fix =
         format("supply a partition %s of at least %llu bytes", name.c_str(), static_cast<unsigned long long>(need));
@@ -235,6 +245,7 @@ std::vector<BoardItem> check_board() {
                      "have a link to each partition created there"});
     items.push_back(check_slots(names));
     items.push_back(check_room(ota_misc_partition, misc_size));
+    items.push_back(check_slot_block());
     items.push_back(check_room(ota_ubootenv_partition, ubootenv_size));
     if (const int32_t medium = get_boot_medium(); medium == OTA_NAND || medium == OTA_NOR) {
         items.push_back(check_flash(names));
