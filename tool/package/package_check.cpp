@@ -4,6 +4,7 @@
 #include "console/interrupt.h"
 #include "console/json.h"
 #include "console/text.h"
+#include "format/zip_entry.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,7 +13,6 @@
 namespace {
 
 constexpr size_t signature_limit = size_t{64} << 10;
-constexpr uint64_t largest_image = 0xFFFFFFFE; /* the largest entry that the library can unpack */
 
 } // namespace
 
@@ -91,7 +91,7 @@ void check_image(const Package& package, const Image& image, bool is_signed) {
     if (entry.kind != zip_kind::file || entry.size == 0) {
         throw Failure(ExitCode::refused, image.file + " is empty or not a regular file");
     }
-    if (entry.size > largest_image) {
+    if (entry.size > zip_largest_size) {
         throw Failure(ExitCode::refused,
                       image.file + " of " + human_bytes(entry.size) + " is too large to be unpacked");
     }
