@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
+ * @file
  * Reads Firmware Image Packages (the container of Trusted Firmware-A) and the anti-rollback version
  * that the certificates in them carry. Certificates are decoded, never verified.
  */
@@ -12,18 +13,18 @@ OTA_BEGIN_DECLS
 
 /** What an image is, 16 raw bytes in stored order; only ever compared whole. */
 typedef struct uuid_s {
-    uint8_t time_low[4];
-    uint8_t time_mid[2];
-    uint8_t time_hi_and_version[2];
-    uint8_t clock_seq_hi_and_reserved;
-    uint8_t clock_seq_low;
-    uint8_t node[6];
+    uint8_t time_low[4];               /**< bytes 0 to 3 */
+    uint8_t time_mid[2];               /**< bytes 4 and 5 */
+    uint8_t time_hi_and_version[2];    /**< bytes 6 and 7 */
+    uint8_t clock_seq_hi_and_reserved; /**< byte 8 */
+    uint8_t clock_seq_low;             /**< byte 9 */
+    uint8_t node[6];                   /**< bytes 10 to 15 */
 } uuid_t;
 
 /** A kind of image that the reader knows. */
 typedef struct toc_entry {
-    const char* name; /**< long name */
-    uuid_t uuid;
+    const char* name;         /**< long name */
+    uuid_t uuid;              /**< marks the image in a package */
     const char* cmdline_name; /**< short name, used in messages; null in the last row */
 } toc_entry_t;
 

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-/** MD5 message digest (RFC 1321) of memory, files and devices. A digest is 16 raw bytes. */
+/**
+ * @file
+ * MD5 message digest (RFC 1321) of memory, files and devices. A digest is 16 raw bytes.
+ */
 #ifndef MD5_H
 #define MD5_H
 
@@ -7,17 +10,21 @@
 
 OTA_BEGIN_DECLS
 
+/** A byte of a message or a digest. */
 typedef unsigned char md5_byte_t;
+/** 32 bits of the state. */
 typedef unsigned int md5_word_t;
 
+/** A digest in progress; for md5_init(), md5_append() and md5_finish() only. */
 typedef struct md5_state_s {
     md5_word_t count[2]; /**< message length so far in bits, low word first */
     md5_word_t abcd[4];  /**< chaining words */
     md5_byte_t buf[64];  /**< bytes of a block that is not yet full */
 } md5_state_t;
 
-/** Read buffers, shared by all calls: MD5File() uses the first, MD5Dev() and MD5DevPart() the second. */
+/** Read buffer of MD5File(), shared by all calls. */
 extern OTA_API unsigned char buffer_md5file[1048576];
+/** Read buffer of MD5Dev() and MD5DevPart(), shared by all calls. */
 extern OTA_API unsigned char buffer_md5dev[1048576];
 
 /* No pointer may be null, except in the three operations on files, which then return -1. */

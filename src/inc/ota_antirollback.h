@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Checks the versions of an update against the eFuse counters, and reads and writes the counters. */
+/**
+ * @file
+ * Checks the versions of an update against the eFuse counters, and reads and writes the counters.
+ */
 #ifndef OTA_ANTIROLLBACK_H
 #define OTA_ANTIROLLBACK_H
 

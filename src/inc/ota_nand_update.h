@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
+ * @file
  * Access to MTD character devices (NAND, NOR) and UBI volumes through an open descriptor.
  *
  * A flash block has to be erased as a whole before it is written. A write is therefore a read-modify-write

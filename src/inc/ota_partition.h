@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Reading and writing a partition or a file, whatever the medium; image streaming; flash commands. */
+/**
+ * @file
+ * Reading and writing a partition or a file, whatever the medium; image streaming; flash commands.
+ */
 #ifndef OTA_PARTITION_H
 #define OTA_PARTITION_H
 
@@ -24,20 +27,20 @@ typedef struct fimage_update_s {
     uint32_t cmdtype; /**< passed through */
     union {
         struct {
-            uint32_t imagenum;
-            uint32_t offsetA[16];
-            uint32_t offsetB[16];
-            uint32_t length[16];
-        } ab;
+            uint32_t imagenum;    /**< number of images */
+            uint32_t offsetA[16]; /**< of each image in slot a */
+            uint32_t offsetB[16]; /**< of each image in slot b */
+            uint32_t length[16];  /**< of each image */
+        } ab;                     /**< passed through */
         struct {
-            uint32_t offset;
+            uint32_t offset; /**< passed through */
             uint32_t length; /**< bytes of the data area */
-        } misc;
-    } partinfo;
-    uint32_t reserved[4];
-    uint32_t signlen; /**< bytes of the signature in signdata */
-    uint8_t signdata[2048];
-    uint8_t miscdata[]; /**< the data area, in what is written to the node only */
+        } misc;              /**< of "misc_write_cmd" */
+    } partinfo;              /**< by the kind of the command */
+    uint32_t reserved[4];    /**< passed through */
+    uint32_t signlen;        /**< bytes of the signature in signdata */
+    uint8_t signdata[2048];  /**< passed through */
+    uint8_t miscdata[];      /**< the data area, in what is written to the node only */
 } fimage_update_t;
 #ifdef __cplusplus
 #pragma GCC diagnostic pop

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Error numbers and owners of an update. */
+/**
+ * @file
+ * Error numbers and owners of an update.
+ */
 #ifndef OTA_TYPES_H
 #define OTA_TYPES_H
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
+ * @file
  * Shared enumerations and records, checksums, boot parameters, the choice of the update slot, and the
  * small services: staged unpacking, digest comparison, lock, versions and inventory.
  */
@@ -28,6 +29,7 @@ typedef enum OTA_ENUM_BASE {
     OTA_PART_TYPE_NUM = 4, /**< count of the enumeration, not a type */
 } ota_part_type_e;
 
+/** What the bootloader started. */
 typedef enum OTA_ENUM_BASE {
     NORMAL_MODE = 0,
     RECOVERY_MODE = 1,
@@ -41,6 +43,7 @@ typedef enum OTA_ENUM_BASE {
     OTA_FLAG_VERIFIED = 3, /**< written and compared */
 } ota_update_flag_e;
 
+/** How a partition is updated; for update tools, not read by this library. */
 typedef enum OTA_ENUM_BASE {
     IMAGE_UP = 0,
     IMAGE_DIFF_UP = 1,
@@ -59,31 +62,31 @@ typedef struct ota_file_info_s {
 
 /** One partition of an update description. This library reads the fields marked (read). */
 typedef struct partition_info_s {
-    uint64_t img_size;
+    uint64_t img_size;      /**< bytes of the image */
     uint32_t have_anti_ver; /**< non-zero: the image carries an anti-rollback version (read) */
     ota_medium_e medium;    /**< where the partition is (read for verified-boot images) */
-    ota_part_type_e type;
-    upgrade_method method;
-    char part_name[32];
-    char part_file[64]; /**< name of the image's entry in the package (read) */
-    char md5[2][33];
-    uint64_t md5_scope[2];
+    ota_part_type_e type;   /**< kind of the partition */
+    upgrade_method method;  /**< how it is updated */
+    char part_name[32];     /**< name of the partition, without a slot suffix */
+    char part_file[64];     /**< name of the image's entry in the package (read) */
+    char md5[2][33];        /**< digests in hexadecimal, for the update tool */
+    uint64_t md5_scope[2];  /**< for the update tool */
 } partition_info_t;
 
 /** A parsed update description, at most 32 partitions. Filled by the update tool. */
 typedef struct update_info_s {
-    int32_t parse_flag;    /**< non-zero once the description has been parsed (read) */
-    int32_t sec_up_flag;   /**< 1: raise the secure eFuse counter (low 8 bits are read) */
-    int32_t nosec_up_flag; /**< the same for the non-secure counter (low 8 bits are read) */
-    char sys_ver[256];
-    char old_sys_ver[256];
-    char update_partition[32][32]; /**< names; entry i belongs to partition_info[i] (read) */
-    char backup_dir[128];
-    int32_t update_size; /**< number of partitions, 0 to 32 (read) */
-    uint8_t diff_flag;
-    int32_t ab_sync;
-    int32_t nor_sign;
-    partition_info_t partition_info[32];
+    int32_t parse_flag;                  /**< non-zero once the description has been parsed (read) */
+    int32_t sec_up_flag;                 /**< 1: raise the secure eFuse counter (low 8 bits are read) */
+    int32_t nosec_up_flag;               /**< the same for the non-secure counter (low 8 bits are read) */
+    char sys_ver[256];                   /**< for the update tool */
+    char old_sys_ver[256];               /**< for the update tool */
+    char update_partition[32][32];       /**< names; entry i belongs to partition_info[i] (read) */
+    char backup_dir[128];                /**< for the update tool */
+    int32_t update_size;                 /**< number of partitions, 0 to 32 (read) */
+    uint8_t diff_flag;                   /**< for the update tool */
+    int32_t ab_sync;                     /**< for the update tool */
+    int32_t nor_sign;                    /**< for the update tool */
+    partition_info_t partition_info[32]; /**< the partitions */
 } update_info_t;
 
 /**
@@ -101,14 +104,14 @@ typedef struct antirollback_ver_s {
 
 /** An entry of the UEFI GPT partition entry array, 128 bytes, raw and little-endian. */
 struct gpt_entry {
-    uint64_t part_type_guid_low;
-    uint64_t part_type_guid_high;
-    uint64_t uuid_low;
-    uint64_t uuid_high;
-    uint64_t start_lba;
-    uint64_t end_lba;
-    uint64_t attrs;
-    uint16_t part_name[36]; /**< UTF-16, zero filled */
+    uint64_t part_type_guid_low;  /**< bytes 0 to 7 of the type's GUID */
+    uint64_t part_type_guid_high; /**< bytes 8 to 15 of the type's GUID; both 0 in an unused entry */
+    uint64_t uuid_low;            /**< bytes 0 to 7 of the partition's own GUID */
+    uint64_t uuid_high;           /**< bytes 8 to 15 of it */
+    uint64_t start_lba;           /**< first block of the partition */
+    uint64_t end_lba;             /**< its last block */
+    uint64_t attrs;               /**< attribute bits */
+    uint16_t part_name[36];       /**< UTF-16, zero filled */
 };
 
 /* ---- checksums ---- */

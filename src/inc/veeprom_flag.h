@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
+ * @file
  * The update status: one record that survives reboots, and the anti-rollback record next to it, in the
  * partition "ubootenv" at the bytes 0x30000 (1356 bytes) and 0x30880 (16 bytes). All integers are
  * little-endian; enumerations are stored as 32-bit numbers.
@@ -26,18 +27,18 @@ typedef struct update_part_s {
 
 /** The stored status record, 1356 bytes. Note that up_app comes before up_middleware. */
 typedef struct ota_status_s {
-    uint32_t magic; /**< 0x4F544153 */
-    ota_update_flag_e up;
-    ota_update_flag_e up_system;
-    ota_update_flag_e up_backup;
-    ota_update_flag_e up_app;
-    ota_update_flag_e up_middleware;
-    ota_update_flag_e up_param;
-    ota_update_owner_e owner;
-    uint32_t next_slot; /**< stored for callers; unrelated to the slot block in "misc" */
-    update_part_t update_part;
-    uint8_t reserved[32];
-    uint32_t crc32_le; /**< CRC32() over bytes 0 to 1351 */
+    uint32_t magic;                  /**< 0x4F544153 */
+    ota_update_flag_e up;            /**< the whole update */
+    ota_update_flag_e up_system;     /**< the system */
+    ota_update_flag_e up_backup;     /**< the backup system */
+    ota_update_flag_e up_app;        /**< the application */
+    ota_update_flag_e up_middleware; /**< the middleware */
+    ota_update_flag_e up_param;      /**< the parameters */
+    ota_update_owner_e owner;        /**< who runs the update */
+    uint32_t next_slot;              /**< stored for callers; unrelated to the slot block in "misc" */
+    update_part_t update_part;       /**< the partitions being updated */
+    uint8_t reserved[32];            /**< kept as found */
+    uint32_t crc32_le;               /**< CRC32() over bytes 0 to 1351 */
 } ota_status_t;
 
 /** Selects a value. Note that 3 and 4 are in the reverse order of their fields. */
@@ -83,8 +84,10 @@ OTA_API int32_t ota_set_veeprom_flag(ota_veeprom_type_e flag, uint32_t* value);
  */
 OTA_API int32_t ota_get_veeprom_flag(ota_veeprom_type_e flag, uint32_t* value);
 
-/* One typed pair for each selector 0 to 8; results as of the two calls above. */
+/** @name One typed pair for each selector 0 to 8
+ * @{ */
 
+/** Stores or reads the value of one selector, with the results of ota_set_veeprom_flag() and ota_get_veeprom_flag(). */
 OTA_API int32_t ota_set_up_status(ota_update_flag_e status);
 OTA_API int32_t ota_get_up_status(ota_update_flag_e* status);
 OTA_API int32_t ota_set_system_up_status(ota_update_flag_e status);
@@ -103,6 +106,7 @@ OTA_API int32_t ota_set_next_slot(uint32_t slot);
 OTA_API int32_t ota_get_next_slot(uint32_t* slot);
 OTA_API int32_t ota_set_part_array(update_part_t* update_part);
 OTA_API int32_t ota_get_part_array(update_part_t* update_part);
+/** @} */
 
 /**
  * Reads the anti-rollback record and verifies its CRC.

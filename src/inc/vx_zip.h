@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Zip packages: extraction, inventory and sizes, through minizip. */
+/**
+ * @file
+ * Zip packages: extraction, inventory and sizes, through minizip.
+ */
 #ifndef VX_ZIP_H
 #define VX_ZIP_H
 
