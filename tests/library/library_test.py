@@ -51,6 +51,15 @@ class LibraryTest(unittest.TestCase):
         self.assertEqual({name for name, kind in kinds.items() if kind != "T"},
                          {"buffer_md5dev", "buffer_md5file", "g_ota_owner", "toc_entries"})
 
+    @unittest.skipUnless(shutil.which("scdoc"), "there are no manual pages")
+    def test_each_symbol_has_a_page_and_each_example_compiles(self):
+        listed = re.findall(r"^\s+(\w+);$", (TOP / "cmake" / "tessera.map").read_text(), re.M)
+        self.assertEqual([name for name in listed if not (BUILD / "docs" / f"{name}.3tessera.gz").exists()], [])
+        flags = "-std=c11 -D_DEFAULT_SOURCE -Wall -Wextra -Wpedantic -Werror -fsyntax-only -xc -".split()
+        for page in TOP.glob("docs/man/*.3tessera.scd"):
+            example = page.read_text().split("```")[1]
+            run("gcc", *(f"-I{path.parent}" for path in HEADERS), *flags, input=example)
+
     def test_hardening(self):
         programs = [path for path in [BUILD / "tool" / "tessera"] if path.exists()]
         for path in [LIBRARY, *PLATFORM, *programs]:

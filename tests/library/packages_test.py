@@ -56,7 +56,7 @@ class PackagesTest(BoardCase):
         self.assertEqual(sorted(self.packages), sorted(NAMES))
         names = {path.rpartition("/")[2] for path in self.files("tessera-platform")}
         self.assertEqual(names, {"liblog.so", "libkastor_efuse.so", "changelog.gz", "copyright"})
-        pages = {f"/usr/share/man/man{path.stem[-1]}/{path.stem}.gz" for path in (TOP / "docs" / "man").glob("*.scd")}
+        pages = {f"/usr/share/man/man{path.stem[-1]}/{path.stem}.gz" for path in (TOP / "docs" / "man").glob("*.[15].scd")}
         verbs = re.findall(r"^  (\w+) ", run(BUILD / "tool" / "tessera", "--help"), re.M)
         pages |= {f"/usr/share/man/man1/tessera-{verb}.1.gz" for verb in verbs}
         self.assertLess({*pages, "/usr/share/bash-completion/completions/tessera",
