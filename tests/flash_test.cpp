@@ -3,7 +3,7 @@
 #include "board.h"
 #include "flash_model.h"
 #include "flash_sim.h"
-#include "medium_device.h"
+#include "medium_writer.h"
 #include "ubi_repair.h"
 
 #include <fcntl.h>
@@ -379,6 +379,57 @@ TEST_F(Flash, a_medium_is_asked_once_and_read_past_its_bad_blocks) {
         bytes too_much(2);
         EXPECT_EQ(device.read(capacity - 1, too_much).failed,
                   is == medium_kind::ubi ? medium_step::end : medium_step::good_blocks);
+    }
+}
+
+/** Writes an image as the command does. @return bytes written */
+size_t write_image(const std::string& path, const bytes& image, bool compares) {
+    medium_writer writer;
+    EXPECT_TRUE(writer.open(path.c_str()).is_ok());
+    const size_t step = writer.is_flash() ? writer.unit_size() : 3 * writer.unit_size();
+    size_t written = 0;
+    for (size_t offset = 0; offset < image.size(); offset += step) {
+        const auto chunk = std::span(image).subspan(offset, std::min(step, image.size() - offset));
+        EXPECT_TRUE(writer.load(offset, chunk.size(), compares).is_ok());
+        for (auto range = writer.difference(chunk, 0); !range.is_empty(); range = writer.difference(chunk, range.end)) {
+            const auto units = chunk.subspan(range.begin, range.end - range.begin);
+            EXPECT_TRUE(writer.write(offset + range.begin, units).is_ok());
+            written += units.size();
+        }
+    }
+    return written;
+}
+
+/** Rows: what is changed of an image that the device holds, units that are then written; nothing is the first time. */
+TEST_F(Flash, an_image_is_written_once_and_only_where_it_differs) {
+    const std::tuple<const char*, std::set<size_t>> media[] = {
+        {"mtd", {1, 4}}, {"nor", {}}, {"ubi", {}}, {"block", {}}};
+    for (const auto& [kind, bad] : media) {
+        for (const size_t size : {size_t{1}, block - 1, block, 5 * block, 7 * block + 1000}) {
+            make_device(kind, bad, kind == std::string("nor") ? 1 : 512);
+            const auto count_of = [](const char* name) {
+                return std::ranges::count(operations(), name, &Operation::kind);
+            };
+            const size_t units = (size + block - 1) / block;
+            bytes image = random_bytes(size, 2);
+            const auto expect = [&](bool compares, size_t changed) {
+                bytes expected(medium_.begin(), medium_.end());
+                put_logical(expected, image, 0, bad, block);
+                ASSERT_EQ(flash_sim_fault(""), 0);
+                const size_t written = write_image(path_, image, compares);
+                EXPECT_EQ((written + block - 1) / block, changed);
+                EXPECT_TRUE(holds(expected)) << kind << ' ' << size;
+                if (kind != std::string("block")) { /* of a disk several units are one write */
+                    EXPECT_EQ(count_of("MEMERASE64") + count_of("UBI_IOCEBER"), static_cast<ssize_t>(changed));
+                    EXPECT_EQ(count_of("pwrite"), static_cast<ssize_t>(changed));
+                }
+            };
+            expect(true, units);
+            expect(true, 0);
+            expect(false, units);
+            image.back() ^= 1U;
+            expect(true, 1);
+        }
     }
 }
 

@@ -8,8 +8,22 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+namespace {
+
+/** Of sync_file_range(), by character devices and by some file systems. */
+bool is_unsupported_request(int error) {
+    return error == ESPIPE || error == EINVAL || error == ENOSYS;
+}
+
+} // namespace
+
 medium_result medium_device::open(const char* path) {
     fd_.reset(::open(path, O_RDONLY | O_CLOEXEC));
+    return fd_.is_open() ? medium_result{} : medium_result{medium_step::open, errno};
+}
+
+medium_result medium_device::open_direct(const char* path) {
+    fd_.reset(::open(path, O_RDONLY | O_CLOEXEC | O_DIRECT));
     return fd_.is_open() ? medium_result{} : medium_result{medium_step::open, errno};
 }
 
@@ -42,6 +56,7 @@ medium_result medium_device::ask_kind() {
     if (ubi_get_geometry(fd_.get(), &volume) == 0) {
         kind_ = medium_kind::ubi;
         size_ = static_cast<uint64_t>(std::max<int64_t>(0, volume.used_size));
+        block_size_ = static_cast<uint32_t>(std::max<int32_t>(0, volume.leb_size));
         return {};
     }
     struct stat status {};
@@ -92,7 +107,7 @@ uint64_t medium_device::good_blocks() const {
     return size_ / block_size_ - bad_count_;
 }
 
-/** Each bad block before a good one shifts it by one block. */
+/** Each bad block before a good one shifts it by one block; a volume has none. */
 uint64_t medium_device::start_of(uint64_t good_block) const {
     uint64_t block = good_block;
     for (uint32_t i = 0; i < bad_count_ && bad_blocks_.get()[i] <= block; ++i) {
@@ -166,14 +181,24 @@ medium_result medium_device::sync() const {
     return {};
 }
 
+medium_result medium_device::pass_on(uint64_t begin, uint64_t end) const {
+    const auto from = static_cast<off64_t>(begin);
+    const auto length = static_cast<off64_t>(end - begin);
+    constexpr unsigned wait = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    if (sync_file_range(fd_.get(), from, length, wait) != 0 && !is_unsupported_request(errno)) {
+        return {medium_step::write, errno, begin};
+    }
+    (void)posix_fadvise(fd_.get(), from, length, POSIX_FADV_DONTNEED);
+    return {};
+}
+
 medium_result medium_device::push(uint64_t begin, uint64_t end) const {
     const auto from = static_cast<off64_t>(begin);
     const auto length = static_cast<off64_t>(end - begin);
     constexpr unsigned wait = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
     const bool is_taken = sync_file_range(fd_.get(), from, length, SYNC_FILE_RANGE_WRITE) == 0 &&
                           (begin == 0 || sync_file_range(fd_.get(), 0, from, wait) == 0);
-    const bool is_refused = !is_taken && (errno == ESPIPE || errno == EINVAL || errno == ENOSYS); /* the request */
-    return is_taken || is_refused ? medium_result{} : medium_result{medium_step::write, errno};
+    return is_taken || is_unsupported_request(errno) ? medium_result{} : medium_result{medium_step::write, errno};
 }
 
 std::optional<uint32_t> medium_device::uncorrectable_reads() const {

@@ -18,10 +18,18 @@
 
 enum class medium_kind { file, block, mtd, ubi };
 
+/** At least the size of a page and of a block of any block device. */
+inline constexpr size_t direct_alignment = 4096;
+
 class medium_device {
 public:
     /** Opens it without any request. Fails at `open`. To be called once, before anything else. */
     medium_result open(const char* path);
+    /**
+     * The same, for reads that bypass the page cache. Offsets, lengths and addresses must then be multiples of
+     * direct_alignment. Fails at `open` where the file system does not support that.
+     */
+    medium_result open_direct(const char* path);
 
     /**
      * Determines kind and size. The kind of a node is the one whose requests it answers, whatever its type in the
@@ -38,10 +46,20 @@ public:
         return size_;
     }
 
+    /** Bytes that are erased together: an erase block or a LEB; 0 where nothing is erased. Valid once identified. */
+    [[nodiscard]] uint32_t erase_size() const {
+        return block_size_;
+    }
+
     /** Identifies it, and on MTD asks every block whether it is bad; an error counts as bad. Fails at `memory` too. */
     medium_result find_bad_blocks();
     /** Bytes that can be written. Valid once the bad blocks are known. */
     [[nodiscard]] uint64_t capacity() const;
+    /**
+     * Raw offset of an erase block or LEB that is numbered without the bad blocks. It has to be inside the capacity.
+     * Valid once the bad blocks are known.
+     */
+    [[nodiscard]] uint64_t start_of(uint64_t good_block) const;
     /** Whether raw and logical offsets are the same up to `end`. Valid once the bad blocks are known. */
     [[nodiscard]] bool is_straight(uint64_t end) const;
 
@@ -56,6 +74,12 @@ public:
      */
     medium_result sync() const;
     /**
+     * Waits until the kernel has handed the bytes from `begin` to `end` to the device, and drops them from the page
+     * cache. The device may still hold them in a volatile cache, which only sync() empties. Fails at `write` with the
+     * device's error, which sync() of the same object may not report again.
+     */
+    medium_result pass_on(uint64_t begin, uint64_t end) const;
+    /**
      * Makes the kernel start storing the bytes from `begin` to `end`, and waits for those before `begin`.
      * Fails at `write` with a device's error, which sync() will not report again.
      */
@@ -68,14 +92,13 @@ private:
     medium_result ask_kind();
     [[nodiscard]] bool add_bad_block(uint32_t block);
     [[nodiscard]] uint64_t good_blocks() const;
-    [[nodiscard]] uint64_t start_of(uint64_t good_block) const;
 
     ota_descriptor fd_{-1};
     medium_kind kind_ = medium_kind::file;
     bool is_identified_ = false;
     bool is_mapped_ = false;
     uint64_t size_ = 0;
-    uint32_t block_size_ = 0; /* MTD only, and then not 0 */
+    uint32_t block_size_ = 0; /* flash only; on MTD never 0 */
     uint32_t bad_count_ = 0;
     ota_memory<uint32_t> bad_blocks_; /* their numbers, ascending */
 };
