@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Whatever stands in the board's own files: answers stay in their range, and what is set is what is read. */
+/** Any content of the board's own files: results stay in their range, and what is set is read back. */
 #include "box.h"
 #include "velox_ota_hl.h"
 
 #include <cctype>
 #include <cstring>
 
-/* script/fuzz makes it in a "/dev" of the target's own, and binds "/proc/cmdline". */
+/* script/fuzz creates it in the target's own "/dev", and binds "/proc/cmdline". */
 static const fs::path by_name = "/dev/block/platform/by-name";
 
 static void put(const fs::path& path, size_t offset, std::string bytes, size_t size) {
@@ -15,7 +15,7 @@ static void put(const fs::path& path, size_t offset, std::string bytes, size_t s
     std::ofstream(path, std::ios::binary) << bytes;
 }
 
-/** Whether the bytes before the last four of a stored record have those for their checksum. */
+/** Whether the last four bytes of a stored record are the checksum of those before. */
 static bool is_sealed(size_t offset, size_t size) {
     char record[1356], crc[4];
     std::ifstream(by_name / "ubootenv").seekg(static_cast<std::streamoff>(offset)).read(record, ssize_t(size));
@@ -66,7 +66,7 @@ static void read_version(const std::string& bytes) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string bytes(reinterpret_cast<const char*>(data), size);
-    const bool has_cmdline = size % 4 == 0; /* else the records are looked for where they are */
+    const bool has_cmdline = size % 4 == 0; /* otherwise the records are read at their usual place */
     put("/proc/cmdline", 0, has_cmdline ? bytes : "veloxboot.medium=MMC veloxboot.slot_suffix=_a", 0);
     must(get_boot_medium() <= OTA_NAND && get_boot_mode() <= RECOVERY_MODE && ota_get_cur_slot() <= 2);
     const bool is_readable = get_boot_medium() == OTA_EMMC;

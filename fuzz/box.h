@@ -18,7 +18,7 @@ inline void must(bool holds) {
     }
 }
 
-/** Writes the input to a file in the box, which is the working directory. No file grows past 1 MiB. */
+/** Writes the input to a file in the box, which is the working directory. No file can exceed 1 MiB. */
 inline std::string put_input(const uint8_t* data, size_t size) {
     static const fs::path path = [] {
         std::string box = fs::temp_directory_path() / "fuzz.XXXXXX";

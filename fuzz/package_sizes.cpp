@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Whatever the package: search, sum and streaming agree with each other, and the command's own reader with them. */
+/** For any package, search, sum, streaming and the command's own reader agree. */
 #include "box.h"
 #include "console/failure.h"
 #include "ota_partition.h"
@@ -7,7 +7,7 @@
 #include "vx_zip.h"
 #include "vx_zip_entry.h"
 
-/** Reads as the command does. The sums are the library's, the total -1 where it refuses to add up. */
+/** Reads as the command does. The sums are the library's; the total is -1 if it refuses to add up. */
 static void read_package(const std::string& path, int64_t total, uint64_t images) {
     const Package package(path);
     uint64_t all = 0, image_sum = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Whatever the package: nothing outside the destination changes; after a success the sizes are those claimed. */
+/** For any package, nothing outside the destination changes; after a success the sizes are as claimed. */
 #include "box.h"
 #include "vx_zip.h"
 #include "vx_zip_entry.h"
@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <map>
 
-/** All names, modes and sizes beside the destination. */
+/** All names, modes and sizes outside the destination. */
 static std::string outside() {
     std::string all;
     for (const char* dir : {".", "outside", "outside/dir"}) {
@@ -20,13 +20,13 @@ static std::string outside() {
     return all;
 }
 
-/** Links stay as they are, so they lead now where they led when a file was written through them. */
+/** Links do not change, so they still lead where a file was written through them. */
 static bool sizes_hold(const std::string& package) {
     std::map<fs::path, uint64_t> sizes; /* the last entry counts */
     const unzFile uf = unzOpen64(package.c_str());
     unz_global_info64 claimed;
     must(unzGetGlobalInfo64(uf, &claimed) == UNZ_OK);
-    /* What stands behind the claimed number of entries is none: minizip goes there all the same. */
+    /* Entries past the claimed number do not count, although minizip reads them. */
     for (uint64_t i = 0; i < claimed.number_entry; ++i) {
         unz_file_info64 info;
         char name[256] = {};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** A description is refused by a Failure, or each of its fields arrives. */
+/** A description is refused by a Failure, or every field is read. */
 #include "board/names.h"
 #include "box.h"
 #include "console/failure.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Verification asks for the counters exactly when the only image is a verified-boot image of version 0. */
+/** Verification reads the counters exactly if the only image is a verified-boot image of version 0. */
 #include "box.h"
 #include "ota_antirollback.h"
 

@@ -14,7 +14,7 @@ extern "C" const char* __asan_default_options() {
     return "allocator_may_return_null=1:max_allocation_size_mb=64";
 }
 
-/* Fails once, when the count has run down to 0. */
+/* Fails once, when the countdown reaches 0. */
 static int strdups_left = -1;
 char* strdup(const char* text) noexcept {
     return strdups_left-- == 0 ? nullptr : strndup(text, PTRDIFF_MAX);
@@ -25,7 +25,7 @@ namespace {
 constexpr uint64_t huge = UINT64_MAX;
 const string oid = " -addext 1.3.6.1.4.1.4128.2100.", secure = oid + "1=", non_secure = oid + "2=";
 
-/* The makings of a package, sound or not. */
+/* Makes packages, valid and invalid ones. */
 string entry(const string& uuid, uint64_t offset, uint64_t size) {
     return uuid + bytes_of(offset) + bytes_of(size) + bytes_of(huge);
 }
@@ -53,7 +53,7 @@ protected:
         ASSERT_EQ(std::system((command + " >/tmp/output 2>&1").c_str()), 0) << command << read_file("/tmp/output");
     }
 
-    /* What openssl makes of extensions such as secure + "ASN1:INTEGER:3". */
+    /* A certificate by openssl with extensions such as secure + "ASN1:INTEGER:3". */
     static string certificate(const string& extensions) {
         const string request = "openssl req -x509 -config config -newkey ed25519 -noenc -keyout key -subj /CN=x";
         run("cd /tmp && " + request + " -outform DER -out der" + extensions);
@@ -63,7 +63,7 @@ protected:
         return certificate((number % 2 == 0 ? secure : non_secure) + "ASN1:INTEGER:" + std::to_string(number));
     }
 
-    /* What fiptool packs of certificates by their row in the table, and of an image that is none. */
+    /* A package by fiptool: certificates by their row in the table, and an image that is not a certificate. */
     static string packed(const std::map<size_t, string>& certificates) {
         string command = "rm -f /tmp/package; fiptool create --nt-fw /tmp/config";
         for (const auto& [row, der] : certificates) {
@@ -76,7 +76,7 @@ protected:
         return read_file("/tmp/package");
     }
 
-    /* Errors and warnings behind `text`; the rest is put aside. */
+    /* `text` followed by the logged errors and warnings; other lines are dropped. */
     static string with_log(string text) {
         infos_.clear();
         for (const string& line : log()) {
@@ -87,7 +87,7 @@ protected:
     }
     static inline string infos_;
 
-    /* The version of each image, or "refused", with the errors and warnings behind it. */
+    /* The version of each image, or "refused", followed by the logged errors and warnings. */
     static void expect(const std::vector<std::pair<string, string>>& cases, uint32_t kind = NOSEC_UBOOT_IMG) {
         for (const auto& [image, outcome] : cases) {
             uint32_t found = 0;
@@ -110,7 +110,7 @@ protected:
             update.partition_info[update.update_size].have_anti_ver = name != "unversioned_uboot";
             update.partition_info[update.update_size].medium = name == "vbmeta_in_nand" ? OTA_NAND : OTA_EMMC;
         }
-        EXPECT_EQ(chdir("/"), 0); /* a failed extraction does not lead back */
+        EXPECT_EQ(chdir("/"), 0); /* a failed extraction does not return to the old directory */
         fs::create_directories(scratch);
         const string before = read_partition("ubootenv");
         const int32_t result = verify_antirollback_version(&update, "/tmp/update.zip", scratch.c_str());
@@ -124,7 +124,7 @@ protected:
     }
 };
 
-TEST_F(AntiRollback, certificates_agree_in_the_order_of_the_table) {
+TEST_F(AntiRollback, certificates_have_to_agree_with_the_first_of_the_table) {
     const string bare = certificate(""), three = version(3), four = version(4), open = version(255);
     const string differ = " antirollback version is 4, but other version is 3";
     std::map<size_t, string> all;
@@ -146,7 +146,7 @@ TEST_F(AntiRollback, certificates_agree_in_the_order_of_the_table) {
     });
 }
 
-TEST_F(AntiRollback, integers_of_any_form) {
+TEST_F(AntiRollback, versions_in_every_encoding_of_an_integer) {
     const auto with = [](const string& extensions) { return packed({{7, certificate(extensions)}}); };
     const string damaged = "0; ASN1_INTEGER decode failed";
     ERR_raise(ERR_LIB_USER, 1); /* the caller's own */
@@ -182,7 +182,7 @@ TEST_F(AntiRollback, sizes_and_offsets_in_a_package) {
         {head + entry("not one of them.", huge, huge) + end + known(4, huge, huge), "255"},
         {head + known(4, 96, size) + end + der, "3"},
         {head + known(4, 96, size) + end + der.substr(1), past_end},
-        {head + known(4, 96, size + 6) + end + der + "behind", "3"},
+        {head + known(4, 96, size + 6) + end + der + "trailing", "3"},
         {head + known(4, 56, size) + der, "3" + no_end},
         {head + known(4, 0, 96) + end, no_certificate},
         {head + known(4, 96, 0) + end, no_certificate},
@@ -194,7 +194,7 @@ TEST_F(AntiRollback, sizes_and_offsets_in_a_package) {
     });
 }
 
-TEST_F(AntiRollback, the_two_packages_of_miniboot) {
+TEST_F(AntiRollback, both_packages_of_a_miniboot_image) {
     const string first = packed({{5, version(3)}}), second = packed({{4, version(3)}});
     const std::vector<std::pair<string, string>> cases = {
         {miniboot(first, second), "3"},
@@ -206,7 +206,7 @@ TEST_F(AntiRollback, the_two_packages_of_miniboot) {
          "refused; soc-fw-cert antirollback version is 3, but other version is 4"},
         {miniboot(first, first), "refused; FIP is corrupted"},
         {miniboot(head + known(0, 0x40000, 1) + end, "", '\xff'), "refused; FI is corrupted"},
-        {miniboot(first, head + known(0, 0x200000, 1) + end) + "behind", "refused; FI is corrupted"},
+        {miniboot(first, head + known(0, 0x200000, 1) + end) + "trailing", "refused; FI is corrupted"},
     };
     expect(cases, SEC_MINIBOOT_IMG);
     expect({{first, "refused; error image type: 2"}}, 2);
@@ -217,8 +217,8 @@ TEST_F(AntiRollback, the_two_packages_of_miniboot) {
         "; Failed to read /tmp; fopen /tmp/none failed; invalid params, vx_fip_img_anti_read, "));
 }
 
-/* The sanitizer finds what is left behind. */
-TEST_F(AntiRollback, want_of_memory_leaves_no_memory_behind) {
+/* The sanitizer reports leaks. */
+TEST_F(AntiRollback, a_failed_allocation_leaks_nothing) {
     for (int n = 0; n < 18; ++n) {
         strdups_left = n;
         const string what = n % 2 == 0 ? "name" : "command line name";
@@ -226,7 +226,7 @@ TEST_F(AntiRollback, want_of_memory_leaves_no_memory_behind) {
     }
 }
 
-TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
+TEST_F(AntiRollback, the_first_failed_condition_decides_the_verdict) {
     const string boot = miniboot(packed({{4, version(3)}}), packed({{5, version(3)}})), major = padded("AVB0\1", 120);
     const auto vbmeta = [](uint64_t index) { return padded("AVB0", 112) + bytes_of(htobe64(index)); };
     const char* names[] = {"m3", "u3", "u255", "v0", "v3", "v255", "wide", "major", "short", "tiny"};
@@ -282,7 +282,7 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
     EXPECT_EQ(verdict("kernel=v0", deep), "pass; Remove " + cut + " failed [v0]");
     EXPECT_EQ(verdict("vbmeta=v3", deep), "refused; open file " + cut + " failed!" + failed + " [v3]");
     EXPECT_EQ(verdict("uboot=u3", deep), "refused; fopen " + cut + " failed" + failed + " [u3]");
-    /* What is judged comes out of the package, and nothing else is removed. */
+    /* Only what was extracted for the check is removed. */
     write_file("/tmp/scratch/lost", files[1]);
     EXPECT_EQ(verdict("uboot=lost"),
               "refused; lost is not a regular file in the package; Uncompress lost failed" + failed + " [lost]");
@@ -299,9 +299,9 @@ TEST_F(AntiRollback, verdicts_and_the_first_condition_that_fails) {
     EXPECT_TRUE(verdict(sound).ends_with("; set antirollback version in veeprom failed"));
 
     update_info_t update{};
-    told(verify_antirollback_version(nullptr, "/tmp/update.zip", "/tmp"), -1,
-         {"error 'update_info' is a null pointer."});
-    told(verify_antirollback_version(&update, nullptr, nullptr), -1, {"info no parse json file!"});
+    expect_call(verify_antirollback_version(nullptr, "/tmp/update.zip", "/tmp"), -1,
+                {"error 'update_info' is a null pointer."});
+    expect_call(verify_antirollback_version(&update, nullptr, nullptr), -1, {"info no parse json file!"});
     update.parse_flag = 1;
     EXPECT_EQ(verify_antirollback_version(&update, nullptr, nullptr), -1); /* the record cannot be written */
     fs::permissions(by_name + "ubootenv", fs::perms(0644));

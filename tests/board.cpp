@@ -40,7 +40,7 @@ void put(const fs::path& path, std::string_view bytes) {
     must(file.good(), path);
 }
 
-/* Shows what lies at `from` also at `to`. */
+/* Binds `from` to `to`. */
 void show(const fs::path& from, const fs::path& to) {
     if (fs::is_symlink(from)) {
         fs::copy_symlink(from, to);
@@ -71,7 +71,7 @@ void drop_pass_to_any_file() {
 void move_in() {
     const std::string home = fs::current_path(), root = "/tmp";
     const std::string uid = std::to_string(getuid()), gid = std::to_string(getgid());
-    // Where unprivileged user namespaces are switched off, root does without.
+    // Without unprivileged user namespaces, root needs none.
     if (unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) {
         put("/proc/self/setgroups", "deny");
         put("/proc/self/uid_map", "0 " + uid + " 1");
@@ -102,7 +102,7 @@ void move_in() {
     drop_pass_to_any_file();
 }
 
-/* An operation on a counter. */
+/* Records an operation on a counter. */
 int32_t move_efuse(const std::string& call, int32_t result, uint32_t from, uint32_t* to) {
     efuse_state.calls.push_back(call);
     *to = result == 0 ? from : *to;
@@ -225,7 +225,7 @@ Lines Board::raw_log() {
     return std::exchange(log_lines, {});
 }
 
-void Board::told(int64_t result, int64_t wanted, const Lines& lines, int at) {
+void Board::expect_call(int64_t result, int64_t wanted, const Lines& lines, int at) {
     EXPECT_EQ(std::pair(result, log()), std::pair(wanted, lines)) << "line " << at;
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** What a write to flash should come to: the plainest model there is. */
+/** The expected result of a write to flash, by the simplest possible model. */
 #ifndef FLASH_MODEL_H
 #define FLASH_MODEL_H
 
@@ -18,7 +18,7 @@ inline bytes random_bytes(size_t size, uint32_t seed) {
     return data;
 }
 
-/** Lays `data` at a logical offset: the bad blocks do not count. */
+/** Writes `data` at a logical offset, which does not count bad blocks. */
 inline void put_logical(bytes& device, const bytes& data, size_t offset, const std::set<size_t>& bad, size_t block) {
     std::vector<size_t> good;
     for (size_t at = 0; at < device.size(); at += block) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Reads and writes of flash, on simulated devices that fail, lie and lose power where they are told to. */
+/** Reads and writes of flash, on simulated devices that fail, return wrong results and lose power on request. */
 #include "board.h"
 #include "flash_model.h"
 #include "flash_sim.h"
@@ -13,7 +13,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-/* A write may ask for more memory than there is. */
+/* A write may request more memory than exists. */
 extern "C" const char* __asan_default_options() {
     return "allocator_may_return_null=1";
 }
@@ -48,7 +48,7 @@ protected:
         ASSERT_EQ(ftruncate(fd_, static_cast<off_t>(size)), 0);
         ASSERT_EQ(write(fd_, before_.data(), before_.size()), ssize(before_));
         ASSERT_EQ(flash_sim_register(line.str().c_str()), 0);
-        /* A mapping shows what lies on the medium without being an operation. */
+        /* A mapping reads the medium without counting as an operation. */
         void* const map = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd_, 0);
         medium_ = {static_cast<const uint8_t*>(map), size};
     }
@@ -94,8 +94,8 @@ void fill(bytes& data, size_t offset, size_t count, uint8_t byte) {
     std::ranges::fill(std::span(data).subspan(offset, count), byte);
 }
 
-/** Every operation of a write over three blocks fails in turn, or gives what is no success. */
-TEST_F(Flash, a_fault_at_every_position_leaves_what_is_promised) {
+/** Every operation of a write over three blocks fails in turn, or returns a value that is not a success. */
+TEST_F(Flash, a_fault_at_every_operation_leaves_the_documented_content) {
     const std::tuple<const char*, std::set<size_t>, std::set<size_t>> rows[] = {{"mtd", {1, 6}, {5, 7, 8}},
                                                                                 {"ubi", {}, {4, 5, 6}}};
     for (const auto& [kind, bad, range] : rows) {
@@ -109,7 +109,7 @@ TEST_F(Flash, a_fault_at_every_position_leaves_what_is_promised) {
             const bool all_erased = erases == range.size();
             erases += fault.kind == "MEMERASE64" || fault.kind == "UBI_IOCEBER" ? 1U : 0U;
             if (is_verdict && (!all_erased || bad.contains(fault.position / block))) {
-                continue; /* asked for the first time, the block is bad then: no failure */
+                continue; /* the first query makes the block bad: not a failure */
             }
             bytes expected = all_erased ? updated : before_;
             for (const size_t number : range) {
@@ -120,31 +120,31 @@ TEST_F(Flash, a_fault_at_every_position_leaves_what_is_promised) {
             const std::string place = fault.kind + " " + std::to_string(fault.number);
             for (const std::string& rule : {"fail " + place, "give " + place + " 8192"}) {
                 if (rule.starts_with("give p")) {
-                    continue; /* a count of bytes is no failure */
+                    continue; /* a byte count is not a failure */
                 }
                 make_device(kind, bad);
                 ASSERT_EQ(flash_sim_fault(rule.c_str()), 0);
                 EXPECT_EQ(write_device(data, 4 * block + 1000), -1) << rule;
                 EXPECT_TRUE(holds(expected)) << rule;
-                /* The write-back ends in front of the block whose erase failed. */
+                /* The write-back ends before the block whose erase failed. */
                 EXPECT_TRUE(fault.kind != "MEMERASE64" || fault.number < 3 || operations().back().kind == "pwrite");
             }
         }
     }
 }
 
-/** A block that is bad in one pass and good in the other is never given another block's data. */
-TEST_F(Flash, a_block_that_changes_its_verdict_ends_in_a_failure) {
+/** A block that is bad in one pass and good in the other never receives another block's data. */
+TEST_F(Flash, a_block_that_turns_bad_or_good_between_the_passes_fails_the_write) {
     for (size_t question = 1; question <= 7; ++question) {
-        make_device("mtd"); /* block 0 is asked once, blocks 1 to 3 are asked in both passes */
+        make_device("mtd"); /* block 0 is queried once, blocks 1 to 3 in both passes */
         ASSERT_EQ(flash_sim_fault(("fail MEMGETBADBLOCK " + std::to_string(question)).c_str()), 0);
-        const bool is_in_front = question == 1; /* there it is simply bad */
-        const size_t changed = is_in_front ? 0 : (question - 2) % 3 + 1;
+        const bool is_before = question == 1; /* there it is simply bad */
+        const size_t changed = is_before ? 0 : (question - 2) % 3 + 1;
         const std::string line = "block-" + std::to_string(changed) +
                                  (question < 5 ? " was bad when the range was read and is good now"
                                                : " was good when it was read and is bad now");
-        ended(write_device(bytes(3 * block, 7), block), is_in_front ? ssize_t{3 * block} : -1,
-              is_in_front ? "info block-0 is bad block before offset" : "error " + line);
+        ended(write_device(bytes(3 * block, 7), block), is_before ? ssize_t{3 * block} : -1,
+              is_before ? "info block-0 is bad block before offset" : "error " + line);
         bytes expected(medium_.begin(), medium_.end());
         std::copy_n(&before_[changed * block], block, &expected[changed * block]);
         fill(expected, changed * block, question < 5 ? 0 : block, 0xff);
@@ -153,7 +153,7 @@ TEST_F(Flash, a_block_that_changes_its_verdict_ends_in_a_failure) {
     }
 }
 
-/** Bad blocks push the range past the end: each block is asked once, the read there gives 0, nothing is erased. */
+/** Bad blocks push the range past the end: each block is queried once, the read returns 0, nothing is erased. */
 TEST_F(Flash, a_range_that_bad_blocks_push_off_the_device) {
     for (const size_t first : {10U, 11U}) {
         make_device("mtd", {1, 4});
@@ -192,7 +192,7 @@ TEST_F(Flash, random_writes_agree_with_a_model) {
     }
 }
 
-TEST_F(Flash, a_short_read_goes_on_and_an_end_inside_a_block_is_a_failure) {
+TEST_F(Flash, a_short_read_continues_and_an_end_inside_a_block_fails) {
     const std::tuple<const char*, ssize_t, size_t> rows[] = {
         /* faults, result, blocks that are lost */
         {"short pread 1 1", 2 * block, 0},
@@ -246,7 +246,7 @@ TEST_F(Flash, ranges_at_the_end) {
     }
 }
 
-TEST_F(Flash, an_image_goes_to_flash_in_chunks_of_its_own) {
+TEST_F(Flash, an_image_is_written_to_flash_in_smaller_chunks) {
     static std::vector<int32_t> chunks;
     constexpr size_t large = 131072;
     make_device("mtd", {3}, 2048, 32 * large, large);
@@ -261,8 +261,8 @@ TEST_F(Flash, an_image_goes_to_flash_in_chunks_of_its_own) {
     EXPECT_TRUE(holds(before_));
 }
 
-/* The size of an MTD device is told in 32 bits, so it ends below 4 GiB; a volume may be larger. */
-TEST_F(Flash, places_on_both_sides_of_2_and_4_GiB) {
+/* The size of an MTD device is reported in 32 bits, so it is below 4 GiB; a volume may be larger. */
+TEST_F(Flash, offsets_on_both_sides_of_2_and_4_GiB) {
     constexpr size_t mib = 1 << 20, gib_2 = size_t{1} << 31, gib_4 = size_t{1} << 32, most = gib_4 - mib;
     const std::tuple<const char*, size_t, size_t, int32_t> rows[] = {
         {"mtd", most, gib_2 - 3, 6},        {"mtd", most, most - 6, 6},
@@ -283,9 +283,9 @@ TEST_F(Flash, places_on_both_sides_of_2_and_4_GiB) {
     }
 }
 
-TEST_F(Flash, the_kind_follows_the_text_of_the_link) {
+TEST_F(Flash, the_kind_of_device_follows_the_name_of_the_links_target) {
     const std::tuple<std::string, std::string, std::string> rows[] = {
-        /* path, target when it is a link, first request: none when it is refused */
+        /* path, target if it is a link, first request: none if it is refused */
         {"/dev/mtd0", "", "MEMGETINFO"},
         {"/dev/ubi0", "", "UBI_IOCVOLINFO"},
         {"ubi_link", "/dev/mtd0", "MEMGETINFO"},
@@ -322,9 +322,9 @@ struct Record {
     const char* partition;
     size_t place;
     size_t size;
-    int32_t (*make)();      /* stores the old one, whatever lies there */
+    int32_t (*make)();      /* stores the old one over any content */
     int32_t (*save)();      /* makes it the new one */
-    std::string (*found)(); /* old, new, none, or fresh: made anew on reading */
+    std::string (*found)(); /* old, new, none, or fresh: recreated on reading */
 };
 
 std::string found_slot() {
@@ -348,7 +348,7 @@ constexpr Record status = {"ubootenv",  0x30000, 1356, make_status, [] { return 
                            found_status};
 
 /** Rows: bad blocks, and the bytes before the first of them. The device is read in pieces across its blocks. */
-TEST_F(Flash, a_medium_is_asked_once_and_read_past_its_bad_blocks) {
+TEST_F(Flash, a_medium_is_queried_once_and_read_past_its_bad_blocks) {
     const std::tuple<const char*, medium_kind, std::set<size_t>, size_t> rows[] = {
         {"mtd", medium_kind::mtd, {}, 12},
         {"mtd", medium_kind::mtd, {3, 4, 6, 11}, 3},
@@ -433,14 +433,14 @@ TEST_F(Flash, an_image_is_written_once_and_only_where_it_differs) {
     }
 }
 
-TEST_F(Flash, a_torn_leb_is_repaired_and_nothing_else) {
+TEST_F(Flash, only_a_torn_leb_is_repaired) {
     make_device("ubi");
     const bytes data = random_bytes(block, 2);
     ASSERT_EQ(write_device(data, block), ssize(data));
     ASSERT_EQ(flash_sim_fault(("cut " + std::to_string(operations().size()) + " tear=1000").c_str()), 0);
     (void)write_device(data, block);
     flash_sim_reboot();
-    ASSERT_LT(write_device(data, block), 0); /* what it reads first cannot be read */
+    ASSERT_LT(write_device(data, block), 0); /* its first read fails */
     bytes expected = before_;
     fill(expected, block, block, 0xFF);
     std::ranges::copy(std::span(data).first(512), &expected[block]); /* the page that was written whole */
@@ -455,13 +455,13 @@ TEST_F(Flash, a_torn_leb_is_repaired_and_nothing_else) {
 
 class PowerLoss : public Flash {
 protected:
-    /** Saves `record` on a board whose power fails as `cut` says, and boots it again. */
+    /** Saves `record` on a board whose power fails as described by `cut`, and boots it again. */
     void lose_power(const char* kind, size_t page, const Record& record, const std::string& cut) {
         make_device(kind, {}, page, 3 * 131072, 131072);
         set_cmdline(std::string("veloxboot.slot_suffix=_a veloxboot.medium=") + (page == 512 ? "MMC" : "nand"));
         link_partition(record.partition, path_);
         ASSERT_EQ(record.make(), 0);
-        (void)fsync(fd_); /* only a disk knows it */
+        (void)fsync(fd_); /* fails on flash */
         std::ranges::copy(medium_, before_.begin());
         ASSERT_EQ(flash_sim_fault(cut.c_str()), 0);
         (void)record.save();
@@ -477,12 +477,12 @@ protected:
 };
 
 /**
- * The power fails after every operation of a save, or within it ("tear"). From the operation
- * named on, until the next one named: what a reader finds after the reboot; "alone" when the bytes around
- * the record are not the old ones; "reset" when the record cannot be saved before it was made anew, and
- * "stuck" when it cannot even be made anew.
+ * The power fails after every operation of a save, or within it ("tear"). Each row is valid from the operation
+ * that it names up to the next row's: what a reader finds after the reboot; "alone" if the bytes around
+ * the record are not the old ones; "reset" if the record cannot be saved before it is recreated, and
+ * "stuck" if it cannot even be recreated.
  */
-TEST_F(PowerLoss, behind_every_operation_of_a_save) {
+TEST_F(PowerLoss, after_and_within_every_operation_of_a_save) {
     const std::tuple<const char*, size_t, std::string, const Record*, const char*> rows[] = {
         {"mtd", 2048, "", &slots, "MEMGETINFO old, MEMERASE64 none alone reset, pwrite new, "},
         {"mtd", 2048, " tear", &slots, "MEMGETINFO old, MEMERASE64 none alone reset, pwrite new alone, "},
@@ -495,7 +495,7 @@ TEST_F(PowerLoss, behind_every_operation_of_a_save) {
          "UBI_IOCVOLINFO old, UBI_IOCSETVOLPROP none alone reset, pwrite new alone stuck, "},
         {"ubi", 2048, "", &status, "UBI_IOCVOLINFO old, UBI_IOCEBER fresh alone, pwrite new, "},
         {"ubi", 2048, " tear", &status, "UBI_IOCVOLINFO old, UBI_IOCSETVOLPROP fresh alone, pwrite none alone stuck, "},
-        /* In the page of the record. The library looks at the magic number of a slot block only. */
+        /* In the page of the record. The library checks only the magic number of a slot block. */
         {"mtd", 2048, " tear=2064", &slots, "MEMGETINFO old, MEMERASE64 none alone reset, pwrite new alone, "},
         {"mtd", 2048, " tear=66000", &status, "MEMGETINFO old, MEMERASE64 fresh alone, "},
         {"ubi", 2048, " tear=2064", &slots,
@@ -522,7 +522,7 @@ TEST_F(PowerLoss, behind_every_operation_of_a_save) {
 }
 
 /** Until a sync the sectors of a save reach an eMMC in any order or not at all; a sector is never torn. */
-TEST_F(PowerLoss, of_a_disk_that_was_not_synced) {
+TEST_F(PowerLoss, on_a_disk_that_was_not_synced) {
     const std::pair<const Record*, std::set<std::string>> rows[] = {{&slots, {"new", "old"}},
                                                                     {&status, {"fresh", "new", "old"}}};
     for (const auto& [record, expected] : rows) {

@@ -36,7 +36,7 @@ template <class Record>
 void no_seal(Record* /*record*/) {
 }
 
-/** A good record decodes, and sealing it again changes nothing; erased, cut and damaged ones are told apart. */
+/** A valid record decodes, and sealing it again changes nothing; erased, cut and damaged ones are distinguished. */
 template <class Record>
 void check_format(const std::string& hex, size_t magic_at, size_t checked,
                   format_answer (*decode)(std::span<const uint8_t>, Record*), void (*seal)(Record*) = no_seal) {

@@ -21,10 +21,10 @@ using namespace std::string_literals;
 
 constexpr long chunk = 1 << 20;
 
-/* The host's devices, from before the board hides them. */
+/* The host's devices, opened before the board hides them. */
 const int host_dev = open("/dev", O_PATH | O_DIRECTORY | O_CLOEXEC);
 
-bool next_is_device; // the next file asked shows as a character device, which tells no size
+bool next_is_device; // the next file queried appears as a character device, which has no size
 
 /** The digest that `call` fills in, or its result where that is not 0. */
 std::string digest_of(const std::function<int(md5_byte_t*)>& call) {
@@ -58,7 +58,7 @@ std::string output_of(const std::string& command) {
     return captured(1, [&] { EXPECT_EQ(std::system(command.c_str()), 0) << command; });
 }
 
-/** Runs a step in a process of its own. @return whether it gave true or ended by SIGKILL */
+/** Runs a step in its own process. @return whether it returned true or was ended by SIGKILL */
 bool elsewhere(const std::function<bool()>& step) {
     const pid_t pid = fork();
     if (pid == 0) {
@@ -79,7 +79,7 @@ TEST_F(Services, digests_of_memory_equal_those_of_md5sum) {
         expected += md5(bytes.substr(0, length)) + "  " + write_file(file, bytes.substr(0, length)) + "\n";
     }
     EXPECT_EQ(output_of("md5sum /userdata/ota/[1-4]*"), expected);
-    const std::string text = bytes.substr(0, 184); // in its last block there is no room for the length
+    const std::string text = bytes.substr(0, 184); // its last block has no room for the length
     for (size_t first = 0; first <= text.size(); ++first) {
         for (size_t second = first; second <= text.size(); ++second) {
             ASSERT_EQ(md5(text, {first, second}), md5(text)) << first << ", " << second;
@@ -93,7 +93,7 @@ TEST_F(Services, digests_of_memory_equal_those_of_md5sum) {
     munmap(zeros, size);
 }
 
-TEST_F(Services, stretches_around_the_chunks) {
+TEST_F(Services, ranges_around_the_chunk_boundaries) {
     constexpr long size = 3 * chunk + 5;
     const std::string bytes = noise(size), file = add_partition("misc", bytes);
     const auto stretch = [&](long offset, long length) {
@@ -124,7 +124,7 @@ TEST_F(Services, stretches_around_the_chunks) {
     EXPECT_EQ(log(true), Lines());
 }
 
-TEST_F(Services, a_flash_device_is_as_large_as_it_says) {
+TEST_F(Services, a_flash_device_has_the_size_that_it_reports) {
     const std::string bytes = noise(chunk + 4096), file = add_partition("system_a", bytes);
     for (const auto& [kind, request] : {std::pair(" mtd", "MEMGETINFO"s), std::pair(" ubi", "UBI_IOCVOLINFO"s)}) {
         ASSERT_EQ(flash_sim_register((file + kind + " erasesize=4096 writesize=512").c_str()), 0);
@@ -135,9 +135,9 @@ TEST_F(Services, a_flash_device_is_as_large_as_it_says) {
         };
         EXPECT_EQ(digest("", 0), md5(bytes)) << kind;
         EXPECT_EQ(digest("", 4096), md5(bytes.substr(0, chunk))) << kind;
-        EXPECT_EQ(digest("give " + request + " 1 7", 0), "-1") << "it tells no size";
+        EXPECT_EQ(digest("give " + request + " 1 7", 0), "-1") << "it reports no size";
         EXPECT_EQ(digest("give pread 2 0", 0), "-1") << "it ends before its size";
-        EXPECT_EQ(digest("give pread 2 0", 4096), md5(bytes.substr(0, chunk))) << "what is missing is not asked for";
+        EXPECT_EQ(digest("give pread 2 0", 4096), md5(bytes.substr(0, chunk))) << "the missing bytes are not requested";
         flash_sim_clear();
     }
 }
@@ -151,16 +151,17 @@ TEST_F(Services, devices_are_compared_by_content) {
     const std::string name = "loop" + std::to_string(ioctl(control, LOOP_CTL_GET_FREE));
     const int device = openat(host_dev, name.c_str(), O_RDWR | O_CLOEXEC);
     config.fd = static_cast<uint32_t>(file);
-    if (ioctl(device, LOOP_CONFIGURE, &config) == 0) { // where there is none the file stands for it
+    if (ioctl(device, LOOP_CONFIGURE, &config) == 0) { // without one the file is used instead
         path = "/proc/self/fd/" + std::to_string(device);
     }
-    told(ota_check_two_partition_md5(path.c_str(), other.c_str(), 0), 0, {});
+    expect_call(ota_check_two_partition_md5(path.c_str(), other.c_str(), 0), 0, {});
     write_partition("other", chunk, "?");
-    told(ota_check_two_partition_md5(path.c_str(), other.c_str(), 4096), 0, {});
-    told(ota_check_two_partition_md5(path.c_str(), other.c_str(), 0), -1,
-         {"error dev:" + path + " md5 not equal dev:" + other});
-    told(ota_check_two_partition_md5("/no/such", other.c_str(), 0), -1, {"error md5 /no/such fail"});
-    told(ota_check_two_partition_md5("/x", nullptr, 0), -1, {"error check two partition md5sum parament error!"});
+    expect_call(ota_check_two_partition_md5(path.c_str(), other.c_str(), 4096), 0, {});
+    expect_call(ota_check_two_partition_md5(path.c_str(), other.c_str(), 0), -1,
+                {"error dev:" + path + " md5 not equal dev:" + other});
+    expect_call(ota_check_two_partition_md5("/no/such", other.c_str(), 0), -1, {"error md5 /no/such fail"});
+    expect_call(ota_check_two_partition_md5("/x", nullptr, 0), -1,
+                {"error check two partition md5sum parament error!"});
     close(control), close(file), close(device);
 }
 
@@ -171,15 +172,15 @@ TEST_F(Services, one_process_holds_the_lock) {
                                                                 "error ota doesn't support multiple processes."});
     };
     const auto crash = [&] { return get_file_lock(lock) == 0 && raise(SIGKILL) == 0; };
-    told(get_file_lock(nowhere), -1, {"error open file /no/such/lock failed."});
+    expect_call(get_file_lock(nowhere), -1, {"error open file /no/such/lock failed."});
     umask(022);
     EXPECT_EQ(get_file_lock(lock), 0);
     EXPECT_EQ(std::filesystem::status(lock).permissions(), std::filesystem::perms(0744));
     EXPECT_EQ(log(true), Lines({"debug lock file /userdata/ota/lock successfully."}));
     EXPECT_TRUE(is_refused()) << "in the same process too";
-    EXPECT_TRUE(elsewhere(is_refused)) << "and the one that stands was not disturbed";
-    told(put_file_lock(other), 0, {"info unlock file /userdata/ota/other successfully"});
-    told(put_file_lock(lock), -1, {});
+    EXPECT_TRUE(elsewhere(is_refused)) << "and the existing lock was not disturbed";
+    expect_call(put_file_lock(other), 0, {"info unlock file /userdata/ota/other successfully"});
+    expect_call(put_file_lock(lock), -1, {});
     EXPECT_TRUE(elsewhere(crash) && elsewhere(crash)) << "a lock ends with its process";
     char command[] = "sleep 1000 >/dev/null & echo $! >/userdata/ota/pid";
     EXPECT_TRUE(elsewhere([&] { return get_file_lock(lock) == 0 && ota_system_exe(command) == 0 && raise(SIGKILL); }));
@@ -189,13 +190,13 @@ TEST_F(Services, one_process_holds_the_lock) {
 
 TEST_F(Services, commands_that_fail) {
     for (std::string command : {"exit 3", "kill -9 $$", "no_such_command 2>/dev/null"}) {
-        told(ota_system_exe(command.data()), -1, {"error execute cmd:" + command + " failed!"});
+        expect_call(ota_system_exe(command.data()), -1, {"error execute cmd:" + command + " failed!"});
     }
-    told(ota_system_exe(nullptr), -1, {"error system cmd is NULL!"});
+    expect_call(ota_system_exe(nullptr), -1, {"error system cmd is NULL!"});
 }
 
 TEST_F(Services, versions_are_compared_by_segment) {
-    // The two, whether the first is older, and what is left of both where no segment decided.
+    // Both versions, whether the first is older, and what remains of both if no segment decided.
     const std::tuple<const char*, const char*, int32_t, std::string> rows[] = {
         {"V1.2.3", "V1.2.4", 1, ""}, {"V1.2.4", "V1.2.3", 0, ""}, {"V1.9", "V1.10", 1, ""},
         {"1.2", "V1.2", 1, ""},      {"V1.2", "V1.2", 0, " "},    {"V1-2", "V1.2", 0, " "},
@@ -205,8 +206,8 @@ TEST_F(Services, versions_are_compared_by_segment) {
     };
     for (const auto& [v1, v2, older, remains] : rows) {
         SCOPED_TRACE(std::string(v1) + " " + v2);
-        told(compare_sys_versions(v1, v2), older,
-             Lines(remains.empty() ? 0 : 1, "error Compare " + remains + " is same version"));
+        expect_call(compare_sys_versions(v1, v2), older,
+                    Lines(remains.empty() ? 0 : 1, "error Compare " + remains + " is same version"));
     }
 }
 
@@ -224,7 +225,7 @@ TEST_F(Services, versions_are_read_out_of_files) {
     };
     for (const auto& [text, version, result, lines] : rows) {
         char out[128] = "";
-        told(get_system_version(write_file(path, text).c_str(), out), result, lines);
+        expect_call(get_system_version(write_file(path, text).c_str(), out), result, lines);
         EXPECT_EQ(out, version) << text;
     }
     char out[128] = "";
@@ -249,11 +250,11 @@ TEST_F(Services, partitions_of_both_slots_are_listed_once) {
     std::sort(names.begin(), names.end());
     EXPECT_EQ(names, Lines({"", "boot", fits, "linked", "os", "system"}));
     std::filesystem::remove_all(by_name);
-    told(get_all_ab_partitions(rows), -1,
-         {"warning partition name " + too_long + " is too long, passed over", "error Open dir error..."});
+    expect_call(get_all_ab_partitions(rows), -1,
+                {"warning partition name " + too_long + " is too long, passed over", "error Open dir error..."});
 }
 
-TEST_F(Services, partition_table_of_sgdisk) {
+TEST_F(Services, a_partition_table_by_sgdisk) {
     const std::string disk = add_partition("blk", 4 << 20);
     gpt_entry entries[128] = {};
     output_of("sgdisk -a 1 -n 1:100:199 -c 1:boot_a -n 7:4000:5000 -c 7:user -A 7:set:2 " + disk);
@@ -275,7 +276,7 @@ TEST_F(Services, partition_table_of_sgdisk) {
     EXPECT_EQ(log(), Lines({"error read short", "error mmc:" + disk + " not found!"}));
 }
 
-TEST_F(Services, a_flash_command_is_judged_before_the_node_is_touched) {
+TEST_F(Services, a_flash_command_is_checked_before_the_node_is_opened) {
     const std::string magic = bytes_of(0x46434D44), rest = noise(2256), range = "error Misc data out of range";
     char data[] = "data";
     // Command; its bytes but for the size of the area at 12 to 15; that; offset of the data; bytes written; log.
@@ -284,7 +285,7 @@ TEST_F(Services, a_flash_command_is_judged_before_the_node_is_touched) {
         {"misc_write_cmd", magic, 204, 200, 2476, {}},
         {"misc_write_cmd", magic, 203, 200, 0, {range}},
         {"misc_write_cmd", magic, 100, UINT32_MAX, 0, {range}}, // the sum does not wrap
-        {"other", magic, 4, 0, 2272, {}},                       // judged, but no data is written
+        {"other", magic, 4, 0, 2272, {}},                       // checked, but no data is written
         {"other", magic, 3, 0, 0, {range}},
         {"other", "FCMD", 4, 0, 0, {"error Invalid flash cmd magic: 444d4346"}},
     };
@@ -293,7 +294,7 @@ TEST_F(Services, a_flash_command_is_judged_before_the_node_is_touched) {
         const std::string record = stored + rest.substr(0, 8) + bytes_of(area) + rest;
         write_file(flashcmds + cmd, record + "surplus");
         add_partition("flashcmd", "");
-        told(ota_write_flashcmd(cmd.c_str(), data, 4, offset), written > 0 ? 0 : -1, lines);
+        expect_call(ota_write_flashcmd(cmd.c_str(), data, 4, offset), written > 0 ? 0 : -1, lines);
         std::string expected = record + std::string(area, '\0');
         if (written > 2272) {
             expected.replace(2272 + offset, 4, data);
@@ -306,9 +307,9 @@ TEST_F(Services, a_flash_command_is_judged_before_the_node_is_touched) {
     EXPECT_EQ(ota_write_flashcmd("misc_write_cmd", nullptr, 0, 0), -1);
     EXPECT_TRUE(unlink(node.c_str()) == 0 && ota_write_flashcmd("misc_write_cmd", nullptr, 0, 0) == -1);
     write_file(flashcmds + "short", magic + rest + rest.substr(0, 11));
-    told(ota_write_flashcmd("short", nullptr, 0, 0), -1,
-         {"error misc data is null", "error open flashcmd: /usr/velox/share/ota/none failed", "error write cmd failed",
-          "error open flashcmd node: " + node + " failed", "error read cmd failed"});
+    expect_call(ota_write_flashcmd("short", nullptr, 0, 0), -1,
+                {"error misc data is null", "error open flashcmd: /usr/velox/share/ota/none failed",
+                 "error write cmd failed", "error open flashcmd node: " + node + " failed", "error read cmd failed"});
 }
 
 } // namespace

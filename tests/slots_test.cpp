@@ -21,7 +21,7 @@ protected:
     const std::string misc_ = add_partition("misc", 4096);
 };
 
-TEST_F(Slots, a_random_walk_leaves_every_byte_as_the_rules_say) {
+TEST_F(Slots, random_changes_leave_every_byte_as_the_rules_require) {
     std::mt19937 random(1);
     std::string misc = noise(4096);
     auto* const block = reinterpret_cast<uint8_t*>(&misc[2048]);
@@ -65,7 +65,7 @@ TEST_F(Slots, a_random_walk_leaves_every_byte_as_the_rules_say) {
     }
 }
 
-TEST_F(Slots, an_update_goes_to_the_slot_that_can_be_spared) {
+TEST_F(Slots, the_update_slot_follows_the_states_of_the_slots) {
     const struct {
         char running;
         Call call;
@@ -93,17 +93,17 @@ TEST_F(Slots, an_update_goes_to_the_slot_that_can_be_spared) {
     char untouched[128] = "";
     log();
     set_cmdline("veloxboot.medium=MMC veloxboot.slot_suffix=_c");
-    told(get_part_device_name("system", untouched, untouched, AB), -1,
-         {"error Invalid boot slot 2", "error get slot:2 boot success state error!", "error Invalid boot slot 3",
-          "error get slot:3 boot success state error!", "error get update slot error"});
+    expect_call(get_part_device_name("system", untouched, untouched, AB), -1,
+                {"error Invalid boot slot 2", "error get slot:2 boot success state error!", "error Invalid boot slot 3",
+                 "error get slot:3 boot success state error!", "error get update slot error"});
     write_partition("misc", 2048 + 9, "\4");
-    told(get_part_device_name("system", untouched, untouched, AB), -1,
-         {"info get slot:2 boot success state is:0", "info get slot:3 boot success state is:0",
-          "info this update slot is:3!", "error get update slot error"});
+    expect_call(get_part_device_name("system", untouched, untouched, AB), -1,
+                {"info get slot:2 boot success state is:0", "info get slot:3 boot success state is:0",
+                 "info this update slot is:3!", "error get update slot error"});
     EXPECT_STREQ(untouched, "");
 }
 
-TEST_F(Slots, each_failure_is_told_from_the_bottom_up_and_changes_nothing) {
+TEST_F(Slots, each_failure_is_logged_from_the_bottom_up_and_changes_nothing) {
     const struct {
         Call call;
         std::string failed, done;
@@ -121,20 +121,21 @@ TEST_F(Slots, each_failure_is_told_from_the_bottom_up_and_changes_nothing) {
         unlink(misc_.c_str());
         EXPECT_EQ(call(1), -1);
         add_partition("misc", 4096);
-        told(call(1), -1,
-             {"error open file: " + misc_ + " failed", "error misc data read failed, ret -1",
-              "error get boot ctrl info failed!", "error check bootctrl valid failed! ret 32",
-              "error get boot ctrl info failed!"});
+        expect_call(call(1), -1,
+                    {"error open file: " + misc_ + " failed", "error misc data read failed, ret -1",
+                     "error get boot ctrl info failed!", "error check bootctrl valid failed! ret 32",
+                     "error get boot ctrl info failed!"});
         reset(0);
         if (failed.starts_with("set")) {
             chmod(misc_.c_str(), 0444);
-            told(call(1), -1,
-                 {unwritten, "error misc data write failed, ret -1", "error Boot ctrl save failed", "error " + failed});
+            expect_call(
+                call(1), -1,
+                {unwritten, "error misc data write failed, ret -1", "error Boot ctrl save failed", "error " + failed});
             chmod(misc_.c_str(), 0644);
         }
         EXPECT_GE(call(1), 0);
         EXPECT_EQ(log(), Lines{"info " + done});
-        write_partition("misc", 2048 + 9, "\1"); // one slot, so slot 1 is none
+        write_partition("misc", 2048 + 9, "\1"); // one slot, so slot 1 does not exist
         const std::string before = read_partition("misc");
         EXPECT_EQ(call(1), -1);
         const Lines lines = log();
@@ -146,12 +147,12 @@ TEST_F(Slots, each_failure_is_told_from_the_bottom_up_and_changes_nothing) {
     for (const auto& [slots, line] :
          {std::pair("\0"s, "info curslot read from misc is: -1"), {"\5"s, "error Invalid nb_slot 5, max 4"}}) {
         write_partition("misc", 2048 + 9, slots);
-        told(ota_get_next_expected_slot(), -1, {line, "error get next expected slot error!"});
+        expect_call(ota_get_next_expected_slot(), -1, {line, "error get next expected slot error!"});
     }
     chmod(misc_.c_str(), 0444);
-    told(reset(0), -1,
-         {unwritten, "error misc data write failed, ret -1", "error bootctrl_write failed",
-          "error set default slot info failed, ret -1"});
+    expect_call(reset(0), -1,
+                {unwritten, "error misc data write failed, ret -1", "error bootctrl_write failed",
+                 "error set default slot info failed, ret -1"});
 }
 
 } // namespace

@@ -11,7 +11,7 @@ using namespace std::string_literals;
 
 constexpr size_t status_at = 0x30000, anti_at = 0x30880;
 
-/** A record as it is made anew while slot 1 runs. */
+/** A record as it is recreated while slot 1 runs. */
 ota_status_t new_record(std::string_view reserved = {}, ota_update_owner_e owner = NORMAL_BOOT) {
     ota_status_t record{};
     record.magic = 0x4F544153;
@@ -22,7 +22,7 @@ ota_status_t new_record(std::string_view reserved = {}, ota_update_owner_e owner
     return record;
 }
 
-/** Where a value lies in the record, and the calls for its type. */
+/** The offset of a value in the record, and the calls for its type. */
 struct Field {
     size_t offset, size;
     std::function<int32_t(uint32_t*)> set, get;
@@ -58,7 +58,7 @@ protected:
     const std::string path_ = add_partition("ubootenv", env_);
 };
 
-TEST_F(Status, a_record_with_any_byte_flipped_is_made_anew) {
+TEST_F(Status, a_record_with_any_byte_changed_is_recreated) {
     ota_status_t record = new_record(std::string(32, 'r'));
     for (size_t i = 0; i < sizeof record; ++i) {
         std::string damaged = bytes_of(record);
@@ -83,7 +83,7 @@ TEST_F(Status, an_erased_region_and_the_defaults) {
         set_cmdline("veloxboot.medium=MMC veloxboot.slot_suffix=_"s + suffix);
         antirollback_ver_t ver;
         std::fill_n(reinterpret_cast<char*>(&ver), sizeof ver, '\1');
-        told(ota_get_anti_ver_veeprom(&ver), -1, {"error antirollback version CRC verify failed"});
+        expect_call(ota_get_anti_ver_veeprom(&ver), -1, {"error antirollback version CRC verify failed"});
         EXPECT_EQ(bytes_of(ver), std::string(16, '\0'));
         EXPECT_TRUE(read_partition("ubootenv") == std::string(env_.size(), fill));
         uint32_t slot = 9;
@@ -91,7 +91,7 @@ TEST_F(Status, an_erased_region_and_the_defaults) {
         EXPECT_EQ(slot, suffix == 'a' ? 0U : 1U);
         EXPECT_EQ(read_partition("ubootenv").substr(status_at + 1320, 32), std::string(32, fill));
         log();
-        told(ota_set_veeprom_flag_default(), 0, {"info veeprom flag set default"});
+        expect_call(ota_set_veeprom_flag_default(), 0, {"info veeprom flag set default"});
         EXPECT_EQ(read_partition("ubootenv").substr(status_at + 1320, 36), std::string(32, '\0') + crc);
         EXPECT_EQ(read_partition("ubootenv").substr(anti_at, 16), std::string(12, '\0') + "\x6f\xc6\xd5\x7b");
         EXPECT_EQ(ota_get_anti_ver_veeprom(&ver), 0);
@@ -117,7 +117,7 @@ TEST_F(Status, random_sets_and_gets_touch_their_own_bytes_only) {
             const std::string given = bytes_of(*ver).substr(0, 12);
             EXPECT_EQ(typed ? ota_set_anti_ver_veeprom(ver) : ota_set_veeprom_flag(OTA_VEEPROM_ANTI_VER, value), 0);
             anti = bytes_of(*ver);                // sealed, or as it came
-            EXPECT_EQ(anti.substr(0, 12), given); // only the checksum changes, not the bytes of no field either
+            EXPECT_EQ(anti.substr(0, 12), given); // only the checksum changes, not even the padding
             EXPECT_EQ(ota_get_anti_ver_veeprom(ver), typed ? 0 : -1);
         }
         record.replace(1352, 4, bytes_of(CRC32(reinterpret_cast<const uint8_t*>(record.data()), 1352)));
@@ -130,7 +130,7 @@ TEST_F(Status, random_sets_and_gets_touch_their_own_bytes_only) {
     }
 }
 
-TEST_F(Status, each_failure_is_told_from_the_bottom_up) {
+TEST_F(Status, each_failure_is_logged_from_the_bottom_up) {
     const std::string no_open = "error open file:" + path_ + " failed",
                       no_anti = "error set antirollback version to veeprom failed",
                       unwritten = "error veeprom flag write failed, ret -1",
@@ -141,51 +141,53 @@ TEST_F(Status, each_failure_is_told_from_the_bottom_up) {
     uint32_t word = 5;
 
     unlink(path_.c_str());
-    told(ota_get_anti_ver_veeprom(&ver), -1,
-         {"error open file: " + path_ + " failed", "error veeprom flag  read failed, ret -1",
-          "error veeprom flag read failed, ret -1", "error get antirollback version from veeprom failed"});
+    expect_call(ota_get_anti_ver_veeprom(&ver), -1,
+                {"error open file: " + path_ + " failed", "error veeprom flag  read failed, ret -1",
+                 "error veeprom flag read failed, ret -1", "error get antirollback version from veeprom failed"});
     link_partition("ubootenv", "/dev/full"); // reads as zeros
-    told(ota_get_owner(&owner), -1,
-         {invalid[0], invalid[1], "error file " + path_ + " write failed", unwritten, no_status,
-          "error get ota status failed"});
+    expect_call(ota_get_owner(&owner), -1,
+                {invalid[0], invalid[1], "error file " + path_ + " write failed", unwritten, no_status,
+                 "error get ota status failed"});
     add_partition("ubootenv", env_);
     set_cmdline("veloxboot.medium=MMC");
-    told(ota_get_owner(&owner), -1,
-         {invalid[0], invalid[1], "error error:slot conf not in cmdline.", "error Get current slot failed",
-          "error get ota status failed"});
+    expect_call(ota_get_owner(&owner), -1,
+                {invalid[0], invalid[1], "error error:slot conf not in cmdline.", "error Get current slot failed",
+                 "error get ota status failed"});
     EXPECT_TRUE(read_partition("ubootenv") == env_);
 
     set_cmdline("veloxboot.medium=MMC veloxboot.slot_suffix=_b");
     limit_file_size(anti_at); // the second record cannot be written, the first one is
-    told(ota_set_veeprom_flag_default(), -1,
-         {"error file " + path_ + " write failed", unwritten, unwritten, no_anti,
-          "error set antirollback version default failed"});
+    expect_call(ota_set_veeprom_flag_default(), -1,
+                {"error file " + path_ + " write failed", unwritten, unwritten, no_anti,
+                 "error set antirollback version default failed"});
     chmod(path_.c_str(), 0444);
-    told(ota_set_veeprom_flag_default(), -1, {no_open, unwritten, no_status, "error set ota status default failed"});
-    told(ota_set_owner(OTA_SERVICE), -1,
-         {"info veeprom crc, oricrc[3c97d3d3], newcrc[3c97d3d3], offset[1352]", "info veeprom: flag [6], value [2]",
-          no_open, unwritten, no_status});
-    EXPECT_EQ(g_ota_owner, OTA_SERVICE); // told before the write that failed
+    expect_call(ota_set_veeprom_flag_default(), -1,
+                {no_open, unwritten, no_status, "error set ota status default failed"});
+    expect_call(ota_set_owner(OTA_SERVICE), -1,
+                {"info veeprom crc, oricrc[3c97d3d3], newcrc[3c97d3d3], offset[1352]",
+                 "info veeprom: flag [6], value [2]", no_open, unwritten, no_status});
+    EXPECT_EQ(g_ota_owner, OTA_SERVICE); // set before the write that failed
 
     for (const int selector : {9, 10, 12, -1}) {
         EXPECT_EQ(ota_set_veeprom_flag(ota_veeprom_type_e(selector), &word), -1);
-        told(ota_get_veeprom_flag(ota_veeprom_type_e(selector), &word), -1,
-             {"error invalid veeprom flag", unwritten, "error invalid veeprom flag",
-              "error veeprom flag read failed, ret -1"});
+        expect_call(ota_get_veeprom_flag(ota_veeprom_type_e(selector), &word), -1,
+                    {"error invalid veeprom flag", unwritten, "error invalid veeprom flag",
+                     "error veeprom flag read failed, ret -1"});
     }
     EXPECT_EQ(ota_set_veeprom_flag(OTA_VEEPROM_SPLIT, nullptr), -1);
     EXPECT_EQ(ota_get_part_array(nullptr), -1);
-    told(ota_set_anti_ver_veeprom(nullptr), -1, {"error veeprom flag value is NULL", "error ota status value is NULL"});
+    expect_call(ota_set_anti_ver_veeprom(nullptr), -1,
+                {"error veeprom flag value is NULL", "error ota status value is NULL"});
     EXPECT_TRUE(read_partition("ubootenv") == env_.replace(status_at, sizeof(ota_status_t), bytes_of(new_record())));
     EXPECT_EQ(owner, OTA_N_OWNER);
     EXPECT_EQ(word, 5U);
 }
 
-TEST_F(Status, a_record_is_forced_to_any_place) {
+TEST_F(Status, a_record_is_written_to_any_path_and_offset) {
     ota_status_t status = new_record("reserved");
     ota_file_info_t place = file_info(path_, 3);
     const ota_update_owner_e before = g_ota_owner;
-    for (const size_t at : {0x30003U, 0x60003U}) { // the base is raised at each call
+    for (const size_t at : {0x30003U, 0x60003U}) { // the base grows with each call
         status.magic = 0;
         status.owner = OTA_SERVICE;
         EXPECT_EQ(ota_write_to_veeprom_force(&status, &place), 0);
@@ -195,8 +197,8 @@ TEST_F(Status, a_record_is_forced_to_any_place) {
     }
     EXPECT_EQ(g_ota_owner, before);
     place = file_info("/dev/full", 1);
-    told(ota_write_to_veeprom_force(&status, &place), -1,
-         {"error file /dev/full write failed", "error veeprom flag write failed, ret -1"});
+    expect_call(ota_write_to_veeprom_force(&status, &place), -1,
+                {"error file /dev/full write failed", "error veeprom flag write failed, ret -1"});
     EXPECT_EQ(place.offset, 0x30001U);
     EXPECT_EQ(ota_write_to_veeprom_force(nullptr, &place) + ota_write_to_veeprom_force(&status, nullptr), -12);
 }

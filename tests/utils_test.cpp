@@ -46,10 +46,11 @@ TEST_F(Utils, command_line_keys) {
         EXPECT_EQ(log(), row.lines);
     }
     chmod("/proc/cmdline", 0);
-    told(get_boot_medium() + get_boot_mode() + ota_get_cur_slot(), -3, Lines(3, "error open /proc/cmdline error."));
+    expect_call(get_boot_medium() + get_boot_mode() + ota_get_cur_slot(), -3,
+                Lines(3, "error open /proc/cmdline error."));
 }
 
-TEST_F(Utils, device_names_are_cut_and_the_same_for_all_but_ab) {
+TEST_F(Utils, device_names_are_truncated_and_differ_only_for_ab) {
     char cur[128], opp[128];
     const std::string name(200, 'n');
     EXPECT_EQ(get_part_device_name(name.c_str(), cur, opp, BAK), 0);
@@ -57,10 +58,10 @@ TEST_F(Utils, device_names_are_cut_and_the_same_for_all_but_ab) {
     EXPECT_STREQ(opp, cur);
     EXPECT_EQ(get_part_device_name(nullptr, cur, opp, PERMANENT), -1);
     EXPECT_EQ(get_part_device_name("misc", nullptr, opp, PERMANENT), -1);
-    told(get_part_device_name("misc", cur, nullptr, AB), -1, Lines(3, "error dev path or part name is empty"));
+    expect_call(get_part_device_name("misc", cur, nullptr, AB), -1, Lines(3, "error dev path or part name is empty"));
 }
 
-TEST_F(Utils, one_transfer_at_any_place) {
+TEST_F(Utils, one_transfer_at_any_offset) {
     const std::string path = add_partition("p", "0123456789"), none = by_name + "none";
     const std::pair<ota_file_info_t, std::string> reads[] = {
         {file_info(path), "0123456"}, {file_info(path, 8), "89"}, {file_info(path, 10), ""}, {file_info(path, 99), ""}};
@@ -76,21 +77,21 @@ TEST_F(Utils, one_transfer_at_any_place) {
     const auto read = [&](ota_file_info_t place) { return ota_file_to_buf(&place, buffer, 1); };
     const auto write = [&](ota_file_info_t place) { return ota_buf_to_file(&place, buffer, 1); };
     const ota_file_info_t lost = file_info(link_partition("lost", "/none/mtd1"), 0, OTA_NAND);
-    told(read(file_info(none)), -1, {"error open file: " + none + " failed"});
-    told(read(file_info(by_name)), -1, {"error file " + by_name + " read failed"});
-    told(read(file_info(path, ~0ULL)), -1, {"error file " + path + " lseek failed, offset=-1"});
-    told(read(lost), -1, {"error open file: " + by_name + "lost failed"});
-    told(read(file_info(path, 0, ota_medium_e(-1))), -1,
-         {"error " + path + " is neither an MTD device nor a UBI volume"});
-    told(write(file_info(none)), -1, {"error open file:" + none + " failed"});
-    told(write(file_info("/dev/full")), -1, {"error file /dev/full write failed"});
-    told(write(file_info(path, ~0ULL)), -1, {"error file " + path + " lseek failed, offset=-1"});
+    expect_call(read(file_info(none)), -1, {"error open file: " + none + " failed"});
+    expect_call(read(file_info(by_name)), -1, {"error file " + by_name + " read failed"});
+    expect_call(read(file_info(path, ~0ULL)), -1, {"error file " + path + " lseek failed, offset=-1"});
+    expect_call(read(lost), -1, {"error open file: " + by_name + "lost failed"});
+    expect_call(read(file_info(path, 0, ota_medium_e(-1))), -1,
+                {"error " + path + " is neither an MTD device nor a UBI volume"});
+    expect_call(write(file_info(none)), -1, {"error open file:" + none + " failed"});
+    expect_call(write(file_info("/dev/full")), -1, {"error file /dev/full write failed"});
+    expect_call(write(file_info(path, ~0ULL)), -1, {"error file " + path + " lseek failed, offset=-1"});
     EXPECT_FALSE(std::filesystem::exists(none));
     EXPECT_EQ(ota_file_to_buf(nullptr, buffer, 1), -1);
-    told(ota_buf_to_file(&file, nullptr, 1), -1, Lines(2, "error file info is null"));
+    expect_call(ota_buf_to_file(&file, nullptr, 1), -1, Lines(2, "error file info is null"));
 }
 
-TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
+TEST_F(Utils, missing_arguments_and_files_are_refused) {
     char out[128] = "", gone[] = "/gone", name[] = "name";
     const char* const no = nullptr;
     uint64_t size = 0;
@@ -136,7 +137,8 @@ TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
         {[&] { return vx_all_image_size(gone); }, -1, "error Open dir error..."},
         {[&] { return vx_get_max_zip_size(no); }, -1, "error no zip file"},
         {[&] { return vx_get_max_zip_size(gone); }, -1, "error change dir:/gone failed "},
-        {[] { return vx_get_max_zip_size("proc"); }, -1, "error Open dir error..."}, /* from there it is none */
+        {[] { return vx_get_max_zip_size("proc"); }, -1,
+         "error Open dir error..."}, /* a relative path, unpacked elsewhere */
         {[] { return ota_get_update_slot(); }, -1, "error error:slot conf not in cmdline."},
         {[] { return ota_get_slot_num(); }, -1, "error get boot ctrl info failed!"},
     };
@@ -147,8 +149,8 @@ TEST_F(Utils, what_is_not_given_or_not_there_is_refused) {
     std::filesystem::create_directory("/tmp/left");
     std::filesystem::current_path("/tmp/left");
     std::filesystem::remove("/tmp/left");
-    told(vx_uncompress(gone, "/tmp") + vx_uncompress_one(gone, "/tmp", name) + vx_get_max_zip_size("/tmp"), -3,
-         Lines(3, "error get current directory absolute path error!"));
+    expect_call(vx_uncompress(gone, "/tmp") + vx_uncompress_one(gone, "/tmp", name) + vx_get_max_zip_size("/tmp"), -3,
+                Lines(3, "error get current directory absolute path error!"));
     std::filesystem::current_path("/");
 }
 
@@ -168,7 +170,7 @@ TEST_F(Utils, a_log_line_goes_to_its_stream_and_to_the_system_log) {
 }
 
 TEST_F(Utils, only_a_positive_debug_level_shows_debug_lines) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe"); // the level is read once in the life of a process
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // the level is read once per process
     for (const char* level : {"", "0", "-1", "x5", "5x"}) {
         setenv("OTA_DEBUG_FLAG", level, 1);
         const auto run = [level] {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Packages, sound and hostile: what lands on disk, what does not, and what is said about it. */
+/** Packages, valid and hostile: what is written to disk, what is not, and what is logged. */
 #include "board.h"
 
 #include <algorithm>
@@ -45,10 +45,10 @@ std::string in_64(uint64_t value) {
 }
 
 /**
- * Writes a package told in words, one an entry: a name, then what it is, in any order: "=data" ("x" is the
- * default), "*bytes" of x, ">target" for a link, "@mode", "+bytes" that are claimed and not there, and "~traits"
- * with z: deflated, s: sizes behind the data, 6: size in a zip64 field, c: wrong checksum, t: torn data, m: unknown
- * method, b: a field that ends behind the extra fields, h: claimed bytes are there, as a hole in the file.
+ * Writes a package described by words, one per entry: a name, then in any order: "=data" ("x" is the
+ * default), "*bytes" of x, ">target" for a link, "@mode", "+bytes" that are claimed but missing, and "~traits"
+ * with z: deflated, s: sizes after the data, 6: size in a zip64 field, c: wrong checksum, t: torn data, m: unknown
+ * method, b: a field that ends past the extra fields, h: the claimed bytes exist, as a hole in the file.
  */
 std::string put(const std::string& words, const std::string& package = "p.zip") {
     std::ofstream file(box + "/" + package, std::ios::binary);
@@ -80,7 +80,7 @@ std::string put(const std::string& words, const std::string& package = "p.zip") 
         }
         const auto at = static_cast<uint64_t>(file.tellp()), packed_size = data.size() + static_cast<uint64_t>(hole);
         const std::string zip64 = (has('6') ? le(size, 8) : "") + in_64(packed_size) + in_64(at);
-        const std::string foreign = le(0x5455, 2) + le(5, 2) + "dates"; /* stands in front of it */
+        const std::string foreign = le(0x5455, 2) + le(5, 2) + "dates"; /* precedes it */
         const std::string extra = !zip64.empty() ? foreign + le(1, 2) + le(zip64.size(), 2) + zip64
                                   : has('b')     ? le(0x5455, 2) + le(99, 2)
                                                  : "";
@@ -114,7 +114,7 @@ protected:
         write_file(outside + "/file", "keep");
     }
 
-    /** What stands below a directory, in order: "d755 a ;f644 a/b text;f644 a/c *20000;l777 a/d target;". */
+    /** What is below a directory, in order: "d755 a ;f644 a/b text;f644 a/c *20000;l777 a/d target;". */
     static std::string tree(const std::string& root) {
         std::set<std::string> lines;
         for (const fs::directory_entry& at : fs::recursive_directory_iterator(root)) {
@@ -128,13 +128,13 @@ protected:
         return std::accumulate(lines.begin(), lines.end(), std::string());
     }
 
-    /** Unpacks, and fails for whatever changes elsewhere. */
+    /** Unpacks, and fails if anything changes elsewhere. */
     static int32_t unpack(const std::string& package, bool afresh = true) {
         fs::remove_all(afresh ? dest : "");
         fs::create_directories(dest);
         const auto elsewhere = [] {
-            const auto beside = std::distance(fs::directory_iterator(box), {});
-            return std::tuple(tree(outside), beside, fs::current_path());
+            const auto siblings = std::distance(fs::directory_iterator(box), {});
+            return std::tuple(tree(outside), siblings, fs::current_path());
         };
         const auto before = elsewhere();
         log();
@@ -144,13 +144,14 @@ protected:
     }
 };
 
-TEST_F(Zip, each_kind_of_entry_lands_as_it_is_packed) {
-    put("d/ d/f=one l>d/f b\\s@20644 gone/dir/ gone/l>d no/dir/f*20000~z@104751 stored64~6*9000 behind*20000~zs@100640 "
+TEST_F(Zip, each_kind_of_entry_is_extracted_as_packed) {
+    put("d/ d/f=one l>d/f b\\s@20644 gone/dir/ gone/l>d no/dir/f*20000~z@104751 stored64~6*9000 "
+        "trailer*20000~zs@100640 "
         "deflated64~z6*20000 bare@0");
     EXPECT_EQ(unpack(box + "/p.zip"), 0);
     EXPECT_EQ(log()[2], "error d symlink error");
     EXPECT_EQ(tree(dest),
-              "d755 d ;d755 no ;d755 no/dir ;f0 bare ;f640 behind *20000;f644 b\\s x;f644 deflated64 *20000;"
+              "d755 d ;d755 no ;d755 no/dir ;f0 bare ;f640 trailer *20000;f644 b\\s x;f644 deflated64 *20000;"
               "f644 stored64 *9000;f751 no/dir/f *20000;f777 d/f one;l777 l d/f;");
     const auto expect_date = [](int year) {
         std::tm date{16, 14, 13, 17, 4, year, 0, 0, -1, 0, nullptr};
@@ -164,14 +165,14 @@ TEST_F(Zip, each_kind_of_entry_lands_as_it_is_packed) {
     /* Files are replaced, links are not. */
     ended(unpack(put("d/f=three l>no bare"), false), -1, "error error opening bare");
     EXPECT_EQ(read_file(dest + "/l"), "three");
-    EXPECT_NE(tree(dest).find(";f644 bare x;"), std::string::npos); /* the mode is set all the same */
+    EXPECT_NE(tree(dest).find(";f644 bare x;"), std::string::npos); /* the mode is set nevertheless */
     const std::string dir(250, 'n');                                /* the longest name */
     EXPECT_EQ(unpack(put(dir + "/5678")), 0);
     EXPECT_EQ(tree(dest), "d755 " + dir + " ;f644 " + dir + "/5678 x;");
 }
 
-TEST_F(Zip, nothing_gets_out_of_the_destination) {
-    std::string deep, at; /* longer than a path may be, with few links enough that a walk may count them twice */
+TEST_F(Zip, nothing_is_written_outside_the_destination) {
+    std::string deep, at; /* longer than a path may be, with few enough links that a walk may count them twice */
     for (int i = 0; i < 18; ++i) {
         const std::string step = at + std::string(120, 'a') + "/" + std::string(120, 'b');
         const std::string name = "l" + std::to_string(i);
@@ -200,8 +201,8 @@ TEST_F(Zip, nothing_gets_out_of_the_destination) {
     EXPECT_EQ(tree(dest).substr(0, 9), "f777 f x;");
 }
 
-TEST_F(Zip, nothing_gets_out_while_mounts_come_and_go) {
-    /* A walk that a mount disturbs starts again and counts its links on, so that it may find too many. */
+TEST_F(Zip, nothing_is_written_outside_while_mounts_change) {
+    /* A walk that a mount disturbs restarts without resetting its count of links, so it may find too many. */
     std::string names = "a/ l0>a", at = "a/";
     for (int i = 1; i < 25; ++i, at += "a/") {
         names += " " + at + "a/ l" + std::to_string(i) + ">l" + std::to_string(i - 1) + "/a";
@@ -222,8 +223,8 @@ TEST_F(Zip, nothing_gets_out_while_mounts_come_and_go) {
     mounts.join();
 }
 
-TEST_F(Zip, a_name_that_does_not_resolve_leads_nowhere) {
-    /* Entries, and what is logged last where the last of them fails: that it cannot be opened, unless told. */
+TEST_F(Zip, a_name_that_does_not_resolve_is_not_an_escape) {
+    /* Entries, and the last log line if the last of them fails; by default that it cannot be opened. */
     for (const std::string& names : split("l>gone l/f;l>../outside/gone/new l;l>gone/new l/d/f;f l>f l/g;f f/g;l>l l;"
                                           "a>b b>a a/f;c>c l>c/x l/f;l>f/. f l;d/ d;a/..@755",
                                           ';')) {
@@ -232,9 +233,9 @@ TEST_F(Zip, a_name_that_does_not_resolve_leads_nowhere) {
     }
     EXPECT_EQ(unpack(put("l>gone l/d/ l>l l/d/ f f/d/ none/d/ after")), 0);
     EXPECT_EQ(tree(dest), "f644 after x;f644 f x;l777 l gone;");
-    told(unpack(put("l>gone l/m>x")), 0,
-         {"info g_zip_buf is gone, filename_inzip = l", "info g_zip_buf is x, filename_inzip = l/m",
-          "error x symlink error"});
+    expect_call(unpack(put("l>gone l/m>x")), 0,
+                {"info g_zip_buf is gone, filename_inzip = l", "info g_zip_buf is x, filename_inzip = l/m",
+                 "error x symlink error"});
     fs::create_directory(dest + "/shut");
     fs::permissions(dest + "/shut", fs::perms(0));
     ended(unpack(put("shut/f"), false), -1, "error error opening shut/f");
@@ -242,9 +243,9 @@ TEST_F(Zip, a_name_that_does_not_resolve_leads_nowhere) {
     EXPECT_TRUE(tree(dest).starts_with("d700 shut ;"));
 }
 
-TEST_F(Zip, what_stays_inside_is_let_in) {
+TEST_F(Zip, names_that_stay_inside_are_accepted) {
     put("a/../b=text a/./../a/c=more ../dest/d=1 /tmp/box/dest/e/f=2 e/../e/g/../../h=3 l>gone/../../dest l/../i=4");
-    ended(unpack(box + "/p.zip"), -1, "error error opening l/../i"); /* what its link needs is not there */
+    ended(unpack(box + "/p.zip"), -1, "error error opening l/../i"); /* its link's target is missing */
     EXPECT_EQ(tree(dest), "d755 a ;d755 e ;d755 e/g ;f644 a/c more;f644 b text;f644 d 1;f644 e/f 2;f644 h 3;"
                           "l777 l gone/../../dest;");
     put("d/f=1 l>d l/g=2 d/m>/tmp/box/dest/d/h d/m=3 n>d/.. n/..i=4 o>../dest/d o/.../j=5 ..\\k=6 p>o/f p=7 ./d//q=8 "
@@ -255,16 +256,16 @@ TEST_F(Zip, what_stays_inside_is_let_in) {
 }
 
 TEST_F(Zip, a_broken_entry_is_never_a_success) {
-    /* What extraction says and leaves; what streaming gives, writes and says: a checksum is its caller's business. */
-    const auto check = [&](const std::string& entry, const std::string& said, const std::string& left, int32_t streamed,
-                           size_t written, const Lines& told_of_it) {
+    /* What extraction logs and leaves; what streaming returns, writes and logs. Its caller checks the checksum. */
+    const auto check = [&](const std::string& entry, const std::string& line, const std::string& left, int32_t streamed,
+                           size_t written, const Lines& streamed_log) {
         const std::string name = entry.substr(0, entry.find_first_of(">~"));
         const std::string package = put(entry + " after");
-        ended(unpack(package), -1, said);
+        ended(unpack(package), -1, line);
         EXPECT_EQ(tree(dest), left.empty() ? "" : "f604 " + name + left + ";") << entry;
         add_partition("node", 10001, '.');
         ota_file_info_t node = file_info(by_name + "node", 0, OTA_EMMC);
-        told(vx_uncompress_file_to(package.c_str(), name.c_str(), &node, nullptr), streamed, told_of_it);
+        expect_call(vx_uncompress_file_to(package.c_str(), name.c_str(), &node, nullptr), streamed, streamed_log);
         EXPECT_EQ(read_partition("node").find('.'), written) << entry;
     };
     const std::string bad_sum = "error error -105 with zipfile in unzCloseCurrentFile";
@@ -302,12 +303,12 @@ TEST_F(Zip, a_package_cut_anywhere_is_whole_or_empty_or_refused) {
     }
 }
 
-TEST_F(Zip, one_entry_is_taken_and_a_failure_stays_in_the_destination) {
+TEST_F(Zip, one_entry_is_extracted_and_a_failure_stays_in_the_destination) {
     put("a/b=text broken~c");
-    const auto take = [&](const char* dir, const char* name, const std::string& left_at, const std::string& said) {
+    const auto take = [&](const char* dir, const char* name, const std::string& left_at, const std::string& line) {
         fs::current_path(box);
         const int32_t result = vx_uncompress_one("p.zip", dir, name);
-        EXPECT_EQ(std::pair(log().back(), fs::current_path()), std::pair(said, fs::path(left_at)));
+        EXPECT_EQ(std::pair(log().back(), fs::current_path()), std::pair(line, fs::path(left_at)));
         return result;
     };
     EXPECT_EQ(take("dest/made", "a/b", box, "warning dest/made is not exist, create it"), 0);
@@ -317,14 +318,14 @@ TEST_F(Zip, one_entry_is_taken_and_a_failure_stays_in_the_destination) {
     EXPECT_EQ(take("/proc/none", "a/b", box, "error change dir failed "), -1);
     EXPECT_EQ(take(nullptr, "a/b", box, "error dest is null"), -1);
     ended(vx_uncompress("p.zip", "/proc/none"), -1, "error change dir failed ");
-    told(unpack("p"), -1, {"error Cannot open p or p.zip"});
+    expect_call(unpack("p"), -1, {"error Cannot open p or p.zip"});
 }
 
 TEST_F(Zip, packages_are_searched_and_sized) {
     constexpr int64_t big = 5368709120;
     const std::string package =
         put("boot.img=abc dir/a z.ubifs~6=+5368709120 " + std::string(128, 'n') + "=12", "a.zip");
-    uint64_t images = UINT64_MAX; /* whatever it held, it grows by */
+    uint64_t images = UINT64_MAX; /* the sum is added to its old value */
     EXPECT_EQ(vx_get_zip_size(package.c_str(), &images), big + 6);
     EXPECT_EQ(images, big + 4);
     EXPECT_EQ(log(), Lines{"error file name is too len"});
@@ -343,7 +344,7 @@ TEST_F(Zip, packages_are_searched_and_sized) {
     put("a~6+9223372036854775806 b", "b.zip");
     ended(vx_get_max_zip_size(box.c_str()), -1, "error get zip size error");
     EXPECT_EQ(fs::current_path(), box);
-    told(vx_get_zip_size("b.zip", &images), -1, {"error sizes in b.zip overflow"});
+    expect_call(vx_get_zip_size("b.zip", &images), -1, {"error sizes in b.zip overflow"});
     put("a.img~6+9223372036854775800", "b.zip"); /* too much only together with the other package */
     ended(vx_all_image_size(box.c_str()), -1, "error sizes in " + box + " overflow");
     std::string more = read_file(put("a=1 b=22", "b.zip"));
@@ -355,7 +356,8 @@ TEST_F(Zip, packages_are_searched_and_sized) {
 
 TEST_F(Zip, entries_on_both_sides_of_2_and_4_GiB) {
     constexpr uint64_t gib_2 = uint64_t{1} << 31, gib_4 = uint64_t{1} << 32;
-    /* The size of the hole, and whether the entry behind it can be reached. Odd ones are streamed: it takes seconds. */
+    /* The size of the hole, and whether the entry after it can be reached. Only odd ones are streamed, which is slow.
+     */
     const std::pair<uint64_t, bool> rows[] = {
         {gib_2 - 40, true}, {gib_2 + 2, true}, {gib_4 - 37, true}, {gib_4 - 34, false}, {gib_4 + 1, false}};
     for (const auto& [size, reached] : rows) {
@@ -390,10 +392,10 @@ TEST_F(Zip, extensions_are_compared_exactly) {
     }
     EXPECT_EQ(is_xxx_file("a.ZIP", "zip"), 0);
     EXPECT_EQ(ota_check_file(put("x").c_str(), "img"), -1);
-    EXPECT_EQ(ota_check_file(put("x", name_127).c_str(), "img"), 0); /* a long name cannot be judged */
+    EXPECT_EQ(ota_check_file(put("x", name_127).c_str(), "img"), 0); /* a long name cannot be checked */
 }
 
-TEST_F(Zip, staging_needs_more_room_than_the_need) {
+TEST_F(Zip, staging_needs_more_room_than_the_images) {
     const std::string package = put("a.img*1024", "a.zip");
     for (const std::string size : {"2048", "2052"}) {
         mount("tmpfs", "/userdata", "tmpfs", 0, ("size=" + size + "k").c_str());
@@ -408,7 +410,7 @@ TEST_F(Zip, staging_needs_more_room_than_the_need) {
         EXPECT_TRUE(log().back().ends_with("is not enough for file unzip need space:9223372036854775807!"));
         umount("/userdata");
     }
-    mount("tmpfs", "/userdata", "tmpfs", 0, "size=8k"); /* full before the tail of the file */
+    mount("tmpfs", "/userdata", "tmpfs", 0, "size=8k"); /* full before the end of the file */
     ended(vx_uncompress(put("f*8200").c_str(), "/userdata"), -1, "error error in writing extracted file");
     umount("/userdata");
     EXPECT_EQ(unzip_ota_file(package.c_str(), "/tmp/ota/unzip_dir2", nullptr), 0);
@@ -416,12 +418,12 @@ TEST_F(Zip, staging_needs_more_room_than_the_need) {
           "error uncompress /none.zip to /tmp/ota/unzip_dir/x failed!");
 }
 
-TEST_F(Zip, the_first_package_of_a_list_gives_the_process) {
+TEST_F(Zip, the_first_package_of_a_list_supplies_the_process) {
     const std::string good = put("ota_process@100755=#!");
-    const auto take = [](const std::string& list, const std::string& said) {
+    const auto take = [](const std::string& list, const std::string& line) {
         char path[26] = {};
         const int32_t result = get_ota_process(list.c_str(), path, sizeof path);
-        EXPECT_EQ(log().back(), said);
+        EXPECT_EQ(log().back(), line);
         EXPECT_STREQ(path, result == 0 ? "/tmp/process//ota_process" : "");
         return result;
     };
@@ -437,7 +439,7 @@ TEST_F(Zip, the_first_package_of_a_list_gives_the_process) {
     EXPECT_EQ(take(put("x"), "error get system upgrade process [ota_process] failed"), -15);
 }
 
-TEST_F(Zip, directories_are_made_with_their_parents) {
+TEST_F(Zip, directories_are_created_with_their_parents) {
     for (const std::string& path : {dest + "/a/b/", dest + "/a/b", dest + "/c\\d/e", outside + "/file/x"}) {
         EXPECT_EQ(makedir(path.c_str()), 0) << path;
     }

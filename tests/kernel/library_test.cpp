@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
  * The library's own operations on the devices of a real kernel. Each is compared with the whole partition
- * as another program reads it: every byte that changed was meant to, and no other did.
+ * as another program reads it: exactly the intended bytes changed.
  *
  * usage: library_test READER     the program that shows a partition, its bad blocks left out
  */
@@ -88,7 +88,7 @@ void test_status() {
     expect(ubootenv.holds());
 }
 
-/** An image of several MiB, of no round size and to no round place, in the library's own chunks; then odd pieces. */
+/** An image of several MiB with an odd size at an odd offset, in the library's own chunks; then odd pieces. */
 void test_images() {
     partition system("system");
     const bytes image = random_bytes(5 * 1024 * 1024 + 12345, 5);

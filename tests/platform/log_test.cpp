@@ -28,7 +28,7 @@ TEST_F(Log, entries_are_those_of_the_program) {
                                 EXPECT_GT(recv(daemon, entry, sizeof entry - 1, MSG_DONTWAIT), 0);
                                 return std::regex_replace(entry, std::regex("^(<[0-9]+>).{16}"), "$1");
     };
-    usleep(20000); /* it is looked for once in a tick of the clock */
+    usleep(20000); /* the daemon is looked for once per clock tick */
     openlog("host", 0, LOG_LOCAL3);
     EXPECT_EQ(print(ANDROID_LOG_INFO, nullptr, "one %d\n", 1), 1);
     EXPECT_EQ(received(), "<158>host: one 1\n");
