@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** The stored records as bytes, good and bad. */
+/** Each format as bytes, good and bad: the cases of golden/, and what damage makes of the good ones. */
 #include "antirollback_record.h"
 #include "flash_command.h"
 #include "gpt.h"
@@ -8,8 +8,14 @@
 #include "verified_boot.h"
 #include "zip_entry.h"
 
+#include <algorithm>
+#include <array>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <map>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -32,23 +38,47 @@ std::span<const uint8_t> span_of(const std::string& text) {
     return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
 
+struct GoldenCase {
+    std::string name;
+    format_state state;
+    uint64_t number; /* what is read, where it is one number; 0 without one */
+    std::string bytes;
+};
+
+/** golden/FORMAT.hex: for each case a line "NAME: STATE [NUMBER]" and lines of bytes(). A '#' begins a comment. */
+std::vector<GoldenCase> golden(const std::string& format) {
+    const std::map<std::string, format_state> states = {{"valid", format_state::valid},
+                                                        {"absent", format_state::absent},
+                                                        {"torn", format_state::torn},
+                                                        {"foreign", format_state::foreign}};
+    std::ifstream file(GOLDEN_DIRECTORY "/" + format + ".hex");
+    std::vector<GoldenCase> cases;
+    for (std::string line; std::getline(file, line);) {
+        line.erase(std::min(line.find('#'), line.size()));
+        if (const size_t colon = line.find(':'); colon != std::string::npos) {
+            std::string state;
+            std::string number = "0";
+            std::istringstream(line.substr(colon + 1)) >> state >> number;
+            cases.push_back({line.substr(0, colon), states.at(state), std::stoull(number, nullptr, 0), ""});
+        } else if (!cases.empty()) {
+            cases.back().bytes += bytes(line);
+        }
+    }
+    EXPECT_GT(cases.size(), 1U) << format;
+    return cases;
+}
+
 template <class Record>
 void no_seal(Record* /*record*/) {
 }
 
-/** A valid record decodes, and sealing it again changes nothing; erased, cut and damaged ones are distinguished. */
 template <class Record>
-void check_format(const std::string& hex, size_t magic_at, size_t checked,
-                  format_answer (*decode)(std::span<const uint8_t>, Record*), void (*seal)(Record*) = no_seal) {
-    const std::string good = bytes(hex);
+using Decode = format_answer (*)(std::span<const uint8_t>, Record*);
+
+/** Of a valid record every cut and every changed bit of the `checked` bytes is noticed. */
+template <class Record>
+void check_damage(const std::string& good, size_t magic_at, size_t checked, Decode<Record> decode) {
     Record record;
-    ASSERT_EQ(good.size(), sizeof record);
-    EXPECT_EQ(decode(span_of(good), &record).state, format_state::valid);
-    seal(&record);
-    EXPECT_EQ(std::memcmp(&record, good.data(), good.size()), 0);
-    for (const char blank : {'\0', '\xff'}) {
-        EXPECT_EQ(decode(span_of(std::string(good.size(), blank)), &record).state, format_state::absent);
-    }
     for (size_t length = 0; length < good.size(); ++length) {
         const format_state wanted = good.find_first_not_of('\0') < length ? format_state::torn : format_state::absent;
         ASSERT_EQ(decode(span_of(good.substr(0, length)), &record).state, wanted) << length;
@@ -62,71 +92,78 @@ void check_format(const std::string& hex, size_t magic_at, size_t checked,
     }
 }
 
-TEST(Format, stored_records) {
-    constexpr size_t no_magic = SIZE_MAX - 4;
-    check_format("61000000 42434142 0102 0000 7e009f00 00*12 556cecc6", 4, 32, decode_slot_block, seal_slot_block);
-    check_format("5341544f 00*1348 7ed4c3a1", 0, 1356, decode_status_record, seal_status_record);
-    check_format("01000000 07000000 03000000 f72c00f8", no_magic, 16, decode_antirollback_record,
-                 seal_antirollback_record);
-    check_format("444d4346 01000000 00*4 00100000 00*2256", 0, 4, decode_flash_command);
+/** A valid record decodes, and sealing it again changes nothing; erased, cut and damaged ones are distinguished. */
+template <class Record>
+void check_format(const std::string& format, size_t magic_at, size_t checked, Decode<Record> decode,
+                  void (*seal)(Record*) = no_seal) {
+    Record record;
+    for (const GoldenCase& one : golden(format)) {
+        ASSERT_EQ(one.bytes.size(), sizeof record) << format << ": " << one.name;
+        EXPECT_EQ(decode(span_of(one.bytes), &record).state, one.state) << format << ": " << one.name;
+        if (one.state == format_state::valid) {
+            seal(&record);
+            EXPECT_EQ(std::memcmp(&record, one.bytes.data(), one.bytes.size()), 0) << format << ": " << one.name;
+        }
+    }
+    for (const char blank : {'\0', '\xff'}) {
+        EXPECT_EQ(decode(span_of(std::string(sizeof record, blank)), &record).state, format_state::absent);
+    }
+    check_damage(golden(format).front().bytes, magic_at, checked, decode);
 }
 
-TEST(Format, an_anti_rollback_record_of_zeros_is_valid) {
-    antirollback_ver_t record;
-    EXPECT_EQ(decode_antirollback_record(span_of(bytes("00*12 6fc6d57b")), &record).state, format_state::valid);
+/** A format of which one number is read. */
+void check_number(const std::string& format, Decode<uint64_t> decode) {
+    for (const GoldenCase& one : golden(format)) {
+        uint64_t number = 9; /* stays where there is none */
+        EXPECT_EQ(decode(span_of(one.bytes), &number).state, one.state) << format << ": " << one.name;
+        EXPECT_EQ(number, one.state == format_state::valid ? one.number : 9) << format << ": " << one.name;
+    }
+}
+
+TEST(Format, stored_records) {
+    constexpr size_t no_magic = SIZE_MAX - 4;
+    check_format("slot_block", 4, 32, decode_slot_block, seal_slot_block);
+    check_format("status_record", 0, 1356, decode_status_record, seal_status_record);
+    check_format("antirollback_record", no_magic, 16, decode_antirollback_record, seal_antirollback_record);
+    check_format("flash_command", 0, 4, decode_flash_command);
+}
+
+TEST(Format, fields_that_are_not_whole_words_or_in_order) {
+    bootloader_control block;
+    (void)decode_slot_block(span_of(golden("slot_block").front().bytes), &block);
+    const slot_metadata& other = block.slot_info[1];
+    EXPECT_EQ((std::array<uint32_t, 5>{block.nb_slot, block.slot_info[0].successful_boot, other.priority,
+                                       other.tries_remaining, other.verity_corrupted}),
+              (std::array<uint32_t, 5>{2, 1, 14, 7, 0}));
+    ota_status_t status;
+    (void)decode_status_record(span_of(golden("status_record").front().bytes), &status);
+    EXPECT_EQ((std::array<int, 3>{status.up_backup, status.up_app, status.up_middleware}),
+              (std::array<int, 3>{OTA_FLAG_BURN, OTA_FLAG_VERIFY, OTA_FLAG_VERIFIED}));
+    EXPECT_STREQ(status.update_part.array[1], "system");
+    EXPECT_EQ(status.update_part.type[1], AB);
 }
 
 TEST(Format, the_data_area_of_a_flash_command) {
     fimage_update_t command;
-    EXPECT_EQ(decode_flash_command(span_of(bytes("444d4346 00*8 00100000 00*2256 ff*9")), &command).reason, nullptr);
+    const std::string with_area = golden("flash_command").front().bytes + std::string(9, '\xff');
+    EXPECT_EQ(decode_flash_command(span_of(with_area), &command).reason, nullptr);
     EXPECT_EQ(flash_command_area_size(command), 4096U);
 }
 
 TEST(Format, sizes_in_the_extra_field_of_a_zip_entry) {
-    const std::tuple<std::string, format_state, uint64_t> rows[] = {
-        {"0100 0800 0100000001000000", format_state::valid, 0x100000001},
-        {"5554 0500 00*5 0100 1000 0200 00*14 ff", format_state::valid, 2},
-        {"0100 0000 0100 0800 03 00*7", format_state::valid, 3}, /* the first has no uncompressed size */
-        {"0100 0800 00*7", format_state::torn, 9},
-        {"5554 ffff 0100 0800 00*8", format_state::torn, 9},
-        {"0100 0400 00*4 010008", format_state::absent, 9},
-        {"", format_state::absent, 9},
-    };
-    for (const auto& [hex, state, wanted] : rows) {
-        uint64_t size = 9;
-        EXPECT_EQ(decode_zip64_size(span_of(bytes(hex)), &size).state, state) << hex;
-        EXPECT_EQ(size, wanted) << hex;
-    }
+    check_number("zip64_extra", decode_zip64_size);
 }
 
 TEST(Format, the_rollback_index_of_a_verified_boot_image) {
-    const std::tuple<std::string, format_state, uint64_t> rows[] = {
-        {"41564230 00 ff*107 0000000000000102 ff*8", format_state::valid, 0x102},
-        {"41564230 00 ff*107 00*7", format_state::torn, 9},
-        {"41564230", format_state::torn, 9},
-        {"41564230 01 ff*107 00*8", format_state::foreign, 9},
-    };
-    for (const auto& [hex, state, wanted] : rows) {
-        uint64_t index = 9;
-        EXPECT_EQ(decode_verified_boot(span_of(bytes(hex)), &index).state, state) << hex;
-        EXPECT_EQ(index, wanted) << hex;
-    }
+    check_number("verified_boot", decode_verified_boot);
 }
 
 TEST(Format, entries_of_a_partition_table) {
-    const std::string linux_data = "af3dc60f 8384 7247 8e79 3d69d8477de4 11*16 ", name = " 00*8 6200 00*70";
-    const std::tuple<std::string, std::string, format_state> rows[] = {
-        {linux_data, "22 00*7 22 00*7", format_state::valid},
-        {linux_data, "22 00*7 21 00*7", format_state::foreign}, /* it ends before it begins */
-        {"00*16 11*16 ", "22 00*7 22 00*7", format_state::absent},
-    };
-    for (const auto& [head, place, state] : rows) {
+    for (const GoldenCase& one : golden("gpt_entry")) {
         gpt_entry entry;
-        EXPECT_EQ(decode_gpt_entry(span_of(bytes(head + place + name)), &entry).state, state) << head + place;
-        EXPECT_EQ(entry.part_name[0], 'b');
+        EXPECT_EQ(decode_gpt_entry(span_of(one.bytes), &entry).state, one.state) << one.name;
+        EXPECT_EQ(entry.part_name[0], one.state == format_state::torn ? 0 : 'b') << one.name;
     }
-    gpt_entry entry;
-    EXPECT_EQ(decode_gpt_entry(span_of(bytes(linux_data)), &entry).state, format_state::torn);
 }
 
 } // namespace
