@@ -404,7 +404,9 @@ size_t write_image(const std::string& path, const bytes& image, bool compares) {
 TEST_F(Flash, an_image_is_written_once_and_only_where_it_differs) {
     const std::tuple<const char*, std::set<size_t>> media[] = {
         {"mtd", {1, 4}}, {"nor", {}}, {"ubi", {}}, {"block", {}}};
-    for (const auto& [kind, bad] : media) {
+    for (const auto& row : media) { /* clang 14 lets no lambda capture the parts of a pair */
+        const char* const kind = std::get<0>(row);
+        const std::set<size_t>& bad = std::get<1>(row);
         for (const size_t size : {size_t{1}, block - 1, block, 5 * block, 7 * block + 1000}) {
             make_device(kind, bad, kind == std::string("nor") ? 1 : 512);
             const auto count_of = [](const char* name) {
@@ -451,6 +453,53 @@ TEST_F(Flash, only_a_torn_leb_is_repaired) {
         EXPECT_TRUE(holds(expected));
     }
     EXPECT_EQ(write_device(data, block), ssize(data));
+}
+
+medium_result read_a_block(const char* path) {
+    medium_device device;
+    bytes found(block);
+    const medium_result opened = device.open(path);
+    return opened.is_ok() ? device.read(0, found) : opened;
+}
+
+medium_result sync_it(const char* path) {
+    medium_device device;
+    const medium_result opened = device.open(path);
+    return opened.is_ok() ? device.sync() : opened;
+}
+
+medium_result repair_it(const char* path) {
+    bool repaired = false;
+    return ubi_repair(path, &repaired);
+}
+
+medium_result write_a_block(const char* path) {
+    medium_writer writer;
+    const bytes image(block, 1);
+    const medium_result opened = writer.open(path);
+    const medium_result loaded = opened.is_ok() ? writer.load(0, block, false) : opened;
+    return loaded.is_ok() ? writer.write(0, image) : loaded;
+}
+
+TEST_F(Flash, a_failure_of_a_medium_names_its_step) {
+    const std::tuple<const char*, medium_result (*)(const char*), const char*, medium_step, int> rows[] = {
+        {"mtd", read_a_block, "fail pread 1", medium_step::read, EIO},
+        {"ubi", read_a_block, "give pread 1 0", medium_step::end, 0},
+        {"ubi", sync_it, "fail fsync 1 28", medium_step::sync, ENOSPC},
+        {"ubi", repair_it, "fail pread 1; fail UBI_IOCSETVOLPROP 1", medium_step::prepare, EIO},
+        {"ubi", repair_it, "fail pread 1; fail UBI_IOCEBER 1", medium_step::erase, EIO},
+        {"ubi", repair_it, "fail pread 1; fail pwrite 1 28", medium_step::write, ENOSPC},
+        {"ubi", repair_it, "fail pread 1; short pwrite 1 512", medium_step::write, EIO},
+        {"ubi", write_a_block, "fail UBI_IOCSETVOLPROP 1", medium_step::prepare, EIO},
+        {"mtd", write_a_block, "fail MEMERASE64 1", medium_step::erase, EIO},
+        {"mtd", write_a_block, "fail pwrite 1 28", medium_step::write, ENOSPC},
+    };
+    for (const auto& [kind, work, fault, step, error] : rows) {
+        make_device(kind);
+        ASSERT_EQ(flash_sim_fault(fault), 0);
+        const medium_result result = work(path_.c_str());
+        EXPECT_EQ(std::tuple(result.failed, result.error), std::tuple(step, error)) << kind << ' ' << fault;
+    }
 }
 
 class PowerLoss : public Flash {
