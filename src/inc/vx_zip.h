@@ -45,7 +45,7 @@ OTA_API int32_t vx_uncompress(const char* src, const char* dest);
 OTA_API int32_t vx_uncompress_one(const char* src, const char* dest, const char* file_name);
 
 /**
- * Creates a directory with its parents, mode 0775 less the umask. '/' and '\\' separate.
+ * Creates a directory with its parents, mode 0775 less the umask. A slash or a backslash separates names.
  * @return 0, even when it exists already or mkdir() failed for a reason other than a missing parent; -1
  *         for a null argument, an empty name, "/" alone, or a parent that could not be created; -104 when
  *         out of memory
