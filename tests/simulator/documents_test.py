@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the documents and the scripts' help show: each command is run as it is written there."""
 
+import collections
+import hashlib
 import json
 import os
 import pathlib
@@ -8,6 +10,9 @@ import re
 import subprocess
 import sys
 import unittest
+import zipfile
+
+import jsonschema
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TOP / "tests" / "install"))
@@ -79,7 +84,7 @@ class DocumentsTest(BoardCase):
         return result.stdout
 
     def new_board(self):
-        """A board, and on it what the documents speak of: an image, a key, the draft of a package."""
+        """A board with the files that the documents mention: an image, a key, the draft of a package."""
         self.new()
         (self.home / "images").mkdir()
         (self.home / "boot.img").write_bytes(os.urandom(5000))
@@ -123,7 +128,7 @@ class DocumentsTest(BoardCase):
                 self.must(f"{BOARD.parent}/{command}".replace("/tmp/b", "b"))
 
     def test_help_of_the_scripts(self):
-        """On the board, where what a script did in place of answering would fail."""
+        """On the board, where a script that did its work instead would fail."""
         self.new()
         for script in SCRIPTS:
             with self.subTest(script.name):
@@ -135,6 +140,46 @@ class DocumentsTest(BoardCase):
         result = self.must("! unshare --map-root-user sh -c "
                            f"'echo 0 >/proc/sys/user/max_user_namespaces; {TOP}/script/demo' 2>&1")
         self.assertRegex(result, "^sandbox: .*\nhint: as root: sysctl user.max_user_namespaces=")
+
+    def test_the_schema_accepts_what_the_command_accepts(self):
+        schema = jsonschema.Draft202012Validator(json.loads((TOP / "docs" / "update.schema.json").read_text()))
+        values = {
+            "version": ["V", "v1", "V 1", "V" + "1" * 126, "V" + "1" * 127, "Vä", 1, None],
+            "boards": [["a"], [], ["a b"], ["ä"], ["a" * 127], ["a" * 128], [""], ["a"] * 16, ["a"] * 17, "a"],
+            "sec_up_flag": [0, 1, 2, -1, True, "1"], "nosec_up_flag": [1, None], "colour": ["red"],
+            "partitions": [[], {}, None, [1]],
+            "name": ["boot", "boot_a", "boot_c", "_b", "a.b", ".a", "a/b", "misc", "misc2", "ubootenv", "blk", "",
+                     "a" * 31, "a" * 32, "a\0b", None],
+            "file": ["a", "a/b", "/a", "a/", "../a", "a/..", "a/../b", "..a", "a..", "...", "update.json",
+                     "update.json.p7s", "update.json.2.p7s", "update.json.8.p7s", "update.json.9.p7s",
+                     "update.json.1.p7s", "x/update.json", "a\nb", "a" * 63, "a" * 64, "a\0b", "", None],
+            "medium": ["emmc", "nand", "nor", "raw", "", 1], "type": ["ab", "permanent", "bak", "golden", "AB"],
+            "method": ["image", "diff", None], "md5": ["UPPER", "12", "g" * 32, None], "sha256": ["UPPER", "12", ""],
+            "size": [1, 0, -1, "1", 1.5, None], "anti_rollback": [True, False, 0], "shape": ["round"],
+        }
+        outcomes = collections.Counter()
+        for field, value in ((field, value) for field, some in values.items() for value in some):
+            with self.subTest(field=field, value=value):
+                status, description = self.inspect_package_with(field, value)
+                outcomes[status] += 1
+                self.assertEqual(status == 0, schema.is_valid(description), status)
+        self.assertEqual(set(outcomes), {0, 3})
+
+    def inspect_package_with(self, field, value):
+        """@return the status of `package info` for a good description with one field changed, or removed by None"""
+        digests = {"md5": hashlib.md5(b"x").hexdigest(), "sha256": hashlib.sha256(b"x").hexdigest()}
+        part = {"name": "system", "file": "a", "medium": "emmc", "type": "ab", "method": "image", "md5": digests["md5"]}
+        description = {"version": "V1", "partitions": [part]}
+        changed = part if field in {*part, "sha256", "size", "anti_rollback", "shape"} else description
+        changed[field] = digests[field].upper() if value == "UPPER" else value
+        if value is None:
+            del changed[field]
+        with zipfile.ZipFile(self.place / "p.zip", "w") as package:
+            package.writestr("update.json", json.dumps(description))
+            if part.get("file") not in (None, "", "update.json"):
+                package.writestr(part["file"].replace("\0", ""), "x")
+        info = [BUILD / "tool" / "tessera", "package", "info", self.place / "p.zip"]
+        return subprocess.run(info, capture_output=True, check=False).returncode, description
 
     def test_the_fields_of_a_description(self):
         schema = json.loads((TOP / "docs" / "update.schema.json").read_text())["properties"]
