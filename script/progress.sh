@@ -1,19 +1,19 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
-# Sourced by the scripts that take minutes. They print what they do; a command that they run is only heard of
-# when it fails, and on a terminal by its last line until the next one comes: ninja's or apt's own progress.
+# Sourced by the scripts that take minutes. They print what they do. The output of a command that they run is shown
+# only if it fails; on a terminal its latest line is shown meanwhile, which is ninja's or apt's progress.
 
 erase=
 if [[ -t 1 && ${TERM:-dumb} != dumb ]]; then
     erase=$'\r\e[K'
 fi
 
-# say WORD...: a line that lasts
+# say WORD...: prints a line that is not replaced
 say() {
     printf '%s%s\n' "$erase" "$*"
 }
 
-# logged FILE COMMAND...: runs it with nothing to read, and keeps what it prints in FILE.
+# logged FILE COMMAND...: runs it without input, and stores its output in FILE.
 logged() {
     local log=$1
     shift
@@ -24,7 +24,7 @@ logged() {
     fi
 }
 
-# Each line takes the place of the one before, and what does not fit into the terminal's width is cut.
+# Each line replaces the previous one, and is cut at the terminal's width.
 last_line() {
     local line
     while IFS= read -r line; do

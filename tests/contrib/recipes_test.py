@@ -63,7 +63,7 @@ class RecipesTest(unittest.TestCase):
             self.assertEqual(symbols["BR2_PACKAGE_TESSERA"].tri_value, offered, values)
             self.assertEqual(symbols["BR2_PACKAGE_MINIZIP_ZLIB"].tri_value, offered, values)
 
-    def test_every_installed_file_falls_into_a_package(self):
+    def test_every_installed_file_belongs_to_a_package(self):
         text = RECIPE.replace("${PN}", "tessera").replace("${datadir}", "share")
         text = re.sub(r"\$\{(nonarch_)?libdir\}", "lib", text)
         claims = {name: patterns for name, patterns in re.findall(r'^FILES:(\S+) = "(.*)"$', text, re.M)}

@@ -44,12 +44,12 @@ def describe(contents, medium, version="V2.0.0_20240101", **further):
 
 
 def error_of(result):
-    """What a command with --json said in the end."""
+    """The error object that a command printed with --json."""
     return json.loads(result.stderr.splitlines()[-1])["error"]
 
 
 def be_board(words, environment, *streams):
-    """Makes of this forked process the command `board`: to start Python takes longer than most of what it does."""
+    """Turns this forked process into the command `board`, since starting Python takes longer than most commands."""
     status = 125
     try:
         signal.alarm(120)
@@ -76,13 +76,13 @@ class BoardCase(unittest.TestCase):
         self.home = self.dir / "userdata"  # what programs on the board see as /userdata
 
     def new(self, medium="emmc", system_size=2 << 20):
-        """A board as the factory leaves it, in place of the one before."""
+        """A board as it leaves the factory, in place of the previous one."""
         shutil.rmtree(self.dir, ignore_errors=True)
         bad = [2, 4] if medium == "nand" else []  # after the records, which are read at a fixed place
         state.create(self.dir, state.MEDIA[medium], bad, system_size + len(bad) * state.MEDIA[medium].erase_size)
 
     def pack(self, name, contents, description, extra=()):
-        """Makes /userdata/NAME of images, their description - a dict, a text or None - and further entries."""
+        """Packs images, their description - a dict, a text or None - and further entries into /userdata/NAME."""
         with zipfile.ZipFile(self.home / name, "w", zipfile.ZIP_DEFLATED) as package:
             if description is not None:
                 text = description if isinstance(description, str) else json.dumps(description)
@@ -100,13 +100,13 @@ class BoardCase(unittest.TestCase):
                 file.seek(0)
             return subprocess.CompletedProcess(words, status, out.read(), err.read())
 
-    def expect(self, line, status, told="", fault=""):
-        """Runs the command. @return what it gave"""
+    def expect(self, line, status, message="", fault=""):
+        """Runs the command. @return its result"""
         (self.home / "journal").unlink(missing_ok=True)
         result = self.simulate("run", "--", "tessera", *line.split(),
                                env={"TESSERA_FLASH_FAULT": fault, "TESSERA_FLASH_JOURNAL": "/userdata/journal"})
         self.assertEqual(result.returncode, status, (line, result.stdout, result.stderr))
-        self.assertIn(told, result.stdout + result.stderr)
+        self.assertIn(message, result.stdout + result.stderr)
         return result
 
     def operations(self):
@@ -115,9 +115,9 @@ class BoardCase(unittest.TestCase):
 
     def lose_power(self, line, device, kind, number, tear=""):
         """
-        Runs the command, whose power fails after an operation of this kind on the device, or within it where
-        `tear` says so. `number` counts these operations from 0, or from -1 down; a copy of the board finds out
-        which one of all it is.
+        Runs the command. The power fails after an operation of this kind on the device, or within it if `tear` is
+        given. `number` counts these operations from 0, or backwards from -1; a run on a copy of the board determines
+        its number among all operations.
         """
         kept = self.place / "rehearsed"
         shutil.copytree(self.dir, kept)
@@ -127,9 +127,9 @@ class BoardCase(unittest.TestCase):
         kept.rename(self.dir)
         self.expect(line, 128 + signal.SIGKILL, "the power fails", f"cut {matches[number]} {tear} kill")
 
-    def expect_no_change(self, line, status, told=""):
-        """Runs the command, and fails when it changes a device. @return what it gave"""
-        result = self.expect(line, status, told)
+    def expect_no_change(self, line, status, message=""):
+        """Runs the command, and fails if it changes a device. @return its result"""
+        result = self.expect(line, status, message)
         self.assertEqual([op for op in self.operations() if op[1] in MUTATIONS and op[1] != "fsync"], [])
         return result
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""`tessera install` and what surrounds it, end to end on the simulated board."""
+"""`tessera install` and the other verbs, end to end on the simulated board."""
 
 import json
 import os
@@ -19,7 +19,7 @@ BUILD = pathlib.Path(os.environ.get("TESSERA_BUILD", SIMULATOR.parent / "build" 
 
 
 class InstallTest(BoardCase):
-    def test_a_good_update_and_its_way_back(self):
+    def test_a_good_update_and_a_rollback(self):
         first, second = images(1), images(2)
         for medium in MEDIA:
             with self.subTest(medium=medium):
@@ -65,14 +65,14 @@ class InstallTest(BoardCase):
             ('{"a": "b", "a": 1}', good, [], 'update.json: "a" is given twice'), ("[" * 2049, good, [], "depth"),
             ('{"a": 1\0}', good, [], "byte 7 is 0"), ('{"a": 1,\n"b"}', good, [], "line 2, column 4: ':' expected"),
             (describe(big, "emmc"), big, [], "room"),
-            (describe(images(2), "emmc", anti_rollback=True), good, [], "digest"),  # its versions are not believed
+            (describe(images(2), "emmc", anti_rollback=True), good, [], "digest"),  # its versions are not trusted
         ]
         for field, value, words in fields:
             description = describe(good, "emmc")
             (description if field in description else description["partitions"][0])[field] = value
             cases.append((description, good, [], words))
         hidden = zipfile.ZipInfo("boot.img")
-        hidden.filename = "boot.img\0.txt"  # the name up to its null character is that of the image behind it
+        hidden.filename = "boot.img\0.txt"  # the name up to its null character is that of the next image
         for extra, words in ([(hidden, b"x")], "null"), ([("other", b"x"), ("other", b"y")], "other"):
             cases.append((describe(good, "emmc"), good, extra, words))
         self.new()
@@ -115,13 +115,13 @@ class InstallTest(BoardCase):
             for verb in confirm rollback 'slots mark-good b' 'slots reset' 'status set owner tool' 'status reset'
             do tessera $verb > /dev/null; echo $?; done
             kill -CONT $first; wait $first; echo first $?""")
-        said = result.stdout.split()
+        words = result.stdout.split()
         refused = ["0"] + ["1"] * 5  # the running slot is confirmed already
-        self.assertEqual(said[:8] + said[-2:], ["second", "1", *refused, "first", "0"])
+        self.assertEqual(words[:8] + words[-2:], ["second", "1", *refused, "first", "0"])
         self.assertRegex(result.stderr, "another command is at work: process [0-9]+ .*install")
         self.assertTrue(self.holds(good, 1))
 
-    def test_what_lies_in_place_of_the_lock_file(self):
+    def test_other_files_in_place_of_the_lock_file(self):
         cases = [  # what makes it, status, word of the message; then what the file holds, its mode and links
             ("mkfifo $L", 1, "it is a FIFO", "-"), ("mkdir $L", 1, "it is a directory", "-"),
             ("ln -s /userdata/other $L", 1, "it is a symbolic link", "-"), ("ln -s /no/such $L", 1, "symbolic link", "-"),
@@ -154,7 +154,7 @@ class InstallTest(BoardCase):
 
     def test_a_target_that_is_in_use(self):
         good = images(1)
-        cases = [  # medium, what makes use of it, word of the message or none where it is no use of a target
+        cases = [  # medium, how it is used, word of the message, or none if that is not a use of a target
             ("nand", "mkdir -p $S/ubi3; echo 12 > $S/ubi3/mtd_num", "system_b: UBI is attached to it as ubi3"),
             ("nand", "mkdir -p $S/ubi3; echo 2 > $S/ubi3/mtd_num", ""),
             ("nor", "mount -t tmpfs /dev/mtdblock12 /mnt", "system_b: it is mounted on /mnt"),
@@ -229,7 +229,7 @@ class InstallTest(BoardCase):
                     result, done = install(medium, 130, fault=f"raise pwrite {number} 2")
                     self.assertIn("slot a next, and slot b is unbootable", error_of(result)["state"])
                     further = sum(size for _, size in done) - sum(size for _, size in writes[:number])
-                    self.assertLessEqual(further, 10 << 20)  # no more than what was in hand
+                    self.assertLessEqual(further, 10 << 20)  # at most the chunk being written
                     self.assertEqual(self.board().slot_block().best(), 0)
                     self.expect("status", 0, "has not ended")
                     self.expect("install /userdata/p.zip", 0)
@@ -240,7 +240,7 @@ class InstallTest(BoardCase):
                              env={"TESSERA_FLASH_FAULT": "raise pwrite 5 1"})
         self.assertEqual(kept.returncode, 0, kept.stderr)  # as under nohup
 
-    def test_every_line_is_json_and_the_share_tells_the_truth(self):
+    def test_every_line_is_json_and_the_percentage_is_correct(self):
         self.new("nand")
         good = images(1)
         self.pack("p.zip", good, describe(good, "nand"))
@@ -300,16 +300,16 @@ class InstallTest(BoardCase):
                   [("update.json.p7s", (self.home / "p7s").read_bytes())])
         return ca
 
-    def at(self, clock, line, status, told=""):
-        """Runs the command while the board's clock shows `clock`. @return what it gave"""
+    def at(self, clock, line, status, message=""):
+        """Runs the command while the board's clock shows `clock`. @return its result"""
         script = 'LD_PRELOAD=$LD_PRELOAD:/userdata/clock.so exec tessera "$@"'
         result = self.simulate("run", "--", "sh", "-c", script, "sh", *line.split(),
                                env={"TEST_CLOCK": clock} if clock else None)
-        self.assertEqual((result.returncode, told in result.stdout + result.stderr), (status, True),
-                         (line, told, result.stdout, result.stderr))
+        self.assertEqual((result.returncode, message in result.stdout + result.stderr), (status, True),
+                         (line, message, result.stdout, result.stderr))
         return result
 
-    def test_signers_and_who_trusts_them(self):
+    def test_which_signers_are_trusted(self):
         self.new()
         ca = self.make_signed_packages()
         signing, day = "--trust-time signing", 86400
@@ -469,7 +469,7 @@ class InstallTest(BoardCase):
         self.expect("digest -- --sha256", 1, "partition: --sha256")
         self.expect("slots set-next --colour --help", 0, "Usage: tessera slots set-next [OPTIONS] SLOT")
 
-    def test_confirm_and_rollback_and_what_is_unknown(self):
+    def test_confirm_and_rollback_with_unknown_states(self):
         good, trial, spent = slots.Slot(14, 1, True), slots.Slot(15, 2, False), slots.Slot(15, 0, False)
         cases = [  # the running slot, the other, states, reason against a rollback
             (good, trial, ["confirmed", "trial"], "on trial"),
@@ -496,7 +496,7 @@ class InstallTest(BoardCase):
                 self.assertFalse(reason == "unknown" and self.board().slot_block().slots[1].marked)
                 self.expect_no_change("confirm", 0, "already")
 
-    def test_confirm_where_the_block_or_the_running_slot_is_not_what_it_should_be(self):
+    def test_confirm_with_an_unexpected_block_or_running_slot(self):
         count_at = slots.OFFSET + 9
         cases = [  # in place of slot a and of normal mode, byte of the number of slots, status, word of the message
             ("_a", "normal", 0, 0, ""), ("_b", "normal", 1, 0, ""),
@@ -510,8 +510,8 @@ class InstallTest(BoardCase):
                     misc.seek(count_at)
                     misc.write(bytes([count]))
                 cmdline = self.dir / "cmdline"
-                told = cmdline.read_text().replace("mode=normal", f"mode={mode}")
-                cmdline.write_text(told.replace("slot_suffix=_a", f"slot_suffix={suffix}"))
+                text = cmdline.read_text().replace("mode=normal", f"mode={mode}")
+                cmdline.write_text(text.replace("slot_suffix=_a", f"slot_suffix={suffix}"))
                 if count < 2:
                     self.pack("p.zip", images(1), describe(images(1), "emmc"))
                     self.expect_no_change("install /userdata/p.zip", 1, "checksum")
@@ -522,18 +522,18 @@ class InstallTest(BoardCase):
                     self.assertEqual((block.slots[running].marked, block.best()), (True, running))
                     self.assertFalse(block.slots[1 - running].marked)
 
-    def test_an_update_needs_the_running_slot_and_its_neighbour(self):
+    def test_an_update_needs_a_running_slot_and_another_one(self):
         self.new()
         self.pack("p.zip", images(1), describe(images(1), "emmc"))
         command_line = (self.dir / "cmdline").read_text()
         block = self.board().slot_block()
         cases = [("suffix=_a", 1, "has no slot b"), ("suffix=_c", 2, "has no slot c"), ("suffix=_c", 3, "has no slot d"),
                  ("", 2, "hint: tessera board --check")]
-        for running, block.count, told in cases:
+        for running, block.count, message in cases:
             with self.subTest(running=running, count=block.count):
                 self.board().save_slot_block(block)
                 (self.dir / "cmdline").write_text(command_line.replace("suffix=_a", running))
-                self.expect_no_change("install /userdata/p.zip", 1, told)
+                self.expect_no_change("install /userdata/p.zip", 1, message)
 
     def test_a_slot_on_trial_and_one_that_was_given_up(self):
         trial, spent, good, first = (slots.Slot(15, 2, False), slots.Slot(15, 0, False), slots.Slot(14, 1, True),
@@ -547,9 +547,9 @@ class InstallTest(BoardCase):
             with self.subTest(running=running, other=other):
                 self.board().save_slot_block(slots.SlotBlock.of(running, other))
                 for line in ("slots", "board --check"):
-                    told = self.expect(line, 0).stdout
-                    self.assertEqual("on trial" in told, left is not None)
-                    self.assertIn(f"slot a is on trial, with {left} left" if left else "", told)
+                    output = self.expect(line, 0).stdout
+                    self.assertEqual("on trial" in output, left is not None)
+                    self.assertIn(f"slot a is on trial, with {left} left" if left else "", output)
                 self.assertEqual("slot b was given up or marked bad" in self.expect("status", 0).stdout, given_up)
                 alone = running.bootable() and not (other.bootable() and other.marked)
                 (self.expect_no_change if alone else self.expect)("slots mark-bad a", 1 if alone else 0)
@@ -612,17 +612,17 @@ class InstallTest(BoardCase):
             with self.subTest(medium=medium):
                 self.new(medium)
                 self.board().save_slot_block(slots.SlotBlock.of(slots.Slot(15, 1, False), slots.Slot(14, 1, False)))
-                told = self.simulate("run", "--", "sh", "-c", """
+                result = self.simulate("run", "--", "sh", "-c", """
                     TESSERA_FLASH_FAULT='raise pwrite 1 19' tessera slots mark-good b > /dev/null & first=$!
                     until grep -q '^State:.T' /proc/$first/status; do sleep 0.02; done
                     tessera confirm & second=$!
                     sleep 1; kill -CONT $first; wait $second""")
-                self.assertIn("slot a is confirmed", told.stdout, told.stderr)
-                self.assertIn("waiting for process", told.stderr)
+                self.assertIn("slot a is confirmed", result.stdout, result.stderr)
+                self.assertIn("waiting for process", result.stderr)
                 self.expect("slots mark-bad b", 0, fault="raise pwrite 1 15")  # not in the middle of the block
                 self.assertEqual([slot.marked for slot in self.board().slot_block().slots], [True, False])
 
-    def test_what_an_interrupted_package_wrote_is_not_taken_for_whole(self):
+    def test_images_of_an_interrupted_package_do_not_count_as_installed(self):
         self.new()
         first, second = images(1), {"boot": images(1)["boot"]}
         self.pack("1.zip", first, describe(first, "emmc"))
@@ -648,7 +648,7 @@ class InstallTest(BoardCase):
         self.expect("confirm", 0)
         self.expect("install /userdata/2.zip", 0, "slot a boots next")
 
-    def test_the_slot_that_is_written_is_given_up_when_it_does_not_come_up(self):
+    def test_a_written_slot_that_does_not_come_up_is_given_up(self):
         good, contents = slots.Slot(15, 1, True), images(1)
         cases = [  # the running slot, the other, the boot mode, the slot that is written
             (good, slots.Slot(14, 1, True, corrupted=True), "normal", 1),
@@ -670,7 +670,7 @@ class InstallTest(BoardCase):
                 boots = 1 - written if running.bootable() or other.bootable() else None
                 self.assertEqual(self.board().slot_block().best(), boots)
 
-    def test_an_image_with_pages_that_are_lost_is_written_again(self):
+    def test_an_image_with_lost_pages_is_written_again(self):
         self.new("nand")
         self.pack("p.zip", images(1), describe(images(1), "nand"))
         self.expect("install /userdata/p.zip", 0)
@@ -712,7 +712,7 @@ class InstallTest(BoardCase):
         subprocess.run(["zip", "-q", "-0", "named.zip", "text"], check=True, cwd=self.home)
         named = (self.home / "named.zip").read_bytes().replace(b"text", b"\xff\xe2\x82(")
         (self.home / "named.zip").write_bytes(named)
-        for line, status, told in (
+        for line, status, message in (
             ("check-zip /userdata/wide.zip", 0, "all 1 entries are intact"),
             ("check /userdata/flipped.zip", 3, "text: checksum mismatch"),
             ("unpack /userdata/flipped.zip /tmp/u", 3, "error -105"),
@@ -721,7 +721,7 @@ class InstallTest(BoardCase):
             ("list /userdata/huge.zip", 0, "needs 9007199254743039 KiB"),
             ("unpack /userdata/huge.zip /tmp/u", 1, "has"),
         ):
-            self.expect(f"package {line}", status, told)
+            self.expect(f"package {line}", status, message)
 
     def test_a_version_file_without_its_line_end(self):
         self.new()
@@ -737,15 +737,15 @@ class InstallTest(BoardCase):
         (self.dir / "velox" / "version").symlink_to("version")  # cannot be looked up
         self.expect_no_change("install /userdata/p.zip", 1, "installed version")
 
-    def test_the_dry_run_and_verify_check_as_the_installation_does(self):
+    def test_dry_run_and_verify_check_what_an_installation_checks(self):
         self.new("nand")
         contents = dict.fromkeys(("vbmeta", "uboot"), b"AVB0".ljust(112, b"\0") + struct.pack(">Q", 5))
         self.pack("p.zip", contents, describe(contents, "nand", anti_rollback=True))
         for line in ("install /userdata/p.zip --dry-run", "install /userdata/p.zip", "verify /userdata/p.zip"):
-            told = self.expect(line, 3, "on eMMC only")
-        self.assertIn("unknown", told.stdout)  # the versions, beside the refusal
+            result = self.expect(line, 3, "on eMMC only")
+        self.assertIn("unknown", result.stdout)  # the versions, besides the refusal
 
-    def test_the_fuses_are_burnt_only_when_no_system_needs_the_old_counters(self):
+    def test_fuses_are_burnt_only_if_no_system_needs_the_old_counters(self):
         firmware = {version: self.firmware(version) for version in (2, 3)}
         good, gone, untried = slots.Slot(15, 1, True), slots.Slot(14, 0, False), slots.Slot(15, 1, False)
         old = {"miniboot": 2}
@@ -794,10 +794,10 @@ class InstallTest(BoardCase):
                 for name, other in further if not isinstance(further, str) else ():
                     self.rename_partition(name, other)
                 run = self.expect_no_change if status or "give" not in words else self.expect
-                told = run(f"efuse burn {words} --json", status)
+                result = run(f"efuse burn {words} --json", status)
                 self.assertEqual(self.board().fuses(), "sec 3, nosec 3" if status == 0 else "sec 0, nosec 0")
                 if status:
-                    self.assertIn(word, error_of(told)["message"])
+                    self.assertIn(word, error_of(result)["message"])
                 elif "give" in words:
                     self.assertEqual([slot.tries for slot in self.board().slot_block().slots], [0, 1])
 
@@ -839,11 +839,11 @@ class InstallTest(BoardCase):
         firmware = self.firmware(3)
         for medium, status in (("emmc", 0), ("nand", 3)):
             self.pack("3.zip", firmware, describe(firmware, medium, anti_rollback=True))
-            told = subprocess.run([BUILD / "tool" / "tessera", "verify", "--json", self.home / "3.zip"],
+            result = subprocess.run([BUILD / "tool" / "tessera", "verify", "--json", self.home / "3.zip"],
                                   capture_output=True, text=True, check=False)
-            self.assertEqual(told.returncode, status, told.stderr)
-            self.assertIn("were not compared with anti-rollback counters", told.stderr)
-            self.assertEqual(json.loads(told.stdout)["counters"], None)
+            self.assertEqual(result.returncode, status, result.stderr)
+            self.assertIn("were not compared with anti-rollback counters", result.stderr)
+            self.assertEqual(json.loads(result.stdout)["counters"], None)
 
     def test_a_flash_command_is_kept(self):
         self.new()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Power cuts that lose the slot block, and what the commands after them make of it."""
+"""Power cuts that lose the slot block, and how the following commands handle it."""
 
 import unittest
 
@@ -12,7 +12,7 @@ INSTALL = "install /userdata/new.zip"
 
 class LostBlockTest(BoardCase):
     def on_each_medium(self, run):
-        """Runs a scenario on a board whose slot b runs the old package, on trial; the new one is at hand."""
+        """Runs a scenario on a board whose slot b runs the old package, on trial; the new one is in /userdata."""
         self.old, self.contents = images(1), images(2)
         for medium, (misc, erase) in MEDIA.items():
             with self.subTest(medium=medium):
@@ -23,10 +23,10 @@ class LostBlockTest(BoardCase):
                 self.boots(1)
                 run(misc, erase)
 
-    def boots(self, slot, told=""):
+    def boots(self, slot, message=""):
         shown = self.simulate("reboot").stdout
         self.assertEqual(self.board().running_slot(), slot, shown)
-        self.assertIn(told, shown)
+        self.assertIn(message, shown)
 
     def test_an_update_is_called_installed_only_where_it_boots_next(self):
         def scenario(misc, erase):

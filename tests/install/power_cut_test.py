@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """
-The power fails at an operation of a whole installation, and of the confirmation after it, on every medium. After
-each cut the board boots, and what it boots is whole; then another installation succeeds, and what it says boots
-next does boot.
+The power fails at an operation of a whole installation, or of the confirmation after it, on every medium. After
+each cut the board boots a whole system; then another installation succeeds, and the slot that it reports boots
+next.
 
 usage: power_cut_test.py MEDIUM [every [PART/PARTS]]
 
-Without `every` only some of the cuts are made; PART, from 1 on, makes those of the share, for several at a time.
+Without `every` only some of the cuts are made. PART, from 1, selects one of PARTS shares, which can run in parallel.
 """
 
 import collections
@@ -23,7 +23,7 @@ MEDIUM, *ASKED = sys.argv[1:]
 sys.argv[1:] = []
 EVERY = ASKED[:1] == ["every"]
 PART, PARTS = (int(number) for number in (ASKED[1] if ASKED[1:] else "1/1").split("/"))
-SOME = 10  # of the cuts, where not every one is made
+SOME = 10  # number of cuts if not every one is made
 PAGE = 2048
 RECORDS = {"misc": [(2048, 2080)], "ubootenv": [(0x30000, 0x3054C), (0x30880, 0x30890)]}  # first byte, end
 INSTALL, CONFIRM = "install /userdata/new.zip", "confirm"
@@ -66,8 +66,8 @@ class PowerCutTest(BoardCase):
         return changing[:: len(changing) // SOME | 1] + pages[:: len(pages) // SOME | 1]  # odd: each way of a cut
 
     def tears(self, device, kind, place):
-        """How many bytes of a write are stored, where it is torn at every page and within every record."""
-        if kind != "pwrite" or MEDIUM == "emmc":  # of a disk whole sectors are stored
+        """The number of bytes stored of a write that is torn: one for every page and within every record."""
+        if kind != "pwrite" or MEDIUM == "emmc":  # a disk stores whole sectors
             return []
         start, length = (int(number) for number in place.split("+"))
         name = next(each.name for each in self.board().devices if each.node.endswith(f"/{device}"))
@@ -88,9 +88,9 @@ class PowerCutTest(BoardCase):
             return True
 
     def boot(self, lost_block):
-        """Boots what the cut left. @return the running slot"""
-        told = self.simulate("reboot", "--lost-block", lost_block)
-        self.assertEqual(told.returncode, 0, told.stdout)
+        """Boots the board after the cut. @return the running slot"""
+        result = self.simulate("reboot", "--lost-block", lost_block)
+        self.assertEqual(result.returncode, 0, result.stdout)
         running = self.board().running_slot()
         self.assertTrue(self.is_whole(running), f"slot {running} is not whole")
         self.seen["new" if self.holds(self.contents, running) else ("older", "old")[running]] += 1
@@ -103,7 +103,7 @@ class PowerCutTest(BoardCase):
             self.assertTrue(self.is_whole(0) and self.is_whole(1))
 
     def install_again(self):
-        """The power goes right after the command has ended, and the running system is confirmed. What boots then?"""
+        """The power fails right after the command has ended; the running system is confirmed. What boots then?"""
         result = self.simulate("run", "--", "tessera", *INSTALL.split())
         if result.returncode != 0:
             self.assertRegex(result.stderr, "hint: tessera confirm$")
@@ -119,7 +119,7 @@ class PowerCutTest(BoardCase):
         self.assertTrue(self.holds(self.contents, self.board().running_slot()))
 
     def cut(self, line, fault):
-        """Makes one cut, and goes on from there with each kind of bootloader and boot script that matters."""
+        """Makes one cut, and continues from there with each relevant kind of bootloader and boot script."""
         self.expect(line, 128 + signal.SIGKILL, fault=fault)
         is_lost = self.block_is_lost()
         self.seen["within" if "tear" in fault else "after"] += 1

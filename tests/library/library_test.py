@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The library as a file: what it exports, how it is hardened, and what a C program finds of it once installed."""
+"""The library as a file: what it exports, how it is hardened, and how a C program uses it once installed."""
 
 import json
 import os
@@ -39,7 +39,7 @@ def write_example(place):
 
 
 class LibraryTest(unittest.TestCase):
-    def test_the_list_the_headers_and_the_library_name_the_same(self):
+    def test_export_list_headers_and_library_agree(self):
         listed = set(re.findall(r"^\s+(\w+);$", (TOP / "cmake" / "tessera.map").read_text(), re.M))
         headers = "".join(header.read_text() for header in HEADERS)
         declared = set(re.findall(r"^(?:extern )?OTA_API [^;(\[]*?(\w+)[;(\[]", headers, re.M))
@@ -70,18 +70,18 @@ class LibraryTest(unittest.TestCase):
                 self.assertNotRegex(text, r"TEXTREL|LOAD.* RWE ")
         for path in [LIBRARY, *programs]:
             imports = run("nm", "-D", "--undefined-only", path)
-            if path == LIBRARY:  # no header makes others of the plain file calls, whatever their order
+            if path == LIBRARY:  # no header redirects the plain file calls, in any order of inclusion
                 self.assertEqual(set(re.findall(r"(?<= U )[a-z]+64", imports)), {"fopen64"})
             self.assertIn("__stack_chk_fail", imports, path)
             if not SANITIZE:
                 self.assertRegex(imports, r"__v?[fs]n?printf_chk", path)
 
-    def test_it_asks_for_the_board_by_name(self):
+    def test_it_needs_the_boards_libraries_by_name(self):
         text = run("readelf", "--dynamic", LIBRARY)
         for entry in (r"SONAME.*\[libtessera\.so\.1\]", r"NEEDED.*\[liblog\.so\]", r"NEEDED.*\[libkastor_efuse\.so\]"):
             self.assertRegex(text, entry)
 
-    def test_a_c_program_finds_it_once_installed(self):
+    def test_a_c_program_uses_the_installed_library(self):
         with tempfile.TemporaryDirectory() as scratch:
             scratch = pathlib.Path(scratch)
             run("cmake", "--install", BUILD, "--prefix", scratch / "first")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The Debian packages, installed into a machine that holds nothing but what they depend on and a compiler.
+"""The Debian packages, installed into a machine with only their dependencies and a compiler.
 
 The machine is a directory: apt resolves and unpacks the dependencies (script/sysroot), dpkg --root installs
 the packages, and bubblewrap runs programs with that directory as the root.
@@ -48,7 +48,7 @@ class PackagesTest(BoardCase):
         lines = run("dpkg-deb", "--contents", self.packages[name]).splitlines()
         return {line.split()[5].removeprefix(".") for line in lines if not line.startswith("d")}
 
-    def test_who_brings_what(self):
+    def test_contents_and_dependencies(self):
         self.assertEqual(sorted(self.packages), sorted(NAMES))
         names = {path.rpartition("/")[2] for path in self.files("tessera-platform") if path.startswith("/usr/lib/")}
         self.assertEqual(names, {"liblog.so", "libkastor_efuse.so"})
@@ -88,10 +88,10 @@ class PackagesTest(BoardCase):
 
     def on_machine(self, script):
         """Runs a script on the machine, which is a board with eMMC."""
-        nobody_listens = self.place / "log"
-        nobody_listens.touch()
+        unused_log = self.place / "log"
+        unused_log.touch()
         return run("bwrap", "--unshare-all", "--unshare-user", "--uid", "0", "--gid", "0", "--die-with-parent",
-                   "--bind", MACHINE, "/", *box.board_view(self.board(), nobody_listens), "--chdir", "/userdata",
+                   "--bind", MACHINE, "/", *box.board_view(self.board(), unused_log), "--chdir", "/userdata",
                    "--clearenv", "--setenv", "PATH", "/usr/sbin:/usr/bin", "--", "/usr/bin/bash", "-c", script)
 
 
@@ -107,9 +107,9 @@ class ServiceTest(unittest.TestCase):
                 directory.mkdir()
                 (directory / f"{file}.service").symlink_to(system / f"{file}.service")
             pathlib.Path(units, "tessera-confirm.service").write_text(unit)
-            told = subprocess.run(["systemd-analyze", "--man=no", "verify", "multi-user.target"], capture_output=True,
+            result = subprocess.run(["systemd-analyze", "--man=no", "verify", "multi-user.target"], capture_output=True,
                                   text=True, env={**os.environ, "SYSTEMD_UNIT_PATH": f"{units}:{system}"}, check=True)
-        self.assertNotIn("cycle", told.stderr)
+        self.assertNotIn("cycle", result.stderr)
 
 
 unittest.main()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The simulated board: how it is made, its box, its log, its faults, and what its bootloader does with the slots."""
+"""The simulated board: its creation, its box, its log, its faults, and what its bootloader does with the slots."""
 
 import pathlib
 import re
@@ -46,8 +46,8 @@ class BoardTest(BoardCase):
                 self.new(medium)
                 misc = {"ubi": "ubi0_0", "nand": "mtd0"}[medium]
                 self.lose_power("slots set-next b", misc, "pwrite", 0, "tear=2100")  # its page, not its bytes
-                told = self.simulate("reboot", "--lost-block", lost).stdout
-                self.assertIn("the page at byte 2048 of misc cannot be read", told)
+                output = self.simulate("reboot", "--lost-block", lost).stdout
+                self.assertIn("the page at byte 2048 of misc cannot be read", output)
                 self.assertEqual(self.board().running_slot(), 0)
                 if tries:
                     self.assertEqual([slot.tries for slot in self.board().slot_block().slots], tries)
@@ -59,17 +59,18 @@ class BoardTest(BoardCase):
                  ("--size-system", "12Q", "not a size"), ("--size-system", "1M", "1024 KiB is too small")]
         for option, value, words in cases:
             with self.subTest(value=value):
-                told = self.simulate("new", "--medium", "nand", f"{option}={value}")
-                self.assertRegex(told.stderr, f"board.*: .*{words}")
-                self.assertFalse(told.returncode == 0 or self.dir.exists())
+                result = self.simulate("new", "--medium", "nand", f"{option}={value}")
+                self.assertRegex(result.stderr, f"board.*: .*{words}")
+                self.assertFalse(result.returncode == 0 or self.dir.exists())
         self.new()
         for fault in ("cut x", "cut -1", "cut 1 tear=", "tear 1", "fail pwrite", "lose pwrite 1 2", "fail open 1"):
             with self.subTest(fault=fault):
                 self.expect("slots", 126, "flash simulator: ", fault=fault)
 
     def test_the_fault_of_the_help(self):
-        told = subprocess.run([SIMULATOR / "board", "--help"], capture_output=True, text=True, check=True).stdout
-        fault, number, line = re.search(r'  TESSERA_FLASH_FAULT="(cut (\d+) kill)" board .* -- tessera (.*)', told).groups()
+        output = subprocess.run([SIMULATOR / "board", "--help"], capture_output=True, text=True, check=True).stdout
+        pattern = r'  TESSERA_FLASH_FAULT="(cut (\d+) kill)" board .* -- tessera (.*)'
+        fault, number, line = re.search(pattern, output).groups()
         self.new()
         self.pack("new.zip", images(1), describe(images(1), "emmc"))
         self.expect(line.replace("new.zip", "/userdata/new.zip"), 137, f"after operation {number} and ends", fault)
