@@ -332,8 +332,7 @@ void declare_efuse(Command& verb, Context& context) {
     add_flag(command, "--yes", options->confirmed, "Confirm: this cannot be undone");
     add_flag(command, "--give-up-other-slot", options->give_up_other_slot,
              "First make the other slot unbootable if its firmware is too old");
-    add_flag(command, "--unchecked", options->unchecked,
-             "Even if the board has no partition with the firmware to check");
+    add_flag(command, "--unchecked", options->unchecked, "Allow a board without a partition for the firmware to check");
     add_lock(command, options->lock_file);
     on_command(command, context, [&context, options] { burn(context, *options); });
 }

@@ -251,7 +251,7 @@ void declare_install(Command& verb, Context& context) {
     add_flag(verb, "--allow-downgrade", options->allow_downgrade, "Install a version older than the installed one");
     add_flag(verb, "--dry-run", options->dry_run, "Check everything and report what would happen; change nothing");
     add_flag(verb, "--force", options->force, "Rewrite images that are already installed");
-    add_flag(verb, "-q,--quiet", options->quiet, "Suppress progress and remarks");
+    add_flag(verb, "-q,--quiet", options->quiet, "Print no progress and no notes");
     const auto choose = [options](const std::string& mode) { choose_progress(*options, mode); };
     add_choice(verb, "--progress", "MODE", {"bar", "plain", "json"}, choose,
                "How to report progress on stderr: bar, plain or json");

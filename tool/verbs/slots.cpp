@@ -160,12 +160,12 @@ void declare_change(Command& verb, Context& context, const char* name, const cha
 void declare_slots(Command& verb, Context& context) {
     allow_command(verb);
     on_command(verb, context, [&context] { show_slots(context); });
-    declare_change(verb, context, "set-next", "Boot this slot next, with a single try",
-                   "Even if the slot is half written", demand_whole, set_next_slot);
+    declare_change(verb, context, "set-next", "Boot this slot next, with a single try", "Allow a half-written slot",
+                   demand_whole, set_next_slot);
     declare_change(verb, context, "mark-good", "Mark this slot as booted successfully",
-                   "Even if the slot is unbootable or half written", demand_bootable, mark_slot_good);
+                   "Allow an unbootable, corrupted or half-written slot", demand_bootable, mark_slot_good);
     declare_change(verb, context, "mark-bad", "Make this slot unbootable",
-                   "Even if the slot is running and no other is confirmed", demand_other_good_slot,
+                   "Allow the running slot although no other is confirmed", demand_other_good_slot,
                    mark_slot_unbootable);
     Command& reset = add_command(verb, "reset", "Write a new block: two slots on trial, with 7 tries each");
     auto lock_file = std::make_shared<std::string>(default_lock_file);
