@@ -4,7 +4,7 @@
 #include "board/device.h"
 #include "console/console.h"
 #include "console/text.h"
-#include "ota_paths.h"
+#include "internal/ota_paths.h"
 
 #include <cerrno>
 #include <filesystem>

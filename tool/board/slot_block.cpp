@@ -7,7 +7,7 @@
 #include "console/console.h"
 #include "console/text.h"
 #include "format/slot_block.h"
-#include "ota_paths.h"
+#include "internal/ota_paths.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -6,7 +6,7 @@
 #include "console/console.h"
 #include "format/antirollback_record.h"
 #include "format/status_record.h"
-#include "ota_paths.h"
+#include "internal/ota_paths.h"
 
 #include <algorithm>
 #include <cstring>

@@ -9,7 +9,7 @@
 #include "console/text.h"
 #include "format/firmware_package.h"
 #include "format/verified_boot.h"
-#include "ota_paths.h"
+#include "internal/ota_paths.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -3,7 +3,7 @@
 #ifndef TOOL_IMAGE_VERSIONS_H
 #define TOOL_IMAGE_VERSIONS_H
 
-#include "antirollback_verdict.h"
+#include "internal/antirollback_verdict.h"
 #include "package/description.h"
 #include "package/package.h"
 

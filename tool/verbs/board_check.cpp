@@ -11,8 +11,8 @@
 #include "format/flash_command.h"
 #include "format/slot_block.h"
 #include "install/update_lock.h"
-#include "ota_paths.h"
-#include "ota_staging.h"
+#include "internal/ota_paths.h"
+#include "internal/ota_staging.h"
 #include "velox_ota_hl.h"
 
 #include <algorithm>

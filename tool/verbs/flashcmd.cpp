@@ -6,7 +6,7 @@
 #include "console/text.h"
 #include "format/flash_command.h"
 #include "install/update_lock.h"
-#include "ota_paths.h"
+#include "internal/ota_paths.h"
 #include "velox_ota_hl.h"
 #include "verbs/verb.h"
 

@@ -10,7 +10,7 @@
 #include "firmware/image_versions.h"
 #include "install/device_claim.h"
 #include "install/update_lock.h"
-#include "ota_paths.h"
+#include "internal/ota_paths.h"
 #include "package/board_identity.h"
 #include "verbs/verb.h"
 

@@ -2,7 +2,7 @@
 /** tessera package: shows, checks and unpacks a package. */
 #include "console/interrupt.h"
 #include "console/text.h"
-#include "ota_staging.h"
+#include "internal/ota_staging.h"
 #include "package/package_check.h"
 #include "velox_ota_hl.h"
 #include "verbs/package_info.h"

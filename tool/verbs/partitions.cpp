@@ -3,7 +3,7 @@
 #include "board/device.h"
 #include "board/partition.h"
 #include "console/text.h"
-#include "ota_paths.h"
+#include "internal/ota_paths.h"
 #include "velox_ota_hl.h"
 #include "verbs/verb.h"
 

@@ -7,7 +7,7 @@
 #include "board/slot_block.h"
 #include "console/text.h"
 #include "install/update_lock.h"
-#include "ota_paths.h"
+#include "internal/ota_paths.h"
 #include "verbs/verb.h"
 
 #include <algorithm>

@@ -5,7 +5,7 @@
 #include "console/text.h"
 #include "firmware/image_versions.h"
 #include "install/install_plan.h"
-#include "ota_paths.h"
+#include "internal/ota_paths.h"
 #include "package/board_identity.h"
 #include "verbs/verb.h"
 
