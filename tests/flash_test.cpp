@@ -435,24 +435,40 @@ TEST_F(Flash, an_image_is_written_once_and_only_where_it_differs) {
     }
 }
 
-TEST_F(Flash, only_a_torn_leb_is_repaired) {
-    make_device("ubi");
-    const bytes data = random_bytes(block, 2);
-    ASSERT_EQ(write_device(data, block), ssize(data));
-    ASSERT_EQ(flash_sim_fault(("cut " + std::to_string(operations().size()) + " tear=1000").c_str()), 0);
-    (void)write_device(data, block);
-    flash_sim_reboot();
-    ASSERT_LT(write_device(data, block), 0); /* its first read fails */
-    bytes expected = before_;
-    fill(expected, block, block, 0xFF);
-    std::ranges::copy(std::span(data).first(512), &expected[block]); /* the page that was written whole */
+class TornLeb : public Flash {
+protected:
+    /** The power fails while the second LEB is written again, after its first page. */
+    void SetUp() override {
+        make_device("ubi");
+        ASSERT_EQ(write_device(data_, block), ssize(data_));
+        ASSERT_EQ(flash_sim_fault(("cut " + std::to_string(operations().size()) + " tear=1000").c_str()), 0);
+        (void)write_device(data_, block);
+        flash_sim_reboot();
+        expected_ = before_;
+        fill(expected_, block, block, 0xFF);
+        std::ranges::copy(std::span(data_).first(512), &expected_[block]);
+    }
+
+    const bytes data_ = random_bytes(block, 2);
+    bytes expected_; /* of the volume, where what can be read of the LEB is kept */
+};
+
+TEST_F(TornLeb, is_repaired_and_no_other) {
+    ASSERT_LT(write_device(data_, block), 0); /* its first read fails */
     for (const bool wanted : {true, false}) {
         bool repaired = !wanted;
         EXPECT_TRUE(ubi_repair(path_.c_str(), &repaired).is_ok());
         EXPECT_EQ(repaired, wanted);
-        EXPECT_TRUE(holds(expected));
+        EXPECT_TRUE(holds(expected_));
     }
-    EXPECT_EQ(write_device(data, block), ssize(data));
+    EXPECT_EQ(write_device(data_, block), ssize(data_));
+}
+
+TEST_F(TornLeb, keeps_what_can_be_read_after_the_end_of_an_image) {
+    const bytes image = random_bytes(block + 100, 3);
+    EXPECT_EQ(write_image(path_, image, true), image.size());
+    std::ranges::copy(image, expected_.begin());
+    EXPECT_TRUE(holds(expected_));
 }
 
 medium_result read_a_block(const char* path) {
