@@ -18,7 +18,7 @@ public:
     block_device(const std::string& path, const std::string& state_path)
         : file_(path), state_(state_path, file_.bytes().size() / sector_size * (sector_size + 1)) {
         if (file_.bytes().size() % sector_size != 0) {
-            throw std::runtime_error(path + ": the size of the file is no multiple of 512");
+            throw std::runtime_error(path + ": the size of the file is not a multiple of 512");
         }
         unsynced_ = state_.bytes().first(file_.bytes().size() / sector_size);
         old_sectors_ = state_.bytes().subspan(unsynced_.size());

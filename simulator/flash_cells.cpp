@@ -35,7 +35,7 @@ void check_geometry(const std::string& path, uint64_t size, const flash_geometry
         throw std::runtime_error(path + ": erasesize has to be a multiple of writesize, and neither is 0");
     }
     if (size == 0 || size % geometry.erasesize != 0) {
-        throw std::runtime_error(path + ": the size of the file is no multiple of erasesize");
+        throw std::runtime_error(path + ": the size of the file is not a multiple of erasesize");
     }
 }
 
@@ -99,7 +99,7 @@ flash_cells::flash_cells(const std::string& path, const std::string& state_path,
     spoiled_ = state_.bytes().subspan(blocks);
     for (const uint64_t block : geometry_.factory_bad) {
         if (block >= blocks) {
-            throw std::runtime_error(path + ": a bad block behind the end of the device");
+            throw std::runtime_error(path + ": a bad block past the end of the device");
         }
         mark_bad(block);
     }

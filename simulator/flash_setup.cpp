@@ -41,7 +41,7 @@ void set_value(setup_line& line, const std::string& key, const std::string& valu
     } else if (key == "state") {
         line.state = value;
     } else {
-        throw std::runtime_error("'" + key + "' is no property of a device");
+        throw std::runtime_error("'" + key + "' is not a property of a device");
     }
 }
 
@@ -73,7 +73,7 @@ std::unique_ptr<flash_device> build_device(setup_line line) {
     if (line.kind == "block") {
         return make_block_device(line.path, line.state);
     }
-    throw std::runtime_error("'" + line.kind + "' is no kind of device");
+    throw std::runtime_error("'" + line.kind + "' is not a kind of device");
 }
 
 } // namespace

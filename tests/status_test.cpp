@@ -71,8 +71,8 @@ TEST_F(Status, a_record_with_any_byte_changed_is_recreated) {
         EXPECT_EQ(lines[0] == "warning magic number is wrong", i < 4);
         EXPECT_EQ(Lines(lines.begin() + 1, lines.end()),
                   (Lines{"warning OTA status in veeprom is invalid, init", "info update part num: [0]"}));
-        const std::string mended = bytes_of(new_record(damaged.substr(1320, 32)));
-        ASSERT_TRUE(read_partition("ubootenv") == env_.replace(status_at, mended.size(), mended)) << i;
+        const std::string repaired = bytes_of(new_record(damaged.substr(1320, 32)));
+        ASSERT_TRUE(read_partition("ubootenv") == env_.replace(status_at, repaired.size(), repaired)) << i;
     }
 }
 

@@ -74,7 +74,7 @@ class Board:
         try:
             lines = (self.dir / "devices").read_text().splitlines()
         except OSError as error:
-            raise BoardError(f"{directory} is no board: {error.strerror}: devices") from error
+            raise BoardError(f"{directory} is not a board: {error.strerror}: devices") from error
         self.medium = MEDIA[lines[0].split()[1]]
         self.devices = [parse_device(line) for line in lines[1:]]
 

@@ -71,7 +71,7 @@ Description read_description(const Package& package, const TrustOptions& trust, 
 
 /**
  * The library looks entries up by the C string of their name: a second entry could hide
- * behind a null character, and the entry written would not be the one that was checked.
+ * after a null character, and the entry written would not be the one that was checked.
  */
 void check_names(const Package& package) {
     std::set<std::string_view> names;

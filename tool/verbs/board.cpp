@@ -45,7 +45,7 @@ void show_check(const Context& context) {
         value.push_back({{"item", item.name}, {"ok", is_ok}, {"stand_in", item.is_stand_in}, {"found", item.found}});
         text += format("%-9s%-20s%s\n", state, item.name.c_str(), item.found.c_str());
         if (!is_ok) {
-            value.back()["mend"] = item.fix;
+            value.back()["fix"] = item.fix;
             text += format("%-9s%s\n", "", item.fix.c_str());
         }
     }
