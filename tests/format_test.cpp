@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 /** Each format as bytes, good and bad: the cases of golden/, and what damage makes of the good ones. */
 #include "antirollback_record.h"
+#include "block_map.h"
 #include "flash_command.h"
 #include "gpt.h"
 #include "slot_block.h"
 #include "status_record.h"
 #include "verified_boot.h"
 #include "zip_entry.h"
+#include "zip_file.h"
 
 #include <algorithm>
 #include <array>
@@ -152,6 +154,34 @@ TEST(Format, the_data_area_of_a_flash_command) {
 
 TEST(Format, sizes_in_the_extra_field_of_a_zip_entry) {
     check_number("zip64_extra", decode_zip64_size);
+}
+
+TEST(Format, zip64_values_replace_what_does_not_fit_a_header) {
+    constexpr uint64_t wide = 0xFFFFFFFF;
+    const std::tuple<std::string, zip_extent, zip_extent, bool> rows[] = {
+        {"0100 1000 02*8 03*8", {wide, wide, 7}, {0x0202020202020202, 0x0303030303030303, 7}, true},
+        {"0100 0800 02*8", {5, 6, wide}, {5, 6, 0x0202020202020202}, true}, /* only what is all ones in the header */
+        {"5554 0100 ff 0100 0400 02*4", {wide, 6, 7}, {wide, 6, 7}, true},
+        {"5554 0900 ff", {wide, 6, 7}, {wide, 6, 7}, false},
+    };
+    for (const auto& [hex, header, wanted, state] : rows) {
+        zip_extent extent = header;
+        EXPECT_EQ(zip_complete_extent(span_of(bytes(hex)), &extent), state) << hex;
+        EXPECT_EQ(std::memcmp(&extent, &wanted, sizeof extent), 0) << hex;
+    }
+}
+
+TEST(Format, block_maps) {
+    constexpr uint64_t image_size = 131077, packed_size = 0x94 + 0x0b + 2;
+    for (const GoldenCase& golden_case : golden("block_map")) {
+        const format_answer answer = check_block_map(span_of(golden_case.bytes), image_size, packed_size);
+        EXPECT_EQ(answer.state, golden_case.state) << golden_case.name;
+        EXPECT_EQ(answer.reason == nullptr, answer.state == format_state::valid) << golden_case.name;
+    }
+    const block_map_header header = make_block_map_header(image_size);
+    EXPECT_EQ(std::memcmp(&header, golden("block_map")[0].bytes.data(), sizeof header), 0);
+    EXPECT_EQ(block_map_size(UINT64_MAX), 24 + 4 * (uint64_t{1} << 47) + 16 * (uint64_t{1} << 52));
+    EXPECT_EQ(check_frame_sum(0, 1).state, format_state::torn);
 }
 
 TEST(Format, the_rollback_index_of_a_verified_boot_image) {

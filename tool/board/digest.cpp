@@ -4,6 +4,7 @@
 #include "console/failure.h"
 #include "console/text.h"
 
+#include <algorithm>
 #include <array>
 #include <climits>
 
@@ -16,6 +17,20 @@ void demand(int result) {
 }
 
 } // namespace
+
+BlockHasher::BlockHasher() : sha256_(EVP_MD_CTX_new()) {
+    demand(sha256_ != nullptr ? EVP_DigestInit_ex(sha256_.get(), EVP_sha256(), nullptr) : 0);
+}
+
+block_hash BlockHasher::hash(std::span<const uint8_t> block) {
+    std::array<uint8_t, 32> sha256;
+    demand(EVP_DigestInit_ex(sha256_.get(), nullptr, nullptr)); /* the algorithm stays: looking it up is slow */
+    demand(EVP_DigestUpdate(sha256_.get(), block.data(), block.size()));
+    demand(EVP_DigestFinal_ex(sha256_.get(), sha256.data(), nullptr));
+    block_hash hash;
+    std::copy_n(sha256.begin(), hash.size(), hash.begin());
+    return hash;
+}
 
 Digester::Digester(Kind kind) : kind_(kind) {
     md5_init(&md5_);

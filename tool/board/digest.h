@@ -4,6 +4,7 @@
 #define TOOL_DIGEST_H
 
 #include "board/openssl_handle.h"
+#include "format/block_map.h"
 #include "velox_ota_hl.h"
 
 #include <cstdint>
@@ -29,6 +30,16 @@ private:
     Kind kind_;
     md5_state_t md5_{};
     DigestContext sha256_; /* null if not requested */
+};
+
+/** Hashes the blocks of an image as its block map has them. Each thread needs its own. */
+class BlockHasher {
+public:
+    BlockHasher();
+    [[nodiscard]] block_hash hash(std::span<const uint8_t> block);
+
+private:
+    DigestContext sha256_;
 };
 
 #endif

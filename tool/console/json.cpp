@@ -190,6 +190,12 @@ const Json& Json::at(std::string_view key) const {
     return *value;
 }
 
+void Json::erase(std::string_view key) {
+    if (auto* object = std::get_if<Object>(&value_)) {
+        std::erase_if(*object, [&](const Field& field) { return field.key == key; });
+    }
+}
+
 Json& Json::operator[](std::string_view key) {
     if (is_null()) {
         value_ = Object();

@@ -79,6 +79,7 @@ public:
     [[nodiscard]] const Json* find(std::string_view key) const; /* nullptr if there is none, or not an object */
     [[nodiscard]] bool contains(std::string_view key) const;
     [[nodiscard]] const Json& at(std::string_view key) const;
+    void erase(std::string_view key);
     Json& operator[](std::string_view key); /* adds a null where there is none; null becomes an object */
 
     bool operator==(const Json& other) const;

@@ -16,6 +16,7 @@ namespace {
 constexpr size_t max_images = std::size(decltype(update_info_t::partition_info){});
 constexpr size_t max_boards = 16;
 constexpr size_t longest_board = 127;
+constexpr size_t longest_map_name = 95;
 constexpr size_t md5_digits = 32;
 constexpr size_t sha256_digits = 64;
 
@@ -168,14 +169,28 @@ void check_name(const Fields& fields, const Image& image) {
     }
 }
 
-void check_file(const Fields& fields, const Image& image) {
-    const std::string around = "/" + image.file + "/";
-    if (image.file.starts_with('/') || around.find("/../") != std::string::npos || image.file.ends_with('/')) {
+void check_file(const Fields& fields, const std::string& file) {
+    const std::string around = "/" + file + "/";
+    if (file.starts_with('/') || around.find("/../") != std::string::npos || file.ends_with('/')) {
         throw fields.wrong("file", "must be the name of a file in the package");
     }
-    if (image.file == description_entry || is_signature_name(image.file)) {
-        throw fields.wrong("file", "must not be " + image.file);
+    if (file == description_entry || is_signature_name(file)) {
+        throw fields.wrong("file", "must not be " + file);
     }
+}
+
+/** Where the map of an image is. */
+std::optional<MapEntry> parse_blocks(const Json* json, const std::string& where) {
+    if (json == nullptr) {
+        return std::nullopt;
+    }
+    Fields fields(*json, where + "\"blocks\": ");
+    MapEntry map;
+    map.file = fields.text("file", longest_map_name + 1);
+    map.sha256 = fields.digest("sha256", sha256_digits, false);
+    fields.refuse_others();
+    check_file(fields, map.file);
+    return map;
 }
 
 Image parse_image(const Json& json, size_t index, bool draft) {
@@ -194,9 +209,10 @@ Image parse_image(const Json& json, size_t index, bool draft) {
     image.digests.sha256 = fields.digest("sha256", sha256_digits, true);
     image.size = fields.size("size");
     image.has_version = fields.flag("anti_rollback");
+    image.blocks = parse_blocks(fields.optional("blocks"), where);
     fields.refuse_others();
     check_name(fields, image);
-    check_file(fields, image);
+    check_file(fields, image.file);
     return image;
 }
 
@@ -205,6 +221,22 @@ void refuse_repeated_names(const std::vector<Image>& images) {
     for (const Image& image : images) {
         if (!names.insert(image.name).second) {
             throw refusal("partition " + image.name + " is described twice");
+        }
+    }
+}
+
+/** An entry is either an image or the map of one image. */
+void refuse_ambiguous_maps(const std::vector<Image>& images) {
+    for (const Image& image : images) {
+        for (const Image& other : images) {
+            if (image.file == other.file && image.blocks != other.blocks) {
+                throw refusal("partitions " + image.name + " and " + other.name +
+                              " have the same image but different \"blocks\"");
+            }
+            if (image.blocks && (image.blocks->file == other.file || (image.file != other.file && other.blocks &&
+                                                                      image.blocks->file == other.blocks->file))) {
+                throw refusal("partition " + image.name + ": \"blocks\" must name an entry of its own");
+            }
         }
     }
 }
@@ -254,5 +286,6 @@ Description parse_description(const Json& json, bool draft) {
         description.images.push_back(parse_image(partitions[i], i, draft));
     }
     refuse_repeated_names(description.images);
+    refuse_ambiguous_maps(description.images);
     return description;
 }

@@ -26,6 +26,14 @@ inline constexpr size_t description_limit = size_t{256} << 10;
 std::string signature_name(size_t index);
 bool is_signature_name(const std::string& name);
 
+/** The entry with the block map of an image. */
+struct MapEntry {
+    std::string file;
+    std::string sha256;
+
+    bool operator==(const MapEntry&) const = default;
+};
+
 /** One partition and the image for it. */
 struct Image {
     std::string name; /* without a slot suffix */
@@ -35,6 +43,7 @@ struct Image {
     Digests digests; /* sha256 may be empty */
     std::optional<uint64_t> size;
     bool has_version; /* carries an anti-rollback version */
+    std::optional<MapEntry> blocks;
 
     [[nodiscard]] bool is_ab() const {
         return type == AB;

@@ -48,7 +48,7 @@ size_t FileSource::read(std::span<uint8_t> bytes) {
             continue;
         }
         if (got < 0) {
-            throw Failure(ExitCode::failed, "cannot read the package" + because(errno));
+            throw Failure(ExitCode::failed, "cannot read " + name_ + because(errno));
         }
         if (got == 0) {
             break;
@@ -57,6 +57,13 @@ size_t FileSource::read(std::span<uint8_t> bytes) {
         offset_ += static_cast<uint64_t>(got);
     }
     return done;
+}
+
+size_t MemorySource::read(std::span<uint8_t> bytes) {
+    const size_t size = std::min(bytes.size(), bytes_.size());
+    std::copy_n(bytes_.begin(), size, bytes.begin());
+    bytes_ = bytes_.subspan(size);
+    return size;
 }
 
 EntryReader::Inflater::Inflater() {

@@ -44,13 +44,27 @@ public:
 /** A file from an offset on, whose descriptor stays the caller's. */
 class FileSource : public ByteSource {
 public:
-    FileSource(int fd, uint64_t offset) : fd_(fd), offset_(offset) {
+    /** @param name  of the file, for messages */
+    FileSource(int fd, uint64_t offset, std::string name = "the package")
+        : fd_(fd), offset_(offset), name_(std::move(name)) {
     }
     size_t read(std::span<uint8_t> bytes) override;
 
 private:
     int fd_;
     uint64_t offset_;
+    std::string name_;
+};
+
+/** Bytes in memory, which stay the caller's. */
+class MemorySource : public ByteSource {
+public:
+    explicit MemorySource(std::span<const uint8_t> bytes) : bytes_(bytes) {
+    }
+    size_t read(std::span<uint8_t> bytes) override;
+
+private:
+    std::span<const uint8_t> bytes_;
 };
 
 /**

@@ -3,12 +3,15 @@
 #ifndef TOOL_IMAGE_READER_H
 #define TOOL_IMAGE_READER_H
 
+#include "board/digest.h"
 #include "format/block_map.h"
 #include "package/description.h"
 #include "package/package.h"
 
 #include <cstdint>
+#include <libdeflate.h>
 #include <memory>
+#include <string>
 #include <vector>
 
 /** A part of an image, in order, as it is in the package. */
@@ -44,7 +47,56 @@ public:
     [[nodiscard]] virtual bool has_hashes() const = 0;
 };
 
-/** The package has to live as long as the reader. Throws Failure where the entry is missing or damaged. */
+/**
+ * Inflates frames and checks their lengths and hashes. Each thread needs its own.
+ */
+class FrameUnpacker {
+public:
+    explicit FrameUnpacker(std::string file) : file_(std::move(file)) {
+    }
+
+    /**
+     * @param memory  for the bytes of a deflated frame; may be used again
+     * @return the image's bytes: those of a plain frame, or of `memory`
+     * Throws Failure that names the image's file, where the frame is damaged.
+     */
+    std::span<const uint8_t> unpack(const PackedFrame& frame, std::vector<uint8_t>& memory);
+
+private:
+    void inflate(const PackedFrame& frame, std::span<uint8_t> bytes);
+
+    struct Releaser {
+        void operator()(libdeflate_decompressor* inflater) const {
+            libdeflate_free_decompressor(inflater);
+        }
+    };
+    std::string file_;
+    std::unique_ptr<libdeflate_decompressor, Releaser> inflater_; /* null until the first deflated frame */
+    BlockHasher hasher_;
+};
+
+/**
+ * Checks the block map of an image: its checksum and SHA-256, and that its frames are exactly the image's entry.
+ * Throws Failure that names the map.
+ * @param map     the map's entry
+ * @param source  begins at the map's data
+ */
+void check_map(const Image& image, const Entry& entry, const Entry& map, ByteSource& source);
+
+/**
+ * A framed image whose map has been checked.
+ * @param data     begins at the data of the image's entry
+ * @param lengths  begins at the lengths in the map
+ * @param hashes   begins at the hashes in the map
+ */
+std::unique_ptr<ImageReader> open_framed_image(const Entry& entry, std::unique_ptr<ByteSource> data,
+                                               std::unique_ptr<ByteSource> lengths, std::unique_ptr<ByteSource> hashes);
+
+/** An image without a map. @param data  begins at the data of the image's entry */
+std::unique_ptr<ImageReader> open_plain_image(const Entry& entry, std::unique_ptr<ByteSource> data);
+
+/** The package has to live as long as the reader. Checks the map first. Throws Failure where the entry is missing or
+ * damaged. */
 std::unique_ptr<ImageReader> open_image(const Package& package, const Image& image);
 
 #endif

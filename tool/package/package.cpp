@@ -43,11 +43,14 @@ Record load(std::span<const uint8_t> bytes) {
     return record;
 }
 
-/** Where the last end record begins in the file's tail, as every reader of zip files looks for it. */
+/**
+ * Where the last end record begins in the file's tail. A truncated one is not skipped: other readers, the library's
+ * among them, do not search further either, and would see another directory.
+ */
 std::optional<size_t> find_end(std::span<const uint8_t> tail) {
-    for (size_t at = tail.size() < sizeof(zip_end) ? 0 : tail.size() - sizeof(zip_end) + 1; at-- > 0;) {
-        if (load_le<uint32_t>(tail, at) == zip_end_signature) {
-            return at;
+    for (size_t at = tail.size(); at-- > 0;) {
+        if (tail.size() - at >= sizeof zip_end_signature && load_le<uint32_t>(tail, at) == zip_end_signature) {
+            return tail.size() - at >= sizeof(zip_end) ? std::optional(at) : std::nullopt;
         }
     }
     return std::nullopt;
@@ -152,7 +155,7 @@ const Entry& Package::at(std::string_view name) const {
     return *found;
 }
 
-FileSource Package::data_of(const Entry& entry) const {
+std::unique_ptr<ByteSource> Package::data_of(const Entry& entry, uint64_t skipped) const {
     std::array<uint8_t, sizeof(zip_local_header)> head{};
     const uint64_t offset = entry.position + base_;
     if (offset < base_ || offset > file_size_ || file_size_ - offset < head.size()) {
@@ -169,12 +172,12 @@ FileSource Package::data_of(const Entry& entry) const {
     if (!is_header_of(header, rest, entry)) {
         throw damaged_entry(entry, " cannot be unpacked: its header differs from the directory");
     }
-    return {fd_.get(), data};
+    return std::make_unique<FileSource>(fd_.get(), data + skipped);
 }
 
 bool Package::read(const Entry& entry, const std::function<bool(std::span<const uint8_t>)>& take) const {
-    FileSource source = data_of(entry);
-    EntryReader reader(entry, source);
+    const auto source = data_of(entry);
+    EntryReader reader(entry, *source);
     std::vector<uint8_t> piece(std::min<uint64_t>(piece_size, entry.size));
     do {
         const size_t got = reader.read(piece);

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -35,8 +36,11 @@ public:
     /** The one entry of this name. Throws when there is none or more than one. */
     [[nodiscard]] const Entry& at(std::string_view name) const;
 
-    /** The packed data of an entry. Throws when its local header differs from the directory. */
-    [[nodiscard]] FileSource data_of(const Entry& entry) const;
+    /**
+     * The packed data of an entry, from its byte `skipped` on. The package has to live as long as the source. Throws
+     * when the entry's local header differs from the directory.
+     */
+    [[nodiscard]] std::unique_ptr<ByteSource> data_of(const Entry& entry, uint64_t skipped = 0) const;
     /** Reads an entry piece by piece. Throws when its data is damaged. @return false when `take` ended it */
     bool read(const Entry& entry, const std::function<bool(std::span<const uint8_t>)>& take) const;
     /** Reads a short entry. */

@@ -5,6 +5,7 @@
 #include "console/json.h"
 #include "console/text.h"
 #include "format/zip_entry.h"
+#include "package/image_reader.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -100,6 +101,9 @@ void check_image(const Package& package, const Image& image, bool is_signed) {
                                                 image.file.c_str(), static_cast<unsigned long long>(entry.size),
                                                 static_cast<unsigned long long>(*image.size)));
     }
+    if (image.blocks) {
+        (void)package.at(image.blocks->file);
+    }
     if (is_signed && image.digests.sha256.empty()) {
         throw Failure(ExitCode::refused,
                       "the description gives no SHA-256 of " + image.file + ", so the signature does not cover it");
@@ -127,13 +131,23 @@ Failure wrong_digest(const Image& image) {
 }
 
 Digests digest_entry(const Package& package, const Image& image, Digester::Kind kind, Progress& progress) {
+    const Entry& entry = package.at(image.file);
     Digester digester(kind);
     progress.begin("check", image.file);
-    package.read(package.at(image.file), [&](std::span<const uint8_t> piece) {
+    const auto reader = open_image(package, image);
+    FrameUnpacker unpacker(image.file);
+    PackedFrame frame{};
+    std::vector<uint8_t> memory;
+    uint32_t crc = 0;
+    while (reader->next(frame)) {
         stop_if_interrupted();
-        digester.add(piece);
-        progress.advance("check", piece.size());
-        return true;
-    });
+        const auto bytes = unpacker.unpack(frame, memory);
+        digester.add(bytes);
+        crc = reader->has_hashes() ? libdeflate_crc32(crc, bytes.data(), bytes.size()) : entry.crc;
+        progress.advance("check", bytes.size());
+    }
+    if (crc != entry.crc) {
+        throw damaged_entry(entry, ": checksum mismatch");
+    }
     return digester.finish();
 }

@@ -4,23 +4,19 @@
 #include "console/interrupt.h"
 #include "console/progress.h"
 #include "console/text.h"
-#include "format/zip_entry.h"
 #include "package/description.h"
-#include "package/package_writer.h"
+#include "package/image_packer.h"
 #include "package/signature.h"
 #include "verbs/verb.h"
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <fstream>
-#include <iterator>
+#include <filesystem>
 #include <map>
-#include <set>
 
 namespace {
 
-constexpr size_t piece_size = size_t{1} << 20;
+constexpr char map_suffix[] = ".blocks";
 
 struct Options {
     std::string description;
@@ -28,26 +24,8 @@ struct Options {
     std::string output;
     std::vector<std::string> keys;
     std::vector<std::string> certificates; /* of the keys, in the same order */
+    bool plain = false;
 };
-
-/** Reads a file piece by piece. */
-template <class Take>
-uint64_t read_pieces(const std::string& path, Take take) {
-    std::ifstream file(path, std::ios::binary);
-    std::vector<uint8_t> piece(piece_size);
-    uint64_t size = 0;
-    while (file) {
-        stop_if_interrupted();
-        file.read(reinterpret_cast<char*>(piece.data()), static_cast<std::streamsize>(piece.size()));
-        const auto got = static_cast<size_t>(file.gcount());
-        size += got;
-        take(std::span<const uint8_t>(piece).first(got));
-    }
-    if (!file.eof()) {
-        throw Failure(ExitCode::failed, "cannot read " + path + because(errno));
-    }
-    return size;
-}
 
 /** A digest may be stated in upper case. */
 Json in_lower_case(const Json& value) {
@@ -59,17 +37,12 @@ Json in_lower_case(const Json& value) {
     return text;
 }
 
+using PackedImages = std::map<std::string, PackedImage>; /* by file: an image for two partitions is packed once */
+
 /** Fills in what a draft omits, and refuses wrong values in it. */
-void complete(Json& partition, const Options& options) {
+void complete(Json& partition, const PackedImage& image) {
     const std::string file = partition["file"].text();
-    Digester digester(Digester::Kind::both);
-    const uint64_t size =
-        read_pieces(options.directory + "/" + file, [&](std::span<const uint8_t> piece) { digester.add(piece); });
-    if (size == 0 || size > zip_largest_size) {
-        throw Failure(ExitCode::failed, file + " of " + human_bytes(size) + " cannot be installed");
-    }
-    const Digests digests = digester.finish();
-    const Json found = {{"md5", digests.md5}, {"sha256", digests.sha256}, {"size", size}};
+    const Json found = {{"md5", image.digests.md5}, {"sha256", image.digests.sha256}, {"size", image.data.size}};
     for (const auto& [key, value] : found.fields()) {
         const Json* stated = partition.find(key);
         if (stated != nullptr && in_lower_case(*stated) != value) {
@@ -78,50 +51,83 @@ void complete(Json& partition, const Options& options) {
         }
         partition[key] = value;
     }
+    partition.erase("blocks"); /* of an earlier package */
+    if (!image.map.empty()) {
+        Digester digester(Digester::Kind::sha256);
+        digester.add(image.map);
+        partition["blocks"] = {{"file", file + map_suffix}, {"sha256", digester.finish().sha256}};
+    }
 }
 
-std::string completed_description(const Options& options) {
-    Json json = parse_json(read_small_file(options.description, description_limit), options.description);
-    (void)parse_description(json, true);
-    for (Json& partition : json["partitions"]) {
-        complete(partition, options);
+uint64_t size_of_image(const Options& options, const std::string& file) {
+    std::error_code error;
+    const uint64_t size = std::filesystem::file_size(options.directory + "/" + file, error);
+    if (error) {
+        throw Failure(ExitCode::failed, "cannot read " + options.directory + "/" + file + ": " + error.message());
     }
-    return to_text(json, 2) + "\n";
+    if (size == 0) {
+        throw Failure(ExitCode::failed, file + " is empty and cannot be installed");
+    }
+    return size;
+}
+
+PackedImages pack_images(const Options& options, const Description& draft, ImagePacker& packer, Progress& progress) {
+    std::map<std::string, uint64_t> sizes;
+    for (const Image& image : draft.images) {
+        if (sizes.emplace(image.file, 0).second) {
+            sizes[image.file] = size_of_image(options, image.file);
+            progress.expect("pack", sizes[image.file]);
+        }
+    }
+    PackedImages images;
+    for (const auto& [file, size] : sizes) {
+        progress.begin("pack", file);
+        const bool is_framed = !options.plain && size >= framed_image_size;
+        images.emplace(file, packer.pack(options.directory + "/" + file, is_framed,
+                                         [&](size_t bytes) { progress.advance("pack", bytes); }));
+    }
+    return images;
 }
 
 void add_text(PackageWriter& package, const std::string& name, const std::string& text) {
-    package.begin_entry(name);
-    package.add({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
-    package.end_entry();
+    PackedData data{};
+    const std::vector<uint8_t> packed = deflate_text(text, data);
+    package.begin_entry(name, data);
+    package.add(packed);
 }
 
-/** The description first, so that a reader finds it at once; an image for two partitions only once. */
-void write_package(const Options& options, const std::vector<SigningKey>& keys, const std::string& text,
-                   const Description& description) {
-    PackageWriter package(options.output);
+/** Images for slots first: from a pipe they are installed in this order, and those without a second copy last. */
+std::vector<std::string> order_of_images(const Description& description) {
+    std::vector<std::string> files;
+    for (const bool ab : {true, false}) {
+        for (const Image& image : description.images) {
+            if (image.is_ab() == ab && std::ranges::find(files, image.file) == files.end()) {
+                files.push_back(image.file);
+            }
+        }
+    }
+    return files;
+}
+
+/** In the order in which a reader that cannot go back needs it: the description, what covers it, each map, its image.
+ */
+void write_package(const std::string& output, const std::vector<SigningKey>& keys, const std::string& text,
+                   const PackedImages& images, const ImagePacker& packer) {
+    PackageWriter package(output);
     add_text(package, description_entry, text);
     for (size_t i = 0; i < keys.size(); ++i) {
         add_text(package, signature_name(i), keys[i].sign(text));
     }
-    Progress progress(default_progress_mode());
-    std::map<std::string, uint64_t> files;
-    for (const Image& image : description.images) {
-        files.emplace(image.file, image.size.value_or(0));
-    }
-    for (const auto& [file, size] : files) {
-        progress.expect("pack", size);
-    }
-    for (const auto& [file, size] : files) {
-        progress.begin("pack", file);
-        package.begin_entry(file);
-        read_pieces(options.directory + "/" + file, [&](std::span<const uint8_t> piece) {
-            package.add(piece);
-            progress.advance("pack", piece.size());
-        });
-        package.end_entry();
+    for (const std::string& file : order_of_images(parse_description(parse_json(text, description_entry)))) {
+        const PackedImage& image = images.at(file);
+        if (!image.map.empty()) {
+            package.begin_entry(file + map_suffix, describe_stored(image.map));
+            package.add(image.map);
+        }
+        package.begin_entry(file, image.data);
+        packer.copy(image, package);
     }
     package.finish();
-    progress.finish();
 }
 
 /** Before the images are read, which takes longer. */
@@ -145,9 +151,16 @@ std::vector<SigningKey> read_keys(const Options& options) {
 void pack(const Context& context, const Options& options) {
     watch_interrupts();
     const std::vector<SigningKey> keys = read_keys(options);
-    const std::string text = completed_description(options);
-    const Description description = parse_description(parse_json(text, description_entry));
-    write_package(options, keys, text, description);
+    Json json = parse_json(read_small_file(options.description, description_limit), options.description);
+    const Description description = parse_description(json, true);
+    ImagePacker packer(options.output);
+    Progress progress(default_progress_mode());
+    const PackedImages images = pack_images(options, description, packer, progress);
+    for (Json& partition : json["partitions"]) {
+        complete(partition, images.at(partition["file"].text()));
+    }
+    write_package(options.output, keys, to_text(json, 2) + "\n", images, packer);
+    progress.finish();
     Json signers = Json::array();
     std::string names;
     for (const SigningKey& key : keys) {
@@ -172,5 +185,6 @@ void declare_pack(Command& verb, Context& context) {
     add_word(verb, "-o,--output", options->output, "Package to create");
     add_texts(verb, "--sign", options->keys, "PEM file of a signing key; may be repeated");
     add_texts(verb, "--cert", options->certificates, "PEM file of its certificate, one for each --sign");
+    add_flag(verb, "--plain", options->plain, "Pack without block maps");
     on_command(verb, context, [&context, options] { pack(context, *options); });
 }
