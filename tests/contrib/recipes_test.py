@@ -32,7 +32,7 @@ include {TREE}/external.mk
 all: ; @echo '$(TESSERA_VERSION)|$(TESSERA_DEPENDENCIES)|$(TESSERA_CONF_OPTS)|$(wildcard $(TESSERA_SITE)/LICENSE)'
 """
 TOOLCHAIN = "INSTALL_LIBSTDCPP", "TOOLCHAIN_GCC_AT_LEAST_11", "TOOLCHAIN_USES_GLIBC", "STATIC_LIBS"
-CLAIMS = {"tessera-dev": "include/* lib/lib*.so lib/cmake/* lib/pkgconfig/*",  # what BitBake knows by itself
+CLAIMS = {"tessera-dev": "include/* lib/lib*.so lib/cmake/* lib/pkgconfig/*",  # BitBake's defaults
           "tessera-doc": "share/doc/* share/man/*", "tessera": "bin/*"}
 
 

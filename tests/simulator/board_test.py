@@ -45,13 +45,13 @@ class BoardTest(BoardCase):
             with self.subTest(medium=medium, lost=lost):
                 self.new(medium)
                 misc = {"ubi": "ubi0_0", "nand": "mtd0"}[medium]
-                self.lose_power("slots set-next b", misc, "pwrite", 0, "tear=2100")  # its page, not its bytes
+                self.lose_power("slots set-next b", misc, "pwrite", 0, "tear=2100")  # cuts the block's page, not its bytes
                 output = self.simulate("reboot", "--lost-block", lost).stdout
                 self.assertIn("the page at byte 2048 of misc cannot be read", output)
                 self.assertEqual(self.board().running_slot(), 0)
                 if tries:
                     self.assertEqual([slot.tries for slot in self.board().slot_block().slots], tries)
-                    self.expect("slots mark-good a", 0)  # the block of flash is whole again
+                    self.expect("slots mark-good a", 0)  # the flash block is complete again
 
     def test_what_is_refused(self):
         cases = [("--bad", "x", "'x' is not a list"), ("--bad", "3,,6", "not a list"), ("--bad", "-1", "not a list"),
