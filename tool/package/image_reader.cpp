@@ -113,28 +113,26 @@ private:
 /** Reads a map in pieces and digests it. */
 class MapPieces {
 public:
-    MapPieces(const Entry& map, ByteSource& source) : map_(map), reader_(map, source) {
+    MapPieces(const Entry& map, ByteSource& source) : reader_(map, source), left_(map.size) {
     }
 
     /** @return the next piece of at most `most` bytes, a multiple of 4 bytes if `most` is */
     std::span<const uint8_t> next(uint64_t most) {
-        const auto piece = std::span(buffer_).first(std::min<uint64_t>(buffer_.size(), most));
-        if (reader_.read(piece) != piece.size()) {
-            throw damaged_entry(map_, " is truncated");
-        }
+        const auto piece = std::span(buffer_).first(std::min({uint64_t{buffer_.size()}, most, left_}));
+        left_ -= reader_.read(piece);
         digester_.add(piece);
         return piece;
     }
     [[nodiscard]] bool is_done() const {
-        return reader_.is_done();
+        return left_ == 0;
     }
     std::string digest() {
         return digester_.finish().sha256;
     }
 
 private:
-    const Entry& map_;
     EntryReader reader_;
+    uint64_t left_;
     Digester digester_{Digester::Kind::sha256};
     std::array<uint8_t, 16384> buffer_{};
 };
@@ -187,9 +185,7 @@ void check_map(const Image& image, const Entry& entry, const Entry& map, ByteSou
         throw Failure(ExitCode::refused, map.name + " is not stored, or " + entry.name + " is not deflated");
     }
     MapPieces pieces(map, source);
-    demand_valid(check_block_map_header(pieces.next(std::min<uint64_t>(map.size, sizeof(block_map_header))), map.size,
-                                        entry.size),
-                 entry, map);
+    demand_valid(check_block_map_header(pieces.next(sizeof(block_map_header)), map.size, entry.size), entry, map);
     uint64_t sum = 0;
     for (uint64_t left = sizeof(uint32_t) * block_map_frames(entry.size); left > 0;) {
         const auto lengths = pieces.next(left);
