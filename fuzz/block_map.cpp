@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** Whatever the map and the entry: what is accepted lies inside the entry, and what is unpacked has its hashes. */
+/** For any map and entry, what is accepted is inside the entry, and what is unpacked has its hashes. */
 #include "box.h"
 #include "console/failure.h"
 #include "package/image_reader.h"
