@@ -3,6 +3,7 @@
 
 #include "console/failure.h"
 #include "console/text.h"
+#include "internal/ota_owner.h"
 
 #include <algorithm>
 #include <array>
@@ -16,8 +17,6 @@
 #include <unistd.h>
 
 namespace {
-
-using Stream = std::unique_ptr<std::FILE, decltype([](std::FILE* stream) { (void)std::fclose(stream); })>;
 
 constexpr size_t largest_file = size_t{64} << 20; /* with lists of a million certificates */
 
@@ -74,7 +73,7 @@ Bio open_pem(const std::string& path) {
     (void)fcntl(fd, F_SETFL, 0);
     struct stat status {};
     const bool is_directory = fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
-    Stream stream(is_directory ? nullptr : fdopen(fd, "r"));
+    ota_stream stream(is_directory ? nullptr : fdopen(fd, "r"));
     if (stream == nullptr) {
         close(fd);
         throw Failure(ExitCode::failed, "cannot open " + path + because(is_directory ? EISDIR : ENOMEM));
