@@ -156,6 +156,8 @@ class DocumentsTest(BoardCase):
             "medium": ["emmc", "nand", "nor", "raw", "", 1], "type": ["ab", "permanent", "bak", "golden", "AB"],
             "method": ["image", "diff", None], "md5": ["UPPER", "12", "g" * 32, None], "sha256": ["UPPER", "12", ""],
             "size": [1, 0, -1, "1", 1.5, None], "anti_rollback": [True, False, 0], "shape": ["round"],
+            "blocks": [{}, [], {"file": "m"}, {"sha256": "0" * 64}, {"file": "m", "sha256": "0" * 63},
+                       {"file": "../m", "sha256": "0" * 64}, {"file": "m", "sha256": "0" * 64, "md5": "0" * 32}],
         }
         outcomes = collections.Counter()
         for field, value in ((field, value) for field, some in values.items() for value in some):
@@ -164,13 +166,20 @@ class DocumentsTest(BoardCase):
                 outcomes[status] += 1
                 self.assertEqual(status == 0, schema.is_valid(description), status)
         self.assertEqual(set(outcomes), {0, 3})
+        self.new_board()
+        self.must("truncate -s 3M board/userdata/images/system.img")
+        self.must(f"cd board/userdata && {BUILD}/tool/tessera pack draft.json images/ -o {self.place}/p.zip")
+        with zipfile.ZipFile(self.place / "p.zip") as package:
+            packed = json.loads(package.read("update.json"))
+        schema.validate(packed)
+        self.assertIn("blocks", packed["partitions"][0])
 
     def inspect_package_with(self, field, value):
         """@return the status of `package info` for a good description with one field changed, or removed by None"""
         digests = {"md5": hashlib.md5(b"x").hexdigest(), "sha256": hashlib.sha256(b"x").hexdigest()}
         part = {"name": "system", "file": "a", "medium": "emmc", "type": "ab", "method": "image", "md5": digests["md5"]}
         description = {"version": "V1", "partitions": [part]}
-        changed = part if field in {*part, "sha256", "size", "anti_rollback", "shape"} else description
+        changed = part if field in {*part, "sha256", "size", "anti_rollback", "shape", "blocks"} else description
         changed[field] = digests[field].upper() if value == "UPPER" else value
         if value is None:
             del changed[field]
