@@ -68,7 +68,7 @@ bool zip_walk_next(zip_walk* walk, zip_entry* entry) {
 bool zip_entry_size(unzFile uf, const unz_file_info64& info, uint64_t* size) {
     *size = info.uncompressed_size;
     const size_t length = info.size_file_extra;
-    if (info.uncompressed_size != zip_size_in_extra || length == 0) {
+    if (info.uncompressed_size != zip_wide32 || length == 0) {
         return true;
     }
     const ota_memory<uint8_t> extra(static_cast<uint8_t*>(std::calloc(length, 1))); /* at most 64 KiB */
@@ -87,7 +87,7 @@ bool zip_entry_deliverable_size(unzFile uf, const unz_file_info64& info, const c
     if (!zip_entry_size(uf, info, size)) {
         return false;
     }
-    if (info.uncompressed_size == zip_size_in_extra && *size > zip_size_in_extra) {
+    if (info.uncompressed_size == zip_wide32 && *size > zip_wide32) {
         ota_log_error("entry %s of %llu bytes is too large to be read\n", name, static_cast<unsigned long long>(*size));
         return false;
     }
@@ -95,7 +95,7 @@ bool zip_entry_deliverable_size(unzFile uf, const unz_file_info64& info, const c
 }
 
 zip_entry_data zip_entry_begin(unzFile uf, uint64_t size, const unz_file_info64& info) {
-    return {uf, size, info.uncompressed_size == zip_size_in_extra, 0};
+    return {uf, size, info.uncompressed_size == zip_wide32, 0};
 }
 
 int32_t zip_entry_read(zip_entry_data* data, void* buf, uint32_t size) {

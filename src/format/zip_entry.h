@@ -24,11 +24,11 @@
 
 enum class zip_kind { directory, link, file };
 
-/** An uncompressed size of 32 bits that means "see the extra field". */
-inline constexpr uint32_t zip_size_in_extra = 0xFFFFFFFF;
+/** A value of 32 bits that means "see the extra field" or, in the end of a file, "see the zip64 end". */
+inline constexpr uint32_t zip_wide32 = 0xFFFFFFFF;
 
 /** The largest size that minizip reports and delivers whole, whatever its version. */
-inline constexpr uint32_t zip_largest_size = zip_size_in_extra - 1;
+inline constexpr uint32_t zip_largest_size = zip_wide32 - 1;
 
 /** The extensions of entries that hold images. */
 inline constexpr const char* zip_image_extensions[] = {"img", "bin", "ubifs"};
@@ -41,6 +41,22 @@ zip_kind zip_kind_of(const char* name, uint64_t attributes);
 
 /** The nine permission bits of an entry's mode. */
 uint32_t zip_permissions(uint64_t attributes);
+
+inline constexpr uint16_t zip64_record = 0x0001; /* the header of the record with sizes and the offset */
+
+/** A record of an extra field. */
+struct zip_extra_record {
+    uint16_t header;
+    std::span<const uint8_t> data;
+};
+
+/**
+ * Takes the first record off an extra field.
+ * @param extra   in, out: where the answer is valid, it begins with the next record afterwards
+ * @param record  out, where the answer is valid
+ * @return valid; absent when no record is left; torn when it ends past the field
+ */
+format_answer take_extra_record(std::span<const uint8_t>* extra, zip_extra_record* record);
 
 /**
  * The uncompressed size in an extra field.

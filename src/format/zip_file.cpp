@@ -3,9 +3,6 @@
 
 namespace {
 
-constexpr uint16_t zip64_record = 0x0001;
-constexpr size_t record_head_size = 4;
-
 /** Takes the next value of a zip64 record, if the header refers to it. */
 void complete(std::span<const uint8_t>* record, uint64_t* value) {
     if (*value == zip_wide32 && record->size() >= sizeof *value) {
@@ -17,21 +14,15 @@ void complete(std::span<const uint8_t>* record, uint64_t* value) {
 } // namespace
 
 bool zip_complete_extent(std::span<const uint8_t> extra, zip_extent* extent) {
-    while (extra.size() >= record_head_size) {
-        const auto header = load_le<uint16_t>(extra, 0);
-        const auto length = load_le<uint16_t>(extra, 2);
-        extra = extra.subspan(record_head_size);
-        if (length > extra.size()) {
-            return false;
-        }
-        if (header == zip64_record) {
-            std::span<const uint8_t> record = extra.first(length);
-            complete(&record, &extent->size);
-            complete(&record, &extent->packed_size);
-            complete(&record, &extent->offset);
-            return true;
-        }
-        extra = extra.subspan(length);
+    zip_extra_record record{};
+    format_answer answer = take_extra_record(&extra, &record);
+    while (answer.state == format_state::valid && record.header != zip64_record) {
+        answer = take_extra_record(&extra, &record);
     }
-    return true;
+    if (answer.state == format_state::valid) {
+        complete(&record.data, &extent->size);
+        complete(&record.data, &extent->packed_size);
+        complete(&record.data, &extent->offset);
+    }
+    return answer.state != format_state::torn;
 }

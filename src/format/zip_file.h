@@ -17,13 +17,13 @@
 #define ZIP_FILE_FORMAT_H
 
 #include "format.h"
+#include "zip_entry.h"
 
 inline constexpr uint32_t zip_local_signature = 0x04034B50;
 inline constexpr uint32_t zip_directory_signature = 0x02014B50;
 inline constexpr uint32_t zip64_end_signature = 0x06064B50;
 inline constexpr uint32_t zip64_locator_signature = 0x07064B50;
 inline constexpr uint32_t zip_end_signature = 0x06054B50;
-inline constexpr uint32_t zip_wide32 = 0xFFFFFFFF; /* "in the extra field", or in the zip64 end */
 inline constexpr uint16_t zip_wide16 = 0xFFFF;
 inline constexpr uint16_t zip_stored = 0;
 inline constexpr uint16_t zip_deflated = 8;
