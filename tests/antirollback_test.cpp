@@ -332,6 +332,8 @@ TEST_F(AntiRollback, efuses_are_written_where_the_flag_is_1) {
         efuses() = {.sec_write_result = sec_result, .nosec_write_result = nosec_result, .calls = {}};
         EXPECT_EQ(set_efuse_antirollback(&versions), result);
         EXPECT_EQ(efuses().calls, calls);
+        const char* kind = calls.size() == 1 ? "Secure" : "nosecure";
+        EXPECT_EQ(log(), result == 0 ? Lines{} : Lines{string("error ") + kind + " antirollback version write failed"});
     }
     EXPECT_EQ(set_efuse_antirollback(nullptr) + get_efuse_antirollback(nullptr), -2);
 }

@@ -91,6 +91,8 @@ TEST_F(Status, an_erased_region_and_the_defaults) {
         EXPECT_EQ(slot, suffix == 'a' ? 0U : 1U);
         EXPECT_EQ(read_partition("ubootenv").substr(status_at + 1320, 32), std::string(32, fill));
         log();
+        EXPECT_EQ(ota_set_next_slot(1), 0);
+        EXPECT_EQ(log().front(), "info next slot veeprom 1");
         expect_call(ota_set_veeprom_flag_default(), 0, {"info veeprom flag set default"});
         EXPECT_EQ(read_partition("ubootenv").substr(status_at + 1320, 36), std::string(32, '\0') + crc);
         EXPECT_EQ(read_partition("ubootenv").substr(anti_at, 16), std::string(12, '\0') + "\x6f\xc6\xd5\x7b");

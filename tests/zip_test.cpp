@@ -244,10 +244,13 @@ TEST_F(Zip, a_name_that_does_not_resolve_is_not_an_escape) {
 }
 
 TEST_F(Zip, names_that_stay_inside_are_accepted) {
-    put("a/../b=text a/./../a/c=more ../dest/d=1 /tmp/box/dest/e/f=2 e/../e/g/../../h=3 l>gone/../../dest l/../i=4");
+    put("a/../b=text a/./../a/c=more ../dest/d=1 /tmp/box/dest/e/f=2 e/../e/g/../../h=3 i/./j/../../k=5 "
+        "l>gone/../../dest l/../i=4");
     ended(unpack(box + "/p.zip"), -1, "error error opening l/../i"); /* its link's target is missing */
-    EXPECT_EQ(tree(dest), "d755 a ;d755 e ;d755 e/g ;f644 a/c more;f644 b text;f644 d 1;f644 e/f 2;f644 h 3;"
-                          "l777 l gone/../../dest;");
+    EXPECT_EQ(tree(dest),
+              "d755 a ;d755 e ;d755 e/g ;d755 i ;d755 i/j ;f644 a/c more;f644 b text;f644 d 1;f644 e/f 2;f644 h 3;"
+              "f644 k 5;"
+              "l777 l gone/../../dest;");
     put("d/f=1 l>d l/g=2 d/m>/tmp/box/dest/d/h d/m=3 n>d/.. n/..i=4 o>../dest/d o/.../j=5 ..\\k=6 p>o/f p=7 ./d//q=8 "
         "r>/proc/self/cwd/d r/s=9");
     EXPECT_EQ(unpack(box + "/p.zip"), 0);
@@ -318,6 +321,8 @@ TEST_F(Zip, one_entry_is_extracted_and_a_failure_stays_in_the_destination) {
     EXPECT_EQ(take("/proc/none", "a/b", box, "error change dir failed "), -1);
     EXPECT_EQ(take(nullptr, "a/b", box, "error dest is null"), -1);
     ended(vx_uncompress("p.zip", "/proc/none"), -1, "error change dir failed ");
+    (void)vx_uncompress("p.zip", "/tmp/box/new");
+    EXPECT_EQ(log().front(), "error /tmp/box/new is not exist, create it");
     expect_call(unpack("p"), -1, {"error Cannot open p or p.zip"});
 }
 
