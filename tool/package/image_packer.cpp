@@ -102,7 +102,8 @@ void write_all(int fd, std::span<const uint8_t> bytes) {
     while (!bytes.empty()) {
         const ssize_t done = write(fd, bytes.data(), bytes.size());
         if (done < 0 && errno != EINTR) {
-            throw Failure(ExitCode::failed, std::string("cannot stage the images beside the package") + because(errno));
+            throw Failure(ExitCode::failed,
+                          std::string("cannot stage the images next to the package") + because(errno));
         }
         bytes = bytes.subspan(static_cast<size_t>(std::max<ssize_t>(done, 0)));
     }
