@@ -122,6 +122,13 @@ void check_number(const std::string& format, Decode<uint64_t> decode) {
     }
 }
 
+TEST(Format, erased_bytes_are_all_0_or_all_ff) {
+    for (const auto& [hex, erased] :
+         {std::pair("", true), {"00", true}, {"ff*9", true}, {"00*8 01", false}, {"ff 00*8", false}, {"07*9", false}}) {
+        EXPECT_EQ(is_erased(span_of(bytes(hex))), erased) << hex;
+    }
+}
+
 TEST(Format, stored_records) {
     constexpr size_t no_magic = SIZE_MAX - 4;
     check_format("slot_block", 4, 32, decode_slot_block, seal_slot_block);
