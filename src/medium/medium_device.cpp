@@ -192,15 +192,6 @@ medium_result medium_device::pass_on(uint64_t begin, uint64_t end) const {
     return {};
 }
 
-medium_result medium_device::push(uint64_t begin, uint64_t end) const {
-    const auto from = static_cast<off64_t>(begin);
-    const auto length = static_cast<off64_t>(end - begin);
-    constexpr unsigned wait = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
-    const bool is_taken = sync_file_range(fd_.get(), from, length, SYNC_FILE_RANGE_WRITE) == 0 &&
-                          (begin == 0 || sync_file_range(fd_.get(), 0, from, wait) == 0);
-    return is_taken || is_unsupported_request(errno) ? medium_result{} : medium_result{medium_step::write, errno};
-}
-
 std::optional<uint32_t> medium_device::uncorrectable_reads() const {
     uint32_t failed = 0;
     if (kind_ != medium_kind::mtd || mtd_get_failed_reads(fd_.get(), &failed) != 0) {

@@ -79,11 +79,6 @@ public:
      * device's error, which sync() of the same object may not report again.
      */
     medium_result pass_on(uint64_t begin, uint64_t end) const;
-    /**
-     * Makes the kernel start storing the bytes from `begin` to `end`, and waits for those before `begin`.
-     * Fails at `write` with a device's error, which sync() will not report again.
-     */
-    medium_result push(uint64_t begin, uint64_t end) const;
 
     /** Reads that the ECC could not correct so far; nullopt without such a counter. Valid once identified. */
     [[nodiscard]] std::optional<uint32_t> uncorrectable_reads() const;

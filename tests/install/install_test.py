@@ -678,7 +678,7 @@ class InstallTest(BoardCase):
             blocks = state_of_system.seek(0, 2) // 65  # a byte for each, and one for each of its 64 pages
             state_of_system.seek(blocks + 1)
             state_of_system.write(b"\1")
-        self.expect("install /userdata/p.zip", 0, "293.0 KiB written, 68.4 KiB already installed")
+        self.expect("install /userdata/p.zip", 0, "128.0 KiB written, 233.3 KiB already installed")
 
     def test_a_full_file_system(self):
         self.new()

@@ -5,6 +5,8 @@
 #include "console/text.h"
 #include "ubi_repair.h"
 
+#include <cerrno>
+
 namespace {
 
 std::string sentence(const medium_result& result, const std::string& path) {
@@ -74,6 +76,28 @@ void Device::read_raw(uint64_t offset, std::span<uint8_t> bytes) const {
 
 void Device::sync() const {
     demand(medium_.sync(), path_);
+}
+
+void Device::pass_on(uint64_t begin, uint64_t end) const {
+    const medium_result result = medium_.pass_on(begin, end);
+    if (!result.is_ok()) {
+        throw Failure(ExitCode::device, "cannot write to " + path_ + because(result.error));
+    }
+}
+
+void Device::read_stored(uint64_t offset, std::span<uint8_t> bytes) {
+    if (!direct_ && !has_no_direct_ && !is_flash()) {
+        has_no_direct_ = !direct_.emplace().open_direct(path_.c_str()).is_ok();
+    }
+    const bool is_aligned = (offset | bytes.size() | reinterpret_cast<uintptr_t>(bytes.data())) % direct_alignment == 0;
+    if (is_aligned && direct_ && !has_no_direct_) {
+        const medium_result result = direct_->read_raw(offset, bytes);
+        if (result.error != EINVAL) { /* which some file systems return for every direct read */
+            demand(result, path_);
+            return;
+        }
+    }
+    read(offset, bytes);
 }
 
 bool Device::lost_reads_since(std::optional<uint32_t> before) const {

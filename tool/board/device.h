@@ -39,13 +39,13 @@ public:
 
     /** Waits until the medium holds everything, and drops its pages from the page cache. */
     void sync() const;
+    /** Waits until the device has the bytes from `begin` to `end`, which it may hold in a volatile cache. */
+    void pass_on(uint64_t begin, uint64_t end) const;
     /**
-     * Has the kernel begin to store the bytes up to `end`, and waits for those before `begin`.
-     * @return 0, or the errno value of a device's error, which sync() will not report again
+     * Reads the device itself and not the page cache, where the kernel supports that and offset, length and address are
+     * multiples of direct_alignment.
      */
-    [[nodiscard]] int push(uint64_t begin, uint64_t end) const {
-        return medium_.push(begin, end).error;
-    }
+    void read_stored(uint64_t offset, std::span<uint8_t> bytes);
 
     /** Count of reads that the ECC could not correct so far; nullopt if the device does not count them. */
     [[nodiscard]] std::optional<uint32_t> uncorrectable_reads() const {
@@ -57,6 +57,8 @@ public:
 private:
     std::string path_;
     mutable medium_device medium_; /* caching the bad blocks does not change the device */
+    std::optional<medium_device> direct_;
+    bool has_no_direct_ = false;
 };
 
 /** Waits until the medium holds everything. Asks the device nothing else. */

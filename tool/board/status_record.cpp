@@ -87,8 +87,12 @@ StoredVersions read_stored_versions() {
 }
 
 void write_status(ota_status_t& record) {
+    record.magic = status_record_magic;
+    seal_status_record(&record);
     ota_file_info_t place = locate(ota_ubootenv_partition);
-    require(ExitCode::device, cannot_store, [&] { return ota_write_to_veeprom_force(&record, &place); });
+    place.offset = status_record_offset;
+    require(ExitCode::device, cannot_store,
+            [&] { return ota_buf_to_file(&place, reinterpret_cast<const char*>(&record), sizeof record); });
     sync_partition(ota_ubootenv_partition);
 }
 
@@ -104,13 +108,17 @@ void store_versions(antirollback_ver_t record) {
     }
 }
 
-void set_status_flag(ota_update_flag_e flag) {
-    require(ExitCode::device, cannot_store, [&] { return ota_set_up_status(flag); });
-    sync_partition(ota_ubootenv_partition);
-}
-
-void clear_status_flag() {
-    require(ExitCode::device, cannot_store, [&] { return ota_set_up_status(OTA_FLAG_NORMAL); });
-    require(ExitCode::device, cannot_store, [&] { return ota_set_owner(NORMAL_BOOT); });
-    sync_partition(ota_ubootenv_partition);
+void clear_status() {
+    StoredStatus stored = read_status();
+    if (!stored.is_valid) {
+        ota_update_flag_e flag = OTA_FLAG_NORMAL; /* reading makes the library store a new record */
+        require(ExitCode::device, cannot_store, [&] { return ota_get_up_status(&flag); });
+        sync_partition(ota_ubootenv_partition);
+    } else if (stored.record.up != OTA_FLAG_NORMAL || stored.record.owner != NORMAL_BOOT) {
+        stored.record.up = OTA_FLAG_NORMAL;
+        stored.record.owner = NORMAL_BOOT;
+        write_status(stored.record);
+    } else {
+        sync_partition(ota_ubootenv_partition); /* the record may still be in the page cache only */
+    }
 }

@@ -49,16 +49,13 @@ bool is_half_written(int32_t slot);
 
 StoredVersions read_stored_versions();
 
-/** Stores a whole record as this tool's in one write, and waits until the medium holds it. */
+/** Stores a whole record in one write, with its magic number and checksum, and waits until the medium holds it. */
 void write_status(ota_status_t& record);
 
 /** Stores versions for burning the fuses later, unless already stored. On return the medium holds them. */
 void store_versions(antirollback_ver_t record);
 
-/** Sets the general flag, and waits until the medium holds it. */
-void set_status_flag(ota_update_flag_e flag);
-
-/** Records that no update is under way. */
-void clear_status_flag();
+/** Records that no update is under way, in one write at most. */
+void clear_status();
 
 #endif

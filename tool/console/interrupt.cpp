@@ -3,14 +3,17 @@
 
 #include "console/failure.h"
 
+#include <atomic>
 #include <csignal>
 
 namespace {
 
-volatile std::sig_atomic_t asked_to_end = 0;
+/* Any thread may handle the signal, and any may ask. */
+std::atomic<bool> asked_to_end{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 
 void ask_to_end(int /*signal*/) {
-    asked_to_end = 1;
+    asked_to_end = true;
 }
 
 } // namespace
@@ -34,7 +37,7 @@ void watch_interrupts() {
 }
 
 bool is_interrupted() {
-    return asked_to_end != 0;
+    return asked_to_end;
 }
 
 void stop_if_interrupted() {

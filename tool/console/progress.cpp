@@ -37,10 +37,6 @@ ProgressMode default_progress_mode() {
     return has_room_for_bar ? ProgressMode::bar : ProgressMode::plain;
 }
 
-std::optional<double> Progress::Work::rate() const {
-    return done > 0 && seconds > 0 ? std::optional(static_cast<double>(done) / seconds) : std::nullopt;
-}
-
 Progress::~Progress() {
     if (visible_ && !finished_) {
         std::fputs("\r\x1b[K", console::progress_stream());
@@ -66,26 +62,18 @@ void Progress::spare(std::string_view work, uint64_t bytes) {
     spared.total -= std::min(bytes, spared.total - spared.done);
 }
 
-/** Charges the time since the last call to the current work. Syncing counts towards the work before it. */
-void Progress::charge_time() {
-    const auto now = Clock::now();
-    if (charged_ < works_.size()) {
-        works_[charged_].seconds += std::chrono::duration<double>(now - since_).count();
-    }
-    since_ = now;
-}
-
 void Progress::begin(std::string_view phase, const std::string& subject) {
-    charge_time();
-    const auto found = std::find_if(works_.begin(), works_.end(), [&](const Work& work) { return work.name == phase; });
-    if (found != works_.end()) {
-        charged_ = static_cast<size_t>(found - works_.begin());
-    }
     phase_ = phase;
     subject_ = printable(subject);
     if (mode_ != ProgressMode::plain) {
         show();
     }
+}
+
+void Progress::store(uint64_t written, uint64_t unchanged) {
+    written_ += written;
+    unchanged_ += unchanged;
+    advance("write", written + unchanged);
 }
 
 void Progress::advance(std::string_view work, uint64_t bytes) {
@@ -95,7 +83,6 @@ void Progress::advance(std::string_view work, uint64_t bytes) {
 }
 
 void Progress::tick() {
-    charge_time();
     if (Clock::now() - shown_ >= interval(mode_)) {
         show();
     }
@@ -122,24 +109,25 @@ unsigned Progress::percent() const {
         return 100;
     }
     const uint64_t all = total();
-    return all == 0 ? 0 : static_cast<unsigned>(std::min<uint64_t>(99, done() * 100 / all));
+    const uint64_t share = all == 0 ? 0 : std::min<uint64_t>(99, done() * 100 / all);
+    return std::max(percent_, static_cast<unsigned>(share));
 }
 
-/** From the rate of each kind of work; a kind that has not started is assumed to be as fast as the others. */
+uint64_t Progress::verified_bytes() const {
+    const auto found =
+        std::find_if(works_.begin(), works_.end(), [](const Work& work) { return work.name == "verify"; });
+    return found != works_.end() ? found->done : 0;
+}
+
+/** Bytes of all work per second, since the beginning. */
+std::optional<double> Progress::rate() const {
+    const double seconds = std::chrono::duration<double>(Clock::now() - begun_).count();
+    return done() > 0 && seconds > 0 ? std::optional(static_cast<double>(done()) / seconds) : std::nullopt;
+}
+
 std::optional<double> Progress::seconds_left() const {
-    Work all;
-    for (const Work& work : works_) {
-        all.done += work.done;
-        all.seconds += work.seconds;
-    }
-    if (!all.rate()) {
-        return std::nullopt;
-    }
-    double left = 0;
-    for (const Work& work : works_) {
-        left += static_cast<double>(work.total - work.done) / work.rate().value_or(*all.rate());
-    }
-    return left;
+    const auto now = rate();
+    return now ? std::optional(static_cast<double>(total() - done()) / *now) : std::nullopt;
 }
 
 void Progress::finish() {
@@ -156,6 +144,7 @@ void Progress::finish() {
 
 void Progress::show() {
     shown_ = Clock::now();
+    percent_ = percent();
     switch (mode_) {
     case ProgressMode::none:
         return;
@@ -176,8 +165,8 @@ void Progress::show() {
 void Progress::show_bar() const {
     const unsigned filled = bar_width * percent() / 100;
     std::string tail;
-    if (!finished_ && charged_ < works_.size() && works_[charged_].rate()) {
-        tail = "  " + human_rate(*works_[charged_].rate());
+    if (!finished_ && rate()) {
+        tail = "  " + human_rate(*rate());
     }
     if (const auto left = seconds_left(); !finished_ && left) {
         tail += "  " + human_seconds(*left) + " left";
@@ -189,8 +178,12 @@ void Progress::show_bar() const {
 
 void Progress::show_line() const {
     std::string line = format("%u %%, %s %s", percent(), phase_.c_str(), subject_.c_str());
-    if (charged_ < works_.size() && works_[charged_].rate()) {
-        line += ", " + human_rate(*works_[charged_].rate());
+    if (const uint64_t verified = verified_bytes(); written_ + unchanged_ + verified > 0) {
+        line += ", " + human_bytes(written_) + " written, " + human_bytes(unchanged_) + " unchanged, " +
+                human_bytes(verified) + " verified";
+    }
+    if (rate()) {
+        line += ", " + human_rate(*rate());
     }
     if (const auto left = seconds_left()) {
         line += ", " + human_seconds(*left) + " left";
@@ -199,12 +192,18 @@ void Progress::show_line() const {
 }
 
 void Progress::show_json() const {
-    Json line = {{"percent", percent()}, {"phase", phase_}, {"done", done()}, {"total", total()}};
+    Json line = {{"percent", percent()},
+                 {"phase", phase_},
+                 {"done", done()},
+                 {"total", total()},
+                 {"written", written_},
+                 {"unchanged", unchanged_},
+                 {"verified", verified_bytes()}};
     if (!subject_.empty()) {
         line["subject"] = subject_;
     }
-    if (charged_ < works_.size() && works_[charged_].rate()) {
-        line["bytes_per_second"] = std::llround(*works_[charged_].rate());
+    if (rate()) {
+        line["bytes_per_second"] = std::llround(*rate());
     }
     if (const auto left = seconds_left()) {
         line["seconds_left"] = std::llround(std::ceil(*left));

@@ -2,9 +2,10 @@
 /**
  * Carries out a plan. Invariants that leave a bootable system after a power cut at any moment:
  *
- *  1. The update slot is unbootable, and the medium holds that, before the first byte of it changes.
+ *  1. The update slot is unbootable, and the medium holds that, before the first byte of it changes. Where nothing
+ *     differs, nothing is written.
  *  2. The slot becomes the next one only after every image was read back from its device, and the
- *     device holds it.
+ *     device was synced.
  *  3. Of the running slot's entry in the slot block only the priority changes, by the switch.
  *  4. Images for the slot come first. A partition that exists once is written when they have all been
  *     read back, and only with an image that was read through before.
@@ -19,9 +20,10 @@
 
 /**
  * Throws Failure, whose state says what the board boots now.
- * @param needed  false if the board is already in the state that the plan leads to: then only the last steps of an
- *                earlier run are completed: syncing the switch, storing the versions, clearing the status
+ * @param plan  the results of its targets are set
+ * @return false if the board was already in the state that the plan leads to: then only the last steps of an earlier
+ *         run were completed: syncing the switch, storing the versions, clearing the status
  */
-void carry_out(const Plan& plan, bool needed, const Package& package, Progress& progress);
+bool carry_out(Plan& plan, const Package& package, Progress& progress);
 
 #endif

@@ -7,12 +7,11 @@
 #include "board/status_record.h"
 #include "board/version_file.h"
 #include "console/console.h"
-#include "console/interrupt.h"
 #include "console/text.h"
+#include "install/image_install.h"
 #include "package/board_identity.h"
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 
 namespace {
@@ -81,28 +80,6 @@ void check_version(const Plan& plan, bool allow_downgrade) {
     }
 }
 
-/** Whether the device holds the image. Stops at the first difference. `done` counts the bytes compared. */
-bool holds_image(const Target& target, const Package& package, uint64_t& done, Progress& progress) {
-    const Device& device = *target.opened;
-    device.sync(); /* data left in the page cache by a killed run proves nothing */
-    const auto lost = device.uncorrectable_reads();
-    Digester digester(target.image.strongest_digest());
-    std::vector<uint8_t> held;
-    const bool is_equal = package.read(package.at(target.image.file), [&](std::span<const uint8_t> piece) {
-        stop_if_interrupted();
-        held.resize(piece.size());
-        device.read(done, held);
-        done += piece.size();
-        progress.advance("compare", piece.size());
-        digester.add(held);
-        return std::memcmp(held.data(), piece.data(), piece.size()) == 0;
-    });
-    if (is_equal && !target.image.matches(digester.finish())) {
-        throw wrong_digest(target.image);
-    }
-    return is_equal && !device.lost_reads_since(lost);
-}
-
 /** An update needs two slots, the running one and its neighbour: a and b, or c and d. */
 void check_update_slot(const SlotBlock& block) {
     const int32_t running = running_slot();
@@ -134,21 +111,6 @@ bool needs_switch(const SlotBlock& block, int32_t slot, std::optional<int32_t> r
     return slot != running || !block.has_highest_priority(slot) || block.find(slot)->corrupted;
 }
 
-bool holds_image(const Target& target, const Package& package, Progress& progress) {
-    uint64_t compared = 0;
-    bool is_equal = false;
-    try {
-        is_equal = holds_image(target, package, compared, progress);
-    } catch (const Failure& failure) {
-        /* Flash that was never written may be unreadable; it still has to be written. */
-        if (failure.code != ExitCode::device) {
-            throw;
-        }
-    }
-    progress.spare("compare", target.size - compared);
-    return is_equal;
-}
-
 } // namespace
 
 std::string Target::partition() const {
@@ -172,6 +134,7 @@ Plan begin_plan(const Package& package, const InstallOptions& options) {
 
 void add_targets(Plan& plan, const Package& package, const InstallOptions& options) {
     const std::vector<Image>& images = plan.description.images;
+    plan.rewrites = options.force;
     if (std::any_of(images.begin(), images.end(), [](const Image& image) { return image.is_ab(); })) {
         check_update_slot(require_slot_block());
     }
@@ -191,22 +154,25 @@ void add_targets(Plan& plan, const Package& package, const InstallOptions& optio
 void announce(const Plan& plan, const InstallOptions& options, Progress& progress) {
     for (const Target& target : plan.targets) {
         const uint64_t written = options.dry_run ? 0 : target.size;
-        progress.expect("compare", options.force ? 0 : target.size);
         progress.expect("check", target.read_first ? target.size : 0);
         progress.expect("write", written);
         progress.expect("verify", written);
     }
 }
 
+void survey(Target& target, const Package& package, Progress& progress) {
+    progress.expect("compare", target.size);
+    target.is_installed = holds_image(target, package, progress);
+    if (target.is_installed) {
+        progress.spare("check", target.read_first ? target.size : 0);
+        progress.spare("write", target.size);
+        progress.spare("verify", target.size);
+    }
+}
+
 void survey(Plan& plan, const Package& package, Progress& progress) {
     for (Target& target : plan.targets) {
-        progress.begin("compare", target.partition());
-        target.is_installed = holds_image(target, package, progress);
-        if (target.is_installed) {
-            progress.spare("check", target.read_first ? target.size : 0);
-            progress.spare("write", target.size);
-            progress.spare("verify", target.size);
-        }
+        survey(target, package, progress);
     }
 }
 
@@ -249,24 +215,25 @@ bool is_done(const Plan& plan) {
     return !plan.writes(true) && !plan.writes(false) && (!plan.switches || read_slot_block().is_sole_next(*plan.slot));
 }
 
-void check_slots(const Plan& plan) {
+std::optional<Failure> find_slot_problem(const Plan& plan) {
     if (!plan.slot || is_done(plan)) {
-        return;
+        return std::nullopt;
     }
     if (plan.slot == plan.running && plan.writes(true)) {
-        throw Failure(ExitCode::failed,
-                      "slot " + slot_letter(*plan.slot) + " would be written, but it is running on trial",
-                      "tessera confirm keeps this system, tessera rollback returns to the other; then install");
+        return Failure(ExitCode::failed,
+                       "slot " + slot_letter(*plan.slot) + " would be written, but it is running on trial",
+                       "tessera confirm keeps this system, tessera rollback returns to the other; then install");
     }
     const SlotBlock block = read_slot_block();
     const int32_t kept = *plan.slot ^ 1;
     const Slot* slot = block.find(kept);
     const bool is_confirmed = slot != nullptr && slot->is_confirmed();
     const bool has_nothing_to_lose = !plan.running && !block.has_bootable_slot();
-    if (!is_confirmed && !has_nothing_to_lose) {
-        throw Failure(ExitCode::failed,
-                      "slot " + slot_letter(kept) + " is not confirmed, so slot " + slot_letter(*plan.slot) +
-                          " cannot be updated",
-                      how_to_confirm(block, plan, kept));
+    if (is_confirmed || has_nothing_to_lose) {
+        return std::nullopt;
     }
+    return Failure(ExitCode::failed,
+                   "slot " + slot_letter(kept) + " is not confirmed, so slot " + slot_letter(*plan.slot) +
+                       " cannot be updated",
+                   how_to_confirm(block, plan, kept));
 }

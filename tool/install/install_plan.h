@@ -32,7 +32,8 @@ struct Target {
     uint64_t size;                             /* bytes of the image */
     std::string device;                        /* path */
     bool read_first;                           /* its digest is compared before anything is done with it */
-    bool is_installed = false;                 /* the device holds the image already */
+    bool is_installed = false;                 /* the device holds the image already, as far as is known */
+    uint64_t written = 0;                      /* bytes of the device, by this installation */
     std::unique_ptr<const Device> opened = {}; /* once for all that is read of it; the library writes by the path */
 
     /** "system_b", or the plain name of a partition that exists once */
@@ -47,12 +48,13 @@ struct Plan {
     bool record_is_valid = true;    /* the update status shows whether an installation was interrupted */
     std::optional<int32_t> slot;    /* the update slot, when an image goes to a slot */
     std::optional<int32_t> running; /* known whenever `slot` is, but in recovery mode no slot's system runs */
+    bool rewrites = false;          /* what is already installed is written again */
     bool switches = false;          /* the slot is made the next one in the end */
     std::vector<Descriptor> claims; /* keep others off the targets for as long as they are open */
 
     std::optional<antirollback_ver_t> versions; /* of the package, for burning the fuses later; may have none */
 
-    /** Whether an image of this kind has to be written. */
+    /** Whether an image of this kind has to be written, or may have to be. */
     [[nodiscard]] bool writes(bool ab) const;
 };
 
@@ -62,11 +64,14 @@ Plan begin_plan(const Package& package, const InstallOptions& options);
 /** Determines the target of each image; refuses images that do not fit, and an invalid slot block. */
 void add_targets(Plan& plan, const Package& package, const InstallOptions& options);
 
-/** Announces all work that the plan may need, so that the percentage never decreases. */
+/** Announces the work that the plan needs. */
 void announce(const Plan& plan, const InstallOptions& options, Progress& progress);
 
-/** Determines which images are already installed. */
+/** Determines which images are already installed, where that has to be known before anything is written. */
 void survey(Plan& plan, const Package& package, Progress& progress);
+
+/** The same for one image. */
+void survey(Target& target, const Package& package, Progress& progress);
 
 /**
  * Verifies the images that must be checked before use: those for partitions that exist once, where a damaged one
@@ -87,9 +92,10 @@ void check_record(Plan& plan);
 bool is_done(const Plan& plan);
 
 /**
- * Refuses to write the slot or to switch to it while the other one is not confirmed: after a power cut that
- * loses the slot block a half-written slot could boot, or the last system known to be good would be written.
+ * Why the plan must not be carried out, unless it is done already: it would write the slot or switch to it while the
+ * other one is not confirmed: after a power cut that loses the slot block a half-written slot could boot, or the last
+ * system known to be good would be written.
  */
-void check_slots(const Plan& plan);
+std::optional<Failure> find_slot_problem(const Plan& plan);
 
 #endif

@@ -33,10 +33,17 @@ struct Outcome {
     bool needed; /* something had to be done */
     double seconds;
 
-    [[nodiscard]] uint64_t bytes(bool written) const {
+    [[nodiscard]] uint64_t written() const {
         uint64_t sum = 0;
         for (const Target& target : plan.targets) {
-            sum += target.is_installed != written ? target.size : 0;
+            sum += target.written;
+        }
+        return sum;
+    }
+    [[nodiscard]] uint64_t kept() const {
+        uint64_t sum = 0;
+        for (const Target& target : plan.targets) {
+            sum += target.size - target.written;
         }
         return sum;
     }
@@ -66,14 +73,11 @@ void remark_on(const Plan& plan, const Options& options) {
     }
 }
 
-/** Whether an unknown installation may have been interrupted in the slot. */
-bool may_hide_another(const Plan& plan, bool needed) {
-    if (plan.record_is_valid || !can_keep_status()) {
-        return false;
-    }
+/** Whether the slot is one that an unknown installation may have left half written. */
+bool is_given_up(const Plan& plan) {
     const SlotBlock block = plan.slot ? read_slot_block() : SlotBlock{};
     const Slot* entry = plan.slot ? block.find(*plan.slot) : nullptr;
-    return !needed || (entry != nullptr && entry->is_given_up());
+    return entry != nullptr && entry->is_given_up();
 }
 
 Json to_json(const Outcome& outcome, bool dry_run) {
@@ -92,8 +96,8 @@ Json to_json(const Outcome& outcome, bool dry_run) {
             {"slot", plan.slot ? Json(*plan.slot) : Json()},
             {"switched", !dry_run && outcome.needed && plan.switches},
             {"partitions", partitions},
-            {"bytes_written", outcome.bytes(true)},
-            {"bytes_kept", outcome.bytes(false)},
+            {"bytes_written", outcome.written()},
+            {"bytes_kept", outcome.kept()},
             {"seconds", outcome.seconds}};
 }
 
@@ -110,9 +114,9 @@ std::string summary(const Outcome& outcome) {
     if (!outcome.needed) {
         return version + " is already installed" + slot_sentence(outcome.plan);
     }
-    const uint64_t written = outcome.bytes(true);
+    const uint64_t written = outcome.written();
     std::string text = "installed " + version + ": " + human_bytes(written) + " written";
-    if (const uint64_t kept = outcome.bytes(false); kept > 0) {
+    if (const uint64_t kept = outcome.kept(); kept > 0) {
         text += ", " + human_bytes(kept) + " already installed";
     }
     text += format(", in %.1f s", outcome.seconds);
@@ -150,16 +154,31 @@ bool repair_records(const Options& options) {
     return repaired;
 }
 
-/** Targets that are not written may be in use. A dry run claims no devices. */
-void claim_targets(Plan& plan, bool dry_run) {
-    for (const Target& target : plan.targets) {
-        if (target.is_installed) {
-            continue;
-        }
+/** Throws Failure unless the target is free, or holds its image already. A dry run claims no devices. */
+void claim_target(Plan& plan, Target& target, const Package& package, const Options& options, Progress& progress) {
+    try {
         Descriptor claim = claim_device(*target.opened, target.device, target.partition());
-        if (!dry_run) {
+        if (!options.dry_run) {
             plan.claims.push_back(std::move(claim));
         }
+    } catch (const Failure& failure) {
+        if (options.force || options.dry_run || failure.code != ExitCode::failed) {
+            throw;
+        }
+        survey(target, package, progress);
+        if (!target.is_installed) {
+            throw;
+        }
+    }
+}
+
+/** Without a survey every image counts as one to write, so only a refusal or a dry run needs to know more. */
+void check_slots(Plan& plan, const Package& package, const Options& options, Progress& progress) {
+    if (!options.force && (options.dry_run || find_slot_problem(plan))) {
+        survey(plan, package, progress);
+    }
+    if (const auto problem = find_slot_problem(plan)) {
+        throw Failure(*problem);
     }
 }
 
@@ -167,11 +186,12 @@ void check_plan(Plan& plan, const Package& package, const Options& options, Prog
     add_targets(plan, package, options);
     check_record(plan);
     announce(plan, options, progress);
-    if (!options.force) {
-        survey(plan, package, progress);
+    check_slots(plan, package, options, progress);
+    for (Target& target : plan.targets) {
+        if (!target.is_installed) {
+            claim_target(plan, target, package, options, progress);
+        }
     }
-    check_slots(plan);
-    claim_targets(plan, options.dry_run);
     check_images(plan, package, progress);
     stop_if_interrupted();
     progress.begin("check", "versions");
@@ -202,13 +222,15 @@ void install(const Context& context, const Options& options) {
     }
     const Package package(options.package);
     Progress progress(options.quiet ? ProgressMode::none : options.progress.value_or(default_progress_mode()));
-    const Plan plan = make_checked_plan(package, options, progress);
-    const bool needed = !is_done(plan);
-    if (may_hide_another(plan, needed)) {
-        remark(options, "the update status is not valid: whether another installation was interrupted is unknown");
+    Plan plan = make_checked_plan(package, options, progress);
+    const bool is_unknown = !plan.record_is_valid && can_keep_status();
+    const bool may_be_half_written = is_unknown && is_given_up(plan);
+    const bool needed = options.dry_run ? !is_done(plan) : carry_out(plan, package, progress);
+    for (Target& target : plan.targets) {
+        target.written = options.dry_run && !target.is_installed ? target.size : target.written;
     }
-    if (!options.dry_run) {
-        carry_out(plan, needed, package, progress);
+    if (may_be_half_written || (is_unknown && !needed)) {
+        remark(options, "the update status is not valid: whether another installation was interrupted is unknown");
     }
     progress.finish();
     if (plan.slot && plan.slot == plan.running) { /* only where the other slot is confirmed and this one is not */
