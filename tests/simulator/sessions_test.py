@@ -12,7 +12,7 @@ import unittest
 TOP = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["TESSERA_BUILD"])
 VARYING = [  # digests, times, numbers of device operations, and where the build is
-    (r"\b[0-9a-f]{32,64}\b", "DIGEST"), (r"in [\d.]+ s \([\d.]+ MiB/s\)", "in TIME"),
+    (r"\b[0-9a-f]{32,64}\b", "DIGEST"), (r"in [\d.]+ s \([\d.]+ [KM]iB/s\)", "in TIME"),
     (r"\b(write|operation) \d+\b", r"\1 N"), (rf"{BUILD}/demo/", "build/demo/"),
 ]
 
