@@ -24,7 +24,7 @@ RECIPE = (LAYER / "recipes-support" / "tessera" / f"tessera_{VERSION}.bb").read_
 NAMES = {"OpenSSL": ("openssl", "openssl"), "minizip": ("minizip", "minizip-zlib"), "zlib": ("zlib", "zlib"),
          "jansson": ("jansson", "jansson"), "libdeflate": ("libdeflate", "libdeflate")}
 LIBRARIES = {first or second for first, second in re.findall(
-    r"find_package\((\w+)|pkg_check_modules\(\w+ REQUIRED IMPORTED_TARGET ([\w-]+)", CMAKE)} - {"PkgConfig"}
+    r"find_package\((\w+)|pkg_check_modules\(\w+ REQUIRED IMPORTED_TARGET ([\w-]+)", CMAKE)} - {"PkgConfig", "Threads"}
 MAKE = f"""BR2_EXTERNAL_TESSERA_PATH = {TREE}
 BR2_PACKAGE_TESSERA_LOG_LIBRARY = "usr/lib/liblog.so"
 qstrip = $(strip $(subst ",,$(1)))

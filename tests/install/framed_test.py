@@ -82,12 +82,15 @@ class FramedTest(BoardCase):
         plain = read_raw(self.make(contents, "--plain"))
         self.assertEqual(list(plain), ["update.json", *(f"{name}.img" for name in contents)])
         path.write_bytes(first)
-        library = ctypes.CDLL(BUILD / "src" / "libtessera.so.1")
+        # A sanitized library cannot be loaded into this process.
+        library = None if os.environ.get("SANITIZE") else ctypes.CDLL(BUILD / "src" / "libtessera.so.1")
         for name, data in contents.items():
             with self.subTest(name=name):
                 for reader in (["unzip", "-p"], ["bsdtar", "-xOf"]):
                     result = subprocess.run([*reader, path, f"{name}.img"], capture_output=True, check=True)
                     self.assertEqual(result.stdout, data)
+                if library is None:
+                    continue
                 node = self.place / "node"
                 node.write_bytes(b"")
                 target = Target(0, 0, 0, str(node).encode())
