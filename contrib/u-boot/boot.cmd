@@ -10,7 +10,7 @@ test -n "${tessera_boot}" || setenv tessera_boot 'booti ${kernel_addr_r} - ${tes
 test -n "${tessera_args}" || setenv tessera_args 'setenv bootargs root=PARTLABEL=system_${tessera_slot} ro rootwait'
 test -n "${tessera_last_resort}" || setenv tessera_last_resort 'echo "tessera: waiting for a command"'
 
-# The block is in the sector at byte 2048 of misc. Behind the sector's copy: the checksum as crc32 stores it, most
+# The block is in the sector at byte 2048 of misc. After the sector's copy: the checksum as crc32 stores it, most
 # significant byte first, and as the block has it.
 setenv tessera_block ${kernel_addr_r}
 setexpr tessera_magic ${tessera_block} + 4
