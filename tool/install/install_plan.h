@@ -34,7 +34,7 @@ struct Target {
     bool read_first;                           /* its digest is compared before anything is done with it */
     bool is_installed = false;                 /* the device holds the image already, as far as is known */
     uint64_t written = 0;                      /* bytes of the device, by this installation */
-    std::unique_ptr<const Device> opened = {}; /* once for all that is read of it; the library writes by the path */
+    std::unique_ptr<const Device> opened = {}; /* to check, compare and sync; writing and reading back open `device` */
 
     /** "system_b", or the plain name of a partition that exists once */
     [[nodiscard]] std::string partition() const;
