@@ -90,6 +90,7 @@ def environment(build):
         "ASAN_OPTIONS": joined("verify_asan_link_order=0", os.environ.get("ASAN_OPTIONS")),
         "TESSERA_EFUSE_FILE": "/board/efuse/counters",
         "TESSERA_FLASH_CONF": FLASH_CONF,
+        "TMPDIR": "/tmp",  # the host's may be a directory that the board does not have
     }
     return [word for name, value in variables.items() for word in ("--setenv", name, value)]
 
