@@ -63,6 +63,10 @@ public:
         return 0;
     }
 
+    [[nodiscard]] bool has_unsynced() const override {
+        return std::ranges::any_of(unsynced_, [](uint8_t sector) { return sector != 0; });
+    }
+
     void set_tear(power_tear tear) override {
         tear_ = tear;
     }

@@ -44,6 +44,10 @@ public:
     [[nodiscard]] virtual int sync() {
         return 0;
     }
+    /** Whether something acknowledged has not reached the medium for certain. */
+    [[nodiscard]] virtual bool has_unsynced() const {
+        return false;
+    }
     /** Sets whether the power fails from now on within each operation that changes the medium. */
     virtual void set_tear(power_tear tear) = 0;
     /** Data held only by the kernel or a cache is lost or has reached the medium after all: `seed` decides. */

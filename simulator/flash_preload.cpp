@@ -244,6 +244,13 @@ FLASH_SIM_API int fdatasync(int fd) {
     return device != nullptr ? sync_device(*device) : next(fd);
 }
 
+/* Reaches the devices of the board. The host's own disks have nothing to do with it. */
+FLASH_SIM_API void sync() noexcept {
+    NEXT(sync);
+    simulation* const now = running_simulation;
+    now != nullptr ? now->sync() : next();
+}
+
 /* A character device supports neither of these two: programs then fall back to reading and writing. */
 FLASH_SIM_API ssize_t copy_file_range(int in, off64_t* in_offset, int out, off64_t* out_offset, size_t length,
                                       unsigned flags) {

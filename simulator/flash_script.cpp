@@ -98,20 +98,20 @@ void flash_script::parse_cut(std::istringstream& words) {
     }
 }
 
-flash_verdict flash_script::decide(const flash_operation& operation) {
+flash_verdict flash_script::decide(const flash_operation& operation, std::atomic<uint64_t>& operations) {
     flash_verdict verdict;
-    if (total_ >= cut_.after) {
+    const uint64_t total = operations < cut_.after ? ++operations : UINT64_MAX;
+    if (total > cut_.after) {
         verdict.refused = true;
         return verdict;
     }
-    ++total_;
     const uint64_t number = ++counts_[operation.kind];
     for (const rule& fault : rules_) {
         if (fault.kind == operation.kind && fault.number == number) {
             apply(fault, operation, verdict);
         }
     }
-    verdict.is_last = total_ == cut_.after;
+    verdict.is_last = total == cut_.after;
     verdict.tear = verdict.is_last ? cut_.tear : std::nullopt;
     return verdict;
 }

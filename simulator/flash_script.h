@@ -5,6 +5,7 @@
 
 #include "flash_device.h"
 
+#include <atomic>
 #include <map>
 #include <string>
 #include <string_view>
@@ -26,8 +27,8 @@ public:
     /** Throws std::runtime_error with the reason. */
     explicit flash_script(std::string_view text);
 
-    /** Counts the operation. */
-    flash_verdict decide(const flash_operation& operation);
+    /** Counts the operation in `operations`, which other programs of the board may count in too. */
+    flash_verdict decide(const flash_operation& operation, std::atomic<uint64_t>& operations);
 
     [[nodiscard]] bool cuts_at_once() const {
         return cut_.after == 0;
@@ -40,9 +41,6 @@ public:
     }
     [[nodiscard]] uint64_t seed() const {
         return cut_.seed;
-    }
-    [[nodiscard]] uint64_t operations() const {
-        return total_;
     }
 
 private:
@@ -67,7 +65,6 @@ private:
     std::vector<rule> rules_;
     power_cut cut_;
     std::map<std::string, uint64_t, std::less<>> counts_;
-    uint64_t total_ = 0;
 };
 
 /** The line of one operation, without a newline. */

@@ -20,8 +20,10 @@
  * followed by ".state", so that the device outlives the process. Outside changes to the file are seen
  * immediately. Reading and writing through stdio bypasses the device and accesses the file itself.
  *
- * Operations are numbered from 1, over all devices of the process and by kind. The kinds of operation and
- * the rules of a fault script are in `board --help`.
+ * Operations are numbered from 1, over all devices and by kind, in each process. If TESSERA_FLASH_POWER names
+ * a file, all processes that do so count a power cut's operations together, and a cut that kills ends each of them
+ * at its next operation. The file has two native 64-bit numbers: the operations so far, and 1 after such a cut.
+ * The kinds of operation and the rules of a fault script are in `board --help`.
  *
  * The journal has a line for every operation that reached a device,
  *

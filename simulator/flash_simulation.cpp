@@ -30,6 +30,7 @@ void simulation::load(flash_script script) {
     if (script_.kills() && stderr_ < 0) {
         stderr_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     }
+    end_without_power();
     if (script_.cuts_at_once()) {
         lose_power();
     }
@@ -45,9 +46,21 @@ void simulation::journal_to(FILE* file) {
     journal_file_ = file;
 }
 
+void simulation::share_power(const char* path) {
+    static mapped_file file(path, sizeof(board_power)); /* used until the program ends */
+    power_ = reinterpret_cast<board_power*>(file.bytes().data());
+}
+
+void simulation::sync() {
+    for (const named_device& named : devices_) {
+        if (named.device->has_unsynced()) {
+            (void)perform(named, {"fsync"}, [&](size_t /*limit*/) { return static_cast<long>(named.device->sync()); });
+        }
+    }
+}
+
 uint64_t simulation::operations() {
-    const std::lock_guard lock(mutex_);
-    return script_.operations();
+    return power_->operations;
 }
 
 const char* simulation::journal() {
@@ -71,6 +84,7 @@ named_device* simulation::find(const struct stat& status) {
 
 void simulation::start(flash_script script) {
     script_ = std::move(script);
+    own_power_.operations = 0;
     journal_.clear();
 }
 
@@ -80,7 +94,15 @@ void simulation::lose_power() {
     }
     if (script_.kills()) {
         (void)dprintf(stderr_, "flash simulator: the power fails %s operation %llu and ends the program\n",
-                      script_.tears() ? "within" : "after", static_cast<unsigned long long>(script_.operations()));
+                      script_.tears() ? "within" : "after", static_cast<unsigned long long>(power_->operations));
+        power_->kills = 1;
+        (void)std::raise(SIGKILL);
+    }
+}
+
+/** A script of several programs goes on after one of them was killed: whatever it starts then ends too. */
+void simulation::end_without_power() const {
+    if (power_->kills != 0) {
         (void)std::raise(SIGKILL);
     }
 }
@@ -132,12 +154,16 @@ void set_up_from_environment() {
     const char* const conf = std::getenv("TESSERA_FLASH_CONF");
     const char* const fault = std::getenv("TESSERA_FLASH_FAULT");
     const char* const journal = std::getenv("TESSERA_FLASH_JOURNAL");
+    const char* const power = std::getenv("TESSERA_FLASH_POWER");
     if (conf == nullptr) {
         return;
     }
     register_all(conf);
     if (journal != nullptr) {
         the_simulation().journal_to(std::fopen(journal, "ae"));
+    }
+    if (power != nullptr) {
+        the_simulation().share_power(power);
     }
     if (fault != nullptr) {
         the_simulation().load(flash_script(fault));

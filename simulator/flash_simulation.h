@@ -15,6 +15,13 @@
 #include <sys/stat.h>
 #include <vector>
 
+/** The power of a board: one for all its programs, which map the same file (flash_sim.h). */
+struct board_power {
+    std::atomic<uint64_t> operations = 0; /* that reached a device */
+    std::atomic<uint64_t> kills = 0;      /* 1: the power has failed and ends every program that reaches a device */
+};
+static_assert(sizeof(board_power) == 16 && std::atomic<uint64_t>::is_always_lock_free);
+
 class simulation {
 public:
     void add(const std::string& line);
@@ -22,6 +29,8 @@ public:
     void load(flash_script script);
     void reboot();
     void journal_to(FILE* file);
+    void share_power(const char* path);
+    void sync();
     uint64_t operations();
     const char* journal();
 
@@ -35,8 +44,9 @@ public:
     template <class Work>
     long perform(const named_device& named, const flash_operation& operation, Work work) {
         const std::lock_guard lock(mutex_);
-        const flash_verdict verdict = script_.decide(operation);
+        const flash_verdict verdict = script_.decide(operation, power_->operations);
         if (verdict.refused) {
+            end_without_power();
             return -EIO;
         }
         if (verdict.signal != 0) {
@@ -58,6 +68,7 @@ public:
 private:
     void start(flash_script script);
     void lose_power();
+    void end_without_power() const;
     void note(const std::string& line);
 
     std::mutex mutex_;
@@ -67,6 +78,8 @@ private:
     std::string journal_;
     std::string journal_shown_;
     FILE* journal_file_ = nullptr;
+    board_power own_power_;
+    board_power* power_ = &own_power_;
     int stderr_ = -1; /* a duplicate of the original: the program may redirect its own */
 };
 

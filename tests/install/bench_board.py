@@ -21,12 +21,12 @@ SIMULATOR = pathlib.Path(__file__).resolve().parents[2] / "simulator"
 sys.path.insert(0, str(SIMULATOR))
 
 from simboard import slots, state  # noqa: E402
+from simboard.cuts import CHANGES  # noqa: E402
 
 BOARD = types.ModuleType("board")
 SourceFileLoader("board", str(SIMULATOR / "board")).exec_module(BOARD)
 
 MEDIA = {"emmc": "emmc", "nand": "nand", "nor": "nor", "ubi": "nand"}  # board: word in a description
-MUTATIONS = ("pwrite", "fsync", "MEMERASE64", "UBI_IOCEBER", "UBI_IOCSETVOLPROP")
 
 
 def images(seed, **sizes):
@@ -130,7 +130,7 @@ class BoardCase(unittest.TestCase):
     def expect_no_change(self, line, status, message=""):
         """Runs the command, and fails if it changes a device. @return its result"""
         result = self.expect(line, status, message)
-        self.assertEqual([op for op in self.operations() if op[1] in MUTATIONS and op[1] != "fsync"], [])
+        self.assertEqual([op for op in self.operations() if op[1] in CHANGES and op[1] != "fsync"], [])
         return result
 
     def firmware(self, version):
