@@ -17,7 +17,7 @@ import jsonschema
 TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TOP / "tests" / "install"))
 
-from bench_board import BoardCase  # noqa: E402
+from bench_board import BoardCase, describe, images  # noqa: E402
 
 BUILD = pathlib.Path(os.environ["TESSERA_BUILD"])
 BOARD = TOP / "simulator" / "board"
@@ -123,10 +123,13 @@ class DocumentsTest(BoardCase):
 
     def test_examples_of_the_simulator(self):
         examples = re.findall(r"^  (board \w.*)$", self.must(f"{BOARD} --help"), re.M)
-        self.assertEqual(len(examples), 3)
+        self.assertEqual(len(examples), 4)
+        self.new()
+        self.pack("new.zip", images(1), describe(images(1), "nand"))
+        (self.home / "new.zip").rename(self.place / "new.zip")
         for command in examples:
             with self.subTest(command):
-                self.must(f"{BOARD.parent}/{command}".replace("/tmp/b", "b"))
+                self.must(f"{BOARD.parent}/{command}".replace("/tmp/b", "b").replace("--every 10 ", "--every 100 "))
 
     def test_help_of_the_scripts(self):
         """On the board, where a script that did its work instead would fail."""
