@@ -27,9 +27,6 @@ enum class zip_kind { directory, link, file };
 /** A value of 32 bits that means "see the extra field" or, in the end of a file, "see the zip64 end". */
 inline constexpr uint32_t zip_wide32 = 0xFFFFFFFF;
 
-/** The largest size that minizip reports and delivers whole, whatever its version. */
-inline constexpr uint32_t zip_largest_size = zip_wide32 - 1;
-
 /** The extensions of entries that hold images. */
 inline constexpr const char* zip_image_extensions[] = {"img", "bin", "ubifs"};
 

@@ -42,11 +42,20 @@ def read_raw(path):
 def write_raw(path, entries):
     body, listed = b"", b""
     for name, (method, crc, size, packed) in entries.items():
-        fields = (20, 0, method, 0, 33, crc, len(packed), size, len(name), 0)
-        listed += struct.pack(LISTED, b"PK\1\2", 788, *fields, 0, 0, 0, 0o100644 << 16, len(body)) + name.encode()
-        body += struct.pack(LOCAL, b"PK\3\4", *fields) + name.encode() + packed
+        wide = size >= 1 << 32
+        rest = name.encode() + (struct.pack("<2H2Q", 1, 16, size, len(packed)) if wide else b"")
+        sizes = (0xFFFFFFFF, 0xFFFFFFFF) if wide else (len(packed), size)
+        fields = (20, 0, method, 0, 33, crc, *sizes, len(name), len(rest) - len(name))
+        listed += struct.pack(LISTED, b"PK\1\2", 788, *fields, 0, 0, 0, 0o100644 << 16, len(body)) + rest
+        body += struct.pack(LOCAL, b"PK\3\4", *fields) + rest + packed
     end = struct.pack(END, b"PK\5\6", 0, 0, len(entries), len(entries), len(listed), len(body), 0)
     path.write_bytes(body + listed + end)
+
+
+def flushed(data):
+    """@return a frame"""
+    packer = zlib.compressobj(wbits=-15)
+    return packer.compress(data) + packer.flush(zlib.Z_FULL_FLUSH)
 
 
 def stored(data):
@@ -97,6 +106,26 @@ class FramedTest(BoardCase):
                 self.assertEqual(library.vx_uncompress_file_to(str(path).encode(), f"{name}.img".encode(),
                                                                ctypes.byref(target), None), 0)
                 self.assertEqual(node.read_bytes(), data)
+
+    def test_an_image_past_4_GiB(self):
+        size, count, end = (4 << 30) + 5, 1 << 15, b"hello"  # frames of zeros, then this
+        sha256, crc = "2178c0ec68741327bd541fa5a96d97868095caeec823392bf5b7874fede6b1cf", 0x41F0F038
+        frame, last = flushed(bytes(FRAME)), flushed(end)
+        blocks = struct.pack(f"<4sIQ2I{count + 1}I", b"TSBM", 1, size, BLOCK, FRAME, *[len(frame)] * count, len(last))
+        blocks += hashlib.sha256(bytes(BLOCK)).digest()[:16] * (size // BLOCK) + hashlib.sha256(end).digest()[:16]
+        description = describe({"system": end}, "emmc")
+        description["partitions"][0] |= {"size": size, "sha256": sha256, "blocks": {
+            "file": "system.img.blocks", "sha256": hashlib.sha256(blocks).hexdigest()}}
+        self.new("emmc", size + BLOCK - 5)
+        write_raw(self.home / "p.zip", {
+            "update.json": stored(json.dumps(description).encode()), "system.img.blocks": stored(blocks),
+            "system.img": [8, crc, size, frame * count + last + b"\3\0"]})
+        told = json.loads(self.expect("install /userdata/p.zip --json", 0).stdout)
+        self.assertEqual(told["bytes_written"] + told["bytes_kept"], size)
+        with self.board().logical_file(self.board().device("system_b")) as file:
+            file.seek(size - 5)
+            self.assertEqual(file.read(5), end)
+        self.expect("package unpack /userdata/p.zip /userdata/all", 3, f"of {size} bytes is too large to be read")
 
     def test_damaged_and_lying_maps(self):
         contents = {"system": image(1, (1 << 20) + 5), "boot": image(4, (1 << 20) + 5)}

@@ -4,7 +4,6 @@
 #include "console/interrupt.h"
 #include "console/json.h"
 #include "console/text.h"
-#include "format/zip_entry.h"
 #include "package/image_reader.h"
 
 #include <algorithm>
@@ -91,10 +90,6 @@ void check_image(const Package& package, const Image& image, bool is_signed) {
     const Entry& entry = package.at(image.file);
     if (entry.kind != zip_kind::file || entry.size == 0) {
         throw Failure(ExitCode::refused, image.file + " is empty or not a regular file");
-    }
-    if (entry.size > zip_largest_size) {
-        throw Failure(ExitCode::refused,
-                      image.file + " of " + human_bytes(entry.size) + " is too large to be unpacked");
     }
     if (image.size.value_or(entry.size) != entry.size) {
         throw Failure(ExitCode::refused, format("%s has %llu bytes, but the description states %llu",
