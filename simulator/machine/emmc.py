@@ -24,18 +24,20 @@ class Cut:
     survivors: str
 
     def __str__(self):
-        place = f"after {self.kind} {self.count} of {self.partition}" if self.kind else f"after {self.count * 1000:.0f} ms"
-        return f"{place}, of the cache survives {self.survivors}"
+        request = f"{self.kind} {self.count} of {self.partition}"
+        place = request if self.kind else f"{self.count * 1000:.0f} ms"
+        return f"after {place}, of the cache survives {self.survivors}"
 
 
 class Emmc:
     """`odd` partitions do not end with a page of 4096 bytes: the kernel then stores their records by sectors."""
 
+    cut_status = None  # of a command that a cut has ended: the machine is gone
     WORD = "MMC"  # on the kernel's command line
     PARTITIONS = {"misc": 64 << 10, "ubootenv": 256 << 10, "boot_a": 128 << 10, "boot_b": 128 << 10,
                   "system_a": 512 << 10, "system_b": 512 << 10}
 
-    def __init__(self, place, draw, odd=False, ignores_flush=False):
+    def __init__(self, place, draw, _saved=None, odd=False, ignores_flush=False):
         self.place, self.draw = place, draw
         sizes = [(name, size + odd * gpt.SECTOR) for name, size in self.PARTITIONS.items()]
         gpt.write(place / "disk", sizes)
@@ -53,6 +55,9 @@ class Emmc:
     def write(self, name, offset, data):
         """Changes what is stored, as a factory or a bootloader does."""
         self.disk.stored[self.at(name, offset) : self.at(name, offset) + len(data)] = data
+
+    def erase(self, name, offset):
+        """A disk has nothing to erase."""
 
     def start(self, saved):
         """@return a machine with this disk and its partitions"""
@@ -87,11 +92,16 @@ class Emmc:
         return cuts + [Cut("", "", self.draw.uniform(0, seconds), "half") for _ in self.requests]
 
     @staticmethod
+    def fragile(cuts):
+        """Of the cuts of a command, those that a lost sync makes dangerous."""
+        return [cut for cut in cuts if cut.kind == "write" and cut.survivors == "half"]
+
+    @staticmethod
     def sample(cuts):
-        """Of the cuts of a command, those after a write of misc, and one for each other partition."""
+        """Of the cuts of a command: in an image, and in the switch with all that may survive."""
         writes = [cut for cut in cuts if cut.kind == "write"]
-        others = {cut.partition: cut for cut in writes if cut.survivors == "half"}  # the last one of each
-        return [cut for cut in writes if cut.partition == "misc"] + list(others.values())
+        images = [cut for cut in writes if cut.partition == "system" and cut.survivors == "half"]
+        return images[-1:] + [cut for cut in writes if cut.partition == "misc"][-len(SURVIVORS) :]
 
     def arm(self, cut):
         """The power fails during the next command. @return what to put before the command"""

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """A machine in QEMU that waits for commands, is saved once, and continues from there in about a second."""
 
+import atexit
 import json
 import pathlib
 import socket
@@ -12,6 +13,7 @@ QEMU = "qemu-system-x86_64"
 MEMORY = 160  # MiB
 CONTENTS = "contents"  # the disk's block device, for -blockdev
 COMMAND_TIMEOUT = 120  # s
+COMMAND_LINE = "console=ttyS0 quiet panic=-1 no_timer_check"  # the emulator's timer is late on a busy host
 
 
 class MachineError(Exception):
@@ -20,8 +22,8 @@ class MachineError(Exception):
 
 class Machine:
     """
-    A running guest. It executes shell commands that arrive on its second serial port (guest_init), and its first port is
-    the console, in the file `console`. `backing` describes the disk's contents as for -blockdev.
+    A running guest. It executes shell commands that arrive on its second serial port (guest_init). The first one is the
+    console, in the file `console`. `backing` describes the disk's contents as for -blockdev.
     """
 
     def __init__(self, kernel, initrd, backing, saved=None):
@@ -36,9 +38,10 @@ class Machine:
                    "-qmp", f"unix:{place / 'control'}",
                    "-blockdev", json.dumps(backing | {"node-name": CONTENTS}),
                    "-device", f"virtio-blk-pci,drive={CONTENTS},addr=4",
-                   "-kernel", str(kernel), "-initrd", str(initrd), "-append", "console=ttyS0 quiet panic=-1"]
+                   "-kernel", str(kernel), "-initrd", str(initrd), "-append", COMMAND_LINE]
         command += ["-incoming", f"exec:cat {saved}"] if saved else []
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL)
+        atexit.register(self.process.kill)
         self.commands, self.control = self.accept(listener), self.accept(control).makefile("rw")
         self.control.readline()
         self.pending = b""
@@ -102,6 +105,7 @@ class Machine:
         """The power fails."""
         self.process.kill()
         self.process.wait()
+        atexit.unregister(self.process.kill)
         for end in (self.commands, self.control):
             end.close()
         self.directory.cleanup()

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
  * Loaded into a program before the C library: lists the operations that change or sync a device, and ends the program
- * after one of them or within it, or leaves out one sync.
+ * after one of them or within it, or leaves one out.
  *
  *     POWER_CUT_LOG=FILE     each operation, one line: DEVICE KIND OFFSET LENGTH
  *     POWER_CUT=N[:BYTES]    ends the program with SIGKILL after the N-th operation. Of a write, only BYTES take place;
  *                            with BYTES, an erase or a request does not take place
- *     SKIP_SYNC=N            the N-th sync succeeds and does nothing
+ *     LOSE_OPERATION=N       the N-th operation succeeds and does nothing
+ *     LOSE_SYNC=N            the N-th sync succeeds and does nothing
  */
 #include <cerrno>
 #include <csignal>
@@ -60,14 +61,15 @@ void log_operation(int fd, const char* kind, off_t offset, size_t length) {
     fclose(log);
 }
 
-/** @return how many bytes of the next operation take place; `whole` if the power does not fail within it */
+/** @return how many bytes of the next operation take place; `whole` if nothing happens to it */
 long begin_operation() {
-    const char* const cut = getenv("POWER_CUT");
-    if (++operations != number_in("POWER_CUT") || cut == nullptr) {
-        return whole;
+    ++operations;
+    if (operations == number_in("LOSE_OPERATION")) {
+        return 0;
     }
-    const char* const colon = strchr(cut, ':');
-    return colon == nullptr ? whole : atol(colon + 1);
+    const char* const cut = getenv("POWER_CUT");
+    const char* const colon = cut != nullptr ? strchr(cut, ':') : nullptr;
+    return colon != nullptr && operations == atol(cut) ? atol(colon + 1) : whole;
 }
 
 void end_operation() {
@@ -95,7 +97,7 @@ int sync_device(int fd, const char* kind, Perform perform) {
     }
     const std::lock_guard lock(in_operation);
     log_operation(fd, kind, 0, 0);
-    return ++syncs == number_in("SKIP_SYNC") ? 0 : perform();
+    return ++syncs == number_in("LOSE_SYNC") ? 0 : perform();
 }
 
 } // namespace
@@ -114,7 +116,7 @@ EXPORTED ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) {
     const int cause = errno;
     end_operation();
     errno = cause;
-    return result;
+    return stored == whole || result < 0 ? result : static_cast<ssize_t>(length);
 }
 
 EXPORTED int ioctl(int fd, unsigned long request, ...) noexcept {

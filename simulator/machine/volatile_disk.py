@@ -59,7 +59,7 @@ class VolatileDisk:
             self.stored[number * SECTOR : (number + 1) * SECTOR] = self.cache.pop(number)
 
     def lose_power(self, survives):
-        """Of what was not flushed, the sectors survive for which `survives(number)` is true. The cache is empty then."""
+        """Of what was not flushed, the sectors survive for which `survives(number)` is true. Empties the cache."""
         self.store([number for number in sorted(self.cache) if survives(number)])
         self.cache.clear()
 
