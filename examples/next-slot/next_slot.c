@@ -18,5 +18,8 @@ int main(void) {
         return 1;
     sync();
     printf("%llu bytes are on %s\n", (unsigned long long)target.offset, target.path);
-    return ota_set_next_expected_slot(slot) == 0 ? 0 : 1;
+    if (ota_set_next_expected_slot(slot) != 0)
+        return 1;
+    sync(); /* the library leaves this to its caller */
+    return 0;
 }
