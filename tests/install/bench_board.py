@@ -70,6 +70,8 @@ def be_board(words, environment, *streams):
 
 
 class BoardCase(unittest.TestCase):
+    refused = 0  # installations that expect_no_change() saw refused
+
     def setUp(self):
         self.place = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.dir = self.place / "board"
@@ -130,6 +132,7 @@ class BoardCase(unittest.TestCase):
     def expect_no_change(self, line, status, message=""):
         """Runs the command, and fails if it changes a device. @return its result"""
         result = self.expect(line, status, message)
+        BoardCase.refused += line.startswith("install ") and status != 0
         self.assertEqual([op for op in self.operations() if op[1] in CHANGES and op[1] != "fsync"], [])
         return result
 

@@ -855,4 +855,8 @@ class InstallTest(BoardCase):
         self.expect("flashcmd misc_write_cmd", 4, "did not persist in flashcmd")
 
 
+def tearDownModule():
+    print(f"{BoardCase.refused} installations were refused, and none of them changed a device")
+
+
 unittest.main(warnings="ignore")  # about two entries of a name
