@@ -10,8 +10,7 @@
  *       16     4  size of a block, 4096
  *       20     4  size of a frame before it is deflated, 131072; the last frame may be shorter
  *       24   4 f  deflated length of each of the f frames
- *  24 + 4 f 16 b  the first 16 bytes of the SHA-256 of each of the b blocks; that of a shorter last block is over the
- *                 bytes that it has
+ *  24 + 4 f 16 b  the first 16 bytes of the SHA-256 of each of the b blocks; a shorter last block is hashed as it is
  *
  * The frames follow each other without gaps. The bytes 03 00, an empty last block of deflate, end the entry after the
  * last frame, as they end each frame that is inflated by itself.

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
  * @file
- * A/B slots. One 32-byte block at byte 2048 of the partition "misc" tells the bootloader which slot
- * to boot and how often to try. It is read, changed and written as a whole, without a lock, a journal or
+ * A/B slots. One 32-byte block at byte 2048 of the partition "misc" determines which slot the bootloader
+ * boots and how often it tries. It is read, changed and written as a whole, without a lock, a journal or
  * a cache. Only a negative result from the device fails a call: a short write that the device reports is
  * not treated as a failure.
  *

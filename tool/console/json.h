@@ -109,7 +109,7 @@ std::string to_text(const Json& value, int indent = -1);
 
 /**
  * Reads a JSON text (RFC 8259) that nests at most 2048 deep. A key given twice is refused, since readers would
- * differ on which one counts; so is a whole number past 64 bits with a sign.
+ * differ on which one counts; so is a whole number outside int64_t.
  *
  * @param name  what the text is, for the refusal
  * @throws Failure (refused) with the reason and its line and column

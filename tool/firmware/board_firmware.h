@@ -24,8 +24,7 @@ struct BoardFirmware {
  * Reads the version of every firmware partition whose kind is wanted. What a partition is follows from its name;
  * "ubootenv" holds no firmware. An image without certificates has no version here. Throws only if the
  * partitions cannot be listed; one that cannot be read has a problem instead of a version.
- * @param block  the board's slots: a name that ends in the letter of another one is that of a partition that
- *               exists once
+ * @param block  the board's slots: a suffix that is not one of them is part of the name of a partition that exists once
  */
 std::vector<BoardFirmware> read_board_firmware(const SlotBlock& block, const std::function<bool(FirmwareKind)>& wanted);
 

@@ -11,7 +11,7 @@
  *     read back, and only with an image that was read through before.
  *  5. The package's anti-rollback versions are stored after every image was read back, and before the switch:
  *     they are never those of a package that is not on the board.
- *  6. The status record says "burn" before the first byte changes, and "normal" only at the end.
+ *  6. The status record is "burn" before the first byte changes, and "normal" only at the end.
  */
 #ifndef TOOL_INSTALL_H
 #define TOOL_INSTALL_H
@@ -19,7 +19,7 @@
 #include "install/install_plan.h"
 
 /**
- * Throws Failure, whose state says what the board boots now.
+ * Throws Failure, whose state reports what the board boots now.
  * @param plan  the results of its targets are set
  * @return false if the board was already in the state that the plan leads to: then only the last steps of an earlier
  *         run were completed: syncing the switch, storing the versions, clearing the status

@@ -28,7 +28,7 @@ public:
     /** @param staging  beginning of the path of the staging file, which is removed from its directory at once */
     explicit ImagePacker(const std::string& staging);
 
-    /** Reads and deflates a file. @param advance  is told the bytes of each piece that was read */
+    /** Reads and deflates a file. @param advance  is called with the bytes of each piece that was read */
     PackedImage pack(const std::string& path, bool framed, const std::function<void(size_t)>& advance);
 
     /** Copies the data of a packed image into the package. */

@@ -42,7 +42,7 @@ std::string trial_addition() {
         const Slot* trial = running_trial(block);
         return trial != nullptr ? "; " + trial_remark(*trial) : "";
     } catch (const Failure&) {
-        return ""; /* the item of its partition says more */
+        return ""; /* the item of its partition has the reason */
     }
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** tessera flashcmd: hands a prepared command of the board to its flash command node. */
+/** tessera flashcmd: writes a prepared flash command to the board's node for such commands. */
 #include "board/device.h"
 #include "board/partition.h"
 #include "board/small_file.h"
@@ -69,7 +69,7 @@ std::string whole_command(const Options& options, const std::string& data) {
 
 /**
  * The command is written as to a file, without erasing: NOR then keeps a mixture of the old bits and the
- * new ones, and says nothing. A driver node without a size cannot be compared.
+ * new ones, without an error. A driver node without a size cannot be compared.
  */
 void demand_kept(const Options& options, const std::string& data) {
     const std::string path = partition_path(ota_flashcmd_partition);

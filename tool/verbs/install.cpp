@@ -68,8 +68,8 @@ void remark_on(const Plan& plan, const Options& options) {
                    " cannot be read: downgrades go undetected until a system image that contains it is installed");
     }
     if (!can_keep_status()) {
-        remark(options, "a bad block in ubootenv makes the update status unreadable: tessera status cannot report the "
-                        "progress of this installation");
+        remark(options, "a bad block in ubootenv makes the update status unreadable: tessera status cannot report "
+                        "whether this installation has ended");
     }
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-/** tessera partitions: the partitions by name, and what the GPT of an eMMC says. */
+/** tessera partitions: the partitions by name, and what the GPT of an eMMC contains. */
 #include "board/device.h"
 #include "board/partition.h"
 #include "console/text.h"

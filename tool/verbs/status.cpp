@@ -104,7 +104,7 @@ std::string subject(const ota_status_t& record) {
     return names.empty() ? "slot " + slot_letter(static_cast<int32_t>(record.next_slot)) : names;
 }
 
-/** What the general flag and the owner say together. */
+/** One sentence from the general flag and the owner. */
 std::string headline(const ota_status_t& record) {
     const std::string update =
         record.owner == NORMAL_BOOT ? "an update" : "an update by the " + owner_names.word(record.owner);
