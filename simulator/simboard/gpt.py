@@ -15,6 +15,15 @@ LINUX_DATA = uuid.UUID("0fc63daf-8483-4772-8e79-3d69d8477de4")
 HEADER = struct.Struct("<8sIIII4Q16sQIII")
 
 
+def offsets(partitions):
+    """@return where write() puts each partition, in bytes, by its name"""
+    found, start = {}, ALIGNMENT * SECTOR
+    for name, size in partitions:
+        found[name] = start
+        start += -(-size // (ALIGNMENT * SECTOR)) * ALIGNMENT * SECTOR
+    return found
+
+
 def write(path, partitions):
     """Creates the file `path` as a disk with a GPT; `partitions` are pairs of a name and a size in bytes."""
     entries, start = b"", ALIGNMENT

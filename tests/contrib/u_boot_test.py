@@ -19,8 +19,7 @@ BUILD = pathlib.Path(os.environ["TESSERA_BUILD"])
 FIRMWARE = pathlib.Path("/usr/lib/u-boot/qemu_arm64/u-boot.bin")
 MIB = 1 << 20
 PARTITIONS = [("script", 2 * MIB), ("misc", MIB), ("boot_a", MIB), ("boot_b", MIB)]
-STARTS = {name: (1 + sum(size for _, size in PARTITIONS[:index]) // MIB) * MIB
-          for index, (name, _) in enumerate(PARTITIONS)}
+STARTS = gpt.offsets(PARTITIONS)
 BLOCK = STARTS["misc"] + slots.OFFSET
 # An arm64 kernel image that prints the bytes at its end and the words of its command line from "veloxboot" on, which
 # it looks for in the device tree ("ve", two bytes, "x"), and switches the machine off.

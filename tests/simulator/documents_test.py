@@ -33,6 +33,7 @@ NOT_RUN = {
     "script/licences", "script/docs",  # stages of it too
     "script/fuzz SECONDS", "script/fuzz keep",  # takes the time it is given, and changes the tree
     "script/coverage", "script/cross",  # build everything once more
+    "script/board",  # fetches and builds, and takes minutes
     "script/u-boot",  # builds U-Boot, and takes minutes
     "script/mutate", "script/mutate COUNT [SEED]",  # build everything once more and take long
     "script/bench",  # measures for a quarter of an hour, on a machine with nothing else to do
