@@ -11,7 +11,13 @@ from simboard import gpt
 from . import volatile_disk
 
 KINDS = {volatile_disk.READ: "read", volatile_disk.WRITE: "write", volatile_disk.FLUSH: "flush"}
-SURVIVORS = {"none": 0, "half": 0.5, "all": 1}  # share of the sectors that were not flushed
+# Whether a sector survives that was not flushed. A disk may store writes in any order, so the last one may come first.
+SURVIVORS = {
+    "none": lambda disk, sector, draw: False,
+    "half": lambda disk, sector, draw: draw.random() < 0.5,
+    "last": lambda disk, sector, draw: sector in disk.last,
+    "all": lambda disk, sector, draw: True,
+}
 
 
 @dataclass(frozen=True)
@@ -94,7 +100,7 @@ class Emmc:
     @staticmethod
     def fragile(cuts):
         """Of the cuts of a command, those that a lost sync makes dangerous."""
-        return [cut for cut in cuts if cut.kind == "write" and cut.survivors == "half"]
+        return [cut for cut in cuts if cut.survivors == "last"]
 
     @staticmethod
     def sample(cuts):
@@ -123,5 +129,5 @@ class Emmc:
             self.timer = None
         self.cut_power()
         self.guest.kill()
-        share = SURVIVORS[cut.survivors if cut else "none"]
-        self.disk.lose_power(lambda _sector: self.draw.random() < share)
+        survives = SURVIVORS[cut.survivors if cut else "none"]
+        self.disk.lose_power(lambda sector: survives(self.disk, sector, self.draw))

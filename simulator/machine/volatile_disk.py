@@ -28,13 +28,15 @@ class PowerFailed(Exception):
 
 class VolatileDisk:
     """
-    `stored` is what survives a power cut for certain, `cache` has the newer contents of sectors by number.
+    `stored` is what survives a power cut for certain, `cache` has the newer contents of sectors by number, and `last`
+    the numbers of the last write.
     With `ignores_flush` the disk acknowledges a flush and does nothing, as some disks do.
     """
 
     def __init__(self, contents, ignores_flush=False):
         self.stored = bytearray(contents)
         self.cache = {}
+        self.last = range(0)
         self.ignores_flush = ignores_flush
 
     def read(self, offset, length):
@@ -47,6 +49,7 @@ class VolatileDisk:
 
     def write(self, offset, data):
         """`offset` and length are multiples of a sector."""
+        self.last = range(offset // SECTOR, (offset + len(data)) // SECTOR)
         for start in range(0, len(data), SECTOR):
             self.cache[(offset + start) // SECTOR] = data[start : start + SECTOR]
 
