@@ -15,18 +15,19 @@ that does not. If the system that boots is not confirmed, it is also done with `
 """
 
 import collections
+import os
 import pathlib
 import re
 import signal
 import subprocess
 import tempfile
 import threading
+import time
 from concurrent import futures
 from dataclasses import dataclass, field
 
 from . import BoardError, bootloader, box, contents, cuts, slots, state
 
-LIMIT = 120  # seconds for a command on the board
 CUT_STATUS = 128 + signal.SIGKILL
 CONFIRM, STATUS = ["tessera", "confirm"], ["tessera", "status"]
 KEPT = "kept"  # in the directory of a cut
@@ -72,12 +73,16 @@ class Campaign:
         self.kept = None  # the cut of that board
         self.keeping = threading.Lock()
         self.then = request.then or request.command
+        self.faults = os.environ.get("TESSERA_FLASH_FAULT", "")
         self.say = lambda text: None
         self.ended = threading.Event()
+        self.limit = None  # seconds for a command after the first one has run undisturbed
         self.before = copy(state.Board(directory), place / "before")
         self.check_boot(copy(self.before, place / "booted"))
         after = copy(self.before, place / "after")
+        start = time.monotonic()
         self.operations = self.rehearse(after)
+        self.limit = 60 + 10 * round(time.monotonic() - start)
         self.check_boot(after)
         self.change = self.goal = contents.Change(self.before, after)
         self.check_operations()
@@ -113,13 +118,16 @@ class Campaign:
                 raise BoardError(f"the command changes {name} in a way that the simulator cannot see, such as mmap()")
 
     def run(self, board, command, fault="", journal=None):
+        """The user's faults are for the user's commands. @return the completed process with its output"""
         if self.ended.is_set():
             raise Interrupted
+        if command in (self.request.command, self.then):
+            fault = f"{self.faults};{fault}"
         variables = {"TESSERA_FLASH_FAULT": fault}
         files = [(journal, "/board/journal")] if journal else []
         variables |= {"TESSERA_FLASH_JOURNAL": "/board/journal"} if journal else {}
         with open_output() as out, open_output() as err:
-            status = box.execute(board, command, self.request.build, self.request.extra, variables, files, LIMIT,
+            status = box.execute(board, command, self.request.build, self.request.extra, variables, files, self.limit,
                                  stdin=subprocess.DEVNULL, stdout=out, stderr=err, start_new_session=True)
             for file in (out, err):
                 file.seek(0)
@@ -233,7 +241,7 @@ class Aftermath:
         campaign = self.campaign
         result = campaign.run(board, campaign.then)
         if result.returncode != 0:
-            if not re.search("hint: tessera confirm$", result.stderr):
+            if not re.search(r"^hint: tessera confirm\b", result.stderr, re.M):
                 raise CutFailed(f"the repeated command fails with status {result.returncode}: {last_line(result)}")
             for slot in (0, 1):
                 self.check_whole(board, slot, "has to be confirmed first")

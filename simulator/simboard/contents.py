@@ -97,18 +97,21 @@ class Change:
     def is_complete(self, board):
         """
         Whether the running slot, and what belongs to no slot, are as after the command. If another slot runs than
-        after the command, then what the command changes has to be in that one.
+        after the command, then what the command changes has to be in that one, or all that the slot holds if it
+        changes nothing.
         """
         running, goal = board.running_slot(), self.after.running_slot()
         shared = [name for name in self.changed() if name[-2:] not in ("_a", "_b", "_c")]
         if running == goal:
             return self.is_after(board, slot_partitions(board, goal) + shared)
-        ends = {name: self.ends[name] for name in slot_partitions(board, goal) if self.ends[name]}
-        moved = [self.holds_image(board, name[:-1] + slots.letter(running), name, end) for name, end in ends.items()]
-        return bool(moved) and all(moved) and self.is_after(board, shared)
+        images = slot_partitions(board, goal)
+        changed = [name for name in images if self.ends[name]]
+        return self.is_after(board, shared) and all(
+            self.holds_image(board, name[:-1] + slots.letter(running), name) for name in changed or images)
 
-    def holds_image(self, board, name, source, end):
+    def holds_image(self, board, name, source):
         """Whether a partition begins with what the command has changed in the other slot, bad blocks left out."""
+        end = self.ends[source] or self.after.backing(self.after.device(source)).stat().st_size
         end -= bad_bytes_before(self.after, source, end)
         with board.logical_file(board.device(name)) as found, self.after.logical_file(
                 self.after.device(source)) as wanted:

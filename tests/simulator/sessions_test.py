@@ -42,6 +42,21 @@ class SessionsTest(unittest.TestCase):
         drawn = picture["draw"](picture["essence"](story))
         self.assertEqual(stable((TOP / "docs" / "demo.svg").read_text()), drawn, "run script/picture")
         self.assertLessEqual(drawn.count("<text "), 40)
+        self.check_the_campaign_of_the_readme()
+
+    def check_the_campaign_of_the_readme(self):
+        """On the demo's board, with fewer cuts: the operations, the number of all cuts and their kinds are the same."""
+        session = re.search(r"\$ (simulator/board cut .*)\n((?s:.*?))\n```", (TOP / "README.md").read_text())
+        command, shown = session.groups()
+        run = command.replace("build/demo", f"{BUILD}/demo").replace("--quiet", "--quiet --every 40")
+        result = subprocess.run(["bash", "-c", run], cwd=TOP, stdout=subprocess.PIPE, text=True, check=False)
+        self.assertEqual(result.returncode, 0, result.stdout)
+        first, *rows = shown.splitlines()
+        self.assertEqual(first, result.stdout.splitlines()[0])
+        self.assertEqual([row[:32] for row in rows[:-1]], [row[:32] for row in result.stdout.splitlines()[1:-1]])
+        total = re.search(r"(\d+) power cuts", first)[1]
+        self.assertRegex(result.stdout, rf"passed: after each of \d+ of {total} power cuts")
+        self.assertIn(f"passed: after each of {total} power cuts", rows[-1])
 
     def test_the_tutorial(self):
         place = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
