@@ -6,6 +6,7 @@ After a cut the board boots, `tessera status` runs, and the command is repeated.
 more, `tessera confirm` runs, and the board reboots. A cut fails if
 
 - no system boots, or the slot that boots is not whole: neither as before the command nor as after it;
+- another slot that could boot is not whole, since the bootloader falls back to it;
 - the status reports that no update is under way, but a slot is not whole;
 - the repeated command fails, other than by asking for `tessera confirm` while both slots are whole;
 - the board does not end up in the system that an undisturbed command leads to.
@@ -216,6 +217,8 @@ class Aftermath:
             raise CutFailed(f"no system boots: {lines[-1]}")
         running = board.running_slot()
         self.check_whole(board, running, "boots")
+        for slot in bootable(board):
+            self.check_whole(board, slot, "can boot if the running one fails")
         change = campaign.change
         is_new = running == change.after.running_slot() and change.is_after(
             board, contents.slot_partitions(board, running))
@@ -279,6 +282,15 @@ def is_lost(board):
         return not board.slot_block()
     except BoardError:
         return True
+
+
+def bootable(board):
+    """The slots that the bootloader may try at the next boot: without a block, both."""
+    try:
+        block = board.slot_block()
+    except BoardError:
+        block = slots.SlotBlock.fresh()
+    return [number for number, slot in enumerate(block.slots) if slot.bootable()]
 
 
 def last_line(result):

@@ -47,7 +47,7 @@ MEANT = {
     "flashcmd NAME": "flashcmd misc_write_cmd",
     "simulator/board --help": f"{BOARD} --help",
     "simulator/board reboot": f"{BOARD} reboot board",
-    "simulator/board cut": f"{BOARD} cut board --no-status -- tessera slots mark-bad b",
+    "simulator/board cut": f"{BOARD} cut board --every 100 --no-status -- tessera slots mark-bad b",
     "--preset release": f"--preset release -S {TOP} -B configured -DTESSERA_TESTS=OFF",
     "/path/liblog.so": str(BUILD / "platform" / "liblog" / "liblog.so"),
     "/path/libkastor_efuse.so": str(BUILD / "platform" / "efuse" / "libkastor_efuse.so"),
