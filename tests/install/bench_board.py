@@ -102,10 +102,11 @@ class BoardCase(unittest.TestCase):
                 file.seek(0)
             return subprocess.CompletedProcess(words, status, out.read(), err.read())
 
-    def expect(self, line, status, message="", fault=""):
-        """Runs the command. @return its result"""
+    def expect(self, line, status, message="", fault="", feed=""):
+        """Runs the command, with the output of `feed` as its standard input. @return its result"""
         (self.home / "journal").unlink(missing_ok=True)
-        result = self.simulate("run", "--", "tessera", *line.split(),
+        words = ["sh", "-c", f"({feed}) | exec tessera {line}"] if feed else ["tessera", *line.split()]
+        result = self.simulate("run", "--", *words,
                                env={"TESSERA_FLASH_FAULT": fault, "TESSERA_FLASH_JOURNAL": "/userdata/journal"})
         self.assertEqual(result.returncode, status, (line, result.stdout, result.stderr))
         self.assertIn(message, result.stdout + result.stderr)

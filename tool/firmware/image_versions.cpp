@@ -77,10 +77,6 @@ void remove_unpacked(const std::string& path) {
 
 ImageVersion read_one(const Package& package, const Image& image, FirmwareKind kind, const ScratchDirectory& scratch) {
     ImageVersion result{image.name, kind, std::nullopt, {}};
-    if (kind == FirmwareKind::vbmeta && image.medium != OTA_EMMC) {
-        result.problem = "the version of a verified-boot image can be checked on eMMC only";
-        return result;
-    }
     const std::string unpacked = scratch.path() + "/" + image.file;
     try {
         unpack(package, image, scratch);
@@ -89,6 +85,21 @@ ImageVersion read_one(const Package& package, const Image& image, FirmwareKind k
         result.problem = failure.what();
     }
     remove_unpacked(unpacked);
+    return result;
+}
+
+/** Images of a file are unpacked for this, those of a pipe are in memory. */
+ImageVersion read_one(const ImageSource& source, const Image& image, FirmwareKind kind,
+                      const ScratchDirectory* scratch) {
+    ImageVersion result{image.name, kind, std::nullopt, {}};
+    if (kind == FirmwareKind::vbmeta && image.medium != OTA_EMMC) {
+        result.problem = "the version of a verified-boot image can be checked on eMMC only";
+        return result;
+    }
+    if (scratch != nullptr) {
+        return read_one(*source.file(), image, kind, *scratch);
+    }
+    read_image_version(kind, source.path_of(image), image.file, result);
     return result;
 }
 
@@ -149,13 +160,15 @@ void read_image_version(FirmwareKind kind, const std::string& path, const std::s
     }
 }
 
-std::vector<ImageVersion> read_image_versions(const Package& package, const Description& description) {
-    const ScratchDirectory scratch;
-    demand_room(package, description, scratch);
+std::vector<ImageVersion> read_image_versions(const ImageSource& source, const Description& description) {
+    std::optional<ScratchDirectory> scratch;
+    if (source.file() != nullptr) {
+        demand_room(*source.file(), description, scratch.emplace());
+    }
     std::vector<ImageVersion> versions;
     for (const Image& image : description.images) {
         if (const auto kind = versioned_kind(image)) {
-            versions.push_back(read_one(package, image, *kind, scratch));
+            versions.push_back(read_one(source, image, *kind, scratch ? &*scratch : nullptr));
         }
     }
     return versions;
@@ -182,8 +195,8 @@ VersionCheck compare_versions(const std::vector<ImageVersion>& images, const std
     return {verdict, in_words(verdict, versions, counters)};
 }
 
-std::optional<antirollback_ver_t> check_versions(const Package& package, const Description& description) {
-    const std::vector<ImageVersion> versions = read_image_versions(package, description);
+std::optional<antirollback_ver_t> check_versions(const ImageSource& source, const Description& description) {
+    const std::vector<ImageVersion> versions = read_image_versions(source, description);
     const VersionCheck check = compare_versions(versions, read_counters());
     if (!check.refusal.empty()) {
         throw Failure(ExitCode::refused, check.refusal);

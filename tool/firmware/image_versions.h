@@ -5,7 +5,7 @@
 
 #include "internal/antirollback_verdict.h"
 #include "package/description.h"
-#include "package/package.h"
+#include "package/image_source.h"
 
 #include <cstdint>
 #include <optional>
@@ -38,7 +38,7 @@ uint64_t read_image_version(FirmwareKind kind, const std::string& path);
 void read_image_version(FirmwareKind kind, const std::string& path, const std::string& name, ImageVersion& result);
 
 /** The versions of all firmware images of a package that are described as having one, in the description's order. */
-std::vector<ImageVersion> read_image_versions(const Package& package, const Description& description);
+std::vector<ImageVersion> read_image_versions(const ImageSource& source, const Description& description);
 
 /** The counters in the board's fuses. */
 Counters read_counters();
@@ -57,6 +57,6 @@ VersionCheck compare_versions(const std::vector<ImageVersion>& versions, const s
  * @return the record for burning the fuses later, to be stored once the package is installed; nothing for a
  *         package without versions
  */
-std::optional<antirollback_ver_t> check_versions(const Package& package, const Description& description);
+std::optional<antirollback_ver_t> check_versions(const ImageSource& source, const Description& description);
 
 #endif

@@ -31,6 +31,7 @@ FrameStream::~FrameStream() {
         const std::lock_guard lock(mutex_);
         is_stopped_ = true;
     }
+    reader_.abandon();
     freed_.notify_all();
     for (std::thread& thread : threads_) {
         thread.join();

@@ -38,28 +38,69 @@ private:
     uint64_t verified_ = 0;
 };
 
-/** Where a wrong byte costs the only copy, each block is checked before it is written. */
-bool needs_checked_blocks(const Target& target) {
-    return !target.image.is_ab();
-}
+/**
+ * The bytes of an image. Where a wrong byte costs the only copy, each block is checked before it is returned. Of an
+ * image that can be read only once each block is, and the digest at the end.
+ */
+class ImageBytes {
+public:
+    ImageBytes(const Image& image, ImageReader& reader, bool is_read_once)
+        : image_(image), frames_(reader, image.file, is_read_once || !image.is_ab()) {
+        if (is_read_once) {
+            digester_.emplace(image.strongest_digest());
+        }
+    }
+
+    /** @return like FrameStream::next(); not to be called after the end */
+    std::span<const uint8_t> next() {
+        const auto bytes = frames_.next();
+        if (bytes.empty()) {
+            check_end();
+        } else if (digester_) {
+            digester_->add(bytes);
+        }
+        return bytes;
+    }
+
+    /** Reads the rest of an image that can be read only once. */
+    void finish() {
+        while (digester_) {
+            (void)next();
+        }
+    }
+
+private:
+    void check_end() {
+        if (digester_ && !image_.matches(digester_->finish())) {
+            throw wrong_digest(image_);
+        }
+        digester_.reset();
+    }
+
+    const Image& image_;
+    FrameStream frames_;
+    std::optional<Digester> digester_; /* until the end */
+};
 
 /** Determines whether the image or the device is at fault. */
-Failure explain_difference(const Target& target, const Package& package) {
+Failure explain_difference(const Target& target, ImageSource& source) {
     Progress none(ProgressMode::none);
-    if (!target.image.matches(digest_entry(package, target.image, target.image.strongest_digest(), none))) {
-        return wrong_digest(target.image);
+    const Image& image = target.image;
+    if (!source.is_read_once(image) &&
+        !image.matches(digest_image(*source.open(image), image, image.strongest_digest(), none))) {
+        return wrong_digest(image);
     }
     return {ExitCode::device, target.partition() + ": the data read back differs from the data written",
             "the device may be worn out"};
 }
 
-bool is_equal_up_to_the_end(const Target& target, FrameStream& frames, uint64_t& done, Progress& progress) {
+bool is_equal_up_to_the_end(const Target& target, ImageBytes& image, uint64_t& done, Progress& progress) {
     const Device& device = *target.opened;
     device.sync(); /* data left in the page cache by a killed run proves nothing */
     const auto lost = device.uncorrectable_reads();
     Digester digester(target.image.strongest_digest());
     std::vector<uint8_t> held;
-    for (auto piece = frames.next(); !piece.empty(); piece = frames.next()) {
+    for (auto piece = image.next(); !piece.empty(); piece = image.next()) {
         held.resize(piece.size());
         device.read(done, held);
         done += piece.size();
@@ -77,19 +118,19 @@ bool is_equal_up_to_the_end(const Target& target, FrameStream& frames, uint64_t&
 
 } // namespace
 
-void install_image(Target& target, const Package& package, bool compares, const std::function<void()>& before_write,
+void install_image(Target& target, ImageSource& source, bool compares, const std::function<void()>& before_write,
                    Progress& progress) {
     progress.begin("write", target.partition());
     const Device& device = *target.opened;
     device.sync(); /* data left in the page cache by a killed run proves nothing */
-    const auto reader = open_image(package, target.image);
+    const auto reader = source.open(target.image);
     TargetWriter writer(target, compares, before_write);
     ReadBack read_back(target.device, target.size, target.image.strongest_digest());
     ImageProgress done(progress, writer, read_back);
     const auto tick = [&] { done.update(); };
     {
-        FrameStream frames(*reader, target.image.file, needs_checked_blocks(target));
-        for (auto bytes = frames.next(); !bytes.empty(); bytes = frames.next()) {
+        ImageBytes image(target.image, *reader, source.is_read_once(target.image));
+        for (auto bytes = image.next(); !bytes.empty(); bytes = image.next()) {
             writer.add(bytes);
             read_back.follow(writer.stored(), tick);
             tick();
@@ -103,7 +144,7 @@ void install_image(Target& target, const Package& package, bool compares, const 
     target.written = writer.written();
     target.is_installed = target.written == 0;
     if (!target.image.matches(found)) {
-        throw explain_difference(target, package);
+        throw explain_difference(target, source);
     }
     if (read_back.has_lost_reads()) {
         throw Failure(ExitCode::device, target.partition() + " has pages that its ECC cannot correct",
@@ -111,20 +152,21 @@ void install_image(Target& target, const Package& package, bool compares, const 
     }
 }
 
-bool holds_image(const Target& target, const Package& package, Progress& progress) {
-    const auto reader = open_image(package, target.image);
-    FrameStream frames(*reader, target.image.file, false);
+bool holds_image(const Target& target, ImageSource& source, Progress& progress) {
+    const auto reader = source.open(target.image);
+    ImageBytes image(target.image, *reader, source.is_read_once(target.image));
     uint64_t compared = 0;
     bool is_equal = false;
     progress.begin("compare", target.partition());
     try {
-        is_equal = is_equal_up_to_the_end(target, frames, compared, progress);
+        is_equal = is_equal_up_to_the_end(target, image, compared, progress);
     } catch (const Failure& failure) {
         /* Flash that was never written may be unreadable; it still has to be written. */
         if (failure.code != ExitCode::device) {
             throw;
         }
     }
+    image.finish();
     progress.spare("compare", target.size - compared);
     return is_equal;
 }

@@ -15,13 +15,14 @@
  * @param compares      false: everything is written
  * @param before_write  called once, before the first byte changes; may throw. Not called where nothing differs
  */
-void install_image(Target& target, const Package& package, bool compares, const std::function<void()>& before_write,
+void install_image(Target& target, ImageSource& source, bool compares, const std::function<void()>& before_write,
                    Progress& progress);
 
 /**
  * Whether the device holds the image; it is only read, up to the first difference. A device that cannot be read does
- * not. Throws Failure where the package is damaged. Progress is of the kind "compare".
+ * not. Throws Failure where the package is damaged. An image that can be read only once is read to its end. Progress is
+ * of the kind "compare".
  */
-bool holds_image(const Target& target, const Package& package, Progress& progress);
+bool holds_image(const Target& target, ImageSource& source, Progress& progress);
 
 #endif

@@ -35,18 +35,22 @@ void switch_slot(int32_t slot) {
 
 class Installation {
 public:
-    Installation(Plan& plan, const Package& package, Progress& progress)
-        : plan_(plan), package_(package), progress_(progress), record_(plan) {
+    Installation(Plan& plan, ImageSource& source, Progress& progress)
+        : plan_(plan), source_(source), progress_(progress), record_(plan) {
     }
 
     /** @return whether anything had to be written */
     bool install_images() {
         for (Target& target : plan_.targets) {
+            if (!target.image.is_ab()) {
+                source_.finish();
+            }
             if (!target.is_installed) {
                 install_image(
-                    target, package_, !plan_.rewrites, [&] { prepare(target); }, progress_);
+                    target, source_, !plan_.rewrites, [&] { prepare(target); }, progress_);
             }
         }
+        source_.finish();
         stop_if_interrupted();
         return record_.has_begun();
     }
@@ -85,7 +89,7 @@ private:
     }
 
     Plan& plan_;
-    const Package& package_;
+    ImageSource& source_;
     Progress& progress_;
     InstallRecord record_;
     bool is_unbootable_ = false;
@@ -137,8 +141,8 @@ std::string state_of_board(const Plan& plan, const std::string& exposed) {
 
 } // namespace
 
-bool carry_out(Plan& plan, const Package& package, Progress& progress) {
-    Installation installation(plan, package, progress);
+bool carry_out(Plan& plan, ImageSource& source, Progress& progress) {
+    Installation installation(plan, source, progress);
     try {
         if (!installation.install_images() && is_done(plan)) {
             settle(plan);

@@ -43,9 +43,9 @@ void open_device(Target& target) {
     }
 }
 
-Target make_target(const Package& package, const Image& image, const InstallOptions& options) {
-    const bool read_first = options.dry_run || image.has_version || !image.is_ab();
-    Target target{image, package.at(image.file).size, device_path(image), read_first};
+Target make_target(const ImageSource& source, const Image& image, const InstallOptions& options) {
+    const bool read_first = image.is_checked_first() || (options.dry_run && !source.is_read_once(image));
+    Target target{image, *image.size, device_path(image), read_first};
     open_device(target);
     return target;
 }
@@ -122,24 +122,24 @@ bool Plan::writes(bool ab) const {
                        [&](const Target& target) { return target.image.is_ab() == ab && !target.is_installed; });
 }
 
-Plan begin_plan(const Package& package, const InstallOptions& options) {
+Plan begin_plan(ImageSource& source, const InstallOptions& options) {
     Plan plan;
-    plan.description = read_description(package, options.trust, plan.signer);
+    plan.description = source.describe(options.trust, plan.signer);
     check_board_name(plan.description, options.board);
-    check_contents(package, plan.description, !options.trust.file.empty());
+    source.check_contents(plan.description, !options.trust.file.empty());
     plan.installed_version = read_installed_version(options);
     check_version(plan, options.allow_downgrade);
     return plan;
 }
 
-void add_targets(Plan& plan, const Package& package, const InstallOptions& options) {
+void add_targets(Plan& plan, const ImageSource& source, const InstallOptions& options) {
     const std::vector<Image>& images = plan.description.images;
     plan.rewrites = options.force;
     if (std::any_of(images.begin(), images.end(), [](const Image& image) { return image.is_ab(); })) {
         check_update_slot(require_slot_block());
     }
     for (const Image& image : images) {
-        plan.targets.push_back(make_target(package, image, options));
+        plan.targets.push_back(make_target(source, image, options));
     }
     std::stable_partition(plan.targets.begin(), plan.targets.end(),
                           [](const Target& target) { return target.image.is_ab(); });
@@ -160,9 +160,9 @@ void announce(const Plan& plan, const InstallOptions& options, Progress& progres
     }
 }
 
-void survey(Target& target, const Package& package, Progress& progress) {
+void survey(Target& target, ImageSource& source, Progress& progress) {
     progress.expect("compare", target.size);
-    target.is_installed = holds_image(target, package, progress);
+    target.is_installed = holds_image(target, source, progress);
     if (target.is_installed) {
         progress.spare("check", target.read_first ? target.size : 0);
         progress.spare("write", target.size);
@@ -170,19 +170,23 @@ void survey(Target& target, const Package& package, Progress& progress) {
     }
 }
 
-void survey(Plan& plan, const Package& package, Progress& progress) {
+void survey(Plan& plan, ImageSource& source, bool all, Progress& progress) {
     for (Target& target : plan.targets) {
-        survey(target, package, progress);
+        survey(target, source, progress);
+        if (!all && !target.is_installed) {
+            return;
+        }
     }
 }
 
-void check_images(const Plan& plan, const Package& package, Progress& progress) {
+void check_images(const Plan& plan, ImageSource& source, Progress& progress) {
     for (const Target& target : plan.targets) {
         if (!target.read_first || target.is_installed) {
             continue;
         }
-        if (!target.image.matches(digest_entry(package, target.image, target.image.strongest_digest(), progress))) {
-            throw wrong_digest(target.image);
+        const Image& image = target.image;
+        if (!image.matches(digest_image(*source.open(image), image, image.strongest_digest(), progress))) {
+            throw wrong_digest(image);
         }
     }
 }

@@ -6,7 +6,7 @@
 #include "board/device.h"
 #include "console/progress.h"
 #include "install/update_lock.h"
-#include "package/package_check.h"
+#include "package/image_source.h"
 
 #include <cstdint>
 #include <memory>
@@ -15,7 +15,7 @@
 #include <vector>
 
 struct InstallOptions {
-    std::string package;
+    std::string package; /* "-": standard input */
     TrustOptions trust;
     std::string board; /* replaces the board's own names; empty: keep them */
     std::string lock_file = default_lock_file;
@@ -59,25 +59,28 @@ struct Plan {
 };
 
 /** Checks the package and its version without reading whole images. Throws Failure. */
-Plan begin_plan(const Package& package, const InstallOptions& options);
+Plan begin_plan(ImageSource& source, const InstallOptions& options);
 
 /** Determines the target of each image; refuses images that do not fit, and an invalid slot block. */
-void add_targets(Plan& plan, const Package& package, const InstallOptions& options);
+void add_targets(Plan& plan, const ImageSource& source, const InstallOptions& options);
 
 /** Announces the work that the plan needs. */
 void announce(const Plan& plan, const InstallOptions& options, Progress& progress);
 
-/** Determines which images are already installed, where that has to be known before anything is written. */
-void survey(Plan& plan, const Package& package, Progress& progress);
+/**
+ * Determines which images are already installed, where that has to be known before anything is written.
+ * @param all  false: the images after the first that is not are not looked at
+ */
+void survey(Plan& plan, ImageSource& source, bool all, Progress& progress);
 
 /** The same for one image. */
-void survey(Target& target, const Package& package, Progress& progress);
+void survey(Target& target, ImageSource& source, Progress& progress);
 
 /**
  * Verifies the images that must be checked before use: those for partitions that exist once, where a damaged one
  * would cost the only copy, and those whose versions are stored. Where nothing will be written, all.
  */
-void check_images(const Plan& plan, const Package& package, Progress& progress);
+void check_images(const Plan& plan, ImageSource& source, Progress& progress);
 
 /** A partition that the record of an installation lists but the plan has no image for; empty if none. */
 std::string unfinished_partition(const Plan& plan, const ota_status_t& record);

@@ -269,6 +269,24 @@ bool Image::matches(const Digests& found) const {
            (found.sha256.empty() || digests.sha256 == found.sha256);
 }
 
+bool is_checked_first(const Description& description, const std::string& file) {
+    return std::ranges::any_of(description.images,
+                               [&](const Image& image) { return image.file == file && image.is_checked_first(); });
+}
+
+std::vector<std::string> files_in_order(const Description& description) {
+    std::vector<std::string> files;
+    for (const bool first : {true, false}) {
+        for (const Image& image : description.images) {
+            if (is_checked_first(description, image.file) == first &&
+                std::ranges::find(files, image.file) == files.end()) {
+                files.push_back(image.file);
+            }
+        }
+    }
+    return files;
+}
+
 Description parse_description(const Json& json, bool draft) {
     Fields fields(json, "");
     Description description{};

@@ -48,6 +48,13 @@ struct Image {
     [[nodiscard]] bool is_ab() const {
         return type == AB;
     }
+    /**
+     * Whether all of it is checked before anything is written: its partition exists once, so a damaged image would cost
+     * the only copy, or it has a version that is compared with the board's.
+     */
+    [[nodiscard]] bool is_checked_first() const {
+        return has_version || !is_ab();
+    }
     /** SHA-256 where it is given: MD5, much slower and weaker, adds nothing to it. */
     [[nodiscard]] Digester::Kind strongest_digest() const {
         return digests.sha256.empty() ? Digester::Kind::md5 : Digester::Kind::sha256;
@@ -66,6 +73,12 @@ struct Description {
     int32_t sec_up_flag;
     int32_t nosec_up_flag;
 };
+
+/** Whether that is so for any image of this file. */
+bool is_checked_first(const Description& description, const std::string& file);
+
+/** The files of the images, each once, as they are in a package: first those that are checked first. */
+std::vector<std::string> files_in_order(const Description& description);
 
 /**
  * @param draft  digests and sizes may be missing, as they are before packing

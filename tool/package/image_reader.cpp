@@ -25,8 +25,8 @@ public:
         : entry_(entry), data_(std::move(data)), reader_(entry_, *data_) {
     }
 
-    [[nodiscard]] uint64_t size() const override {
-        return entry_.size;
+    [[nodiscard]] const Entry& entry() const override {
+        return entry_;
     }
     bool next(PackedFrame& frame) override {
         if (offset_ == entry_.size) {
@@ -59,8 +59,8 @@ public:
         : entry_(entry), data_(std::move(data)), lengths_(std::move(lengths)), hashes_(std::move(hashes)) {
     }
 
-    [[nodiscard]] uint64_t size() const override {
-        return entry_.size;
+    [[nodiscard]] const Entry& entry() const override {
+        return entry_;
     }
     bool next(PackedFrame& frame) override {
         if (offset_ == entry_.size) {

@@ -32,8 +32,8 @@ public:
     ImageReader& operator=(const ImageReader&) = delete;
     virtual ~ImageReader() = default;
 
-    /** Bytes of the image. */
-    [[nodiscard]] virtual uint64_t size() const = 0;
+    /** The entry that is read, whose size is that of the image. */
+    [[nodiscard]] virtual const Entry& entry() const = 0;
 
     /**
      * Reads the next frame into the memory of an earlier one. Every frame but the last has block_map_frame_size bytes.
@@ -45,6 +45,10 @@ public:
 
     /** Whether frames have hashes. */
     [[nodiscard]] virtual bool has_hashes() const = 0;
+
+    /** From any thread: a next() that waits for more bytes need not wait any longer, since no one needs its frame. */
+    virtual void abandon() {
+    }
 };
 
 /**

@@ -10,12 +10,6 @@
 #include <cstdlib>
 #include <set>
 
-namespace {
-
-constexpr size_t signature_limit = size_t{64} << 10;
-
-} // namespace
-
 void check_trust_options(const TrustOptions& trust) {
     if (trust.file.empty() && std::getenv("TESSERA_TRUST") != nullptr) {
         throw Failure(ExitCode::usage, "TESSERA_TRUST is empty",
@@ -23,14 +17,22 @@ void check_trust_options(const TrustOptions& trust) {
     }
 }
 
-std::vector<Signer> check_signers(const Package& package, const std::string& text, const Trust* trust) {
-    std::vector<Signer> signers;
+std::vector<std::string> read_signatures(const Package& package) {
+    std::vector<std::string> signatures;
     for (size_t i = 0; i < signature_count; ++i) {
-        const std::string name = signature_name(i);
-        if (package.has(name)) {
-            const auto found = check_signature(text, package.text(name, signature_limit), trust);
-            signers.insert(signers.end(), found.begin(), found.end());
+        if (const std::string name = signature_name(i); package.has(name)) {
+            signatures.push_back(package.text(name, signature_limit));
         }
+    }
+    return signatures;
+}
+
+std::vector<Signer> check_signers(const std::vector<std::string>& signatures, const std::string& text,
+                                  const Trust* trust) {
+    std::vector<Signer> signers;
+    for (const std::string& signature : signatures) {
+        const auto found = check_signature(text, signature, trust);
+        signers.insert(signers.end(), found.begin(), found.end());
     }
     return signers;
 }
@@ -54,12 +56,12 @@ Failure untrusted(const std::vector<Signer>& signers) {
             hint};
 }
 
-Description read_description(const Package& package, const TrustOptions& trust, std::string& signer) {
+Description accept_description(const std::string& text, const std::vector<std::string>& signatures,
+                               const TrustOptions& trust, std::string& signer) {
     check_trust_options(trust);
-    const std::string text = package.text(description_entry, description_limit);
     if (!trust.file.empty()) {
         const Trust authorities(trust);
-        const auto signers = check_signers(package, text, &authorities);
+        const auto signers = check_signers(signatures, text, &authorities);
         const Signer* accepted = find_accepted(signers);
         if (accepted == nullptr) {
             throw untrusted(signers);
@@ -67,6 +69,12 @@ Description read_description(const Package& package, const TrustOptions& trust, 
         signer = accepted->name;
     }
     return parse_description(parse_json(text, description_entry));
+}
+
+Description read_description(const Package& package, const TrustOptions& trust, std::string& signer) {
+    const std::string text = package.text(description_entry, description_limit);
+    const bool is_needed = !trust.file.empty();
+    return accept_description(text, is_needed ? read_signatures(package) : std::vector<std::string>{}, trust, signer);
 }
 
 /**
@@ -86,6 +94,13 @@ void check_names(const Package& package) {
     }
 }
 
+void check_cover(const Image& image, bool is_signed) {
+    if (is_signed && image.digests.sha256.empty()) {
+        throw Failure(ExitCode::refused,
+                      "the description gives no SHA-256 of " + image.file + ", so the signature does not cover it");
+    }
+}
+
 void check_image(const Package& package, const Image& image, bool is_signed) {
     const Entry& entry = package.at(image.file);
     if (entry.kind != zip_kind::file || entry.size == 0) {
@@ -99,10 +114,7 @@ void check_image(const Package& package, const Image& image, bool is_signed) {
     if (image.blocks) {
         (void)package.at(image.blocks->file);
     }
-    if (is_signed && image.digests.sha256.empty()) {
-        throw Failure(ExitCode::refused,
-                      "the description gives no SHA-256 of " + image.file + ", so the signature does not cover it");
-    }
+    check_cover(image, is_signed);
 }
 
 void check_contents(const Package& package, const Description& description, bool is_signed) {
@@ -125,20 +137,19 @@ Failure wrong_digest(const Image& image) {
     return {ExitCode::refused, image.file + ": digest mismatch"};
 }
 
-Digests digest_entry(const Package& package, const Image& image, Digester::Kind kind, Progress& progress) {
-    const Entry& entry = package.at(image.file);
+Digests digest_image(ImageReader& reader, const Image& image, Digester::Kind kind, Progress& progress) {
+    const Entry& entry = reader.entry();
     Digester digester(kind);
     progress.begin("check", image.file);
-    const auto reader = open_image(package, image);
     FrameUnpacker unpacker(image.file);
     PackedFrame frame{};
     std::vector<uint8_t> memory;
     uint32_t crc = 0;
-    while (reader->next(frame)) {
+    while (reader.next(frame)) {
         stop_if_interrupted();
         const auto bytes = unpacker.unpack(frame, memory);
         digester.add(bytes);
-        crc = reader->has_hashes() ? libdeflate_crc32(crc, bytes.data(), bytes.size()) : entry.crc;
+        crc = reader.has_hashes() ? libdeflate_crc32(crc, bytes.data(), bytes.size()) : entry.crc;
         progress.advance("check", bytes.size());
     }
     if (crc != entry.crc) {

@@ -12,11 +12,13 @@
 #include "install/update_lock.h"
 #include "internal/ota_paths.h"
 #include "package/board_identity.h"
+#include "package/package_pipe.h"
 #include "verbs/verb.h"
 
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <unistd.h>
 
 namespace {
 
@@ -25,6 +27,7 @@ struct Options : InstallOptions {
     bool quiet = false;
 };
 
+constexpr char standard_input[] = "-";
 constexpr char untouched[] = "nothing was written; the board is unchanged";
 
 /** What was done, or would be done. */
@@ -155,17 +158,17 @@ bool repair_records(const Options& options) {
 }
 
 /** Throws Failure unless the target is free, or holds its image already. A dry run claims no devices. */
-void claim_target(Plan& plan, Target& target, const Package& package, const Options& options, Progress& progress) {
+void claim_target(Plan& plan, Target& target, ImageSource& source, const Options& options, Progress& progress) {
     try {
         Descriptor claim = claim_device(*target.opened, target.device, target.partition());
         if (!options.dry_run) {
             plan.claims.push_back(std::move(claim));
         }
     } catch (const Failure& failure) {
-        if (options.force || options.dry_run || failure.code != ExitCode::failed) {
+        if (options.force || options.dry_run || source.is_read_once(target.image) || failure.code != ExitCode::failed) {
             throw;
         }
-        survey(target, package, progress);
+        survey(target, source, progress);
         if (!target.is_installed) {
             throw;
         }
@@ -173,38 +176,39 @@ void claim_target(Plan& plan, Target& target, const Package& package, const Opti
 }
 
 /** Without a survey every image counts as one to write, so only a refusal or a dry run needs to know more. */
-void check_slots(Plan& plan, const Package& package, const Options& options, Progress& progress) {
+void check_slots(Plan& plan, ImageSource& source, const Options& options, Progress& progress) {
     if (!options.force && (options.dry_run || find_slot_problem(plan))) {
-        survey(plan, package, progress);
+        survey(plan, source, options.dry_run, progress);
     }
     if (const auto problem = find_slot_problem(plan)) {
         throw Failure(*problem);
     }
 }
 
-void check_plan(Plan& plan, const Package& package, const Options& options, Progress& progress) {
-    add_targets(plan, package, options);
+void check_plan(Plan& plan, ImageSource& source, const Options& options, Progress& progress) {
+    add_targets(plan, source, options);
     check_record(plan);
     announce(plan, options, progress);
-    check_slots(plan, package, options, progress);
+    source.hold_images(progress);
+    check_slots(plan, source, options, progress);
     for (Target& target : plan.targets) {
         if (!target.is_installed) {
-            claim_target(plan, target, package, options, progress);
+            claim_target(plan, target, source, options, progress);
         }
     }
-    check_images(plan, package, progress);
+    check_images(plan, source, progress);
     stop_if_interrupted();
     progress.begin("check", "versions");
-    plan.versions = check_versions(package, plan.description);
+    plan.versions = check_versions(source, plan.description);
 }
 
 /** Checks everything, in the order in which it can be trusted. */
-Plan make_checked_plan(const Package& package, const Options& options, Progress& progress) {
-    Plan plan = begin_plan(package, options);
+Plan make_checked_plan(ImageSource& source, const Options& options, Progress& progress) {
+    Plan plan = begin_plan(source, options);
     remark_on(plan, options);
     const bool repaired = !options.dry_run && repair_records(options);
     try {
-        check_plan(plan, package, options, progress);
+        check_plan(plan, source, options, progress);
     } catch (Failure& failure) {
         if (repaired && failure.state.empty()) {
             failure.state = "no image was written; unreadable records were repaired";
@@ -214,18 +218,45 @@ Plan make_checked_plan(const Package& package, const Options& options, Progress&
     return plan;
 }
 
+/** Either a package, with its images, or a pipe. */
+struct Source {
+    std::optional<Package> package;
+    std::unique_ptr<ImageSource> images;
+};
+
+void open_source(Source& source, const std::string& file) {
+    if (file == standard_input) {
+        source.images = std::make_unique<PackagePipe>(STDIN_FILENO);
+    } else {
+        source.images = std::make_unique<FileImages>(source.package.emplace(file));
+    }
+}
+
+void refuse_terminal(const std::string& file) {
+    if (file == standard_input && isatty(STDIN_FILENO) != 0) {
+        throw Failure(ExitCode::usage, "standard input is a terminal and not a package",
+                      "curl -s URL | tessera install -");
+    }
+}
+
 void install(const Context& context, const Options& options) {
+    refuse_terminal(options.package);
     const auto start = std::chrono::steady_clock::now();
     std::optional<UpdateLock> lock;
     if (!options.dry_run) {
         lock.emplace(options.lock_file, "tessera install " + options.package);
     }
-    const Package package(options.package);
+    Source opened;
+    open_source(opened, options.package);
+    ImageSource& source = *opened.images;
     Progress progress(options.quiet ? ProgressMode::none : options.progress.value_or(default_progress_mode()));
-    Plan plan = make_checked_plan(package, options, progress);
+    Plan plan = make_checked_plan(source, options, progress);
+    if (options.dry_run) {
+        source.finish();
+    }
     const bool is_unknown = !plan.record_is_valid && can_keep_status();
     const bool may_be_half_written = is_unknown && is_given_up(plan);
-    const bool needed = options.dry_run ? !is_done(plan) : carry_out(plan, package, progress);
+    const bool needed = options.dry_run ? !is_done(plan) : carry_out(plan, source, progress);
     for (Target& target : plan.targets) {
         target.written = options.dry_run && !target.is_installed ? target.size : target.written;
     }
@@ -267,7 +298,7 @@ void choose_progress(Options& options, const std::string& mode) {
 
 void declare_install(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
-    add_word(verb, "PACKAGE", options->package, "Package (zip file)");
+    add_word(verb, "PACKAGE", options->package, "Package (zip file); - reads it from standard input");
     add_trust(verb, options->trust);
     add_board(verb, options->board);
     add_flag(verb, "--allow-downgrade", options->allow_downgrade, "Install a version older than the installed one");

@@ -71,6 +71,12 @@ uint64_t size_of_image(const Options& options, const std::string& file) {
     return size;
 }
 
+/** From a pipe, such an image is installed only with a block map. */
+bool exists_once(const Description& description, const std::string& file) {
+    return std::ranges::any_of(description.images,
+                               [&](const Image& image) { return image.file == file && !image.is_ab(); });
+}
+
 PackedImages pack_images(const Options& options, const Description& draft, ImagePacker& packer, Progress& progress) {
     std::map<std::string, uint64_t> sizes;
     for (const Image& image : draft.images) {
@@ -82,7 +88,7 @@ PackedImages pack_images(const Options& options, const Description& draft, Image
     PackedImages images;
     for (const auto& [file, size] : sizes) {
         progress.begin("pack", file);
-        const bool is_framed = !options.plain && size >= framed_image_size;
+        const bool is_framed = !options.plain && (size >= framed_image_size || exists_once(draft, file));
         images.emplace(file, packer.pack(options.directory + "/" + file, is_framed,
                                          [&](size_t bytes) { progress.advance("pack", bytes); }));
     }
@@ -96,19 +102,6 @@ void add_text(PackageWriter& package, const std::string& name, const std::string
     package.add(packed);
 }
 
-/** Images for slots first: from a pipe they are installed in this order, and those without a second copy last. */
-std::vector<std::string> order_of_images(const Description& description) {
-    std::vector<std::string> files;
-    for (const bool ab : {true, false}) {
-        for (const Image& image : description.images) {
-            if (image.is_ab() == ab && std::ranges::find(files, image.file) == files.end()) {
-                files.push_back(image.file);
-            }
-        }
-    }
-    return files;
-}
-
 /** In the order in which a reader that cannot go back needs it: the description, what covers it, each map, its image.
  */
 void write_package(const std::string& output, const std::vector<SigningKey>& keys, const std::string& text,
@@ -118,7 +111,7 @@ void write_package(const std::string& output, const std::vector<SigningKey>& key
     for (size_t i = 0; i < keys.size(); ++i) {
         add_text(package, signature_name(i), keys[i].sign(text));
     }
-    for (const std::string& file : order_of_images(parse_description(parse_json(text, description_entry)))) {
+    for (const std::string& file : files_in_order(parse_description(parse_json(text, description_entry)))) {
         const PackedImage& image = images.at(file);
         if (!image.map.empty()) {
             package.begin_entry(file + map_suffix, describe_stored(image.map));

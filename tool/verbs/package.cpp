@@ -224,7 +224,8 @@ std::string check_entry(const Package& package, const Entry& entry, const std::m
                         Progress& progress) {
     try {
         if (const auto image = framed.find(entry.name); image != framed.end()) {
-            (void)digest_entry(package, image->second, image->second.strongest_digest(), progress);
+            (void)digest_image(*open_image(package, image->second), image->second, image->second.strongest_digest(),
+                               progress);
         } else {
             read_through(package, entry, progress);
         }

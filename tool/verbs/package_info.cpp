@@ -31,7 +31,7 @@ std::string problem_of(Check check) {
 }
 
 void check_digest(const Package& package, const Image& image, Progress& progress) {
-    if (!image.matches(digest_entry(package, image, image.all_digests(), progress))) {
+    if (!image.matches(digest_image(*open_image(package, image), image, image.all_digests(), progress))) {
         throw wrong_digest(image);
     }
 }
@@ -142,7 +142,7 @@ void show_package_info(const Context& context, const std::string& file, const Tr
     const std::string text = package.text(description_entry, description_limit);
     const auto authorities = trust.file.empty() ? std::nullopt : std::optional<Trust>(std::in_place, trust);
     Info info{parse_description(parse_json(text, description_entry)),
-              check_signers(package, text, authorities ? &*authorities : nullptr),
+              check_signers(read_signatures(package), text, authorities ? &*authorities : nullptr),
               authorities.has_value(),
               {}};
     info.problems = find_damage(package, info.description, !info.signers.empty());

@@ -23,7 +23,7 @@ void check_images(const Package& package, const Description& description) {
         progress.expect("check", package.at(image.file).size);
     }
     for (const Image& image : description.images) {
-        if (!image.matches(digest_entry(package, image, image.all_digests(), progress))) {
+        if (!image.matches(digest_image(*open_image(package, image), image, image.all_digests(), progress))) {
             throw wrong_digest(image);
         }
     }
@@ -84,7 +84,7 @@ void verify(const Context& context, const Options& options) {
     }
     check_contents(package, description, !options.trust.file.empty());
     check_images(package, description);
-    const auto versions = read_image_versions(package, description);
+    const auto versions = read_image_versions(FileImages(package), description);
     const std::optional<Counters> counters = counters_of_board();
     const std::string table = versions_text(versions, counters);
     Json value = {{"passes", true},

@@ -1,0 +1,380 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "package/package_pipe.h"
+
+#include "console/interrupt.h"
+#include "console/text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <set>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int longest_wait_ms = 100; /* until a request to end is noticed */
+constexpr char from_file_hint[] = "install this package from a file";
+
+Failure refused(const std::string& sentence, const std::string& hint = {}) {
+    return {ExitCode::refused, sentence, hint};
+}
+
+template <class Record>
+Record load(std::span<const uint8_t> bytes) {
+    Record record;
+    std::memcpy(&record, bytes.data(), sizeof record);
+    return record;
+}
+
+/** Lets a reader that owns its source read from one that is not its own. */
+class BorrowedSource : public ByteSource {
+public:
+    explicit BorrowedSource(ByteSource& source) : source_(source) {
+    }
+    size_t read(std::span<uint8_t> bytes) override {
+        return source_.read(bytes);
+    }
+
+private:
+    ByteSource& source_;
+};
+
+/** An image whose reading can be ended while the pipe has nothing to read. */
+class PipedImage : public ImageReader {
+public:
+    PipedImage(PipeSource& source, std::unique_ptr<ImageReader> reader) : source_(source), reader_(std::move(reader)) {
+    }
+    PipedImage(const PipedImage&) = delete;
+    PipedImage& operator=(const PipedImage&) = delete;
+    ~PipedImage() override {
+        source_.abandon(false);
+    }
+    [[nodiscard]] const Entry& entry() const override {
+        return reader_->entry();
+    }
+    bool next(PackedFrame& frame) override {
+        return reader_->next(frame);
+    }
+    [[nodiscard]] bool has_hashes() const override {
+        return reader_->has_hashes();
+    }
+    void abandon() override {
+        source_.abandon(true);
+    }
+
+private:
+    PipeSource& source_;
+    std::unique_ptr<ImageReader> reader_;
+};
+
+Entry make_entry(const zip_local_header& header, std::span<const uint8_t> rest) {
+    const zip_entry_fields& fields = header.fields;
+    const auto name = rest.first(fields.name_length);
+    zip_extent extent{fields.size, fields.packed_size, 0};
+    Entry entry{};
+    entry.name.assign(name.begin(), name.end());
+    if (!zip_complete_extent(rest.subspan(name.size()), &extent)) {
+        throw refused("the header of " + printable(entry.name) + " is damaged");
+    }
+    if ((fields.flags & zip_flag_sizes_follow) != 0) {
+        throw refused(printable(entry.name) + " states its size only after its data", from_file_hint);
+    }
+    entry.kind = zip_kind_of(entry.name.c_str(), 0);
+    entry.size = extent.size;
+    entry.packed_size = extent.packed_size;
+    entry.method = fields.method;
+    entry.flags = fields.flags;
+    entry.crc = fields.crc;
+    return entry;
+}
+
+/** Everything that the entry of an image could not be checked for before its first byte. */
+void check_described(const Image& image, bool is_signed) {
+    if (!image.size) {
+        throw refused(std::string(description_entry) + ": partition " + image.name +
+                          ": \"size\" is missing, which a package from a pipe needs",
+                      from_file_hint);
+    }
+    if (!image.is_ab() && !image.blocks) {
+        throw refused(image.file + " has no block map: from a pipe, such an image is not written to " + image.name +
+                          ", which exists once",
+                      from_file_hint);
+    }
+    if (image.blocks && block_map_size(*image.size) > piped_map_limit) {
+        throw refused("the block map of " + image.file + " is larger than " + human_bytes(piped_map_limit),
+                      from_file_hint);
+    }
+    check_cover(image, is_signed);
+}
+
+void write_all(const Descriptor& fd, std::span<const uint8_t> bytes) {
+    while (!bytes.empty()) {
+        const ssize_t done = write(fd.get(), bytes.data(), bytes.size());
+        if (done < 0 && errno != EINTR) {
+            throw Failure(ExitCode::failed, "cannot hold an image in memory" + because(errno));
+        }
+        bytes = bytes.subspan(static_cast<size_t>(std::max<ssize_t>(done, 0)));
+    }
+}
+
+} // namespace
+
+/* ---- the pipe ---- */
+
+/** @return 0 at the end */
+size_t PipeSource::read_some(std::span<uint8_t> bytes) {
+    for (;;) {
+        stop_if_interrupted();
+        if (is_abandoned_) {
+            throw Failure(ExitCode::failed, "the installation has ended");
+        }
+        pollfd state{fd_, POLLIN, 0};
+        if (poll(&state, 1, longest_wait_ms) <= 0) { /* a signal, or a writer that pauses */
+            continue;
+        }
+        const ssize_t got = ::read(fd_, bytes.data(), bytes.size());
+        if (got >= 0) {
+            return static_cast<size_t>(got);
+        }
+        if (errno != EINTR && errno != EAGAIN) {
+            throw Failure(ExitCode::failed, "cannot read standard input" + because(errno));
+        }
+    }
+}
+
+size_t PipeSource::read(std::span<uint8_t> bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+        const size_t got = read_some(bytes.subspan(done));
+        if (got == 0) {
+            throw refused("standard input ends before the end of the package");
+        }
+        done += got;
+    }
+    return bytes.size();
+}
+
+bool PipeSource::is_at_end() {
+    uint8_t extra = 0;
+    return read_some({&extra, 1}) == 0;
+}
+
+/* ---- its entries ---- */
+
+PackagePipe::PackagePipe(int fd) : source_(fd) {
+    read_header();
+    if (!next_ || next_->name != description_entry) {
+        throw refused("the package from standard input does not begin with " + std::string(description_entry),
+                      from_file_hint);
+    }
+    const std::vector<uint8_t> text = take_entry(description_limit);
+    description_.assign(text.begin(), text.end());
+    while (next_ && is_signature_name(next_->name)) {
+        const std::vector<uint8_t> signature = take_entry(signature_limit);
+        signatures_.emplace_back(signature.begin(), signature.end());
+    }
+}
+
+std::vector<uint8_t> PackagePipe::read_bytes(size_t size) {
+    std::vector<uint8_t> bytes(size);
+    source_.read(bytes);
+    return bytes;
+}
+
+/** Unless it has been read already. */
+void PackagePipe::read_header() {
+    if (next_ || is_directory_) {
+        return;
+    }
+    source_.read(head_);
+    const auto header = load<zip_local_header>(head_);
+    is_directory_ = header.signature == zip_directory_signature && !names_.empty();
+    if (is_directory_) {
+        return;
+    }
+    if (header.signature != zip_local_signature) {
+        throw refused(names_.empty() ? "standard input is not a zip package"
+                                     : "standard input has other data after " + printable(names_.back()));
+    }
+    next_ = make_entry(header, read_bytes(size_t{header.fields.name_length} + header.fields.extra_length));
+    if (std::ranges::find(names_, next_->name) != names_.end()) {
+        throw refused("the package has more than one entry " + printable(next_->name));
+    }
+    names_.push_back(next_->name);
+}
+
+/** The whole data of the next entry. The header after it is read, too. */
+std::vector<uint8_t> PackagePipe::take_entry(uint64_t limit) {
+    const Entry entry = *next_;
+    if (entry.size > limit) {
+        throw refused(entry.name + " is larger than " + human_bytes(limit));
+    }
+    std::vector<uint8_t> bytes(entry.size);
+    EntryReader(entry, source_).read(bytes);
+    next_.reset();
+    read_header();
+    return bytes;
+}
+
+/** The header of the next entry, which has to be this one. */
+Entry PackagePipe::expect_entry(const std::string& name) {
+    if (!next_ || next_->name != name) {
+        throw refused("the package from standard input has " + (next_ ? printable(next_->name) : "its end") +
+                          " where " + name + " is expected",
+                      from_file_hint);
+    }
+    return *next_;
+}
+
+std::unique_ptr<ImageReader> PackagePipe::open_next(const Image& image) {
+    read_header();
+    Entry map{};
+    if (image.blocks) {
+        map = expect_entry(image.blocks->file);
+        map_ = take_entry(piped_map_limit);
+    }
+    const Entry entry = expect_entry(image.file);
+    if (entry.kind != zip_kind::file || entry.size != image.size) {
+        throw refused(image.file + " does not have the size that the description states");
+    }
+    next_.reset(); /* the header after the image is read when the image was */
+    auto data = std::make_unique<BorrowedSource>(source_);
+    if (!image.blocks) {
+        return std::make_unique<PipedImage>(source_, open_plain_image(entry, std::move(data)));
+    }
+    MemorySource whole(map_);
+    check_map(image, entry, map, whole);
+    const std::span<const uint8_t> bytes(map_);
+    return std::make_unique<PipedImage>(
+        source_, open_framed_image(entry, std::move(data),
+                                   std::make_unique<MemorySource>(bytes.subspan(sizeof(block_map_header))),
+                                   std::make_unique<MemorySource>(bytes.subspan(block_map_hashes_offset(entry.size)))));
+}
+
+/* ---- for the installation ---- */
+
+Description PackagePipe::describe(const TrustOptions& trust, std::string& signer) const {
+    return accept_description(description_, signatures_, trust, signer);
+}
+
+void PackagePipe::check_contents(Description& description, bool is_signed) {
+    uint64_t room = piped_hold_limit;
+    std::set<std::string> streamed;
+    for (const Image& image : description.images) {
+        check_described(image, is_signed);
+        if (!is_checked_first(description, image.file)) {
+            if (!streamed.insert(image.file).second) {
+                throw refused(image.file + " is for two partitions, but an image from a pipe is read once",
+                              from_file_hint);
+            }
+        } else if (held_.emplace(image.file, Held{image}).second) {
+            if (*image.size > room) {
+                throw refused("the images to be checked before anything is written have more than " +
+                                  human_bytes(piped_hold_limit),
+                              from_file_hint);
+            }
+            room -= *image.size;
+        }
+    }
+    order_ = files_in_order(description);
+}
+
+/** Nothing is read twice from the pipe: what was checked is what will be written. */
+void PackagePipe::hold(Held& held) {
+    const auto reader = open_next(held.image);
+    FrameUnpacker unpacker(held.image.file);
+    PackedFrame frame{};
+    std::vector<uint8_t> memory;
+    held.fd = Descriptor(memfd_create("image", MFD_CLOEXEC));
+    if (held.fd.get() < 0) {
+        throw Failure(ExitCode::failed, "cannot hold an image in memory" + because(errno));
+    }
+    held.entry = reader->entry();
+    held.entry.method = zip_stored;
+    held.entry.flags = 0;
+    held.entry.packed_size = held.entry.size;
+    held.entry.crc = 0;
+    while (reader->next(frame)) {
+        const auto bytes = unpacker.unpack(frame, memory);
+        held.entry.crc = libdeflate_crc32(held.entry.crc, bytes.data(), bytes.size());
+        write_all(held.fd, bytes);
+    }
+}
+
+void PackagePipe::hold_images(Progress& progress) {
+    for (const std::string& file : order_) {
+        if (const auto found = held_.find(file); found != held_.end()) {
+            progress.begin("read", file);
+            hold(found->second);
+        }
+    }
+}
+
+std::unique_ptr<ImageReader> PackagePipe::open(const Image& image) {
+    const auto found = held_.find(image.file);
+    if (found == held_.end()) {
+        return open_next(image);
+    }
+    const Held& held = found->second;
+    if (held.entry.size != image.size) {
+        throw refused(image.file + " does not have the size that the description states");
+    }
+    return open_plain_image(held.entry, std::make_unique<FileSource>(held.fd.get(), 0, image.file));
+}
+
+bool PackagePipe::is_read_once(const Image& image) const {
+    return !held_.contains(image.file);
+}
+
+std::string PackagePipe::path_of(const Image& image) const {
+    return "/proc/self/fd/" + std::to_string(held_.at(image.file).fd.get());
+}
+
+/* ---- the end ---- */
+
+/** Other programs read a package by its directory, so it may not show them other entries. */
+void PackagePipe::read_directory() {
+    for (size_t i = 0; i < names_.size(); ++i) {
+        std::vector<uint8_t> head(head_.begin(), i == 0 ? head_.end() : head_.begin());
+        const auto more = read_bytes(sizeof(zip_directory_header) - head.size());
+        head.insert(head.end(), more.begin(), more.end());
+        const auto header = load<zip_directory_header>(head);
+        const auto rest =
+            read_bytes(size_t{header.fields.name_length} + header.fields.extra_length + header.comment_length);
+        const std::string name(rest.begin(), rest.begin() + header.fields.name_length);
+        if (header.signature != zip_directory_signature || name != names_[i]) {
+            throw refused("the directory of the package differs from its entries", from_file_hint);
+        }
+    }
+}
+
+void PackagePipe::read_end() {
+    std::vector<uint8_t> bytes = read_bytes(sizeof(zip_end));
+    if (load<zip_end>(bytes).signature == zip64_end_signature) {
+        read_bytes(sizeof(zip64_end) + sizeof(zip64_locator) - bytes.size());
+        bytes = read_bytes(sizeof(zip_end));
+    }
+    const auto end = load<zip_end>(bytes);
+    if (end.signature != zip_end_signature || (end.entries != names_.size() && end.entries != zip_wide16)) {
+        throw refused("the directory of the package differs from its entries", from_file_hint);
+    }
+    read_bytes(end.comment_length);
+    if (!source_.is_at_end()) {
+        throw refused("standard input has other data after the package");
+    }
+}
+
+void PackagePipe::finish() {
+    if (is_finished_) {
+        return;
+    }
+    read_header();
+    if (next_) {
+        throw refused("the package from standard input has an entry that is not described: " + printable(next_->name),
+                      from_file_hint);
+    }
+    read_directory();
+    read_end();
+    is_finished_ = true;
+}
