@@ -12,7 +12,7 @@ import time
 QEMU = "qemu-system-x86_64"
 MEMORY = 160  # MiB
 CONTENTS = "contents"  # the disk's block device, for -blockdev
-COMMAND_TIMEOUT = 120  # s
+COMMAND_TIMEOUT = 300  # s
 COMMAND_LINE = "console=ttyS0 quiet panic=-1 no_timer_check"  # the emulator's timer is late on a busy host
 
 
