@@ -4,7 +4,6 @@
 #include "flash_model.h"
 #include "flash_sim.h"
 #include "medium_writer.h"
-#include "ubi_repair.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -457,7 +456,7 @@ TEST_F(TornLeb, is_repaired_and_no_other) {
     ASSERT_LT(write_device(data_, block), 0); /* its first read fails */
     for (const bool wanted : {true, false}) {
         bool repaired = !wanted;
-        EXPECT_TRUE(ubi_repair(path_.c_str(), &repaired).is_ok());
+        EXPECT_TRUE(medium_writer().repair_volume(path_.c_str(), &repaired).is_ok());
         EXPECT_EQ(repaired, wanted);
         EXPECT_TRUE(holds(expected_));
     }
@@ -486,7 +485,7 @@ medium_result sync_it(const char* path) {
 
 medium_result repair_it(const char* path) {
     bool repaired = false;
-    return ubi_repair(path, &repaired);
+    return medium_writer().repair_volume(path, &repaired);
 }
 
 medium_result write_a_block(const char* path) {
@@ -508,6 +507,7 @@ TEST_F(Flash, a_failure_of_a_medium_names_its_step) {
         {"ubi", repair_it, "fail pread 1; short pwrite 1 512", medium_step::write, EIO},
         {"ubi", write_a_block, "fail UBI_IOCSETVOLPROP 1", medium_step::prepare, EIO},
         {"mtd", write_a_block, "fail MEMERASE64 1", medium_step::erase, EIO},
+        {"mtd", write_a_block, "give MEMERASE64 1 1", medium_step::erase, 0},
         {"mtd", write_a_block, "fail pwrite 1 28", medium_step::write, ENOSPC},
     };
     for (const auto& [kind, work, fault, step, error] : rows) {

@@ -24,7 +24,7 @@ enum class medium_step {
 struct [[nodiscard]] medium_result {
     medium_step failed = medium_step::none;
     int error = 0;      /* errno value; 0 where the device reported none */
-    uint64_t place = 0; /* of a read or write: raw byte of the device; of a repair: number of the LEB */
+    uint64_t place = 0; /* of a read, an erase or a write: raw byte of the device */
 
     [[nodiscard]] bool is_ok() const {
         return failed == medium_step::none;

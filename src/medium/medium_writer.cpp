@@ -12,6 +12,11 @@ namespace {
 
 constexpr size_t smallest_page = 512;
 
+/** A positive result leaves errno as an earlier call set it. */
+medium_result after_request(medium_step step, int result, uint64_t place = 0) {
+    return result == 0 ? medium_result{} : medium_result{step, result < 0 ? errno : 0, place};
+}
+
 } // namespace
 
 medium_result medium_writer::open(const char* path) {
@@ -96,10 +101,8 @@ medium_result medium_writer::open_for_writing() {
     if (!fd_.is_open()) {
         return {medium_step::open, errno};
     }
-    if (device_.kind() == medium_kind::ubi && ubi_allow_direct_writes(fd_.get()) != 0) {
-        return {medium_step::prepare, errno};
-    }
-    return {};
+    const bool is_volume = device_.kind() == medium_kind::ubi;
+    return is_volume ? after_request(medium_step::prepare, ubi_allow_direct_writes(fd_.get())) : medium_result{};
 }
 
 medium_result medium_writer::erase(uint64_t start) const {
@@ -107,7 +110,7 @@ medium_result medium_writer::erase(uint64_t start) const {
     const int result = device_.kind() == medium_kind::mtd
                            ? mtd_erase(fd_.get(), start, size)
                            : ubi_erase_leb(fd_.get(), static_cast<int32_t>(start / size));
-    return result == 0 ? medium_result{} : medium_result{medium_step::erase, errno, start};
+    return after_request(medium_step::erase, result, start);
 }
 
 medium_result medium_writer::write_all(uint64_t start, std::span<const uint8_t> bytes) const {
@@ -150,6 +153,26 @@ medium_result medium_writer::write(uint64_t offset, std::span<const uint8_t> byt
     }
     std::memcpy(loaded_.get(), bytes.data(), bytes.size());
     return write_all(start, {loaded_.get(), device_.erase_size()});
+}
+
+medium_result medium_writer::repair_volume(const char* path, bool* repaired) {
+    *repaired = false;
+    path_ = path;
+    if (!device_.open(path).is_ok() || !device_.identify().is_ok() || device_.kind() != medium_kind::ubi ||
+        !is_flash()) {
+        return {};
+    }
+    const size_t size = device_.erase_size();
+    medium_result result = reserve(size);
+    for (uint64_t start = 0; result.is_ok() && start < device_.raw_size(); start += size) {
+        const std::span<uint8_t> leb(loaded_.get(), size);
+        if (device_.read_raw(start, leb).failed == medium_step::read) {
+            collect(start, leb);
+            result = write(start, leb);
+            *repaired = *repaired || result.is_ok();
+        }
+    }
+    return result;
 }
 
 void medium_writer::begin_storing(uint64_t begin, uint64_t end) const {

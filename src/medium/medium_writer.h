@@ -23,7 +23,10 @@ struct chunk_range {
 
 class medium_writer {
 public:
-    /** Opens the device for reading only, and asks it for its geometry. Fails like medium_device. */
+    /**
+     * Opens the device for reading only, and asks it for its geometry. Fails like medium_device.
+     * @param path  has to stay valid as long as the writer
+     */
     medium_result open(const char* path);
     [[nodiscard]] bool is_flash() const {
         return device_.erase_size() > 0;
@@ -48,6 +51,15 @@ public:
      * @param bytes  at a multiple of the unit; on flash the whole chunk
      */
     medium_result write(uint64_t offset, std::span<const uint8_t> bytes);
+    /**
+     * Repairs what a power cut during a write leaves on a UBI volume: a LEB with a page that can no longer be read. A
+     * save reads the rest of the LEB first, so every later save to it would fail too. Rewrites every LEB that cannot be
+     * read completely: what can be read is kept, the rest is as erased. A readable volume, and anything that is not a
+     * volume or cannot be opened, is left alone. To be called in place of open().
+     * @param repaired  out: whether a LEB was rewritten
+     * @return fails at `memory`, or like write()
+     */
+    medium_result repair_volume(const char* path, bool* repaired);
     /** Has the kernel begin to store what was written from `begin` to `end`. Does not wait for the device. */
     void begin_storing(uint64_t begin, uint64_t end) const;
 

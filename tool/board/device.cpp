@@ -3,86 +3,77 @@
 
 #include "console/failure.h"
 #include "console/text.h"
-#include "ubi_repair.h"
+#include "medium_writer.h"
 
 #include <cerrno>
 
 namespace {
 
-std::string sentence(const medium_result& result, const std::string& path) {
-    const std::string cause = because(result.error);
+std::string sentence(const medium_result& result, const std::string& name) {
+    const std::string at = name + " at byte " + std::to_string(result.place);
     switch (result.failed) {
     case medium_step::open:
-        return "cannot open " + path + cause;
+        return "cannot open " + name;
     case medium_step::identify:
-        return "cannot examine " + path + cause;
+        return "cannot examine " + name;
     case medium_step::size:
-        return "cannot determine the size of " + path;
+        return "cannot determine the size of " + name;
     case medium_step::good_blocks:
-        return path + " has too few good blocks";
+        return name + " has too few good blocks";
     case medium_step::read:
-        return "cannot read " + path + format(" at byte %llu", static_cast<unsigned long long>(result.place)) + cause;
+        return "cannot read " + at;
     case medium_step::end:
-        return "cannot read " + path +
-               format(" at byte %llu: unexpected end", static_cast<unsigned long long>(result.place));
+        return "cannot read " + at + ": unexpected end";
     case medium_step::sync:
-        return "cannot sync " + path + cause;
-    default:
-        return "cannot use " + path + cause;
-    }
-}
-
-void demand(const medium_result& result, const std::string& path) {
-    if (!result.is_ok()) {
-        throw Failure(ExitCode::device, sentence(result, path));
-    }
-}
-
-const char* repair_step(medium_step step) {
-    switch (step) {
+        return "cannot sync " + name;
     case medium_step::prepare:
-        return "prepare";
+        return "cannot allow direct writes to " + name;
     case medium_step::erase:
-        return "erase";
+        return "cannot erase " + at;
+    case medium_step::write:
+        return "cannot write to " + at;
     default:
-        return "write";
+        return "cannot use " + name;
     }
 }
 
 } // namespace
 
+void check_result(const medium_result& result, const std::string& name) {
+    if (!result.is_ok()) {
+        throw Failure(ExitCode::device, sentence(result, name) + because(result.error));
+    }
+}
+
 Device::Device(const std::string& path) : path_(path) {
-    demand(medium_.open(path.c_str()), path_);
-    demand(medium_.identify(), path_);
+    check_result(medium_.open(path.c_str()), path_);
+    check_result(medium_.identify(), path_);
 }
 
 uint64_t Device::capacity() const {
-    demand(medium_.find_bad_blocks(), path_);
+    check_result(medium_.find_bad_blocks(), path_);
     return medium_.capacity();
 }
 
 bool Device::is_straight(uint64_t end) const {
-    demand(medium_.find_bad_blocks(), path_);
+    check_result(medium_.find_bad_blocks(), path_);
     return medium_.is_straight(end);
 }
 
 void Device::read(uint64_t offset, std::span<uint8_t> bytes) const {
-    demand(medium_.read(offset, bytes), path_);
+    check_result(medium_.read(offset, bytes), path_);
 }
 
 void Device::read_raw(uint64_t offset, std::span<uint8_t> bytes) const {
-    demand(medium_.read_raw(offset, bytes), path_);
+    check_result(medium_.read_raw(offset, bytes), path_);
 }
 
 void Device::sync() const {
-    demand(medium_.sync(), path_);
+    check_result(medium_.sync(), path_);
 }
 
 void Device::pass_on(uint64_t begin, uint64_t end) const {
-    const medium_result result = medium_.pass_on(begin, end);
-    if (!result.is_ok()) {
-        throw Failure(ExitCode::device, "cannot write to " + path_ + because(result.error));
-    }
+    check_result(medium_.pass_on(begin, end), path_);
 }
 
 void Device::read_stored(uint64_t offset, std::span<uint8_t> bytes) {
@@ -93,7 +84,7 @@ void Device::read_stored(uint64_t offset, std::span<uint8_t> bytes) {
     if (is_aligned && direct_ && !has_no_direct_) {
         const medium_result result = direct_->read_raw(offset, bytes);
         if (result.error != EINVAL) { /* which some file systems return for every direct read */
-            demand(result, path_);
+            check_result(result, path_);
             return;
         }
     }
@@ -107,22 +98,20 @@ bool Device::lost_reads_since(std::optional<uint32_t> before) const {
 
 void sync_device(const std::string& path) {
     medium_device device;
-    demand(device.open(path.c_str()), path);
-    demand(device.sync(), path);
+    check_result(device.open(path.c_str()), path);
+    check_result(device.sync(), path);
 }
 
 bool repair_device(const std::string& path) {
     bool repaired = false;
-    const medium_result result = ubi_repair(path.c_str(), &repaired);
-    if (result.failed == medium_step::memory) {
-        demand(result, path);
-    }
-    if (!result.is_ok()) {
-        throw Failure(ExitCode::device,
-                      format("cannot %s LEB %llu of %s", repair_step(result.failed),
-                             static_cast<unsigned long long>(result.place), path.c_str()) +
-                          because(result.error),
-                      "", "the contents of " + path + " are unknown");
+    const medium_result result = medium_writer().repair_volume(path.c_str(), &repaired);
+    try {
+        check_result(result, path);
+    } catch (Failure& failure) {
+        if (result.failed == medium_step::erase || result.failed == medium_step::write) {
+            failure.state = "the contents of " + path + " are unknown";
+        }
+        throw;
     }
     return repaired;
 }

@@ -10,6 +10,9 @@
 using Descriptor = ota_descriptor;
 using DeviceKind = medium_kind;
 
+/** Throws Failure with the step that failed, the byte and the cause. @param name  of the device, for the message */
+void check_result(const medium_result& result, const std::string& name);
+
 /** A medium_device that throws Failure. On MTD, reads skip bad blocks, as the library's writes do. */
 class Device {
 public:
@@ -66,7 +69,7 @@ void sync_device(const std::string& path);
 
 /**
  * Rewrites the parts of a UBI volume that a power cut has made unreadable, so that it can be written again; see
- * ubi_repair().
+ * medium_writer::repair_volume().
  * @return whether anything had to be written
  */
 bool repair_device(const std::string& path);

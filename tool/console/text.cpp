@@ -48,7 +48,7 @@ std::string human_bytes(uint64_t bytes) {
 }
 
 std::string because(int error) {
-    return std::string(": ") + std::strerror(error);
+    return error == 0 ? "" : std::string(": ") + std::strerror(error);
 }
 
 std::string printable(std::string text) {

@@ -1,30 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "install/target_writer.h"
 
-#include "console/text.h"
-
 #include <algorithm>
 #include <utility>
 
 TargetWriter::TargetWriter(const Target& target, bool compares, std::function<void()> before_write)
     : target_(target), compares_(compares), before_write_(std::move(before_write)) {
-    demand(medium_.open(target.device.c_str()));
-}
-
-void TargetWriter::demand(const medium_result& result) const {
-    if (!result.is_ok()) {
-        throw Failure(ExitCode::device, "cannot write to " + target_.partition() + because(result.error));
-    }
+    check_result(medium_.open(target.device.c_str()), target.partition());
 }
 
 void TargetWriter::store(std::span<const uint8_t> chunk) {
-    demand(medium_.load(stored_, chunk.size(), compares_));
+    check_result(medium_.load(stored_, chunk.size(), compares_), target_.partition());
     for (auto range = medium_.difference(chunk, 0); !range.is_empty(); range = medium_.difference(chunk, range.end)) {
         if (before_write_) {
             std::exchange(before_write_, nullptr)();
         }
         const auto units = chunk.subspan(range.begin, range.end - range.begin);
-        demand(medium_.write(stored_ + range.begin, units));
+        check_result(medium_.write(stored_ + range.begin, units), target_.partition());
         medium_.begin_storing(stored_ + range.begin, stored_ + range.end);
         written_ += units.size();
     }

@@ -21,7 +21,7 @@ public:
 
     /** The next bytes of the image. Throws Failure. */
     void add(std::span<const uint8_t> bytes);
-    /** To be called after the last bytes. Throws Failure, too where the image has another size than the target. */
+    /** To be called after the last bytes. Throws Failure, also if the image has another size than the target. */
     void finish();
 
     /** Bytes at the beginning of the image that the device, or the kernel for it, has now. */
@@ -35,7 +35,6 @@ public:
 
 private:
     void store(std::span<const uint8_t> chunk);
-    void demand(const medium_result& result) const;
 
     const Target& target_;
     bool compares_;
