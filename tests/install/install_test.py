@@ -540,7 +540,7 @@ class InstallTest(BoardCase):
                                      slots.Slot(15, 1, True))
         cases = [  # the running slot, the other, boots left to the running one on trial, is the other given up
             (trial, good, "2 boots", False), (slots.Slot(15, 1, False), good, "1 boot", False),
-            (spent, good, "no boots", False), (good, spent, None, True), (first, spent, None, False),
+            (spent, good, "", False), (good, spent, None, True), (first, spent, None, False),
             (first, slots.Slot(14, 0, False), None, False), (good, trial, None, False)]
         self.new()
         for running, other, left, given_up in cases:
@@ -548,8 +548,9 @@ class InstallTest(BoardCase):
                 self.board().save_slot_block(slots.SlotBlock.of(running, other))
                 for line in ("slots", "board --check"):
                     output = self.expect(line, 0).stdout
-                    self.assertEqual("on trial" in output, left is not None)
+                    self.assertEqual("tessera confirm keeps it" in output, left is not None)
                     self.assertIn(f"slot a is on trial, with {left} left" if left else "", output)
+                    self.assertEqual("slot a is running its last try" in output, left == "")
                 self.assertEqual("slot b was given up or marked bad" in self.expect("status", 0).stdout, given_up)
                 alone = running.bootable() and not (other.bootable() and other.marked)
                 (self.expect_no_change if alone else self.expect)("slots mark-bad a", 1 if alone else 0)

@@ -3,6 +3,7 @@
 
 import json
 import random
+import shutil
 import unittest
 
 from bench_board import MEDIA, BoardCase, describe, state
@@ -66,6 +67,30 @@ class OnePassTest(BoardCase):
                 (self.home / "p.zip").write_bytes(whole[:at] + bytes([whole[at] ^ 0x41]) + whole[at + 1:])
                 self.expect("install /userdata/p.zip", 3)
                 self.assertEqual(self.board().slot_block().best(), 0)
+
+    def test_what_a_device_refuses_or_does_not_keep_is_reported(self):
+        data = {"system": image("noise", 300_000)}
+        lost, state_b = "cannot store the update status: the record did not persist in ubootenv", "the board boots slot b next"
+        rows = [  # kind of the operation, its number from 0 or -1, fault, message, state of the board
+            ("pwrite", 0, "lose", lost, "the board boots slot a next"), ("pwrite", -1, "lose", lost, state_b),
+            ("MEMERASE64", 2, "give {} 1", "cannot erase system_b at byte 0\n", "slot b is unbootable"),
+            ("pwrite", 2, "fail", "cannot write to system_b at byte 0: Input/output error\n", "slot b is unbootable"),
+        ]
+        for kind, number, fault, message, left in rows:
+            with self.subTest(kind=kind, number=number, fault=fault):
+                self.new("nand")
+                self.pack("p.zip", data, describe(data, "nand"))
+                kept = self.place / "kept"
+                shutil.copytree(self.dir, kept, dirs_exist_ok=True)
+                self.expect("install /userdata/p.zip", 0)
+                nth = range(1, sum(op[1] == kind for op in self.operations()) + 1)[number]
+                shutil.rmtree(self.dir)
+                kept.rename(self.dir)
+                words = fault.split()
+                script = " ".join([words[0], kind, str(nth), *words[2:]])
+                result = self.expect("install /userdata/p.zip", 4, message, script)
+                self.assertIn(left, result.stderr)
+                self.expect("install /userdata/p.zip", 0)
 
 
 if __name__ == "__main__":

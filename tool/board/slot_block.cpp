@@ -23,16 +23,16 @@ template <class Change, class Check>
 void write_block(const std::string& sentence, Change change, Check is_kept) {
     require(ExitCode::device, sentence, change);
     sync_partition(ota_misc_partition);
-    if (!is_kept()) {
-        throw Failure(ExitCode::device, sentence + ": the change did not persist in " + ota_misc_partition,
-                      "tessera board --check reports whether a bad block precedes it");
+    bool kept = false;
+    try {
+        kept = is_kept(read_slot_block());
+    } catch (const LostBlock& lost) {
+        throw Failure(ExitCode::device, sentence + ": the change cannot be read back: " + lost.what());
     }
-}
-
-Slot read_slot(int32_t number) {
-    const SlotBlock block = read_slot_block();
-    const Slot* slot = block.find(number);
-    return slot != nullptr ? *slot : Slot{};
+    if (!kept) {
+        throw Failure(ExitCode::device, sentence + ": the change did not persist in " + ota_misc_partition,
+                      "tessera board --check    (reports whether a bad block precedes it)");
+    }
 }
 
 /** The command that writes a new block. In the recovery system no slot is known to be good. */
@@ -43,7 +43,8 @@ std::string new_block_hint() {
     return may_confirm ? "tessera confirm" : "tessera slots reset";
 }
 
-/** The same for an existing block. On flash a failed change may have erased it: then only a new one helps. */
+/** Like write_block(), for a block that exists. On flash a failed change may have erased it; then only a new one helps.
+ */
 template <class Change, class Check>
 void change_block(const std::string& sentence, Change change, Check is_kept) {
     try {
@@ -54,6 +55,12 @@ void change_block(const std::string& sentence, Change change, Check is_kept) {
         }
         throw;
     }
+}
+
+/** Without tries if the block does not list it. */
+Slot slot_of(const SlotBlock& block, int32_t number) {
+    const Slot* slot = block.find(number);
+    return slot != nullptr ? *slot : Slot{};
 }
 
 /** Whether the block is valid and lists the running slot. */
@@ -136,8 +143,10 @@ const Slot* running_trial(const SlotBlock& block) {
 }
 
 std::string trial_remark(const Slot& slot) {
-    const std::string left = slot.tries == 0 ? "no boots" : format("%u boot%s", slot.tries, slot.tries == 1 ? "" : "s");
-    return slot.name() + " is on trial, with " + left + " left before it is given up; tessera confirm keeps it";
+    const std::string state = slot.tries == 0 ? "running its last try"
+                                              : format("on trial, with %u boot%s left before it is given up",
+                                                       slot.tries, slot.tries == 1 ? "" : "s");
+    return slot.name() + " is " + state + "; tessera confirm keeps it";
 }
 
 const Slot* given_up_slot(const SlotBlock& block) {
@@ -203,19 +212,19 @@ int32_t running_slot() {
 void set_next_slot(int32_t slot) {
     change_block(
         "cannot make slot " + slot_letter(slot) + " the next one", [&] { return ota_set_next_expected_slot(slot); },
-        [&] { return next_slot() == slot; });
+        [&](const SlotBlock& block) { return block.is_sole_next(slot); });
 }
 
 void mark_slot_good(int32_t slot) {
     change_block(
         "cannot mark slot " + slot_letter(slot) + " good", [&] { return ota_mark_slot_boot_successful(slot); },
-        [&] { return read_slot(slot).marked_good; });
+        [&](const SlotBlock& block) { return slot_of(block, slot).marked_good; });
 }
 
 void mark_slot_unbootable(int32_t slot) {
     change_block(
         "cannot make slot " + slot_letter(slot) + " unbootable", [&] { return ota_set_slot_unbootable(slot); },
-        [&] { return read_slot(slot).is_given_up(); });
+        [&](const SlotBlock& block) { return slot_of(block, slot).is_given_up(); });
 }
 
 bool repair_slot_block() {
@@ -226,8 +235,8 @@ void reset_slot_block() {
     repair_slot_block();
     write_block(
         "cannot write a new slot block", [] { return ota_set_slotmeta_to_default(); },
-        [] {
-            const Slot first = read_slot(0);
+        [](const SlotBlock& block) {
+            const Slot first = slot_of(block, 0);
             return first.tries > 1 && !first.marked_good;
         });
 }

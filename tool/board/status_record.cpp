@@ -15,6 +15,7 @@
 namespace {
 
 constexpr char cannot_store[] = "cannot store the update status";
+constexpr char cannot_store_versions[] = "cannot store the package's anti-rollback versions";
 
 /** A record as it is stored, and whether it is valid. */
 template <class Stored, class Record>
@@ -25,6 +26,13 @@ Stored read_stored(uint64_t offset, format_answer (*check)(const Record&)) {
     stored.is_valid = answer.state == format_state::valid;
     stored.fault = answer.reason;
     return stored;
+}
+
+/** A record that cannot be read again because of a bad block before it is no failure. */
+void check_kept(bool is_kept, const std::string& sentence) {
+    if (!is_kept && can_keep_status()) {
+        throw Failure(ExitCode::device, sentence + ": the record did not persist in " + ota_ubootenv_partition);
+    }
 }
 
 } // namespace
@@ -94,18 +102,17 @@ void write_status(ota_status_t& record) {
     require(ExitCode::device, cannot_store,
             [&] { return ota_buf_to_file(&place, reinterpret_cast<const char*>(&record), sizeof record); });
     sync_partition(ota_ubootenv_partition);
+    const StoredStatus now = read_status();
+    check_kept(std::memcmp(&now.record, &record, sizeof record) == 0, cannot_store);
 }
 
 void store_versions(antirollback_ver_t record) {
-    constexpr char sentence[] = "cannot store the package's anti-rollback versions";
     if (read_stored_versions().holds(record)) {
         return;
     }
-    require(ExitCode::device, sentence, [&] { return ota_set_anti_ver_veeprom(&record); });
+    require(ExitCode::device, cannot_store_versions, [&] { return ota_set_anti_ver_veeprom(&record); });
     sync_partition(ota_ubootenv_partition);
-    if (!read_stored_versions().holds(record) && can_keep_status()) {
-        throw Failure(ExitCode::device, std::string(sentence) + ": they did not persist in " + ota_ubootenv_partition);
-    }
+    check_kept(read_stored_versions().holds(record), cannot_store_versions);
 }
 
 void clear_status() {
@@ -114,6 +121,7 @@ void clear_status() {
         ota_update_flag_e flag = OTA_FLAG_NORMAL; /* reading makes the library store a new record */
         require(ExitCode::device, cannot_store, [&] { return ota_get_up_status(&flag); });
         sync_partition(ota_ubootenv_partition);
+        check_kept(read_status().is_valid, cannot_store);
     } else if (stored.record.up != OTA_FLAG_NORMAL || stored.record.owner != NORMAL_BOOT) {
         stored.record.up = OTA_FLAG_NORMAL;
         stored.record.owner = NORMAL_BOOT;

@@ -49,7 +49,7 @@ bool is_half_written(int32_t slot);
 
 StoredVersions read_stored_versions();
 
-/** Stores a whole record in one write, with its magic number and checksum, and waits until the medium holds it. */
+/** Stores a whole record in one write, with its magic number and checksum. On return the medium holds it. */
 void write_status(ota_status_t& record);
 
 /** Stores versions for burning the fuses later, unless already stored. On return the medium holds them. */

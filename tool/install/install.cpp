@@ -8,6 +8,7 @@
 #include "console/interrupt.h"
 #include "install/image_install.h"
 #include "install/install_record.h"
+#include "internal/ota_paths.h"
 
 namespace {
 
@@ -19,15 +20,7 @@ void make_unbootable(int32_t slot) {
     if (entry != nullptr && !entry->is_given_up()) {
         mark_slot_unbootable(slot);
     } else {
-        sync_partition("misc"); /* a run that was killed may have left it in the page cache only */
-    }
-}
-
-void switch_slot(int32_t slot) {
-    set_next_slot(slot);
-    if (next_slot() != slot) {
-        throw Failure(ExitCode::device,
-                      "slot " + slot_letter(slot) + " is not the next one in the slot block after the switch");
+        sync_partition(ota_misc_partition); /* a run that was killed may have left it in the page cache only */
     }
 }
 
@@ -63,7 +56,7 @@ public:
         }
         if (plan_.switches) {
             progress_.begin("switch", "slot " + slot_letter(*plan_.slot));
-            switch_slot(*plan_.slot);
+            set_next_slot(*plan_.slot);
         }
         record_.end();
     }
@@ -109,7 +102,7 @@ bool is_completed_by(const Plan& plan, const StoredStatus& stored) {
 /** The results of an earlier run may still be only in the page cache, and its status unfinished. */
 void settle(const Plan& plan) {
     if (plan.slot) {
-        sync_partition("misc");
+        sync_partition(ota_misc_partition);
     }
     if (plan.versions && read_stored_versions().is_missing()) {
         store_versions(*plan.versions);
