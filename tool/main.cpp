@@ -91,8 +91,7 @@ void run(Command& root, Context& context, std::span<char*> words) {
     context.run();
 }
 
-ExitCode guarded_run(int argc, char** argv) {
-    Context context;
+ExitCode guarded_run(Context& context, int argc, char** argv) {
     try {
         Command root;
         declare_all(root, context);
@@ -115,10 +114,11 @@ int main(int argc, char** argv) {
     /* A closed pipe must not end an update half-way. */
     (void)std::signal(SIGPIPE, SIG_IGN);
     console::open();
-    ExitCode code = guarded_run(argc, argv);
+    Context context;
+    ExitCode code = guarded_run(context, argc, argv);
     if (!console::close() && code == ExitCode::ok) {
         code = ExitCode::failed;
-        console::report(Failure(code, "cannot write the results"));
+        console::report(Failure(code, "cannot write the results", "", context.state));
     }
     return static_cast<int>(code);
 }

@@ -68,7 +68,7 @@ bool confirm_alone(int32_t running, const std::string& lock_file) {
     return true;
 }
 
-void confirm(const Context& context, const std::string& lock_file) {
+void confirm(Context& context, const std::string& lock_file) {
     if (get_boot_mode() == RECOVERY_MODE) {
         throw Failure(ExitCode::failed, "this is the recovery system: no slot is running",
                       "tessera slots shows the slots");
@@ -76,8 +76,8 @@ void confirm(const Context& context, const std::string& lock_file) {
     const int32_t running = running_slot();
     /* The first read is without the lock. On flash the block is missing while another command writes it. */
     const bool changed = !is_confirmed(running) && confirm_alone(running, lock_file);
-    context.show({{"slot", running}, {"changed", changed}},
-                 "slot " + slot_letter(running) + (changed ? " is confirmed" : " is already confirmed"));
+    context.show_change({{"slot", running}, {"changed", changed}},
+                        "slot " + slot_letter(running) + (changed ? " is confirmed" : " is already confirmed"));
 }
 
 } // namespace

@@ -139,7 +139,7 @@ std::string plan_text(const Outcome& outcome) {
     std::string text = "would install " + plan.description.version + " over " +
                        (plan.installed_version.empty() ? "an unknown version" : plan.installed_version) + "\n" +
                        table({"image", "size", "partition", ""}, rows);
-    if (plan.switches) {
+    if (outcome.needed && plan.switches) {
         text += "slot " + slot_letter(*plan.slot) + " would boot next\n";
     }
     return text + (outcome.needed ? "nothing was written" : "nothing to do");
@@ -239,7 +239,7 @@ void refuse_terminal(const std::string& file) {
     }
 }
 
-void install(const Context& context, const Options& options) {
+void install(Context& context, const Options& options) {
     refuse_terminal(options.package);
     const auto start = std::chrono::steady_clock::now();
     std::optional<UpdateLock> lock;
@@ -269,10 +269,14 @@ void install(const Context& context, const Options& options) {
     }
     const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
     const Outcome outcome{plan, needed, spent.count()};
-    context.show(to_json(outcome, options.dry_run), options.dry_run ? plan_text(outcome) : summary(outcome));
+    if (options.dry_run) {
+        context.show(to_json(outcome, true), plan_text(outcome));
+    } else {
+        context.show_change(to_json(outcome, false), summary(outcome));
+    }
 }
 
-void install_or_report_untouched(const Context& context, const Options& options) {
+void install_or_report_untouched(Context& context, const Options& options) {
     watch_interrupts();
     try {
         install(context, options);

@@ -19,7 +19,7 @@ std::string reason_against(const Slot& slot) {
     return "it is on trial and not confirmed";
 }
 
-void roll_back(const Context& context, const std::string& lock_file) {
+void roll_back(Context& context, const std::string& lock_file) {
     const UpdateLock lock(lock_file, "tessera rollback");
     const int32_t other = running_slot() ^ 1;
     const SlotBlock block = require_slot_block();
@@ -37,8 +37,8 @@ void roll_back(const Context& context, const std::string& lock_file) {
     if (!was_next) {
         set_next_slot(other);
     }
-    context.show({{"slot", other}, {"changed", !was_next}},
-                 slot->name() + (was_next ? " already boots next" : " boots next"));
+    context.show_change({{"slot", other}, {"changed", !was_next}},
+                        slot->name() + (was_next ? " already boots next" : " boots next"));
 }
 
 } // namespace

@@ -20,10 +20,16 @@ struct Context {
     bool json = false;
     bool verbose = false;
     std::function<void()> run; /* what the verb on the command line does; throws Failure */
+    std::string state;         /* of the board after a change, for the case that the results cannot be written */
 
     /** Prints a result in the requested form. */
     void show(const Json& value, const std::string& text) const {
         console::print(json ? to_text(value, 2) : text);
+    }
+    /** The same for the results of a change. `text` is one line. */
+    void show_change(const Json& value, const std::string& text) {
+        state = text;
+        show(value, text);
     }
 };
 
