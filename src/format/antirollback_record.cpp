@@ -22,10 +22,6 @@ format_answer check_antirollback_record(const antirollback_ver_t& record) {
     return is_erased(record_bytes(record)) ? format_erased : format_wrong_checksum;
 }
 
-format_answer decode_antirollback_record(std::span<const uint8_t> bytes, antirollback_ver_t* record) {
-    return decode_record(bytes, record, check_antirollback_record);
-}
-
 void seal_antirollback_record(antirollback_ver_t* record) {
     record->crc32_le = checksum(*record);
 }

@@ -22,9 +22,6 @@ inline constexpr uint32_t antirollback_record_offset = 0x30880;
 /** Valid, torn (wrong checksum) or absent (erased). The format has no magic number. */
 format_answer check_antirollback_record(const antirollback_ver_t& record);
 
-/** The same for raw bytes; too few are torn. @param record  out: what the bytes hold, even if not valid */
-format_answer decode_antirollback_record(std::span<const uint8_t> bytes, antirollback_ver_t* record);
-
 /** Sets the checksum. The record then has its stored form: record_bytes(). */
 void seal_antirollback_record(antirollback_ver_t* record);
 

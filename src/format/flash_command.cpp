@@ -16,10 +16,6 @@ format_answer check_flash_command(const fimage_update_t& command) {
     return format_valid;
 }
 
-format_answer decode_flash_command(std::span<const uint8_t> bytes, fimage_update_t* command) {
-    return decode_record(bytes, command, check_flash_command);
-}
-
 uint32_t flash_command_area_size(const fimage_update_t& command) {
     return command.partinfo.misc.length;
 }

@@ -26,9 +26,6 @@ inline constexpr char flash_command_with_data[] = "misc_write_cmd";
 /** Valid, absent (erased) or foreign (wrong magic number). The signature is not verified. */
 format_answer check_flash_command(const fimage_update_t& command);
 
-/** The same for the bytes of a command file; too few are torn, extra ones are ignored. @param command  out */
-format_answer decode_flash_command(std::span<const uint8_t> bytes, fimage_update_t* command);
-
 /** Size of the data area. Not checked for the command: in one without an area these bytes mean something else. */
 uint32_t flash_command_area_size(const fimage_update_t& command);
 

@@ -45,22 +45,6 @@ std::span<const uint8_t, sizeof(Record)> record_bytes(const Record& record) {
     return std::span<const uint8_t, sizeof(Record)>(reinterpret_cast<const uint8_t*>(&record), sizeof record);
 }
 
-/**
- * Copies a record from bytes and checks it; missing bytes at the end are 0.
- * @param record  out: what the bytes hold, even if not valid
- */
-template <class Record>
-format_answer decode_record(std::span<const uint8_t> bytes, Record* record, format_answer (*check)(const Record&)) {
-    static_assert(std::is_trivially_copyable_v<Record>);
-    std::memset(static_cast<void*>(record), 0, sizeof *record);
-    const size_t length = bytes.size() < sizeof *record ? bytes.size() : sizeof *record;
-    if (length > 0) {
-        std::memcpy(static_cast<void*>(record), bytes.data(), length);
-    }
-    const format_answer answer = check(*record);
-    return length < sizeof *record && answer.state != format_state::absent ? format_too_short : answer;
-}
-
 /** A little-endian number at byte `at`, which the caller has checked to be in range. */
 template <class Number>
 Number load_le(std::span<const uint8_t> bytes, size_t at) {

@@ -15,7 +15,3 @@ format_answer check_gpt_entry(const gpt_entry& entry) {
     return entry.start_lba <= entry.end_lba ? format_valid
                                             : format_answer{format_state::foreign, "ends before it begins"};
 }
-
-format_answer decode_gpt_entry(std::span<const uint8_t> bytes, gpt_entry* entry) {
-    return decode_record(bytes, entry, check_gpt_entry);
-}

@@ -17,14 +17,14 @@
 #include "format.h"
 #include "ota_utils.h"
 
-inline constexpr uint64_t gpt_entries_offset = 1024;
+inline constexpr uint64_t gpt_sector = 512;
+inline constexpr uint64_t gpt_header_offset = gpt_sector;
+inline constexpr uint64_t gpt_signature = 0x5452415020494645; /* begins the header: the bytes "EFI PART" */
+inline constexpr uint64_t gpt_entries_offset = 2 * gpt_sector;
 inline constexpr size_t gpt_entry_count = 128;
 inline constexpr size_t gpt_name_units = 36;
 
 /** Valid, absent (not used) or foreign (the last LBA is before the first). */
 format_answer check_gpt_entry(const gpt_entry& entry);
-
-/** The same for raw bytes; too few are torn. @param entry  out: what the bytes hold, even if not valid */
-format_answer decode_gpt_entry(std::span<const uint8_t> bytes, gpt_entry* entry);
 
 #endif

@@ -29,10 +29,6 @@ format_answer check_slot_block(const bootloader_control& block) {
     return block.crc32_le == checksum(block) ? format_valid : format_wrong_checksum;
 }
 
-format_answer decode_slot_block(std::span<const uint8_t> bytes, bootloader_control* block) {
-    return decode_record(bytes, block, check_slot_block);
-}
-
 void seal_slot_block(bootloader_control* block) {
     block->crc32_le = checksum(*block);
 }

@@ -32,9 +32,6 @@ inline constexpr uint32_t slot_block_default_slots = 2; /* of a new block */
  */
 format_answer check_slot_block(const bootloader_control& block);
 
-/** The same for raw bytes; too few are torn. @param block  out: what the bytes hold, even if not valid */
-format_answer decode_slot_block(std::span<const uint8_t> bytes, bootloader_control* block);
-
 /** Sets the checksum. The block then has its stored form: record_bytes(). */
 void seal_slot_block(bootloader_control* block);
 

@@ -30,10 +30,6 @@ format_answer check_status_record(const ota_status_t& record) {
     return record.crc32_le == status_record_checksum(record) ? format_valid : format_wrong_checksum;
 }
 
-format_answer decode_status_record(std::span<const uint8_t> bytes, ota_status_t* record) {
-    return decode_record(bytes, record, check_status_record);
-}
-
 void seal_status_record(ota_status_t* record) {
     record->crc32_le = status_record_checksum(*record);
 }

@@ -35,9 +35,6 @@ uint32_t status_record_checksum(const ota_status_t& record);
 /** Valid, torn (wrong checksum), absent (erased) or foreign (wrong magic number). */
 format_answer check_status_record(const ota_status_t& record);
 
-/** The same for raw bytes; too few are torn. @param record  out: what the bytes hold, even if not valid */
-format_answer decode_status_record(std::span<const uint8_t> bytes, ota_status_t* record);
-
 /** Sets the checksum. The record then has its stored form: record_bytes(). */
 void seal_status_record(ota_status_t* record);
 

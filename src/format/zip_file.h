@@ -75,6 +75,7 @@ struct [[gnu::packed]] zip64_end {
     uint64_t directory_offset;
 };
 static_assert(sizeof(zip64_end) == 56);
+inline constexpr uint64_t zip64_end_length = sizeof(zip64_end) - offsetof(zip64_end, made_by);
 
 struct [[gnu::packed]] zip64_locator {
     uint32_t signature;

@@ -6,10 +6,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
-#include <string_view>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -17,7 +14,6 @@ namespace console {
 
 namespace {
 
-constexpr std::string_view clear_line = "\r\x1b[K"; /* prefix of the library's info lines */
 constexpr std::string_view error_mark = "[OTA_ERROR]";
 constexpr std::string_view warning_mark = "[OTA_WARNING]";
 

@@ -11,8 +11,12 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 namespace console {
+
+/** Returns to column 0 and clears the line; the library's info lines begin with it too. */
+inline constexpr std::string_view clear_line = "\r\x1b[K";
 
 /** Takes the standard streams over. Called once, before any call of the library. */
 void open();

@@ -39,7 +39,7 @@ ProgressMode default_progress_mode() {
 
 Progress::~Progress() {
     if (visible_ && !finished_) {
-        std::fputs("\r\x1b[K", console::progress_stream());
+        std::fputs(console::clear_line.data(), console::progress_stream());
         std::fflush(console::progress_stream()); /* the result follows on another stream */
     }
 }
@@ -171,9 +171,9 @@ void Progress::show_bar() const {
     if (const auto left = seconds_left(); !finished_ && left) {
         tail += "  " + human_seconds(*left) + " left";
     }
-    std::fprintf(console::progress_stream(), "\r\x1b[K[%s%s] %3u %%  %s %.24s%s", std::string(filled, '#').c_str(),
-                 std::string(bar_width - filled, ' ').c_str(), percent(), phase_.c_str(), subject_.c_str(),
-                 tail.c_str());
+    std::fprintf(console::progress_stream(), "%s[%s%s] %3u %%  %s %.24s%s", console::clear_line.data(),
+                 std::string(filled, '#').c_str(), std::string(bar_width - filled, ' ').c_str(), percent(),
+                 phase_.c_str(), subject_.c_str(), tail.c_str());
 }
 
 void Progress::show_line() const {

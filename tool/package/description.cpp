@@ -4,6 +4,7 @@
 #include "board/names.h"
 #include "console/failure.h"
 #include "console/text.h"
+#include "internal/ota_paths.h"
 
 #include <algorithm>
 #include <array>
@@ -155,7 +156,7 @@ private:
 };
 
 /** Partitions that an update relies on while it runs, or that contain all others. */
-constexpr std::array untouchable = {"misc", "ubootenv", "blk"};
+constexpr std::array<const char*, 3> untouchable = {ota_misc_partition, ota_ubootenv_partition, ota_gpt_partition};
 
 void check_name(const Fields& fields, const Image& image) {
     if (image.name.find('/') != std::string::npos || image.name.starts_with('.')) {

@@ -18,12 +18,12 @@ constexpr size_t input_size = size_t{64} << 10;
 
 /** As the library counts: a name that is too long to be checked counts as an image. */
 bool Entry::is_image() const {
-    const auto has_extension = [&](const char* extension) { return is_xxx_file(name.c_str(), extension) != 0; };
-    return has_extension("img") || has_extension("bin") || has_extension("ubifs");
+    return std::ranges::any_of(zip_image_extensions,
+                               [&](const char* extension) { return is_xxx_file(name.c_str(), extension) != 0; });
 }
 
 Failure damaged_entry(const Entry& entry, const std::string& cause) {
-    return {ExitCode::refused, entry.name + cause, "tessera package check-zip reports which entries are damaged"};
+    return {ExitCode::refused, entry.name + cause, "tessera package check-zip    (reports which entries are damaged)"};
 }
 
 bool is_header_of(const zip_local_header& header, std::span<const uint8_t> rest, const Entry& entry) {

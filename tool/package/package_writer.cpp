@@ -27,8 +27,8 @@ void append(std::vector<uint8_t>& to, std::span<const uint8_t> bytes) {
 std::vector<uint8_t> zip64_extra(std::initializer_list<uint64_t> values) {
     std::vector<uint8_t> extra;
     if (values.size() > 0) {
-        append(extra,
-               record_bytes(std::array<uint16_t, 2>{1, static_cast<uint16_t>(values.size() * sizeof(uint64_t))}));
+        append(extra, record_bytes(std::array<uint16_t, 2>{zip64_record,
+                                                           static_cast<uint16_t>(values.size() * sizeof(uint64_t))}));
         for (const uint64_t value : values) {
             append(extra, record_bytes(value));
         }
@@ -115,8 +115,8 @@ void PackageWriter::write_directory() {
     const bool is_wide = offset >= zip_wide32 || entries_ >= zip_wide16;
     if (is_wide) {
         const uint64_t end_offset = size_;
-        add(record_bytes(zip64_end{zip64_end_signature, sizeof(zip64_end) - 12, made_by_unix | version_zip64,
-                                   version_zip64, 0, 0, entries_, entries_, size, offset}));
+        add(record_bytes(zip64_end{zip64_end_signature, zip64_end_length, made_by_unix | version_zip64, version_zip64,
+                                   0, 0, entries_, entries_, size, offset}));
         add(record_bytes(zip64_locator{zip64_locator_signature, 0, end_offset, 1}));
     }
     const auto count = static_cast<uint16_t>(is_wide ? zip_wide16 : entries_);

@@ -3,6 +3,7 @@
 #include "board/device.h"
 #include "board/partition.h"
 #include "console/text.h"
+#include "format/gpt.h"
 #include "internal/ota_paths.h"
 #include "velox_ota_hl.h"
 #include "verbs/verb.h"
@@ -15,10 +16,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr uint64_t sector = 512;
-constexpr std::string_view gpt_signature = "EFI PART"; /* begins the header in sector 1 */
-constexpr size_t gpt_entry_count = 128;
 
 struct Partition {
     std::string name;
@@ -82,15 +79,13 @@ std::vector<gpt_entry> read_gpt() {
     if (get_boot_medium() != OTA_EMMC || !fs::exists(path)) {
         return {};
     }
-    std::array<uint8_t, gpt_signature.size()> head{};
-    Device(path).read_raw(sector, head);
-    if (std::memcmp(head.data(), gpt_signature.data(), head.size()) != 0) {
+    std::array<uint8_t, sizeof gpt_signature> head{};
+    Device(path).read_raw(gpt_header_offset, head);
+    if (load_le<uint64_t>(head, 0) != gpt_signature) {
         return {};
     }
     require(ExitCode::device, "cannot read the GPT", [&] { return emmc_gpt_entry_read(entries.data()); });
-    std::erase_if(entries, [](const gpt_entry& entry) {
-        return entry.part_type_guid_low == 0 && entry.part_type_guid_high == 0;
-    });
+    std::erase_if(entries, [](const gpt_entry& entry) { return check_gpt_entry(entry).state == format_state::absent; });
     return entries;
 }
 
@@ -101,7 +96,7 @@ std::string label(gpt_entry& entry) {
 }
 
 uint64_t byte_size(const gpt_entry& entry) {
-    return entry.end_lba < entry.start_lba ? 0 : (entry.end_lba - entry.start_lba + 1) * sector;
+    return entry.end_lba < entry.start_lba ? 0 : (entry.end_lba - entry.start_lba + 1) * gpt_sector;
 }
 
 void show_partitions(const Context& context) {
