@@ -5,7 +5,6 @@
 #include "console/text.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>

@@ -10,7 +10,7 @@
 
 namespace {
 
-/** Carries what the writer and the reading back have done over to the progress. */
+/** Reports what has been written and read back since the last update. */
 class ImageProgress {
 public:
     ImageProgress(Progress& progress, const TargetWriter& writer, ReadBack& read_back)
@@ -82,6 +82,10 @@ private:
     std::optional<Digester> digester_; /* until the end */
 };
 
+Failure worn_out(const Target& target, const char* problem) {
+    return {ExitCode::device, target.partition() + problem + "; the device may be worn out"};
+}
+
 /** Determines whether the image or the device is at fault. */
 Failure explain_difference(const Target& target, ImageSource& source) {
     Progress none(ProgressMode::none);
@@ -90,13 +94,17 @@ Failure explain_difference(const Target& target, ImageSource& source) {
         !image.matches(digest_image(*source.open(image), image, image.strongest_digest(), none))) {
         return wrong_digest(image);
     }
-    return {ExitCode::device, target.partition() + ": the data read back differs from the data written",
-            "the device may be worn out"};
+    return worn_out(target, ": the data read back differs from the data written");
+}
+
+/** What a killed run left in the page cache only proves nothing. */
+void settle_page_cache(const Target& target) {
+    target.opened->sync();
 }
 
 bool is_equal_up_to_the_end(const Target& target, ImageBytes& image, uint64_t& done, Progress& progress) {
     const Device& device = *target.opened;
-    device.sync(); /* data left in the page cache by a killed run proves nothing */
+    settle_page_cache(target);
     const auto lost = device.uncorrectable_reads();
     Digester digester(target.image.strongest_digest());
     std::vector<uint8_t> held;
@@ -121,8 +129,7 @@ bool is_equal_up_to_the_end(const Target& target, ImageBytes& image, uint64_t& d
 void install_image(Target& target, ImageSource& source, bool compares, const std::function<void()>& before_write,
                    Progress& progress) {
     progress.begin("write", target.partition());
-    const Device& device = *target.opened;
-    device.sync(); /* data left in the page cache by a killed run proves nothing */
+    settle_page_cache(target);
     const auto reader = source.open(target.image);
     TargetWriter writer(target, compares, before_write);
     ReadBack read_back(target.device, target.size, target.image.strongest_digest());
@@ -138,7 +145,7 @@ void install_image(Target& target, ImageSource& source, bool compares, const std
         writer.finish();
     }
     progress.begin("sync", target.partition());
-    device.sync();
+    target.opened->sync();
     progress.begin("verify", target.partition());
     const Digests found = read_back.finish(tick);
     target.written = writer.written();
@@ -147,8 +154,7 @@ void install_image(Target& target, ImageSource& source, bool compares, const std
         throw explain_difference(target, source);
     }
     if (read_back.has_lost_reads()) {
-        throw Failure(ExitCode::device, target.partition() + " has pages that its ECC cannot correct",
-                      "the device may be worn out");
+        throw worn_out(target, " has pages that its ECC cannot correct");
     }
 }
 

@@ -31,7 +31,7 @@ struct Target {
     Image image;
     uint64_t size;                             /* bytes of the image */
     std::string device;                        /* path */
-    bool read_first;                           /* its digest is compared before anything is done with it */
+    bool read_first;                           /* its digest is compared before anything is written */
     bool is_installed = false;                 /* the device holds the image already, as far as is known */
     uint64_t written = 0;                      /* bytes of the device, by this installation */
     std::unique_ptr<const Device> opened = {}; /* to check, compare and sync; writing and reading back open `device` */
@@ -47,7 +47,7 @@ struct Plan {
     std::vector<Target> targets;    /* those of the slot first: what has no second copy is written last */
     bool record_is_valid = true;    /* the update status shows whether an installation was interrupted */
     std::optional<int32_t> slot;    /* the update slot, when an image goes to a slot */
-    std::optional<int32_t> running; /* known whenever `slot` is, but in recovery mode no slot's system runs */
+    std::optional<int32_t> running; /* nullopt without an update slot and in recovery mode */
     bool rewrites = false;          /* what is already installed is written again */
     bool switches = false;          /* the slot is made the next one in the end */
     std::vector<Descriptor> claims; /* keep others off the targets for as long as they are open */
@@ -95,9 +95,9 @@ void check_record(Plan& plan);
 bool is_done(const Plan& plan);
 
 /**
- * Why the plan must not be carried out, unless it is done already: it would write the slot or switch to it while the
- * other one is not confirmed: after a power cut that loses the slot block a half-written slot could boot, or the last
- * system known to be good would be written.
+ * Why the plan must not be carried out; nullopt if it may, or is already done. It must not if the other slot is not
+ * confirmed: after a power cut that loses the slot block a half-written slot could boot, or the last system known to
+ * be good would be overwritten.
  */
 std::optional<Failure> find_slot_problem(const Plan& plan);
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 /**
- * Reads an image back from its device while it is still being written, at a distance, and computes its digest.
+ * Reads an image back from its device while later parts of it are still being written, and computes its digest.
  *
- * On a block device the bytes are first handed to the device and dropped from the page cache, and read past that cache,
- * in a thread of their own. Until the device is synced it may return them from a volatile cache of its own. Flash
- * devices write through and do one thing at a time, so they are read in the calling thread.
+ * On a block device a thread of its own reads: it waits until the kernel has written the bytes to the device, drops
+ * them from the page cache, and reads with O_DIRECT. Before the device is synced, it may answer from its own volatile
+ * cache. Flash devices write through and do one thing at a time, so they are read in the calling thread.
  */
 #ifndef TOOL_READ_BACK_H
 #define TOOL_READ_BACK_H
@@ -13,7 +13,6 @@
 #include "board/digest.h"
 
 #include <condition_variable>
-#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -34,8 +33,8 @@ public:
     ReadBack& operator=(const ReadBack&) = delete;
 
     /**
-     * The bytes before `end` have been written. Waits where reading is too far back, which bounds the memory that
-     * waits to be stored. Throws the failure of the reading.
+     * The bytes before `end` have been written. Waits while more than 16 MiB of them have not been read back, which
+     * bounds dirty memory. Throws the failure of the reading.
      */
     void follow(uint64_t end, const Tick& tick);
     /** Reads the rest. To be called when everything has been written and synced. Throws like follow(). */

@@ -13,7 +13,6 @@
 #include <fcntl.h>
 #include <libdeflate.h>
 #include <new>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <memory>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>

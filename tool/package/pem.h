@@ -6,7 +6,6 @@
 #include "board/openssl_handle.h"
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 struct PemBlock {

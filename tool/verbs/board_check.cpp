@@ -15,8 +15,6 @@
 #include "internal/ota_staging.h"
 #include "velox_ota_hl.h"
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <dlfcn.h>
 #include <filesystem>

@@ -9,7 +9,6 @@
 #include "verbs/verb.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace {
 
@@ -28,7 +27,7 @@ struct Options {
 
 [[noreturn]] void refuse_lower(const char* which, uint32_t version, uint32_t counter) {
     refuse(format("the stored %s version %u is below the counter %u", which, version, counter),
-           "tessera install PACKAGE stores the versions of another package");
+           "tessera install PACKAGE    (stores the versions of another package)");
 }
 
 void refuse_unversioned(const char* which, bool raise, uint32_t version) {
@@ -59,7 +58,7 @@ antirollback_ver_t versions_to_burn(const Counters& counters) {
     const StoredVersions stored = read_stored_versions();
     if (stored.is_missing()) {
         refuse("no installed package has stored a record of its versions",
-               "tessera install PACKAGE stores one, even for a package that is already installed");
+               "tessera install PACKAGE    (stores one, even for a package that is already installed)");
     }
     const antirollback_ver_t& record = stored.record;
     if (record.sec_up_flag != 1 && record.nosec_up_flag != 1) {
@@ -102,7 +101,8 @@ int32_t confirmed_running_slot(const SlotBlock& block) {
         refuse("slot " + slot_letter(running) + " is running, but the slot block does not list it", "tessera slots");
     }
     if (!slot->is_confirmed()) {
-        refuse(slot->name() + " is running and not confirmed", "tessera confirm, once this system is known to work");
+        refuse(slot->name() + " is running and not confirmed",
+               "tessera confirm    (once this system is known to work)");
     }
     return running;
 }
@@ -112,10 +112,10 @@ void demand_no_update() {
     if (!status.is_valid) {
         refuse(
             format("the update status is not valid (%s): whether an update was interrupted is unknown", status.fault),
-            "tessera install PACKAGE with the installed package rewrites it");
+            "tessera install PACKAGE    (rewrites it, with the installed package)");
     }
     if (!status.is_idle()) {
-        refuse("an update has not ended", "tessera install PACKAGE completes or replaces it");
+        refuse("an update has not ended", "tessera install PACKAGE    (completes or replaces it)");
     }
 }
 
