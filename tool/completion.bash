@@ -7,7 +7,7 @@ _tessera_words() {
     "${COMP_WORDS[0]}" "$@" --help 2>/dev/null | awk '
         /^[A-Z].*:$/ { section = $1 }
         section ~ /^Options/ && match($0, /^  -[^ ]*/) { gsub(/,/, "\n", $1); print $1 }
-        section ~ /^Subcommands/ && /^  [a-z]/ { print $1 }'
+        section ~ /^Commands/ && /^  [a-z]/ { print $1 }'
 }
 
 _tessera() {

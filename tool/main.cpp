@@ -30,8 +30,8 @@ constexpr Verb verbs[] = {
 };
 
 constexpr char exit_table[] =
-    "Exit status: 0 success; 1 refused or failed, or another command is at work; 2 usage error;\n"
-    "3 package refused; 4 device failure; 130 interrupted";
+    "Exit status: 0 success; 1 failed, or not possible in this state; 2 usage error; 3 package refused;\n"
+    "4 device failure; 130 interrupted";
 
 /** An option that only prints something, such as --help. */
 Option& add_answer(Command& root, char letter, std::string_view name, std::string_view help) {

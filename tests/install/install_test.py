@@ -423,7 +423,7 @@ class InstallTest(BoardCase):
         with open(self.home / "large_uboot", "wb") as large:
             large.truncate((64 << 20) + 1)
         cases = [  # command line, status, word in the message
-            ("nonsense", 2, "nonsense"), ("--colour", 2, "colour"), ("", 2, "subcommand"),
+            ("nonsense", 2, "nonsense"), ("--colour", 2, "colour"), ("", 2, "command is required"),
             ("install", 2, "PACKAGE"), ("install /no.zip", 3, "/no.zip"), ("install /etc/passwd", 3, "zip"),
             ("install /no.zip --lock /no/lock", 1, "/no/lock"), ("install /no.zip --progress loud", 2, "loud"),
             ("verify /no.zip", 3, "/no.zip"), ("slots set-next a --lock /userdata", 1, "cannot use the lock file"),

@@ -51,9 +51,9 @@ std::string usage_line(const Command& command) {
     }
     switch (command.below) {
     case Command::Below::required:
-        return text + " SUBCOMMAND\n";
+        return text + " COMMAND\n";
     case Command::Below::optional:
-        return text + " [SUBCOMMAND]\n";
+        return text + " [COMMAND]\n";
     default:
         return text + "\n";
     }
@@ -197,7 +197,7 @@ private:
     /** Checks that need the whole line. */
     void check() {
         if (command_->below == Command::Below::required) {
-            throw wrong("a subcommand is required");
+            throw wrong("a command is required");
         }
         for (auto* options : {&command_->words, &command_->options}) {
             for (Option& option : *options) {
@@ -270,7 +270,7 @@ std::string Command::help() const {
             text += is_taken(option, *command, *this) ? help_line(left_column(option), option.help) : "";
         }
     }
-    text += commands.empty() ? "" : "\nSubcommands:\n";
+    text += commands.empty() ? "" : "\nCommands:\n";
     for (const Command& command : commands) {
         text += help_line(std::string(command.name), command.summary);
     }

@@ -23,7 +23,7 @@ void recreate_block(int32_t running) {
     if (running >= int32_t{slot_block_default_slots}) {
         throw Failure(ExitCode::failed,
                       "slot " + slot_letter(running) + " is running, but a new slot block has the slots a and b only",
-                      "tessera slots reset writes one without " + slot_letter(running));
+                      "tessera slots reset    (writes one without " + slot_letter(running) + ")");
     }
     reset_slot_block();
     set_next_slot(running);
@@ -53,7 +53,7 @@ void make_confirmed(int32_t running) {
         recreate_block(running);
     } else if (const Slot& slot = find_running(*block, running); slot.corrupted) {
         throw Failure(ExitCode::failed, slot.name() + " is running, but the slot block marks it as corrupted",
-                      "tessera slots set-next " + slot_letter(running) + " clears the mark");
+                      "tessera slots set-next " + slot_letter(running) + "    (clears the mark)");
     }
     mark_slot_good(running);
 }
@@ -70,8 +70,7 @@ bool confirm_alone(int32_t running, const std::string& lock_file) {
 
 void confirm(Context& context, const std::string& lock_file) {
     if (get_boot_mode() == RECOVERY_MODE) {
-        throw Failure(ExitCode::failed, "this is the recovery system: no slot is running",
-                      "tessera slots shows the slots");
+        throw Failure(ExitCode::failed, "this is the recovery system: no slot is running", "tessera slots");
     }
     const int32_t running = running_slot();
     /* The first read is without the lock. On flash the block is missing while another command writes it. */

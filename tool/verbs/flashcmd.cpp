@@ -109,7 +109,7 @@ void write_command(const Context& context, const Options& options) {
 void declare_flashcmd(Command& verb, Context& context) {
     auto options = std::make_shared<Options>();
     add_word(verb, "NAME", options->name, "Name of the command file on the board");
-    Option* data = add_text(verb, "--data", options->data_file, "File with the data for misc_write_cmd");
+    Option* data = add_text(verb, "--data", "FILE", options->data_file, "File with the data for misc_write_cmd");
     add_need(add_number(verb, "--offset", options->offset, "Offset of the data in the data area"), data);
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options] { write_command(context, *options); });

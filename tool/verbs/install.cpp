@@ -16,9 +16,9 @@
 #include "verbs/verb.h"
 
 #include <chrono>
-#include <filesystem>
 #include <map>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -313,7 +313,7 @@ void declare_install(Command& verb, Context& context) {
     add_choice(verb, "--progress", "MODE", {"bar", "plain", "json"}, choose,
                "How to report progress on stderr: bar, plain or json");
     const Option* version =
-        add_text(verb, "--version-file", options->version_file, "File that contains the installed version");
+        add_text(verb, "--version-file", "FILE", options->version_file, "File that contains the installed version");
     add_lock(verb, options->lock_file);
     on_command(verb, context, [&context, options, version] {
         options->version_file_named = is_given(version);

@@ -175,9 +175,9 @@ void declare_pack(Command& verb, Context& context) {
     add_word(verb, "DESCRIPTION", options->description,
              "Description (JSON file); missing digests and sizes are filled in");
     add_word(verb, "DIR", options->directory, "Directory with the images");
-    add_word(verb, "-o,--output", options->output, "Package to create");
-    add_texts(verb, "--sign", options->keys, "PEM file of a signing key; may be repeated");
-    add_texts(verb, "--cert", options->certificates, "PEM file of its certificate, one for each --sign");
+    add_text(verb, "-o,--output", "PACKAGE", options->output, "Package to create")->is_required = true;
+    add_texts(verb, "--sign", "KEY", options->keys, "PEM file of a signing key; may be repeated");
+    add_texts(verb, "--cert", "CERT", options->certificates, "PEM file of its certificate, one for each --sign");
     add_flag(verb, "--plain", options->plain, "Pack without block maps");
     on_command(verb, context, [&context, options] { pack(context, *options); });
 }

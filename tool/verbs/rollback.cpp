@@ -30,8 +30,8 @@ void roll_back(Context& context, const std::string& lock_file) {
     if (!slot->is_confirmed()) {
         throw Failure(ExitCode::failed, "cannot roll back to " + slot->name() + ": " + reason_against(*slot),
                       read_status().is_cut_in(other)
-                          ? "tessera status shows the interrupted installation"
-                          : "tessera slots set-next " + slot_letter(other) + " tries it anyway");
+                          ? "tessera status"
+                          : "tessera slots set-next " + slot_letter(other) + "    (tries it anyway)");
     }
     const bool was_next = block.is_sole_next(other);
     if (!was_next) {

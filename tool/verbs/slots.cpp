@@ -107,7 +107,7 @@ void demand_whole(int32_t slot) {
     if (!runs(slot) && is_half_written(slot)) {
         throw Failure(ExitCode::failed,
                       "slot " + slot_letter(slot) + " is half written: an installation to it was interrupted",
-                      "tessera status shows the installation");
+                      "tessera status");
     }
 }
 
@@ -117,7 +117,7 @@ void demand_bootable(int32_t slot) {
     const SlotBlock block = require_slot_block();
     if (const Slot* entry = block.find(slot); !runs(slot) && !entry->is_bootable()) {
         throw Failure(ExitCode::failed, "cannot mark " + entry->name() + " good: it is " + block.state_of(*entry),
-                      "tessera slots set-next " + slot_letter(slot) + " tries it; tessera confirm there keeps it");
+                      "tessera slots set-next " + slot_letter(slot) + "    (tries it; tessera confirm there keeps it)");
     }
 }
 

@@ -193,7 +193,7 @@ const Field& find_field(const std::string& name) {
     const auto found =
         std::find_if(fields.begin(), fields.end(), [&](const Field& field) { return name == field.name; });
     if (found == fields.end()) {
-        throw Failure(ExitCode::usage, "unknown field " + name, "tessera status lists the fields");
+        throw Failure(ExitCode::usage, "unknown field " + name, "tessera status    (lists the fields)");
     }
     return *found;
 }
@@ -227,7 +227,7 @@ int32_t field_value(const Field& field, const std::string& word, bool raw) {
 void demand_kept(bool is_kept) {
     if (!is_kept) {
         throw Failure(ExitCode::device, std::string("the record did not persist in ") + ota_ubootenv_partition,
-                      "tessera board --check reports whether a bad block precedes it");
+                      "tessera board --check    (reports whether a bad block precedes it)");
     }
 }
 

@@ -21,8 +21,8 @@ Option& add_option(Command& command, std::string_view names, std::string_view ty
     return option;
 }
 
-Option& add_stored(Command& command, const char* names, std::string& text, const char* help) {
-    Option& option = add_option(command, names, "TEXT", help);
+Option& add_stored(Command& command, const char* names, const char* type, std::string& text, const char* help) {
+    Option& option = add_option(command, names, type, help);
     option.initial = text;
     option.take = [&text](const std::string& value) {
         text = value;
@@ -32,11 +32,11 @@ Option& add_stored(Command& command, const char* names, std::string& text, const
 }
 
 /** An empty value comes from an unset variable in a script, and must not disable a check. */
-Option& add_filled(Command& command, const char* name, std::string& text, const char* help, const char* problem) {
-    Option& option = add_option(command, name, "TEXT", help);
-    option.take = [&text, problem](const std::string& value) {
+Option& add_filled(Command& command, const char* name, const char* type, std::string& text, const char* help) {
+    Option& option = add_option(command, name, type, help);
+    option.take = [&text](const std::string& value) {
         text = value;
-        return std::string(value.empty() ? problem : "");
+        return std::string(value.empty() ? "must not be empty" : "");
     };
     return option;
 }
@@ -59,7 +59,7 @@ std::string to_number(std::string_view text, uint64_t most, uint64_t& number) {
 /** Leaves the stored value unchanged if the word is not a number. */
 template <class Number>
 Option* add_any_number(Command& command, const char* name, Number& number, uint64_t most, const char* help) {
-    Option& option = add_option(command, name, "UINT", help);
+    Option& option = add_option(command, name, "N", help);
     option.take = [&number, most](const std::string& text) {
         uint64_t value = 0;
         std::string problem = to_number(text, most, value);
@@ -90,15 +90,16 @@ void demand_command(Command& verb) {
 }
 
 void add_word(Command& command, const char* name, std::string& word, const char* help) {
-    add_stored(command, name, word, help).is_required = true;
+    add_stored(command, name, name, word, help).is_required = true;
 }
 
-Option* add_text(Command& command, const char* name, std::string& text, const char* help) {
-    return &add_stored(command, name, text, help);
+Option* add_text(Command& command, const char* name, const char* type, std::string& text, const char* help) {
+    return &add_stored(command, name, type, text, help);
 }
 
-Option* add_texts(Command& command, const char* name, std::vector<std::string>& texts, const char* help) {
-    Option& option = add_option(command, name, "TEXT", help);
+Option* add_texts(Command& command, const char* name, const char* type, std::vector<std::string>& texts,
+                  const char* help) {
+    Option& option = add_option(command, name, type, help);
     option.is_repeatable = true;
     option.take = [&texts](const std::string& value) {
         texts.push_back(value);
@@ -146,12 +147,12 @@ Option* add_choice(Command& command, const char* name, const char* type, const s
 }
 
 void add_lock(Command& command, std::string& file) {
-    add_text(command, "--lock", file, "Lock file, held by one command at a time");
+    add_text(command, "--lock", "FILE", file, "Lock file, held by one command at a time");
 }
 
 void add_trust(Command& command, TrustOptions& trust) {
-    Option& option = add_filled(command, "--trust", trust.file,
-                                "PEM file of the trusted authorities and their revocation lists", "must not be empty");
+    Option& option = add_filled(command, "--trust", "FILE", trust.file,
+                                "PEM file of the trusted authorities and their revocation lists");
     option.environment = "TESSERA_TRUST";
     const auto choose = [&trust](const std::string& word) {
         trust.time = word == "now" ? TrustTime::now : TrustTime::signing;
@@ -162,8 +163,7 @@ void add_trust(Command& command, TrustOptions& trust) {
 }
 
 void add_board(Command& command, std::string& name) {
-    add_filled(command, "--board", name, "Name of this board, instead of those in its device tree",
-               "must not be empty");
+    add_filled(command, "--board", "NAME", name, "Name of this board, instead of those in its device tree");
 }
 
 void add_need(Option* option, Option* other) {

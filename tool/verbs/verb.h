@@ -53,9 +53,11 @@ void demand_command(Command& verb);
 /** A word that has to be there. */
 void add_word(Command& command, const char* name, std::string& word, const char* help);
 
-Option* add_text(Command& command, const char* name, std::string& text, const char* help);
+/** @param type  what the value is, for the help: "FILE" */
+Option* add_text(Command& command, const char* name, const char* type, std::string& text, const char* help);
 /** A text that may be given several times. */
-Option* add_texts(Command& command, const char* name, std::vector<std::string>& texts, const char* help);
+Option* add_texts(Command& command, const char* name, const char* type, std::vector<std::string>& texts,
+                  const char* help);
 Option* add_number(Command& command, const char* name, uint32_t& number, const char* help);
 Option* add_number(Command& command, const char* name, uint64_t& number, const char* help);
 Option* add_number(Command& command, const char* name, std::optional<uint64_t>& number, const char* help);
