@@ -36,3 +36,13 @@ std::string read_small_file(const std::string& path, size_t limit) {
     }
     return bytes;
 }
+
+void write_all(int fd, std::span<const uint8_t> bytes, const std::string& sentence) {
+    while (!bytes.empty()) {
+        const ssize_t done = write(fd, bytes.data(), bytes.size());
+        if (done < 0 && errno != EINTR) {
+            throw Failure(ExitCode::failed, sentence + because(errno));
+        }
+        bytes = bytes.subspan(static_cast<size_t>(std::max<ssize_t>(done, 0)));
+    }
+}

@@ -4,6 +4,7 @@
 #include "board/device.h"
 #include "board/names.h"
 #include "board/partition.h"
+#include "board/small_file.h"
 #include "board/status_record.h"
 #include "console/failure.h"
 #include "console/text.h"
@@ -28,16 +29,6 @@ uint64_t bytes_to_read(FirmwareKind kind, uint64_t capacity) {
     return std::min(most, capacity);
 }
 
-void write_all(int fd, std::span<const uint8_t> bytes) {
-    while (!bytes.empty()) {
-        const ssize_t written = write(fd, bytes.data(), bytes.size());
-        if (written <= 0) {
-            throw Failure(ExitCode::failed, "cannot copy it to memory" + because(errno));
-        }
-        bytes = bytes.subspan(static_cast<size_t>(written));
-    }
-}
-
 /** Copies the start of a device to a file in memory: the version readers need a file with a size. */
 Descriptor copy_to_memory(const Device& device, uint64_t size) {
     Descriptor copy(memfd_create("tessera-firmware", MFD_CLOEXEC));
@@ -50,7 +41,7 @@ Descriptor copy_to_memory(const Device& device, uint64_t size) {
     for (uint64_t done = 0; done < size; done += piece.size()) {
         piece.resize(std::min<uint64_t>(piece_size, size - done));
         device.read(done, piece);
-        write_all(copy.get(), piece);
+        write_all(copy.get(), piece, "cannot copy it to memory");
     }
     if (device.lost_reads_since(lost)) {
         throw Failure(ExitCode::device, "pages that its ECC cannot correct");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "package/image_packer.h"
 
+#include "board/small_file.h"
 #include "console/failure.h"
 #include "console/interrupt.h"
 #include "console/text.h"
@@ -97,17 +98,6 @@ Descriptor open_image_file(const std::string& path) {
     return fd;
 }
 
-void write_all(int fd, std::span<const uint8_t> bytes) {
-    while (!bytes.empty()) {
-        const ssize_t done = write(fd, bytes.data(), bytes.size());
-        if (done < 0 && errno != EINTR) {
-            throw Failure(ExitCode::failed,
-                          std::string("cannot stage the images next to the package") + because(errno));
-        }
-        bytes = bytes.subspan(static_cast<size_t>(std::max<ssize_t>(done, 0)));
-    }
-}
-
 Descriptor make_unnamed_file(std::string path) {
     Descriptor fd(mkostemp(path.data(), O_CLOEXEC));
     if (fd.get() < 0) {
@@ -125,7 +115,9 @@ ImagePacker::ImagePacker(const std::string& staging) : staging_(make_unnamed_fil
 PackedImage ImagePacker::pack(const std::string& path, bool framed, const std::function<void(size_t)>& advance) {
     const Descriptor file = open_image_file(path);
     FileSource source(file.get(), 0, path);
-    Deflater deflater([this](std::span<const uint8_t> bytes) { write_all(staging_.get(), bytes); });
+    Deflater deflater([this](std::span<const uint8_t> bytes) {
+        write_all(staging_.get(), bytes, "cannot stage the images next to the package");
+    });
     Digester digester(Digester::Kind::both);
     MapMaker map;
     PackedImage image{{}, {zip_deflated, 0, 0, 0}, end_, {}};

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "package/package_writer.h"
 
+#include "board/small_file.h"
 #include "console/failure.h"
 #include "console/text.h"
 #include "format/zip_file.h"
@@ -99,13 +100,7 @@ void PackageWriter::begin_entry(const std::string& name, const PackedData& data)
 
 void PackageWriter::add(std::span<const uint8_t> bytes) {
     size_ += bytes.size();
-    while (!bytes.empty()) {
-        const ssize_t done = write(fd_.get(), bytes.data(), bytes.size());
-        if (done < 0 && errno != EINTR) {
-            throw Failure(ExitCode::failed, "cannot write " + unfinished_ + because(errno));
-        }
-        bytes = bytes.subspan(static_cast<size_t>(std::max<ssize_t>(done, 0)));
-    }
+    write_all(fd_.get(), bytes, "cannot write " + unfinished_);
 }
 
 void PackageWriter::write_directory() {

@@ -69,11 +69,7 @@ std::set<std::string> partition_names() {
 /** An item for many names: present if none of them is wrong. */
 BoardItem list_item(const char* name, const std::vector<std::string>& wrong, const std::string& found,
                     const std::string& fix) {
-    std::string all;
-    for (const std::string& one : wrong) {
-        all += (all.empty() ? "" : ", ") + one;
-    }
-    return {name, wrong.empty(), wrong.empty() ? found : all, fix};
+    return {name, wrong.empty(), wrong.empty() ? found : joined(wrong), fix};
 }
 
 /** Checks that every A/B partition exists for both slots. */
