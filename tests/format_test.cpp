@@ -2,6 +2,7 @@
 /** Each format as bytes, good and bad: the cases of golden/, and what damage makes of the good ones. */
 #include "antirollback_record.h"
 #include "block_map.h"
+#include "firmware_package.h"
 #include "flash_command.h"
 #include "gpt.h"
 #include "slot_block.h"
@@ -186,6 +187,26 @@ TEST(Format, block_maps) {
     EXPECT_EQ(std::memcmp(&header, golden("block_map")[0].bytes.data(), sizeof header), 0);
     EXPECT_EQ(block_map_size(UINT64_MAX), 24 + 4 * (uint64_t{1} << 47) + 16 * (uint64_t{1} << 52));
     EXPECT_EQ(check_frame_sum(0, 1).state, format_state::torn);
+}
+
+/** The number of entries, and 100 more where no entry of zeros follows the last one. */
+format_answer count_firmware_entries(std::span<const uint8_t> file, uint64_t* count) {
+    const format_answer answer = check_firmware_package(file);
+    firmware_walk walk{file};
+    fip_toc_entry_t entry;
+    uint64_t entries = 0;
+    while (answer.state == format_state::valid && next_firmware_entry(&walk, &entry)) {
+        EXPECT_EQ(check_firmware_place(entry, 4096), static_cast<firmware_place>(entry.flags)) << entries;
+        ++entries;
+    }
+    if (answer.state == format_state::valid) {
+        *count = entries + (walk.is_terminated ? 0 : 100);
+    }
+    return answer;
+}
+
+TEST(Format, the_entries_of_a_firmware_package) {
+    check_number("firmware_package", count_firmware_entries);
 }
 
 TEST(Format, the_rollback_index_of_a_verified_boot_image) {

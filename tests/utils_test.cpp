@@ -83,6 +83,9 @@ TEST_F(Utils, one_transfer_at_any_offset) {
     expect_call(read(lost), -1, {"error open file: " + by_name + "lost failed"});
     expect_call(read(file_info(path, 0, ota_medium_e(-1))), -1,
                 {"error " + path + " is neither an MTD device nor a UBI volume"});
+    const std::string mtd = add_partition("mtd", "x"); // the kind is at the end of the longest target of a link
+    const std::string longest = link_partition("longest", std::string(127 - mtd.size(), '/') + mtd);
+    expect_call(read(file_info(longest, 0, OTA_NAND)), -1, {"error ioctl get MEMGETINFO failed, error-1"});
     expect_call(write(file_info(none)), -1, {"error open file:" + none + " failed"});
     expect_call(write(file_info("/dev/full")), -1, {"error file /dev/full write failed"});
     expect_call(write(file_info(path, ~0ULL)), -1, {"error file " + path + " lseek failed, offset=-1"});

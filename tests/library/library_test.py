@@ -4,6 +4,7 @@
 import json
 import os
 import pathlib
+import platform
 import re
 import shutil
 import subprocess
@@ -13,6 +14,7 @@ import unittest
 TOP = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["TESSERA_BUILD"])
 SANITIZE = os.environ.get("SANITIZE")
+COMMAND_LIMIT = 475_000  # bytes of the command, stripped, on x86-64
 EXAMPLE = TOP / "examples" / "next-slot"
 # In the directory of an example: by pkg-config and by find_package, as plain C11.
 BUILD_BOTH = """set -e
@@ -75,6 +77,15 @@ class LibraryTest(unittest.TestCase):
             self.assertIn("__stack_chk_fail", imports, path)
             if not SANITIZE:
                 self.assertRegex(imports, r"__v?[fs]n?printf_chk", path)
+
+    def test_the_command_is_small(self):
+        cache = (BUILD / "CMakeCache.txt").read_text()
+        shipped = (r"TESSERA_LTO:BOOL=ON", r"CMAKE_BUILD_TYPE:STRING=RelWithDebInfo", r"CMAKE_CXX_COMPILER:.*[=/]g\+\+")
+        if SANITIZE or platform.machine() != "x86_64" or not all(re.search(line, cache) for line in shipped):
+            self.skipTest("this build is not the one that is shipped")
+        stripped = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory())) / "tessera"
+        run("strip", "-o", stripped, BUILD / "tool" / "tessera")
+        self.assertLessEqual(stripped.stat().st_size, COMMAND_LIMIT)
 
     def test_it_needs_the_boards_libraries_by_name(self):
         text = run("readelf", "--dynamic", LIBRARY)
