@@ -93,7 +93,7 @@ class PipeTest(BoardCase):
                     ("no size", say(1, "size", None), '"size" is missing'),
                     ("no map", say(2, "blocks", None), "data.img has no block map"),
                     ("another digest", say(0, "sha256", "0" * 64), "system.img: digest mismatch"),
-                    ("too large", say(2, "size", 65 << 20), "more than 64.0 MiB"),
+                    ("too large", say(2, "size", 65 << 20), "more than 64 MiB"),
                 ]
             before = self.data()
             for name, entries, told in rows:

@@ -8,17 +8,31 @@
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
-#include <set>
 #include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int longest_wait_ms = 100; /* until a request to end is noticed */
-constexpr char from_file_hint[] = "install this package from a file";
 
-Failure refused(const std::string& sentence, const std::string& hint = {}) {
-    return {ExitCode::refused, sentence, hint};
+/** The sentence has a name in it, which may be anything. */
+[[gnu::noinline]] Failure refused(const char* before, const std::string& name = {}, const std::string& after = {}) {
+    return {ExitCode::refused, before + printable(name) + after};
+}
+
+[[gnu::noinline]] Failure not_from_pipe(const char* before, const std::string& name = {},
+                                        const std::string& after = {}) {
+    Failure failure = refused(before, name, after);
+    failure.hint = "install this package from a file";
+    return failure;
+}
+
+[[gnu::noinline]] Failure wrong_size(const Image& image) {
+    return refused("", image.file, " does not have the size that the description states");
+}
+
+[[gnu::noinline]] Failure cannot(const char* what) {
+    return {ExitCode::failed, what + because(errno)};
 }
 
 template <class Record>
@@ -76,10 +90,10 @@ Entry make_entry(const zip_local_header& header, std::span<const uint8_t> rest) 
     Entry entry{};
     entry.name.assign(name.begin(), name.end());
     if (!zip_complete_extent(rest.subspan(name.size()), &extent)) {
-        throw refused("the header of " + printable(entry.name) + " is damaged");
+        throw refused("the header of ", entry.name, " is damaged");
     }
     if ((fields.flags & zip_flag_sizes_follow) != 0) {
-        throw refused(printable(entry.name) + " states its size only after its data", from_file_hint);
+        throw not_from_pipe("", entry.name, " states its size only after its data");
     }
     entry.kind = zip_kind_of(entry.name.c_str(), 0);
     entry.size = extent.size;
@@ -93,18 +107,15 @@ Entry make_entry(const zip_local_header& header, std::span<const uint8_t> rest) 
 /** Everything that the entry of an image could not be checked for before its first byte. */
 void check_described(const Image& image, bool is_signed) {
     if (!image.size) {
-        throw refused(std::string(description_entry) + ": partition " + image.name +
-                          ": \"size\" is missing, which a package from a pipe needs",
-                      from_file_hint);
+        throw not_from_pipe("update.json: partition ", image.name,
+                            ": \"size\" is missing, which a package from a pipe needs");
     }
     if (!image.is_ab() && !image.blocks) {
-        throw refused(image.file + " has no block map: from a pipe, such an image is not written to " + image.name +
-                          ", which exists once",
-                      from_file_hint);
+        throw not_from_pipe("", image.file,
+                            " has no block map, so it is not written from a pipe to a partition that exists once");
     }
     if (image.blocks && block_map_size(*image.size) > piped_map_limit) {
-        throw refused("the block map of " + image.file + " is larger than " + human_bytes(piped_map_limit),
-                      from_file_hint);
+        throw not_from_pipe("the block map of ", image.file, " is larger than 64 MiB");
     }
     check_cover(image, is_signed);
 }
@@ -113,7 +124,7 @@ void write_all(const Descriptor& fd, std::span<const uint8_t> bytes) {
     while (!bytes.empty()) {
         const ssize_t done = write(fd.get(), bytes.data(), bytes.size());
         if (done < 0 && errno != EINTR) {
-            throw Failure(ExitCode::failed, "cannot hold an image in memory" + because(errno));
+            throw cannot("cannot hold an image in memory");
         }
         bytes = bytes.subspan(static_cast<size_t>(std::max<ssize_t>(done, 0)));
     }
@@ -139,7 +150,7 @@ size_t PipeSource::read_some(std::span<uint8_t> bytes) {
             return static_cast<size_t>(got);
         }
         if (errno != EINTR && errno != EAGAIN) {
-            throw Failure(ExitCode::failed, "cannot read standard input" + because(errno));
+            throw cannot("cannot read standard input");
         }
     }
 }
@@ -165,8 +176,7 @@ bool PipeSource::is_at_end() {
 PackagePipe::PackagePipe(int fd) : source_(fd) {
     read_header();
     if (!next_ || next_->name != description_entry) {
-        throw refused("the package from standard input does not begin with " + std::string(description_entry),
-                      from_file_hint);
+        throw not_from_pipe("the package from standard input does not begin with ", description_entry);
     }
     const std::vector<uint8_t> text = take_entry(description_limit);
     description_.assign(text.begin(), text.end());
@@ -194,12 +204,12 @@ void PackagePipe::read_header() {
         return;
     }
     if (header.signature != zip_local_signature) {
-        throw refused(names_.empty() ? "standard input is not a zip package"
-                                     : "standard input has other data after " + printable(names_.back()));
+        throw names_.empty() ? refused("standard input is not a zip package")
+                             : refused("standard input has other data after ", names_.back());
     }
     next_ = make_entry(header, read_bytes(size_t{header.fields.name_length} + header.fields.extra_length));
     if (std::ranges::find(names_, next_->name) != names_.end()) {
-        throw refused("the package has more than one entry " + printable(next_->name));
+        throw refused("the package has more than one entry ", next_->name);
     }
     names_.push_back(next_->name);
 }
@@ -208,7 +218,7 @@ void PackagePipe::read_header() {
 std::vector<uint8_t> PackagePipe::take_entry(uint64_t limit) {
     const Entry entry = *next_;
     if (entry.size > limit) {
-        throw refused(entry.name + " is larger than " + human_bytes(limit));
+        throw refused("", entry.name, " is larger than " + human_bytes(limit));
     }
     std::vector<uint8_t> bytes(entry.size);
     EntryReader(entry, source_).read(bytes);
@@ -220,9 +230,8 @@ std::vector<uint8_t> PackagePipe::take_entry(uint64_t limit) {
 /** The header of the next entry, which has to be this one. */
 Entry PackagePipe::expect_entry(const std::string& name) {
     if (!next_ || next_->name != name) {
-        throw refused("the package from standard input has " + (next_ ? printable(next_->name) : "its end") +
-                          " where " + name + " is expected",
-                      from_file_hint);
+        throw not_from_pipe("the package from standard input has ", next_ ? next_->name : "its end",
+                            " where " + name + " is expected");
     }
     return *next_;
 }
@@ -236,7 +245,7 @@ std::unique_ptr<ImageReader> PackagePipe::open_next(const Image& image) {
     }
     const Entry entry = expect_entry(image.file);
     if (entry.kind != zip_kind::file || entry.size != image.size) {
-        throw refused(image.file + " does not have the size that the description states");
+        throw wrong_size(image);
     }
     next_.reset(); /* the header after the image is read when the image was */
     auto data = std::make_unique<BorrowedSource>(source_);
@@ -259,25 +268,29 @@ Description PackagePipe::describe(const TrustOptions& trust, std::string& signer
 }
 
 void PackagePipe::check_contents(Description& description, bool is_signed) {
-    uint64_t room = piped_hold_limit;
-    std::set<std::string> streamed;
     for (const Image& image : description.images) {
         check_described(image, is_signed);
-        if (!is_checked_first(description, image.file)) {
-            if (!streamed.insert(image.file).second) {
-                throw refused(image.file + " is for two partitions, but an image from a pipe is read once",
-                              from_file_hint);
+    }
+    uint64_t room = piped_hold_limit;
+    for (const std::string& file : files_in_order(description)) {
+        const auto is_of_file = [&](const Image& image) { return image.file == file; };
+        const auto found = std::ranges::find_if(description.images, is_of_file);
+        if (!is_checked_first(description, file)) {
+            if (std::ranges::count_if(description.images, is_of_file) > 1) {
+                throw not_from_pipe("", file, " is for two partitions, but an image from a pipe is read once");
             }
-        } else if (held_.emplace(image.file, Held{image}).second) {
-            if (*image.size > room) {
-                throw refused("the images to be checked before anything is written have more than " +
-                                  human_bytes(piped_hold_limit),
-                              from_file_hint);
-            }
-            room -= *image.size;
+        } else if (*found->size > room) {
+            throw not_from_pipe("the images up to ", file, " that are checked first have more than 64 MiB");
+        } else {
+            room -= *found->size;
+            held_.push_back(Held{*found});
         }
     }
-    order_ = files_in_order(description);
+}
+
+const PackagePipe::Held* PackagePipe::find_held(const std::string& file) const {
+    const auto found = std::ranges::find_if(held_, [&](const Held& held) { return held.image.file == file; });
+    return found != held_.end() ? &*found : nullptr;
 }
 
 /** Nothing is read twice from the pipe: what was checked is what will be written. */
@@ -288,7 +301,7 @@ void PackagePipe::hold(Held& held) {
     std::vector<uint8_t> memory;
     held.fd = Descriptor(memfd_create("image", MFD_CLOEXEC));
     if (held.fd.get() < 0) {
-        throw Failure(ExitCode::failed, "cannot hold an image in memory" + because(errno));
+        throw cannot("cannot hold an image in memory");
     }
     held.entry = reader->entry();
     held.entry.method = zip_stored;
@@ -303,32 +316,29 @@ void PackagePipe::hold(Held& held) {
 }
 
 void PackagePipe::hold_images(Progress& progress) {
-    for (const std::string& file : order_) {
-        if (const auto found = held_.find(file); found != held_.end()) {
-            progress.begin("read", file);
-            hold(found->second);
-        }
+    for (Held& held : held_) {
+        progress.begin("read", held.image.file);
+        hold(held);
     }
 }
 
 std::unique_ptr<ImageReader> PackagePipe::open(const Image& image) {
-    const auto found = held_.find(image.file);
-    if (found == held_.end()) {
+    const Held* held = find_held(image.file);
+    if (held == nullptr) {
         return open_next(image);
     }
-    const Held& held = found->second;
-    if (held.entry.size != image.size) {
-        throw refused(image.file + " does not have the size that the description states");
+    if (held->entry.size != image.size) {
+        throw wrong_size(image);
     }
-    return open_plain_image(held.entry, std::make_unique<FileSource>(held.fd.get(), 0, image.file));
+    return open_plain_image(held->entry, std::make_unique<FileSource>(held->fd.get(), 0, image.file));
 }
 
 bool PackagePipe::is_read_once(const Image& image) const {
-    return !held_.contains(image.file);
+    return find_held(image.file) == nullptr;
 }
 
 std::string PackagePipe::path_of(const Image& image) const {
-    return "/proc/self/fd/" + std::to_string(held_.at(image.file).fd.get());
+    return "/proc/self/fd/" + std::to_string(find_held(image.file)->fd.get());
 }
 
 /* ---- the end ---- */
@@ -344,7 +354,7 @@ void PackagePipe::read_directory() {
             read_bytes(size_t{header.fields.name_length} + header.fields.extra_length + header.comment_length);
         const std::string name(rest.begin(), rest.begin() + header.fields.name_length);
         if (header.signature != zip_directory_signature || name != names_[i]) {
-            throw refused("the directory of the package differs from its entries", from_file_hint);
+            throw not_from_pipe("the directory of the package differs from its entries");
         }
     }
 }
@@ -357,7 +367,7 @@ void PackagePipe::read_end() {
     }
     const auto end = load<zip_end>(bytes);
     if (end.signature != zip_end_signature || (end.entries != names_.size() && end.entries != zip_wide16)) {
-        throw refused("the directory of the package differs from its entries", from_file_hint);
+        throw not_from_pipe("the directory of the package differs from its entries");
     }
     read_bytes(end.comment_length);
     if (!source_.is_at_end()) {
@@ -371,8 +381,7 @@ void PackagePipe::finish() {
     }
     read_header();
     if (next_) {
-        throw refused("the package from standard input has an entry that is not described: " + printable(next_->name),
-                      from_file_hint);
+        throw not_from_pipe("the package from standard input has an entry that is not described: ", next_->name);
     }
     read_directory();
     read_end();

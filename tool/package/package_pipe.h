@@ -18,7 +18,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -90,9 +89,10 @@ private:
     std::vector<std::string> names_;                       /* of all entries so far */
     std::string description_;
     std::vector<std::string> signatures_;
-    std::map<std::string, Held> held_; /* by the image's file */
-    std::vector<std::string> order_;   /* of the images' files */
-    std::vector<uint8_t> map_;         /* of the image that is being read */
+    [[nodiscard]] const Held* find_held(const std::string& file) const;
+
+    std::vector<Held> held_;   /* in the order of the package */
+    std::vector<uint8_t> map_; /* of the image that is being read */
     bool is_finished_ = false;
 };
 
