@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "package/package_pipe.h"
 
+#include "board/small_file.h"
 #include "console/interrupt.h"
 #include "console/text.h"
 
@@ -118,16 +119,6 @@ void check_described(const Image& image, bool is_signed) {
         throw not_from_pipe("the block map of ", image.file, " is larger than 64 MiB");
     }
     check_cover(image, is_signed);
-}
-
-void write_all(const Descriptor& fd, std::span<const uint8_t> bytes) {
-    while (!bytes.empty()) {
-        const ssize_t done = write(fd.get(), bytes.data(), bytes.size());
-        if (done < 0 && errno != EINTR) {
-            throw cannot("cannot hold an image in memory");
-        }
-        bytes = bytes.subspan(static_cast<size_t>(std::max<ssize_t>(done, 0)));
-    }
 }
 
 } // namespace
@@ -311,7 +302,7 @@ void PackagePipe::hold(Held& held) {
     while (reader->next(frame)) {
         const auto bytes = unpacker.unpack(frame, memory);
         held.entry.crc = libdeflate_crc32(held.entry.crc, bytes.data(), bytes.size());
-        write_all(held.fd, bytes);
+        write_all(held.fd.get(), bytes, "cannot hold an image in memory");
     }
 }
 
