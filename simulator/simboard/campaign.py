@@ -111,7 +111,8 @@ class Campaign:
 
     def check_operations(self):
         """Refuses what would make a campaign that proves nothing."""
-        written = {operation.device for operation in self.operations if operation.changes()}
+        written = {operation.device for operation in self.operations
+                   if operation.changes() and operation.kind != "fsync"}
         if not written:
             raise BoardError("the command changes no device, so there is nothing to cut")
         for name in self.change.changed():

@@ -22,7 +22,7 @@ SCRIPTS = {
     "in_place": "dd if=/userdata/system.img of=$AT/system_a bs=64k conv=fsync",
     "mapped": """tessera slots mark-bad b; /usr/bin/python3 -c 'import mmap, sys
 with open(sys.argv[1], "r+b") as file, mmap.mmap(file.fileno(), 0) as disk: disk[0] ^= 1' $AT/boot_b""",
-    "reading": "tessera slots",
+    "reading": "tessera slots; sync $AT/boot_b",
     "failing": "echo reason >&2; exit 3",
 }
 
@@ -57,6 +57,7 @@ class CutTest(BoardCase):
             ("failing", [], 1, "board: the command fails without a power cut, with status 3\nreason"),
             ("install", ["--only", "9999"], 1, "board: the command has no power cut '9999'"),
             ("install", ["--keep", "/"], 1, "board: / exists already"),
+            ("install", ["--keep", "/no/board"], 1, "board: there is no directory /no"),
         ]
         self.new()
         before = self.digest()
