@@ -430,6 +430,7 @@ class InstallTest(BoardCase):
             ("pack /no.json /tmp -o /tmp/p.zip", 1, "/no.json"), ("pack /etc/passwd /tmp -o /tmp/p.zip", 3, "passwd"),
             ("install /no.zip --board=", 2, "--board: must not be empty"),
             ("verify /no.zip --trust-time signing", 2, "--trust-time requires --trust"),
+            ("pack a b -o -", 2, "standard output"),
             ("pack a b -o c --sign /no.key --cert d", 1, "cannot open /no.key: No such file"),
             ("pack a b -o c --sign /etc/passwd --cert d", 1, "/etc/passwd contains no private key"),
             ("pack a b -o c --sign d", 2, "cert"), ("package open", 2, "open"), ("package list /no.zip", 3, "/no.zip"),

@@ -48,7 +48,8 @@ class PipeTest(BoardCase):
             for options, sizes in (("", {}), ("--plain", {"system": (1 << 20) + size, "boot": 1})):
                 with self.subTest(medium=medium, options=options):
                     self.make(medium, options, **sizes)
-                    self.expect("install - --dry-run", 0, "would be written", feed=CAT)
+                    for force in ("", "--force"):
+                        self.expect(f"install - --dry-run {force}", 0, "would be written", feed=CAT)
                     self.assertEqual(self.changes(), [])
                     self.expect("install -", 0, "slot b boots next", feed=CAT)
                     slot = {name: data for name, data in self.contents.items() if name != "data"}
@@ -115,7 +116,7 @@ class PipeTest(BoardCase):
             spread = range(1, len(whole), len(whole) // (20 if medium == "emmc" else 5))
             changed = [whole[:at] for at in (*spread, directory, directory + 9, len(whole) - 1)]
             if medium == "emmc":
-                changed += [whole + b"x", flipped(whole, directory + 46), flipped(whole, len(whole) - 12),
+                changed += [whole + b"x", flipped(whole, directory + 46), flipped(whole, directory + 16), flipped(whole, directory + 42), flipped(whole, len(whole) - 12),
                             whole[:6] + b"\x08" + whole[7:], b"no zip file" * 9, b""]
             for data in changed:
                 with self.subTest(medium=medium, size=len(data)):
@@ -163,9 +164,9 @@ class PipeTest(BoardCase):
         result = self.simulate("run", "--", "sh", "-c", """
             LD_PRELOAD= python3 -m http.server -b 127.0.0.1 -d /userdata 8000 > /dev/null 2>&1 & server=$!
             until curl -s -o /dev/null http://127.0.0.1:8000/d.json; do sleep 0.1; done
-            for file in none p.zip; do curl -s http://127.0.0.1:8000/$file | tessera install -; echo $?; done
+            for file in none p.zip; do curl -sSf http://127.0.0.1:8000/$file | tessera install -; echo $?; done
             kill $server""")
-        self.assertIn("standard input is not a zip package", result.stderr)
+        self.assertIn("standard input is empty", result.stderr)
         self.assertRegex(result.stdout, "^3\n.*slot b boots next\n0\n$")
 
 

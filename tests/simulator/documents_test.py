@@ -49,7 +49,7 @@ MEANT = {
     "simulator/board reboot": f"{BOARD} reboot board",
     "simulator/board cut": f"{BOARD} cut board --every 100 --no-status -- tessera slots mark-bad b",
     "--preset release": f"--preset release -S {TOP} -B configured -DTESSERA_TESTS=OFF",
-    "curl -s https://updates.example.com/": "cat ",  # pipe_test.py downloads a package
+    "curl -sSf https://updates.example.com/": "cat ",  # pipe_test.py downloads a package
     "ssh board.example.com ": "env ", "/etc/ca.pem": "ca.pem",
     "/path/liblog.so": str(BUILD / "platform" / "liblog" / "liblog.so"),
     "/path/libkastor_efuse.so": str(BUILD / "platform" / "efuse" / "libkastor_efuse.so"),

@@ -9,6 +9,9 @@ void FileImages::check_contents(Description& description, bool is_signed) {
     ::check_contents(package_, description, is_signed);
     for (Image& image : description.images) {
         image.size = package_.at(image.file).size;
+        if (image.blocks) {
+            (void)open_image(package_, image); /* checks the block map */
+        }
     }
 }
 

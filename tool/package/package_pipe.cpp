@@ -16,9 +16,11 @@ namespace {
 
 constexpr int longest_wait_ms = 100; /* until a request to end is noticed */
 
+constexpr size_t longest_shown_name = 96;
+
 /** The sentence has a name in it, which may be anything. */
 [[gnu::noinline]] Failure refused(const char* before, const std::string& name = {}, const std::string& after = {}) {
-    return {ExitCode::refused, before + printable(name) + after};
+    return {ExitCode::refused, before + printable(name.substr(0, longest_shown_name)) + after};
 }
 
 [[gnu::noinline]] Failure not_from_pipe(const char* before, const std::string& name = {},
@@ -105,6 +107,16 @@ Entry make_entry(const zip_local_header& header, std::span<const uint8_t> rest) 
     return entry;
 }
 
+/** @param rest  the name and the extra field after the header in the directory, and more */
+bool is_header_of(const Entry& entry, const zip_directory_header& header, std::span<const uint8_t> rest) {
+    const zip_entry_fields& fields = header.fields;
+    zip_extent extent{fields.size, fields.packed_size, header.offset};
+    return std::ranges::equal(rest.first(fields.name_length), entry.name) &&
+           zip_complete_extent(rest.subspan(fields.name_length, fields.extra_length), &extent) &&
+           extent.size == entry.size && extent.packed_size == entry.packed_size && extent.offset == entry.position &&
+           fields.method == entry.method && fields.crc == entry.crc;
+}
+
 /** Everything that the entry of an image could not be checked for before its first byte. */
 void check_described(const Image& image, bool is_signed) {
     if (!image.size) {
@@ -150,9 +162,12 @@ size_t PipeSource::read(std::span<uint8_t> bytes) {
     for (size_t done = 0; done < bytes.size();) {
         const size_t got = read_some(bytes.subspan(done));
         if (got == 0) {
-            throw refused("standard input ends before the end of the package");
+            stop_if_interrupted(); /* Ctrl-C ends the writer, too */
+            throw position_ == 0 ? refused("standard input is empty")
+                                 : refused("standard input ends before the end of the package");
         }
         done += got;
+        position_ += got;
     }
     return bytes.size();
 }
@@ -188,21 +203,23 @@ void PackagePipe::read_header() {
     if (next_ || is_directory_) {
         return;
     }
+    const uint64_t position = source_.position();
     source_.read(head_);
     const auto header = load<zip_local_header>(head_);
-    is_directory_ = header.signature == zip_directory_signature && !names_.empty();
+    is_directory_ = header.signature == zip_directory_signature && !entries_.empty();
     if (is_directory_) {
         return;
     }
     if (header.signature != zip_local_signature) {
-        throw names_.empty() ? refused("standard input is not a zip package")
-                             : refused("standard input has other data after ", names_.back());
+        throw entries_.empty() ? refused("standard input is not a zip package")
+                               : refused("standard input has other data after ", entries_.back().name);
     }
     next_ = make_entry(header, read_bytes(size_t{header.fields.name_length} + header.fields.extra_length));
-    if (std::ranges::find(names_, next_->name) != names_.end()) {
+    if (std::ranges::find(entries_, next_->name, &Entry::name) != entries_.end()) {
         throw refused("the package has more than one entry ", next_->name);
     }
-    names_.push_back(next_->name);
+    next_->position = position;
+    entries_.push_back(*next_);
 }
 
 /** The whole data of the next entry. The header after it is read, too. */
@@ -232,7 +249,7 @@ std::unique_ptr<ImageReader> PackagePipe::open_next(const Image& image) {
     Entry map{};
     if (image.blocks) {
         map = expect_entry(image.blocks->file);
-        map_ = take_entry(piped_map_limit);
+        map_ = take_entry(block_map_size(*image.size));
     }
     const Entry entry = expect_entry(image.file);
     if (entry.kind != zip_kind::file || entry.size != image.size) {
@@ -336,15 +353,14 @@ std::string PackagePipe::path_of(const Image& image) const {
 
 /** Other programs read a package by its directory, so it may not show them other entries. */
 void PackagePipe::read_directory() {
-    for (size_t i = 0; i < names_.size(); ++i) {
-        std::vector<uint8_t> head(head_.begin(), i == 0 ? head_.end() : head_.begin());
+    for (const Entry& entry : entries_) {
+        std::vector<uint8_t> head(head_.begin(), &entry == &entries_.front() ? head_.end() : head_.begin());
         const auto more = read_bytes(sizeof(zip_directory_header) - head.size());
         head.insert(head.end(), more.begin(), more.end());
         const auto header = load<zip_directory_header>(head);
         const auto rest =
             read_bytes(size_t{header.fields.name_length} + header.fields.extra_length + header.comment_length);
-        const std::string name(rest.begin(), rest.begin() + header.fields.name_length);
-        if (header.signature != zip_directory_signature || name != names_[i]) {
+        if (header.signature != zip_directory_signature || !is_header_of(entry, header, rest)) {
             throw not_from_pipe("the directory of the package differs from its entries");
         }
     }
@@ -357,7 +373,7 @@ void PackagePipe::read_end() {
         bytes = read_bytes(sizeof(zip_end));
     }
     const auto end = load<zip_end>(bytes);
-    if (end.signature != zip_end_signature || (end.entries != names_.size() && end.entries != zip_wide16)) {
+    if (end.signature != zip_end_signature || (end.entries != entries_.size() && end.entries != zip_wide16)) {
         throw not_from_pipe("the directory of the package differs from its entries");
     }
     read_bytes(end.comment_length);

@@ -6,8 +6,8 @@
  * and the entries have to be in the order of `tessera pack`, with sizes in their local headers. The directory at the
  * end has to list exactly these entries.
  *
- * Images that are checked as a whole before anything is written come first and are held in memory. Of any other image
- * only the block map is.
+ * Images that are checked as a whole before anything is written come first and are held in memory. Of every other
+ * image, only the block map is held.
  */
 #ifndef TOOL_PACKAGE_PIPE_H
 #define TOOL_PACKAGE_PIPE_H
@@ -26,7 +26,7 @@
 /** All images together that are held in memory. */
 inline constexpr uint64_t piped_hold_limit = uint64_t{64} << 20;
 
-/** The largest block map: that of an image of 15.75 GiB. */
+/** The largest block map: that of an image of 15.8 GiB. */
 inline constexpr uint64_t piped_map_limit = uint64_t{64} << 20;
 
 class PipeSource : public ByteSource {
@@ -39,6 +39,10 @@ public:
     void abandon(bool is_abandoned) {
         is_abandoned_ = is_abandoned;
     }
+    /** Bytes read so far. */
+    [[nodiscard]] uint64_t position() const {
+        return position_;
+    }
     /** Waits for the writer to close the pipe. @return false where it sends anything else */
     bool is_at_end();
 
@@ -46,6 +50,7 @@ private:
     size_t read_some(std::span<uint8_t> bytes);
 
     int fd_;
+    uint64_t position_ = 0;
     std::atomic<bool> is_abandoned_ = false;
 };
 
@@ -86,7 +91,7 @@ private:
     std::array<uint8_t, sizeof(zip_local_header)> head_{}; /* read last */
     std::optional<Entry> next_;                            /* its header has been read, but not its data */
     bool is_directory_ = false;                            /* its first bytes are in `head_` */
-    std::vector<std::string> names_;                       /* of all entries so far */
+    std::vector<Entry> entries_;                           /* all so far */
     std::string description_;
     std::vector<std::string> signatures_;
     [[nodiscard]] const Held* find_held(const std::string& file) const;

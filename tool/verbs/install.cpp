@@ -218,6 +218,17 @@ Plan make_checked_plan(ImageSource& source, const Options& options, Progress& pr
     return plan;
 }
 
+/** For a dry run that compares nothing: what comes from a pipe is checked all the same. */
+void read_through(const Plan& plan, ImageSource& source, Progress& progress) {
+    for (const Target& target : plan.targets) {
+        const Image& image = target.image;
+        if (source.is_read_once(image) &&
+            !image.matches(digest_image(*source.open(image), image, image.strongest_digest(), progress))) {
+            throw wrong_digest(image);
+        }
+    }
+}
+
 /** Either a package, with its images, or a pipe. */
 struct Source {
     std::optional<Package> package;
@@ -235,7 +246,7 @@ void open_source(Source& source, const std::string& file) {
 void refuse_terminal(const std::string& file) {
     if (file == standard_input && isatty(STDIN_FILENO) != 0) {
         throw Failure(ExitCode::usage, "standard input is a terminal and not a package",
-                      "curl -s URL | tessera install -");
+                      "curl -sSf URL | tessera install -");
     }
 }
 
@@ -252,6 +263,9 @@ void install(Context& context, const Options& options) {
     Progress progress(options.quiet ? ProgressMode::none : options.progress.value_or(default_progress_mode()));
     Plan plan = make_checked_plan(source, options, progress);
     if (options.dry_run) {
+        if (options.force) {
+            read_through(plan, source, progress);
+        }
         source.finish();
     }
     const bool is_unknown = !plan.record_is_valid && can_keep_status();

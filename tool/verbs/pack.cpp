@@ -143,6 +143,10 @@ std::vector<SigningKey> read_keys(const Options& options) {
 
 void pack(const Context& context, const Options& options) {
     watch_interrupts();
+    if (options.output == "-") {
+        throw Failure(ExitCode::usage, "a package cannot be written to standard output",
+                      "tessera pack ... -o update.zip");
+    }
     const std::vector<SigningKey> keys = read_keys(options);
     Json json = parse_json(read_small_file(options.description, description_limit), options.description);
     const Description description = parse_description(json, true);
