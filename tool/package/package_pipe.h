@@ -26,7 +26,7 @@
 /** All images together that are held in memory. */
 inline constexpr uint64_t piped_hold_limit = uint64_t{64} << 20;
 
-/** The largest block map: that of an image of 15.8 GiB. */
+/** The largest block map: that of an image of 15.87 GiB. */
 inline constexpr uint64_t piped_map_limit = uint64_t{64} << 20;
 
 class PipeSource : public ByteSource {
