@@ -116,8 +116,8 @@ class PipeTest(BoardCase):
             spread = range(1, len(whole), len(whole) // (20 if medium == "emmc" else 5))
             changed = [whole[:at] for at in (*spread, directory, directory + 9, len(whole) - 1)]
             if medium == "emmc":
-                changed += [whole + b"x", *(flipped(whole, directory + at) for at in (16, 42, 46)), flipped(whole, len(whole) - 12),
-                            whole[:6] + b"\x08" + whole[7:], b"no zip file" * 9, b""]
+                changed += [whole + b"x", *(flipped(whole, directory + at) for at in (16, 42, 46)),
+                            flipped(whole, len(whole) - 12), whole[:6] + b"\x08" + whole[7:], b"no zip file" * 9, b""]
             for data in changed:
                 with self.subTest(medium=medium, size=len(data)):
                     path.write_bytes(data)
