@@ -29,7 +29,7 @@ class Machine:
     """A board that is switched on, with its console in the hands of a program."""
 
     def __init__(self, disk, packages, limit=180):
-        """`limit` is the time in seconds that the board may take for one step."""
+        """@param limit  seconds that the board may take for one step"""
         self.limit = limit
         self.seen = ""  # what the console showed since the last step
         self.process = subprocess.Popen(command(disk, packages, "-serial", "stdio"), stdin=subprocess.PIPE,
@@ -47,7 +47,7 @@ class Machine:
         self.process.wait()
 
     def wait_for(self, pattern):
-        """@return the match; what the console showed before it and in it is no longer in `seen`"""
+        """@return the match. What the console has shown up to its end is removed from `seen`."""
         deadline = time.monotonic() + self.limit
         while not (match := re.search(pattern, self.seen)):
             ready, _, _ = select.select([self.process.stdout], [], [], max(0, deadline - time.monotonic()))

@@ -174,7 +174,8 @@ class FramedTest(BoardCase):
         for name, changes, told in rows:
             with self.subTest(name=name):
                 write_raw(self.home / "p.zip", {**good, **changes})
-                for line in ("verify", "package info", "install --dry-run"):
+                forced = ("install --force",) if told in ("digest mismatch", "not the block map") else ()
+                for line in ("verify", "package info", "install --dry-run", *forced):
                     self.expect_no_change(f"{line} /userdata/p.zip", 3, told)
                 if "must name" not in told and "no entry" not in told:
                     self.expect("package check-zip /userdata/p.zip", 3, told)

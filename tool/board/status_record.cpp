@@ -28,7 +28,7 @@ Stored read_stored(uint64_t offset, format_answer (*check)(const Record&)) {
     return stored;
 }
 
-/** A record that cannot be read again because of a bad block before it is no failure. */
+/** Throws Failure if it is not. After a bad block the record cannot be read back, which proves nothing. */
 void check_kept(bool is_kept, const std::string& sentence) {
     if (!is_kept && can_keep_status()) {
         throw Failure(ExitCode::device, sentence + ": the record did not persist in " + ota_ubootenv_partition);

@@ -97,7 +97,7 @@ Failure explain_difference(const Target& target, ImageSource& source) {
     return worn_out(target, ": the data read back differs from the data written");
 }
 
-/** What a killed run left in the page cache only proves nothing. */
+/** What a killed run left only in the page cache proves nothing. */
 void settle_page_cache(const Target& target) {
     target.opened->sync();
 }

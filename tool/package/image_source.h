@@ -21,13 +21,13 @@ public:
     [[nodiscard]] virtual Description describe(const TrustOptions& trust, std::string& signer) const = 0;
     /** Refuses what cannot be installed from this source, and sets the sizes that the description lacks. */
     virtual void check_contents(Description& description, bool is_signed) = 0;
-    /** To be called after check_contents() and before open(): takes images into memory that have to be read twice. */
+    /** Takes images into memory that have to be read twice. To be called after check_contents() and before open(). */
     virtual void hold_images(Progress& progress) = 0;
 
     /** One image at a time. The source has to live as long as the reader. */
     virtual std::unique_ptr<ImageReader> open(const Image& image) = 0;
-    /** Whether the image can be opened only once, after those before it in the description. Its blocks are not
-     * checked yet. */
+    /** Whether the image can be opened only once, in the order of files_in_order(), and nothing of it was checked yet.
+     */
     [[nodiscard]] virtual bool is_read_once(const Image& image) const = 0;
     /** The package, null where it is not a file. */
     [[nodiscard]] virtual const Package* file() const = 0;
