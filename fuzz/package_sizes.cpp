@@ -6,12 +6,7 @@
 #include "package/package.h"
 #include "vx_zip.h"
 #include "vx_zip_entry.h"
-
-/** minizip takes any locator in the file's tail, the command only one that is directly before the end record. */
-static bool has_stray_locator(std::string_view file) {
-    const size_t locator = file.rfind("PK\6\7");
-    return locator != std::string_view::npos && file.substr(std::min(file.size(), locator + 20), 4) != "PK\5\6";
-}
+#include "zip_locator.h"
 
 /** Reads as the command does. The sums are the library's; the total is -1 if it refuses to add up. */
 static void read_package(const std::string& path, int64_t total, uint64_t images) {

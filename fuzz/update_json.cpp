@@ -21,12 +21,13 @@ static std::optional<Description> parsed(const std::string& text, bool draft) {
     }
 }
 
+static std::string lower(std::string digits) {
+    std::ranges::transform(digits, digits.begin(), [](unsigned char c) { return std::tolower(c); });
+    return digits;
+}
+
 static void arrived(const Plain& part, const Image& image) {
-    const auto digest = [&part](const char* field) {
-        std::string digits = part.value(field, "");
-        std::ranges::transform(digits, digits.begin(), [](unsigned char c) { return std::tolower(c); });
-        return digits;
-    };
+    const auto digest = [&part](const char* field) { return lower(part.value(field, "")); };
     must(image.name == part.at("name"));
     must(image.file == part.at("file"));
     must(described_medium_names.word(image.medium) == part.at("medium"));
@@ -35,8 +36,11 @@ static void arrived(const Plain& part, const Image& image) {
     must(image.digests.sha256 == digest("sha256"));
     must(image.size.value_or(0) == part.value("size", uint64_t{0}));
     must(image.has_version == part.value("anti_rollback", false));
-    must(part.size() ==
-         5 + part.count("md5") + part.count("sha256") + part.count("size") + part.count("anti_rollback"));
+    must(part.count("blocks") == image.blocks.has_value());
+    must(!image.blocks || (part["blocks"].size() == 2 && part["blocks"]["file"] == image.blocks->file &&
+                           lower(part["blocks"]["sha256"]) == image.blocks->sha256));
+    must(part.size() == 5 + part.count("md5") + part.count("sha256") + part.count("size") +
+                            part.count("anti_rollback") + part.count("blocks"));
 }
 
 static void arrived(const Plain& json, const Description& description) {

@@ -16,7 +16,7 @@ import zlib
 from bench_board import BoardCase, describe
 
 BUILD = pathlib.Path(os.environ["TESSERA_BUILD"])
-LOCAL, LISTED, END = "<4s5H3I2H", "<4s6H3I5H2I", "<4s4H2IH"
+LOCAL, LISTED, WIDE_END, END = "<4s5H3I2H", "<4s6H3I5H2I", "<4sQ2H2I4Q4sIQI", "<4s4H2IH"
 FRAME, BLOCK, HEAD = 131072, 4096, 24
 
 
@@ -39,17 +39,20 @@ def read_raw(path):
         return entries
 
 
-def write_raw(path, entries):
+def write_raw(path, entries, all_wide=False):
     body, listed = b"", b""
     for name, (method, crc, size, packed) in entries.items():
-        wide = size >= 1 << 32
+        wide = all_wide or size >= 1 << 32
         rest = name.encode() + (struct.pack("<2H2Q", 1, 16, size, len(packed)) if wide else b"")
         sizes = (0xFFFFFFFF, 0xFFFFFFFF) if wide else (len(packed), size)
         fields = (20, 0, method, 0, 33, crc, *sizes, len(name), len(rest) - len(name))
         listed += struct.pack(LISTED, b"PK\1\2", 788, *fields, 0, 0, 0, 0o100644 << 16, len(body)) + rest
         body += struct.pack(LOCAL, b"PK\3\4", *fields) + rest + packed
-    end = struct.pack(END, b"PK\5\6", 0, 0, len(entries), len(entries), len(listed), len(body), 0)
-    path.write_bytes(body + listed + end)
+    place = [len(entries), len(entries), len(listed), len(body)]
+    if all_wide:
+        listed += struct.pack(WIDE_END, b"PK\6\6", 44, 788, 45, 0, 0, *place, b"PK\6\7", 0, sum(place[2:]), 1)
+        place = [0xFFFF, 0xFFFF, 0xFFFFFFFF, 0xFFFFFFFF]
+    path.write_bytes(body + listed + struct.pack(END, b"PK\5\6", 0, 0, *place, 0))
 
 
 def flushed(data):

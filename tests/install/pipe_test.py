@@ -117,11 +117,25 @@ class PipeTest(BoardCase):
             changed = [whole[:at] for at in (*spread, directory, directory + 9, len(whole) - 1)]
             if medium == "emmc":
                 changed += [whole + b"x", *(flipped(whole, directory + at) for at in (16, 42, 46)),
-                            flipped(whole, len(whole) - 12), whole[:6] + b"\x08" + whole[7:], b"no zip file" * 9, b""]
+                            *(flipped(whole, len(whole) - at) for at in (6, 10, 12)), b"no zip file" * 9, b"",
+                            whole[:6] + b"\x08" + whole[7:], whole[:directory + 41] + b"\xa1" + whole[directory + 42:],
+                            whole[:-2] + b"\4\0PK\5\6"]
             for data in changed:
                 with self.subTest(medium=medium, size=len(data)):
                     path.write_bytes(data)
                     self.check_safe(self.expect("install - --force", 3, feed=CAT), before)
+
+    def test_records_for_sizes_past_4_GiB(self):
+        path, before = self.make(), self.data()
+        write_raw(path, read_raw(path), all_wide=True)
+        whole = path.read_bytes()
+        end = whole.index(b"PK\6\6")
+        for at in (0, 4, 32, 40, 48, 56, 64):
+            with self.subTest(at=at):
+                path.write_bytes(flipped(whole, end + at))
+                self.check_safe(self.expect("install - --force", 3, "directory", feed=CAT), before)
+        path.write_bytes(whole)
+        self.expect("install -", 0, "slot b boots next", feed=CAT)
 
     def test_firmware_is_checked_before_anything_is_written(self):
         self.new()

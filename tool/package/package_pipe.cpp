@@ -114,7 +114,40 @@ bool is_header_of(const Entry& entry, const zip_directory_header& header, std::s
     return std::ranges::equal(rest.first(fields.name_length), entry.name) &&
            zip_complete_extent(rest.subspan(fields.name_length, fields.extra_length), &extent) &&
            extent.size == entry.size && extent.packed_size == entry.packed_size && extent.offset == entry.position &&
-           fields.method == entry.method && fields.crc == entry.crc;
+           fields.flags == entry.flags && fields.method == entry.method && fields.crc == entry.crc &&
+           zip_kind_of(entry.name.c_str(), header.attributes) == entry.kind;
+}
+
+/** What the end of a package has to state about its directory. */
+struct DirectoryPlace {
+    uint64_t entries;
+    uint64_t size;
+    uint64_t offset;
+};
+
+/** @param bytes  the zip64 end and its locator  @param offset  of the zip64 end */
+bool is_wide_end_of(const DirectoryPlace& directory, std::span<const uint8_t> bytes, uint64_t offset) {
+    const auto end = load<zip64_end>(bytes);
+    const auto locator = load<zip64_locator>(bytes.subspan(sizeof end));
+    return end.length == zip64_end_length && end.entries == directory.entries && end.directory_size == directory.size &&
+           end.directory_offset == directory.offset && locator.signature == zip64_locator_signature &&
+           locator.end_offset == offset;
+}
+
+/** @param is_wide  a zip64 end has the values that are all ones */
+bool is_end_of(const DirectoryPlace& directory, const zip_end& end, bool is_wide) {
+    const auto states = [is_wide](uint64_t stated, uint64_t ones, uint64_t value) {
+        return stated == value || (is_wide && stated == ones);
+    };
+    return end.signature == zip_end_signature && states(end.entries, zip_wide16, directory.entries) &&
+           states(end.directory_size, zip_wide32, directory.size) &&
+           states(end.directory_offset, zip_wide32, directory.offset);
+}
+
+/** Whether other readers would take a comment for the end of the package. */
+bool has_end_signature(std::span<const uint8_t> comment) {
+    constexpr auto signature = std::to_array<uint8_t>({'P', 'K', 5, 6});
+    return std::search(comment.begin(), comment.end(), signature.begin(), signature.end()) != comment.end();
 }
 
 /** Everything that the entry of an image could not be checked for before its first byte. */
@@ -208,6 +241,7 @@ void PackagePipe::read_header() {
     const auto header = load<zip_local_header>(head_);
     is_directory_ = header.signature == zip_directory_signature && !entries_.empty();
     if (is_directory_) {
+        directory_offset_ = position;
         return;
     }
     if (header.signature != zip_local_signature) {
@@ -367,16 +401,23 @@ void PackagePipe::read_directory() {
 }
 
 void PackagePipe::read_end() {
+    const uint64_t offset = source_.position();
+    const DirectoryPlace directory{entries_.size(), offset - directory_offset_, directory_offset_};
     std::vector<uint8_t> bytes = read_bytes(sizeof(zip_end));
-    if (load<zip_end>(bytes).signature == zip64_end_signature) {
-        read_bytes(sizeof(zip64_end) + sizeof(zip64_locator) - bytes.size());
+    const bool is_wide = load<zip_end>(bytes).signature == zip64_end_signature;
+    bool is_consistent = true;
+    if (is_wide) {
+        const auto rest = read_bytes(sizeof(zip64_end) + sizeof(zip64_locator) - bytes.size());
+        bytes.insert(bytes.end(), rest.begin(), rest.end());
+        is_consistent = is_wide_end_of(directory, bytes, offset);
         bytes = read_bytes(sizeof(zip_end));
     }
     const auto end = load<zip_end>(bytes);
-    if (end.signature != zip_end_signature || (end.entries != entries_.size() && end.entries != zip_wide16)) {
+    is_consistent = is_consistent && is_end_of(directory, end, is_wide);
+    const std::vector<uint8_t> comment = read_bytes(end.comment_length);
+    if (!is_consistent || has_end_signature(comment)) {
         throw not_from_pipe("the directory of the package differs from its entries");
     }
-    read_bytes(end.comment_length);
     if (!source_.is_at_end()) {
         throw refused("standard input has other data after the package");
     }
