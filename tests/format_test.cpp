@@ -187,6 +187,12 @@ TEST(Format, block_maps) {
     EXPECT_EQ(std::memcmp(&header, golden("block_map")[0].bytes.data(), sizeof header), 0);
     EXPECT_EQ(block_map_size(UINT64_MAX), 24 + 4 * (uint64_t{1} << 47) + 16 * (uint64_t{1} << 52));
     EXPECT_EQ(check_frame_sum(0, 1).state, format_state::torn);
+    EXPECT_EQ(check_frame_sum(0, 2).state, format_state::valid);
+    for (uint64_t sum : {0U, 10U}) { /* of the frames before: what does not fit is not added */
+        const uint64_t before = sum;
+        EXPECT_EQ(add_frame_lengths(span_of(bytes("05000000 05000000")), 9, &sum).state, format_state::torn);
+        EXPECT_EQ(sum, before == 0 ? 5 : before);
+    }
 }
 
 /** The number of entries, and 100 more where no entry of zeros follows the last one. */

@@ -77,6 +77,11 @@ class BoardCase(unittest.TestCase):
         self.dir = self.place / "board"
         self.home = self.dir / "userdata"  # what programs on the board see as /userdata
 
+    @classmethod
+    def tearDownClass(cls):
+        if cls.refused:
+            print(f"{cls.refused} installations were refused, and none of them changed a device")
+
     def new(self, medium="emmc", system_size=2 << 20):
         """A board as it leaves the factory, in place of the previous one."""
         shutil.rmtree(self.dir, ignore_errors=True)
@@ -133,7 +138,7 @@ class BoardCase(unittest.TestCase):
     def expect_no_change(self, line, status, message=""):
         """Runs the command, and fails if it changes a device. @return its result"""
         result = self.expect(line, status, message)
-        BoardCase.refused += line.startswith("install ") and status != 0
+        type(self).refused += line.startswith("install ") and status != 0
         self.assertEqual([op for op in self.operations() if op[1] in CHANGES and op[1] != "fsync"], [])
         return result
 
