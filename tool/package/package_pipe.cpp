@@ -146,8 +146,7 @@ bool is_end_of(const DirectoryPlace& directory, const zip_end& end, bool is_wide
 
 /** Whether other readers would take a comment for the end of the package. */
 bool has_end_signature(std::span<const uint8_t> comment) {
-    constexpr auto signature = std::to_array<uint8_t>({'P', 'K', 5, 6});
-    return std::search(comment.begin(), comment.end(), signature.begin(), signature.end()) != comment.end();
+    return memmem(comment.data(), comment.size(), &zip_end_signature, sizeof zip_end_signature) != nullptr;
 }
 
 /** Everything that the entry of an image could not be checked for before its first byte. */
@@ -403,14 +402,16 @@ void PackagePipe::read_directory() {
 void PackagePipe::read_end() {
     const uint64_t offset = source_.position();
     const DirectoryPlace directory{entries_.size(), offset - directory_offset_, directory_offset_};
-    std::vector<uint8_t> bytes = read_bytes(sizeof(zip_end));
+    std::array<uint8_t, sizeof(zip_end)> bytes{};
+    source_.read(bytes);
     const bool is_wide = load<zip_end>(bytes).signature == zip64_end_signature;
     bool is_consistent = true;
     if (is_wide) {
-        const auto rest = read_bytes(sizeof(zip64_end) + sizeof(zip64_locator) - bytes.size());
-        bytes.insert(bytes.end(), rest.begin(), rest.end());
-        is_consistent = is_wide_end_of(directory, bytes, offset);
-        bytes = read_bytes(sizeof(zip_end));
+        std::array<uint8_t, sizeof(zip64_end) + sizeof(zip64_locator)> wide{};
+        std::ranges::copy(bytes, wide.begin());
+        source_.read(std::span(wide).subspan(bytes.size()));
+        is_consistent = is_wide_end_of(directory, wide, offset);
+        source_.read(bytes);
     }
     const auto end = load<zip_end>(bytes);
     is_consistent = is_consistent && is_end_of(directory, end, is_wide);
