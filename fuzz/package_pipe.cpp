@@ -4,8 +4,8 @@
 #include "box.h"
 #include "console/failure.h"
 #include "package/image_source.h"
-#include "zip_locator.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <map>
 
@@ -38,6 +38,12 @@ static Images read_images(ImageSource& source) {
     }
     source.finish();
     return images;
+}
+
+/** A locator elsewhere than directly before the end record: a package in a file may not have one. */
+static bool has_stray_locator(std::string_view file) {
+    const size_t locator = file.rfind("PK\6\7");
+    return locator != std::string_view::npos && locator + sizeof(zip64_locator) != file.rfind("PK\5\6");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

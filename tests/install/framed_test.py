@@ -130,6 +130,13 @@ class FramedTest(BoardCase):
             self.assertEqual(file.read(5), end)
         self.expect("package unpack /userdata/p.zip /userdata/all", 3, f"of {size} bytes is too large to be read")
 
+    def test_a_package_with_two_directories(self):
+        path = self.make({"boot": image(2, 70_000)})
+        whole = path.read_bytes()
+        write_raw(path, read_raw(path), all_wide=True)
+        path.write_bytes(path.read_bytes() + whole)  # the library would read the first half, other programs the second
+        self.expect("install /userdata/p.zip", 3, "the package has more than one directory")
+
     def test_damaged_and_lying_maps(self):
         contents = {"system": image(1, (1 << 20) + 5), "boot": image(4, (1 << 20) + 5)}
         good = read_raw(self.make(contents))

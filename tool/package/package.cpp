@@ -43,17 +43,23 @@ Record load(std::span<const uint8_t> bytes) {
     return record;
 }
 
+/** Where the last record with this signature begins; the tail may end within the record. */
+std::optional<size_t> find_last(std::span<const uint8_t> tail, uint32_t signature) {
+    for (size_t at = tail.size(); at-- > 0;) {
+        if (tail.size() - at >= sizeof signature && load_le<uint32_t>(tail, at) == signature) {
+            return at;
+        }
+    }
+    return std::nullopt;
+}
+
 /**
  * Where the last end record begins in the file's tail. A truncated one is not skipped: other readers, the library's
  * among them, do not search further either, and would see another directory.
  */
 std::optional<size_t> find_end(std::span<const uint8_t> tail) {
-    for (size_t at = tail.size(); at-- > 0;) {
-        if (tail.size() - at >= sizeof zip_end_signature && load_le<uint32_t>(tail, at) == zip_end_signature) {
-            return tail.size() - at >= sizeof(zip_end) ? std::optional(at) : std::nullopt;
-        }
-    }
-    return std::nullopt;
+    const auto at = find_last(tail, zip_end_signature);
+    return at && tail.size() - *at >= sizeof(zip_end) ? at : std::nullopt;
 }
 
 Entry make_entry(const zip_directory_header& header, const std::string& name, std::span<const uint8_t> extra) {
@@ -89,6 +95,37 @@ void Package::read_at(uint64_t offset, std::span<uint8_t> bytes) const {
     }
 }
 
+/** The zip64 end that the locator at this place of the tail leads to. */
+std::optional<Package::WideEnd> Package::follow_locator(std::span<const uint8_t> tail, size_t at) const {
+    if (tail.size() - at < sizeof(zip64_locator)) {
+        return std::nullopt;
+    }
+    const auto locator = load<zip64_locator>(tail.subspan(at));
+    std::array<uint8_t, sizeof(zip64_end)> bytes{};
+    const bool is_inside = bytes.size() <= file_size_ && locator.end_offset <= file_size_ - bytes.size();
+    if (locator.end_disk != 0 || locator.disks != 1 || !is_inside) {
+        return std::nullopt;
+    }
+    read_at(locator.end_offset, bytes);
+    const WideEnd end{locator.end_offset, load<zip64_end>(bytes)};
+    return end.record.signature == zip64_end_signature ? std::optional(end) : std::nullopt;
+}
+
+/**
+ * The zip64 end whose locator is directly before the end record. The library, and other readers, take the last locator
+ * of the tail, wherever it is: they would see another directory, so a package in which the two differ is refused.
+ */
+std::optional<Package::WideEnd> Package::find_wide_end(std::span<const uint8_t> tail, size_t end) const {
+    const auto last = find_last(tail, zip64_locator_signature);
+    const auto wide = last ? follow_locator(tail, *last) : std::nullopt;
+    const bool is_before_end =
+        end >= sizeof(zip64_locator) && load_le<uint32_t>(tail, end - sizeof(zip64_locator)) == zip64_locator_signature;
+    if (wide.has_value() != is_before_end || (wide && *last != end - sizeof(zip64_locator))) {
+        throw Failure(ExitCode::refused, "the package has more than one directory");
+    }
+    return wide;
+}
+
 /** Also sets `base_`. */
 Package::Directory Package::find_directory(const std::string& path) {
     std::vector<uint8_t> tail(std::min<uint64_t>(file_size_, sizeof(zip_end) + longest_comment));
@@ -101,18 +138,9 @@ Package::Directory Package::find_directory(const std::string& path) {
     const auto end = load<zip_end>(std::span(tail).subspan(*at));
     Directory directory{end.directory_offset, end.directory_size, end.entries};
     uint64_t directory_end = tail_offset + *at;
-    if (*at >= sizeof(zip64_locator)) {
-        const auto locator = load<zip64_locator>(std::span(tail).subspan(*at - sizeof(zip64_locator)));
-        if (locator.signature == zip64_locator_signature) {
-            std::array<uint8_t, sizeof(zip64_end)> bytes{};
-            read_at(locator.end_offset, bytes);
-            const auto wide = load<zip64_end>(bytes);
-            if (wide.signature != zip64_end_signature) {
-                throw damaged_directory();
-            }
-            directory = {wide.directory_offset, wide.directory_size, wide.entries};
-            directory_end = locator.end_offset;
-        }
+    if (const auto wide = find_wide_end(tail, *at)) {
+        directory = {wide->record.directory_offset, wide->record.directory_size, wide->record.entries};
+        directory_end = wide->offset;
     }
     if (directory.size > directory_end || directory.offset > directory_end - directory.size) {
         throw damaged_directory();

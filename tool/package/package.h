@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -52,7 +53,13 @@ private:
         uint64_t size;
         uint64_t entries;
     };
+    struct WideEnd {
+        uint64_t offset;
+        zip64_end record;
+    };
     void read_at(uint64_t offset, std::span<uint8_t> bytes) const;
+    [[nodiscard]] std::optional<WideEnd> follow_locator(std::span<const uint8_t> tail, size_t at) const;
+    [[nodiscard]] std::optional<WideEnd> find_wide_end(std::span<const uint8_t> tail, size_t end) const;
     [[nodiscard]] Directory find_directory(const std::string& path);
     void list_entries(const Directory& directory);
 

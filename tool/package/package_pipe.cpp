@@ -146,7 +146,8 @@ bool is_end_of(const DirectoryPlace& directory, const zip_end& end, bool is_wide
 
 /** Whether other readers would take a comment for the end of the package. */
 bool has_end_signature(std::span<const uint8_t> comment) {
-    return memmem(comment.data(), comment.size(), &zip_end_signature, sizeof zip_end_signature) != nullptr;
+    return !comment.empty() &&
+           memmem(comment.data(), comment.size(), &zip_end_signature, sizeof zip_end_signature) != nullptr;
 }
 
 /** Everything that the entry of an image could not be checked for before its first byte. */
