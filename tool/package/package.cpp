@@ -121,7 +121,7 @@ std::optional<Package::WideEnd> Package::find_wide_end(std::span<const uint8_t> 
     const bool is_before_end =
         end >= sizeof(zip64_locator) && load_le<uint32_t>(tail, end - sizeof(zip64_locator)) == zip64_locator_signature;
     if (wide.has_value() != is_before_end || (wide && *last != end - sizeof(zip64_locator))) {
-        throw Failure(ExitCode::refused, "the package has more than one directory");
+        throw wide ? Failure(ExitCode::refused, "the package has more than one directory") : damaged_directory();
     }
     return wide;
 }

@@ -114,8 +114,8 @@ bool is_header_of(const Entry& entry, const zip_directory_header& header, std::s
     return std::ranges::equal(rest.first(fields.name_length), entry.name) &&
            zip_complete_extent(rest.subspan(fields.name_length, fields.extra_length), &extent) &&
            extent.size == entry.size && extent.packed_size == entry.packed_size && extent.offset == entry.position &&
-           fields.flags == entry.flags && fields.method == entry.method && fields.crc == entry.crc &&
-           zip_kind_of(entry.name.c_str(), header.attributes) == entry.kind;
+           ((fields.flags ^ entry.flags) & zip_flag_encrypted) == 0 && fields.method == entry.method &&
+           fields.crc == entry.crc && zip_kind_of(entry.name.c_str(), header.attributes) == entry.kind;
 }
 
 /** What the end of a package has to state about its directory. */
