@@ -37,7 +37,8 @@ else
     setenv tessera_state none
 fi
 
-# Both slots on trial, priority 15, 7 tries. Only the block's own 32 bytes change in the sector.
+# Both slots on trial, priority 15, 7 tries. Only the block's own 32 bytes change in the sector, unless it could not be
+# read: then zeros surround them.
 if test ${tessera_state} = lost; then
     echo "tessera: no valid slot block: both slots are on trial"
     mw.b ${tessera_block} 0 20

@@ -7,7 +7,7 @@ more, `tessera confirm` runs, and the board reboots. A cut fails if
 
 - no system boots, or the slot that boots is not whole: neither as before the command nor as after it;
 - another slot that could boot is not whole, since the bootloader falls back to it;
-- the status reports that no update is under way, but a slot is not whole;
+- the status fails, or reports no update under way or images that were read back, but a slot is not whole;
 - the repeated command fails, other than by asking for `tessera confirm` while both slots are whole;
 - the board does not end up in the system that an undisturbed command leads to.
 
@@ -32,7 +32,7 @@ from . import BoardError, bootloader, box, contents, cuts, slots, state
 CUT_STATUS = 128 + signal.SIGKILL
 CONFIRM, STATUS = ["tessera", "confirm"], ["tessera", "status"]
 KEPT = "kept"  # in the directory of a cut
-NO_UPDATE = "no update is under way"
+NO_UPDATE, READ_BACK = "no update is under way", "had read back"
 
 
 class CutFailed(Exception):
@@ -92,6 +92,7 @@ class Campaign:
             self.rehearse(goal, request.then)
             self.check_boot(goal)
             self.goal = contents.Change(self.before, goal)
+        self.check_final_status()
         self.cuts = cuts.plan(self.before, self.operations, seed)
 
     def rehearse(self, board, command=None):
@@ -103,6 +104,12 @@ class Campaign:
             shown = f"{result.stdout}{result.stderr}".rstrip()
             raise BoardError(f"the command fails without a power cut, with status {result.returncode}\n{shown}")
         return cuts.read_journal(journal)
+
+    def check_final_status(self):
+        board = copy(self.goal.after, self.place / "final")
+        if self.request.checks_status and NO_UPDATE not in self.run(board, STATUS).stdout:
+            raise BoardError(f"after the command, {' '.join(STATUS)} does not report: {NO_UPDATE}\n"
+                             "hint: --no-status    (if the command does not keep the status)")
 
     def check_boot(self, board):
         lines = []
@@ -234,11 +241,17 @@ class Aftermath:
             raise CutFailed(f"slot {slots.letter(slot)} {how}, but it is not whole: {what}")
 
     def check_status(self, board):
-        shown = self.campaign.run(board, STATUS).stdout
-        self.seen["no status"] += "are unknown; the next" in shown or not shown
-        if self.campaign.request.checks_status and NO_UPDATE in shown:
-            for slot in (0, 1):
-                self.check_whole(board, slot, f"has no update under way according to {' '.join(STATUS)}")
+        result = self.campaign.run(board, STATUS)
+        is_torn = result.returncode == 4 and "cannot read ubootenv" in result.stderr  # on UBI, where the read fails
+        self.seen["no status"] += is_torn or "are unknown; the next" in result.stdout
+        if not self.campaign.request.checks_status:
+            return
+        if result.returncode != 0 and not is_torn:
+            raise CutFailed(f"{' '.join(STATUS)} fails with status {result.returncode}: {last_line(result)}")
+        for words, meaning in ((NO_UPDATE, "has no update under way"), (READ_BACK, "was read back")):
+            if words in result.stdout:
+                for slot in (0, 1):
+                    self.check_whole(board, slot, f"{meaning} according to {' '.join(STATUS)}")
 
     def complete(self, board):
         """Repeats the command. The power fails right after it; the running system is confirmed. What boots then?"""

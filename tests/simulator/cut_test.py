@@ -2,6 +2,7 @@
 """Campaigns of power cuts: commands that do not survive them are found, and what cannot be cut is refused."""
 
 import hashlib
+import os
 import pathlib
 import shlex
 import signal
@@ -24,6 +25,7 @@ SCRIPTS = {
 with open(sys.argv[1], "r+b") as file, mmap.mmap(file.fileno(), 0) as disk: disk[0] ^= 1' $AT/boot_b""",
     "reading": "tessera slots; sync $AT/boot_b",
     "failing": "echo reason >&2; exit 3",
+    "begun": "tessera status set update burn",
 }
 
 
@@ -55,6 +57,7 @@ class CutTest(BoardCase):
             ("mapped", [], 1, "board: the command changes boot_b in a way that the simulator cannot see"),
             ("reading", [], 1, "board: the command changes no device"),
             ("failing", [], 1, "board: the command fails without a power cut, with status 3\nreason"),
+            ("begun", [], 1, "board: after the command, tessera status does not report: .*\nhint: --no-status"),
             ("install", ["--only", "9999"], 1, "board: the command has no power cut '9999'"),
             ("install", ["--keep", "/"], 1, "board: / exists already"),
             ("install", ["--keep", "/no/board"], 1, "board: there is no directory /no"),
@@ -83,8 +86,9 @@ class CutTest(BoardCase):
         output = self.cut("in_place", "--every", "9", "--no-status", "--keep", kept).stdout
         system = "partitions/system_a"
         self.assertNotEqual((kept / system).read_bytes(), (self.dir / system).read_bytes())
-        _, *words = shlex.split(output.rpartition("again: ")[2])
-        again = subprocess.run([SIMULATOR / "board", *words], capture_output=True, text=True, check=False)
+        words = shlex.split(output.rpartition("again: ")[2])
+        path = f"PATH={SIMULATOR}:{os.environ['PATH']}"
+        again = subprocess.run(["env", path, *words], capture_output=True, text=True, check=False)
         self.assertEqual(again.returncode, 1, again.stderr)
         self.assertRegex(again.stdout, "(?s)board# sh /userdata/in_place.*slot a boots.*FAILED: 1 of 1")
 
