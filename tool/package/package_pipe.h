@@ -92,7 +92,7 @@ private:
     std::optional<Entry> next_;                            /* its header has been read, but not its data */
     bool is_directory_ = false;                            /* its first bytes are in `head_` */
     uint64_t directory_offset_ = 0;
-    std::vector<Entry> entries_;                           /* all so far */
+    std::vector<Entry> entries_; /* all so far */
     std::string description_;
     std::vector<std::string> signatures_;
     [[nodiscard]] const Held* find_held(const std::string& file) const;
