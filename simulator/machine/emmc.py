@@ -107,7 +107,7 @@ class Emmc:
         """Of the cuts of a command: in an image, and in the switch with all that may survive."""
         writes = [cut for cut in cuts if cut.kind == "write"]
         images = [cut for cut in writes if cut.partition == "system" and cut.survivors == "half"]
-        return images[-1:] + [cut for cut in writes if cut.partition == "misc"][-len(SURVIVORS) :]
+        return [images[-1]] + [cut for cut in writes if cut.partition == "misc"][-len(SURVIVORS) :]
 
     def arm(self, cut):
         """The power fails during the next command. @return what to put before the command"""

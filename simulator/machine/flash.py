@@ -33,7 +33,7 @@ class Operation:
 
 @dataclass(frozen=True)
 class Cut:
-    """After an operation, or within it if `stored` is given: after that many bytes of a write, halfway through an erase."""
+    """After an operation, or within it if `stored` is given: after these bytes of a write, halfway through an erase."""
 
     number: int  # counted from 1
     operation: Operation

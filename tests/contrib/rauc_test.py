@@ -11,7 +11,7 @@ import time
 import unittest
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
-BOARD = TOP / "simulator" / "board"
+BOARD, BACKEND = TOP / "simulator" / "board", TOP / "contrib" / "rauc" / "tessera-backend"
 BUS = """<busconfig><type>system</type><listen>unix:path={0}/bus</listen><policy context="default">
 <allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/></policy></busconfig>"""
 CONF = """[system]\ncompatible=t\nbootloader=custom\nstatusfile={0}/status\nmountprefix={0}/mnt
@@ -29,7 +29,7 @@ class RaucTest(unittest.TestCase):
         for name, text in {"bus.conf": BUS, "system.conf": CONF, "bundle/manifest.raucm": MANIFEST,
                            "tools/tessera": '#!/bin/sh\nexec {2} run {0}/board -- tessera "$@"\n'}.items():
             (self.dir / name).parent.mkdir(exist_ok=True)
-            (self.dir / name).write_text(text.format(self.dir, TOP / "contrib/rauc/tessera-backend", BOARD))
+            (self.dir / name).write_text(text.format(self.dir, BACKEND, BOARD))
         (self.dir / "tools/tessera").chmod(0o755)
         (self.dir / "bundle/system.img").write_bytes(self.image)
         self.env = os.environ | {"PATH": f"{self.dir}/tools:{os.environ['PATH']}",
@@ -77,6 +77,13 @@ class RaucTest(unittest.TestCase):
         self.assertRegex(slots, "b +trial +15 +1 +no +boots next")
         self.assertRegex(self.call("rauc", "status"), r"Activated: rootfs\.1 \(b\)")
         self.assertIn("slot b", self.call(BOARD, "reboot", "board"))
+        for words, status, told in (
+                ("get-current", 0, "b"), ("set-state b good", 0, "slot b"), ("get-state b", 0, "good"),
+                ("set-state a good", 0, "a  confirmed"), ("get-state c", 1, "not answer"), ("x", 2, "unknown request")):
+            with self.subTest(words):
+                self.assertIn(told, self.call(BACKEND, *words.split(), status=status))
+        (self.dir / "tools/tessera").write_text("#!/bin/sh\nexit 1\n")
+        self.call(BACKEND, "set-state", "a", "good", status=1)
 
 
 if __name__ == "__main__":
